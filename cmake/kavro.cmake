@@ -1,0 +1,43 @@
+# How every target of the project is built. A parent project that takes the tree in is left alone: settings are
+# made per target.
+
+get_filename_component(KAVRO_ROOT "${CMAKE_CURRENT_LIST_DIR}/.." ABSOLUTE)
+
+# Warnings, sanitizers and visibility for one target.
+function(kavro_target target)
+  target_compile_features(${target} PUBLIC cxx_std_17)
+  set_target_properties(${target} PROPERTIES
+    CXX_EXTENSIONS OFF
+    CXX_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN OFF
+    POSITION_INDEPENDENT_CODE ON)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wshadow -Wconversion)
+  if(KAVRO_WARNINGS_AS_ERRORS)
+    target_compile_options(${target} PRIVATE -Werror)
+  endif()
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    # A unique symbol would pin its library in memory: dlclose could never unload it.
+    target_compile_options(${target} PRIVATE -fno-gnu-unique)
+  endif()
+  if(KAVRO_SANITIZE)
+    target_compile_options(${target} PRIVATE -fsanitize=${KAVRO_SANITIZE} -fno-omit-frame-pointer)
+    target_link_options(${target} PRIVATE -fsanitize=${KAVRO_SANITIZE})
+    if(KAVRO_SANITIZE MATCHES "undefined")
+      target_compile_options(${target} PRIVATE -fno-sanitize-recover=undefined)
+    endif()
+  endif()
+endfunction()
+
+# A shared library of the device: a soname, and no symbol left undefined.
+function(kavro_shared_library target)
+  add_library(${target} SHARED ${ARGN})
+  kavro_target(${target})
+  set_target_properties(${target} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION 1)
+  target_link_options(${target} PRIVATE -Wl,-z,defs -Wl,--as-needed)
+endfunction()
+
+# Code that two libraries share; linked into each, exported by none.
+function(kavro_private_library target)
+  add_library(${target} STATIC ${ARGN})
+  kavro_target(${target})
+endfunction()

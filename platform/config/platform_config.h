@@ -1,0 +1,52 @@
+// Reader of the device's platform.json: which hardware the platform libraries work on.
+//
+// The file is a JSON object; every member may be missing. Unknown members are ignored, so that a newer file suits an
+// older library.
+//
+//     {
+//       "log":  { "syslog": true, "stderr": false },
+//       "node": { "address": "ipc:///tmp/kavro-node.ipc" },
+//       "mpu": {
+//         "slots": {
+//           "a": { "kernel": "PATH", "dtb": "PATH", "rootfs": "PATH" },
+//           "b": { "kernel": "PATH", "dtb": "PATH", "rootfs": "PATH" }
+//         },
+//         "bootloader": "PATH",
+//         "boot_state": "/config/boot_state.json",
+//         "running_slot": "/run/kavro/running_slot"
+//       },
+//       "mcu": { "flash": "/dev/kavro-mcu/flash.bin" }
+//     }
+//
+// Partitions are block devices on a device and image files in a twin.
+#pragma once
+
+#include <map>
+#include <string>
+
+namespace kavro {
+
+inline constexpr const char* kPlatformConfigPath = "/etc/kavro/platform.json";
+
+struct SlotPartitions {
+    std::string kernel;
+    std::string deviceTree;
+    std::string rootFileSystem;
+};
+
+struct PlatformConfig {
+    bool logToSyslog = true;
+    bool logToStderr = false;
+    std::string nodeAddress;                      // empty: no message node
+    std::map<std::string, SlotPartitions> slots;  // by slot name
+    std::string bootloaderPartition;
+    std::string bootStateFile;    // which slot starts next; written by the flash driver
+    std::string runningSlotFile;  // holds the name of the slot that was started; written at boot
+    std::string mcuFlashFile;     // the emulated microcontroller's flash memory
+};
+
+// Reads the file anew at each call. A missing or damaged file, or a member of the wrong type, gives the defaults above
+// for what could not be read. Never throws, except for exhausted memory; not a cancellation point.
+PlatformConfig readPlatformConfig(const std::string& path = kPlatformConfigPath);
+
+}  // namespace kavro
