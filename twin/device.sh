@@ -10,6 +10,10 @@
 TWIN_MCU_FLASH_BYTES=524288
 TWIN_MCU_APPLICATION_OFFSET=32768
 
+# Which file of a release is written to which partition.
+# shellcheck disable=SC2034  # for those who source this file
+declare -A TWIN_COMPONENT_OF=([kernel]=Image [dtb]=cv22_kavro_qz7.dtb [rootfs]=ext4 [bootloader]=bld_release.bin)
+
 # What the host lends to the device's programs, read-only: its system, and what the loader, openssl and the
 # symbolizers read from /etc.
 TWIN_HOST_SYSTEM=(/bin /sbin /lib /lib32 /lib64 /libx32)
@@ -105,8 +109,7 @@ twin_namespace() {
         --bind "$dir/run" /run/kavro
         --dev-bind "$dir/partitions" /dev/disk/by-partlabel
         --dev-bind "$dir/mcu" /dev/kavro-mcu
-        --unsetenv TMPDIR
-        --chdir /)
+        --unsetenv TMPDIR)
 }
 
 # twin_remove_state DIR: also what a program inside has made unreadable.

@@ -41,4 +41,4 @@ trap 'exit 130' INT
 
 twin_make_state "$state" 1 104 7 2
 twin_namespace "$state"
-bwrap "${TWIN_NAMESPACE[@]}" "${visible[@]}" "${extra[@]}" -- "$@"
+bwrap "${TWIN_NAMESPACE[@]}" "${visible[@]}" "${extra[@]}" --chdir / -- "$@"
