@@ -62,7 +62,9 @@ std::string formatted(const char* format, va_list arguments) {
     return text;
 }
 
-const char* boolText(bool value) { return value ? "true" : "false"; }
+const char* boolText(bool value) {
+    return value ? "true" : "false";
+}
 
 std::string onWhichNode(const void* handle) {
     return handle == node().handle() ? std::string() : std::string(" on another node");
@@ -108,7 +110,9 @@ std::string describedError(const std::string& unit, const std::string& function,
 
 }  // namespace
 
-void PrintTo(const LogLine& line, std::ostream* out) { *out << line; }
+void PrintTo(const LogLine& line, std::ostream* out) {
+    *out << line;
+}
 
 std::ostream& operator<<(std::ostream& out, const LogLine& line) {
     return out << described(line.level, line.text) << " [" << line.threadName << "]";
@@ -186,9 +190,13 @@ void Log::add(LogLine line) {
     }
 }
 
-Log& log() { return immortal<Log>(); }
+Log& log() {
+    return immortal<Log>();
+}
 
-std::ostream& operator<<(std::ostream& out, const Log& log) { return out << log.dump(); }
+std::ostream& operator<<(std::ostream& out, const Log& log) {
+    return out << log.dump();
+}
 
 testing::AssertionResult logged(int level, const std::string& text) {
     return log().has(level, text) ? testing::AssertionSuccess() << "logged: " << described(level, text)
@@ -299,7 +307,9 @@ void Node::add(Message message) {
     }
 }
 
-Node& node() { return immortal<Node>(); }
+Node& node() {
+    return immortal<Node>();
+}
 
 namespace {
 
@@ -313,6 +323,7 @@ struct Services {
 
 void resetDriver(Driver& driver) {
     driver.ready = true;
+    driver.initSetsReady = false;
     driver.init.returns(0);
     driver.preUpgrade.returns(0);
     driver.upgrade.returns(0);
@@ -322,13 +333,25 @@ void resetDriver(Driver& driver) {
 
 }  // namespace
 
-Driver& mpu() { return immortal<Services>().mpu; }
-Driver& mcu() { return immortal<Services>().mcu; }
-Operation<bool>& spi() { return immortal<Services>().spi; }
-Operation<>& mcuVersion() { return immortal<Services>().mcuVersion; }
-Operation<>& reboot() { return immortal<Services>().reboot; }
+Driver& mpu() {
+    return immortal<Services>().mpu;
+}
+Driver& mcu() {
+    return immortal<Services>().mcu;
+}
+Operation<bool>& spi() {
+    return immortal<Services>().spi;
+}
+Operation<>& mcuVersion() {
+    return immortal<Services>().mcuVersion;
+}
+Operation<>& reboot() {
+    return immortal<Services>().reboot;
+}
 
-std::vector<std::string> Calls::texts() const { return textsOf(""); }
+std::vector<std::string> Calls::texts() const {
+    return textsOf("");
+}
 
 std::vector<std::string> Calls::textsOf(const std::string& prefix) const {
     const std::lock_guard<std::mutex> lock(mutex);
@@ -373,7 +396,9 @@ void Calls::add(const std::string& text) {
     }
 }
 
-Calls& calls() { return immortal<Calls>(); }
+Calls& calls() {
+    return immortal<Calls>();
+}
 
 void reset() {
     log().onLine({});
@@ -408,8 +433,8 @@ void printLog(int level, const char* format, ...) {
 }
 
 void* getVelNode(int domain, const char* name, int queue, int flags, int timeoutMs) {
-    fake::calls().add("getVelNode(" + std::to_string(domain) + ", " + name + ", " + std::to_string(queue) + ", " +
-                      std::to_string(flags) + ", " + std::to_string(timeoutMs) + ")");
+    fake::calls().add("getVelNode(" + std::to_string(domain) + ", " + name + ", " + std::to_string(queue) +
+                      ", " + std::to_string(flags) + ", " + std::to_string(timeoutMs) + ")");
     return fake::node().handle();
 }
 
@@ -448,9 +473,10 @@ int UPGRADE_request_reboot() {
 namespace fake {
 namespace {
 
-void recordPreUpgrade(const std::string& driver, const std::string& path, bool withLoader, bool mainProcessor) {
-    calls().add(driver + ".preUpgrade(" + path + ", " + boolText(withLoader) + ", " + boolText(mainProcessor) +
-                ")");
+void recordPreUpgrade(const std::string& driver, const std::string& path, bool withLoader,
+                      bool mainProcessor) {
+    calls().add(driver + ".preUpgrade(" + path + ", " + boolText(withLoader) + ", " +
+                boolText(mainProcessor) + ")");
 }
 
 void recordActivate(const std::string& driver, bool on) {
@@ -467,10 +493,13 @@ UpgradeMpu::UpgradeMpu() : impl(std::make_unique<Impl>()) {
     fake::calls().add("mpu()");
 }
 
-UpgradeMpu::~UpgradeMpu() { fake::calls().add("~mpu()"); }
+UpgradeMpu::~UpgradeMpu() {
+    fake::calls().add("~mpu()");
+}
 
 int UpgradeMpu::init() {
     fake::calls().add("mpu.init()");
+    initOk = initOk || fake::mpu().initSetsReady;
     return fake::mpu().init.call();
 }
 
@@ -501,10 +530,13 @@ UpgradeMcu::UpgradeMcu() : impl(std::make_unique<Impl>()) {
     fake::calls().add("mcu()");
 }
 
-UpgradeMcu::~UpgradeMcu() { fake::calls().add("~mcu()"); }
+UpgradeMcu::~UpgradeMcu() {
+    fake::calls().add("~mcu()");
+}
 
 int UpgradeMcu::init() {
     fake::calls().add("mcu.init()");
+    initOk = initOk || fake::mcu().initSetsReady;
     return fake::mcu().init.call();
 }
 

@@ -1,12 +1,13 @@
-// Fakes of the device's services: log, message node, link to the microcontroller, flash drivers, reset request.
+// Fakes of the device's services: log, message node, link to the microcontroller, flash drivers, reset
+// request.
 //
-// A test that links `fake_services` defines these services in its own executable, where they take the place of those
-// of the platform's libraries. Every call is recorded; what a service does is set by the test. All of it may be used
-// from any thread. Records carry a number (order) that grows over all of them, so that a line, a message and a driver
-// call can be put in order.
+// A test that links `fake_services` defines these services in its own executable, where they take the place
+// of those of the platform's libraries. Every call is recorded; what a service does is set by the test. All
+// of it may be used from any thread. Records carry a number (order) that grows over all of them, so that a
+// line, a message and a driver call can be put in order.
 //
-// printLog and velPublishMsg write to /dev/null first, and so are cancellation points on purpose: code that logs or
-// publishes while it can be cancelled ends there at once, instead of once in a thousand runs.
+// printLog and velPublishMsg write to /dev/null first, and so are cancellation points on purpose: code that
+// logs or publishes while it can be cancelled ends there at once, instead of once in a thousand runs.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -72,7 +73,8 @@ testing::AssertionResult nothingLoggedAtLevel(int level);
 
 constexpr int kAnyLine = -1;  // any source line number
 
-// The error lines, at level 1: "file:UNIT, func:FUNCTION line:N MESSAGE". message includes its line break, if any.
+// The error lines, at level 1: "file:UNIT, func:FUNCTION line:N MESSAGE". message includes its line break, if
+// any.
 testing::AssertionResult loggedError(const std::string& unit, const std::string& function,
                                      const std::string& message, int line = kAnyLine);
 // "file:UNIT, func:FUNCTION line:N UNIT FUNCTION N error!!!\n", both N being the same number.
@@ -157,8 +159,9 @@ class Operation {
 
 // A flash driver. Everything succeeds until a test says otherwise.
 struct Driver {
-    // Whether the constructor says that the driver is usable.
+    // Whether the constructor says that the driver is usable, and whether init() does so itself.
     std::atomic<bool> ready{true};
+    std::atomic<bool> initSetsReady{false};
     Operation<> init{0};
     Operation<const std::string&, bool, bool> preUpgrade{0};
     Operation<> upgrade{0};
@@ -173,17 +176,18 @@ Operation<bool>& spi();
 Operation<>& mcuVersion();
 Operation<>& reboot();
 
-// One call of a driver, the link or the node other than publishing, e.g. "mcu.preUpgrade(/raw/upgrade, true, false)".
+// One call of a driver, the link or the node other than publishing, e.g. "mcu.preUpgrade(/raw/upgrade, true,
+// false)".
 struct Call {
     std::string text;
     std::string threadName;
     unsigned long order = 0;
 };
 
-// The texts are: "mpu()", "mpu.init()", "mpu.setFwPath(PATH)", "mpu.preUpgrade(PATH, BOOL, BOOL)", "mpu.upgrade()",
-// "mpu.postUpgrade()", "mpu.activate(BOOL)", "~mpu()", the same for mcu, "spi(BOOL)", "mcuVersion()", "reboot()",
-// "getVelNode(258, upgrade, 0, 0, 2000)", "velDestroyNode()". Calls that are given another node handle than the one
-// handed out (null, if null was) end in " on another node".
+// The texts are: "mpu()", "mpu.init()", "mpu.preUpgrade(PATH, BOOL, BOOL)", "mpu.upgrade()",
+// "mpu.postUpgrade()", "mpu.activate(BOOL)", "~mpu()", the same for mcu, "spi(BOOL)", "mcuVersion()",
+// "reboot()", "getVelNode(258, upgrade, 0, 0, 2000)", "velDestroyNode()". Calls that are given another node
+// handle than the one handed out (null, if null was) end in " on another node".
 class Calls {
   public:
     std::vector<std::string> texts() const;
@@ -192,8 +196,8 @@ class Calls {
     std::vector<Call> all() const;
     unsigned long count(const std::string& text) const;
     void clear();
-    // Also appends every later call as a line to that file: what is called at the end of a process can be read after
-    // it. Empty for none.
+    // Also appends every later call as a line to that file: what is called at the end of a process can be
+    // read after it. Empty for none.
     void mirrorTo(const std::string& path);
 
     void add(const std::string& text);
