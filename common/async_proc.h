@@ -1,8 +1,8 @@
 // A runner for jobs of one kind, each on a thread of its own.
 //
-// run() starts a job at once; a monitor thread sweeps finished jobs away every 100 ms, and the number of jobs still
-// listed (jobCount()) is what a caller polls to learn that all are over. A job hands its result to the callback that
-// was named when it was submitted; the runner keeps none.
+// run() starts a job at once; a monitor thread sweeps finished jobs away every 100 ms, and the number of jobs
+// still listed (jobCount()) is what a caller polls to learn that all are over. A job hands its result to the
+// callback that was named when it was submitted; the runner keeps none.
 #pragma once
 
 #include <unistd.h>
@@ -31,19 +31,19 @@ struct PrivProc {
     void* owner;
 };
 
-// In is copied at submission. Out is default-initialised on the job's stack, so a job that leaves an int unwritten
-// hands an indeterminate value to its callback.
+// In is copied at submission. Out is default-initialised on the job's stack, so a job that leaves an int
+// unwritten hands an indeterminate value to its callback.
 //
-// Not deletable through a base. A derived class that overrides process() must have no job listed any more when it is
-// destroyed; one that is still listed then is left alone, thread and all.
+// Not deletable through a base. A derived class that overrides process() must have no job listed any more
+// when it is destroyed; one that is still listed then is left alone, thread and all.
 template <typename In, typename Out>
 class KAVRO_EXPORT AsyncProc : public UpProc {
   public:
     using Process = int (*)(In&, Out&);
     using Callback = void (*)(int result, Out&);
 
-    // Names the runner (its threads are "NAME_AMon" and "NAME_JOB") and starts its monitor. With neither a name nor a
-    // user pointer there is no monitor: jobs run, but stay listed for ever.
+    // Names the runner (its threads are "NAME_AMon" and "NAME_JOB") and starts its monitor. With neither a
+    // name nor a user pointer there is no monitor: jobs run, but stay listed for ever.
     AsyncProc(const char* runnerName, void* user) {
         if (runnerName == nullptr && user == nullptr) {
             return;
@@ -78,9 +78,10 @@ class KAVRO_EXPORT AsyncProc : public UpProc {
         return 0;
     }
 
-    // Submits a job and returns at once. callback (may be null) runs on the job's thread when the job is over. jobName
-    // is the suffix of the thread's name; null stands for the number of jobs listed. processFn (may be null) replaces
-    // process(). A job whose thread cannot be started is dropped without a word: nothing is listed, no callback runs.
+    // Submits a job and returns at once. callback (may be null) runs on the job's thread when the job is
+    // over. jobName is the suffix of the thread's name; null stands for the number of jobs listed. processFn
+    // (may be null) replaces process(). A job whose thread cannot be started is dropped without a word:
+    // nothing is listed, no callback runs.
     void run(In& input, Callback callback, const char* jobName, Process processFn) {
         const CancelHold hold;
         const std::string suffix = jobName != nullptr ? std::string(jobName) : std::to_string(jobCount());

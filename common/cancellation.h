@@ -1,9 +1,9 @@
 // Holding off thread cancellation while something is half done.
 //
-// A give-up ends the upgrade worker by a deferred pthread_cancel, which unwinds its stack. Nearly every libc call
-// that blocks is a cancellation point, and one that acts inside a destructor or a noexcept function ends the
-// process. So whatever touches a file, a lock, a log or a child process holds cancellation off for its whole
-// length and opens it only where nothing is half done.
+// A give-up ends the upgrade worker by a deferred pthread_cancel, which unwinds its stack. Nearly every libc
+// call that blocks is a cancellation point, and one that acts inside a destructor or a noexcept function ends
+// the process. So whatever touches a file, a lock, a log or a child process holds cancellation off for its
+// whole length and opens it only where nothing is half done.
 //
 // On a thread that is never cancelled all of this costs two cheap calls and changes nothing.
 #pragma once
@@ -12,8 +12,8 @@
 
 namespace COMMON_YR {
 
-// Holds cancellation off from construction to destruction. Declare it before the resources it protects, so that
-// they are released while it still holds. Holds nest: only the outermost one can be opened.
+// Holds cancellation off from construction to destruction. Declare it before the resources it protects, so
+// that they are released while it still holds. Holds nest: only the outermost one can be opened.
 class CancelHold {
   public:
     CancelHold() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous); }
@@ -33,8 +33,8 @@ class CancelHold {
     int previous = PTHREAD_CANCEL_ENABLE;
 };
 
-// Reopens a hold for one blocking call that leaves nothing behind when it is cut short (a sleep, a wait that does
-// not reap). The call inside must not be in a destructor or a noexcept function.
+// Reopens a hold for one blocking call that leaves nothing behind when it is cut short (a sleep, a wait that
+// does not reap). The call inside must not be in a destructor or a noexcept function.
 class CancelWindow {
   public:
     explicit CancelWindow(const CancelHold& hold) { pthread_setcancelstate(hold.previous, nullptr); }

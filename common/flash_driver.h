@@ -1,9 +1,10 @@
-// The flash drivers of the two processors: what the upgrade manager calls to write firmware and to switch to it.
+// The flash drivers of the two processors: what the upgrade manager calls to write firmware and to switch to
+// it.
 //
-// libflash_drivers.so implements UpgradeMpu, UpgradeMcu and UPGRADE_request_reboot; an engineer with another board
-// implements these three and touches nothing else. A driver never throws and reports failure by a negative result.
-// The two drivers are used on two threads at the same time, each by one thread at a time; its operations block until
-// their work is done. The threads are never cancelled and have a stack of 256 KiB.
+// libflash_drivers.so implements UpgradeMpu, UpgradeMcu and UPGRADE_request_reboot; an engineer with another
+// board implements these three and touches nothing else. A driver never throws and reports failure by a
+// negative result. The two drivers are used on two threads at the same time, each by one thread at a time;
+// its operations block until their work is done. The threads are never cancelled and have a stack of 256 KiB.
 #pragma once
 
 #include <memory>
@@ -34,9 +35,10 @@ class KAVRO_EXPORT UpgradeLib : public COMMON_YR::InitOk {
     // Prepares the driver. Negative when it cannot be used. May be called again.
     virtual int init() { return 0; }
 
-    // Takes the firmware from the directory path and checks whatever can be checked before the first write. What the
-    // device runs stays as it is. Called with mainProcessor true for the MPU, false for the MCU. withLoader asks the
-    // MPU to write the bootloader too; for the MCU, which is always programmed by its flash driver, it is true.
+    // Takes the firmware from the directory path and checks whatever can be checked before the first write.
+    // What the device runs stays as it is. Called with mainProcessor true for the MPU, false for the MCU.
+    // withLoader asks the MPU to write the bootloader too; for the MCU, which is always programmed by its
+    // flash driver, it is true.
     virtual int preUpgrade(std::string path, bool withLoader, bool mainProcessor) {
         (void)path, (void)withLoader, (void)mainProcessor;
         return 0;
@@ -48,8 +50,8 @@ class KAVRO_EXPORT UpgradeLib : public COMMON_YR::InitOk {
     // Finishes after writing: verifies what storage holds. The new firmware is not yet the one to start.
     virtual int postUpgrade() { return 0; }
 
-    // For the MPU: activate(true) makes the written slot, or the other slot when none was written since the last
-    // activation, the one to start from. The switch lasts over a power cut once it returns 0.
+    // For the MPU: activate(true) makes the written slot, or the other slot when none was written since the
+    // last activation, the one to start from. The switch lasts over a power cut once it returns 0.
     virtual int activate(bool on) {
         (void)on;
         return 0;
@@ -94,6 +96,6 @@ class KAVRO_EXPORT UpgradeMcu : public UpgradeLib {
     std::unique_ptr<Impl> impl;
 };
 
-// Asks the microcontroller to reset the main processor. Returns 0, negative when it could not be asked. The reset
-// follows a moment later; the caller should have flushed what it wants kept.
+// Asks the microcontroller to reset the main processor. Returns 0, negative when it could not be asked. The
+// reset follows a moment later; the caller should have flushed what it wants kept.
 KAVRO_EXPORT int UPGRADE_request_reboot();

@@ -11,13 +11,15 @@ namespace COMMON_YR {
 // A thread that runs threadFunc() of a derived class, once or again and again.
 //
 // The object may be started and stopped from any thread, and started again after a stop. The thread is never
-// cancelled. A derived class must call stop() in its own destructor if its thread may still be running then, since
-// the thread calls virtual functions of the object.
+// cancelled. A derived class must call stop() in its own destructor if its thread may still be running then,
+// since the thread calls virtual functions of the object.
 class KAVRO_EXPORT UserThreadBase {
   public:
-    // The name is "baseThread" until a derived class sets another, the stack 256 KiB, the scheduling inherited.
+    // The name is "baseThread" until a derived class sets another, the stack 256 KiB, the scheduling
+    // inherited.
     UserThreadBase();
-    // Calls stop(kStopWaitMs). Deliberately not virtual: a class that is deleted through a base declares its own.
+    // Calls stop(kStopWaitMs). Deliberately not virtual: a class that is deleted through a base declares its
+    // own.
     ~UserThreadBase();
     UserThreadBase(const UserThreadBase&) = delete;
     UserThreadBase& operator=(const UserThreadBase&) = delete;
@@ -28,19 +30,21 @@ class KAVRO_EXPORT UserThreadBase {
     virtual int deinitFunc();
     // The body. In a thread that repeats, a negative result ends the repetition.
     virtual int threadFunc();
-    // Asks the repetition to end and waits for the thread, at most waitMs milliseconds (a negative value waits without
-    // limit). A body that is still running then is left to end on its own; until it has, isRunning() stays true and
-    // the object must stay alive. From the thread itself it only asks. Without a thread it does nothing.
+    // Asks the repetition to end and waits for the thread, at most waitMs milliseconds (a negative value
+    // waits without limit). A body that is still running then is left to end on its own; until it has,
+    // isRunning() stays true and the object must stay alive. From the thread itself it only asks. Without a
+    // thread it does nothing.
     virtual void stop(int waitMs);
 
-    // Starts the thread: repeat -1 runs threadFunc() until stopped, a positive number that many times. Returns false
-    // when the thread could not be created, is still running, or repeat is 0 or below -1.
+    // Starts the thread: repeat -1 runs threadFunc() until stopped, a positive number that many times.
+    // Returns false when the thread could not be created, is still running, or repeat is 0 or below -1.
     bool start(int repeat);
 
     // Whether the thread is between its start and the end of its last function. Sequentially consistent.
     bool isRunning() const;
 
-    // The thread's name as /proc shows it, of which the kernel keeps 15 bytes. Takes effect at the next start.
+    // The thread's name as /proc shows it, of which the kernel keeps 15 bytes. Takes effect at the next
+    // start.
     void setName(std::string threadName);
     const std::string& getName() const;
 

@@ -1,7 +1,7 @@
 // Reader of the device's platform.json: which hardware the platform libraries work on.
 //
-// The file is a JSON object; every member may be missing. Unknown members are ignored, so that a newer file suits an
-// older library.
+// The file is a JSON object; every member may be missing. Unknown members are ignored, so that a newer file
+// suits an older library.
 //
 //     {
 //       "log":  { "syslog": true, "stderr": false },
@@ -45,8 +45,9 @@ struct PlatformConfig {
     std::string mcuFlashFile;     // the emulated microcontroller's flash memory
 };
 
-// Reads the file anew at each call. A missing or damaged file, or a member of the wrong type, gives the defaults above
-// for what could not be read. Never throws, except for exhausted memory; not a cancellation point.
+// Reads the file anew at each call. A missing or damaged file, or a member of the wrong type, gives the
+// defaults above for what could not be read. Never throws, except for exhausted memory; not a cancellation
+// point.
 PlatformConfig readPlatformConfig(const std::string& path = kPlatformConfigPath);
 
 }  // namespace kavro
