@@ -1,0 +1,48 @@
+// The microcontroller's memory map and the header of its application: what a firmware must look like to be
+// accepted, and where the version stands that the microcontroller reports. docs/mcu.md shows it with an
+// example.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/mcu/srecord.h"
+
+namespace kavro {
+
+// Flash: the boot loader, which is never written, then the application up to the end.
+inline constexpr std::uint32_t kMcuFlashBytes = 0x00080000;
+inline constexpr std::uint32_t kMcuApplicationStart = 0x00008000;
+inline constexpr std::uint32_t kMcuApplicationBytes = kMcuFlashBytes - kMcuApplicationStart;
+inline constexpr std::uint8_t kMcuErasedByte = 0xFF;
+
+// RAM: where the flash driver runs while the application is programmed.
+inline constexpr std::uint32_t kMcuRamStart = 0x20000000;
+inline constexpr std::uint32_t kMcuRamBytes = 0x00010000;
+
+// The application begins with a header of 16 bytes: magic (8), version (4, least significant byte first),
+// zero (4).
+inline constexpr std::size_t kMcuHeaderBytes = 16;
+inline constexpr std::size_t kMcuMagicBytes = 8;
+inline constexpr std::array<std::uint8_t, kMcuMagicBytes> kMcuMagic = {'K', 'A', 'V', 'R',
+                                                                       'O', 'M', 'C', 'U'};
+
+// The version in a header; nothing when these are not the bytes of a valid one. A version above 2147483647 is
+// not valid, since a negative number stands for none.
+std::optional<int> headerVersion(const std::array<std::uint8_t, kMcuHeaderBytes>& header);
+
+// The version of an application; nothing when it does not hold a whole valid header at its start.
+std::optional<int> applicationVersion(const std::vector<Segment>& segments);
+
+// Whether the segments are an application: some data, all of it in the application's flash, with a valid
+// header.
+[[nodiscard]] bool checkApplication(const std::vector<Segment>& segments, std::string& error);
+
+// Whether the segments are a flash driver: some data, all of it in RAM.
+[[nodiscard]] bool checkFlashDriver(const std::vector<Segment>& segments, std::string& error);
+
+}  // namespace kavro
