@@ -1,0 +1,125 @@
+// The message node, and the calls that reach the microcontroller.
+//
+// A node is a publishing socket of nng: whoever dials its address and subscribes gets every message as it was
+// given, without an envelope. Publishing hands the message to the socket's queues and returns; a subscriber
+// that does not read loses messages, and nobody else notices.
+#include "common/message_node.h"
+
+#include <nng/nng.h>
+#include <nng/protocol/pubsub0/pub.h>
+
+#include <memory>
+#include <string>
+
+#include "common/cancellation.h"
+#include "common/utility.h"
+#include "platform/config/platform_config.h"
+#include "platform/mcu/mcu_link.h"
+
+namespace {
+
+// Messages kept for one subscriber that is behind: about ten seconds of a busy upgrade.
+constexpr int kQueuedMessages = 256;
+
+constexpr int kFailed = -1;
+constexpr int kNotice = 2;
+
+// Owns the socket of one node.
+struct Node {
+    nng_socket socket = NNG_SOCKET_INITIALIZER;
+
+    Node() = default;
+    ~Node() { nng_close(socket); }  // the initial value is no socket, which nng_close() refuses
+    Node(const Node&) = delete;
+    Node& operator=(const Node&) = delete;
+
+    int listen(const std::string& address) {
+        int result = nng_pub0_open(&socket);
+        if (result == 0) {
+            result = nng_socket_set_int(socket, NNG_OPT_SENDBUF, kQueuedMessages);
+        }
+        return result == 0 ? nng_listen(socket, address.c_str(), nullptr, 0) : result;
+    }
+};
+
+// The microcontroller's link; null with the reason logged. Opened for each call, since a call is rare and so
+// follows the configuration without a word about when to read it.
+std::unique_ptr<kavro::McuLink> mcuLink(const char* caller) {
+    std::string error;
+    std::unique_ptr<kavro::McuLink> link = kavro::openMcuLink(kavro::readPlatformConfig(), error);
+    if (link == nullptr) {
+        printLog(kNotice, "%s: %s\n", caller, error.c_str());
+    }
+    return link;
+}
+
+}  // namespace
+
+void* getVelNode(int domain, const char* name, int queue, int flags, int timeoutMs) {
+    (void)domain, (void)queue, (void)flags, (void)timeoutMs;
+    const COMMON_YR::CancelHold hold;
+    const char* publisher = name != nullptr ? name : "";
+    const std::string address = kavro::readPlatformConfig().nodeAddress;
+    if (address.empty()) {
+        printLog(kNotice, "getVelNode(%s): %s: \"node\" names no \"address\"\n", publisher,
+                 kavro::kPlatformConfigPath);
+        return nullptr;
+    }
+    auto node = std::make_unique<Node>();
+    const int result = node->listen(address);
+    if (result != 0) {
+        printLog(kNotice, "getVelNode(%s): %s: %s\n", publisher, address.c_str(), nng_strerror(result));
+        return nullptr;
+    }
+    return node.release();
+}
+
+int velPublishMsg(void* node, const void* message) {
+    if (node == nullptr || message == nullptr) {
+        return kFailed;
+    }
+    const COMMON_YR::CancelHold hold;
+    const nng_socket socket = static_cast<const Node*>(node)->socket;
+    // nng_send() only copies from the buffer, its parameter just lacks the const.
+    return nng_send(socket, const_cast<void*>(message), kVelMsgBytes, NNG_FLAG_NONBLOCK) == 0 ? 0 : kFailed;
+}
+
+void velDestroyNode(void** node) {
+    if (node == nullptr || *node == nullptr) {
+        return;
+    }
+    const COMMON_YR::CancelHold hold;
+    delete static_cast<Node*>(*node);
+    *node = nullptr;
+}
+
+int velSpiDevCtrl(void* node, bool on) {
+    (void)node;
+    const COMMON_YR::CancelHold hold;
+    const std::unique_ptr<kavro::McuLink> link = mcuLink("velSpiDevCtrl");
+    if (link == nullptr) {
+        return kFailed;
+    }
+    std::string error;
+    if (!link->setLink(on, error)) {
+        printLog(kNotice, "velSpiDevCtrl: %s\n", error.c_str());
+        return kFailed;
+    }
+    return 0;
+}
+
+int velGetMcuVersion(void* node) {
+    (void)node;
+    const COMMON_YR::CancelHold hold;
+    const std::unique_ptr<kavro::McuLink> link = mcuLink("velGetMcuVersion");
+    if (link == nullptr) {
+        return kFailed;
+    }
+    std::string error;
+    const std::optional<int> version = link->version(error);
+    if (!version) {
+        printLog(kNotice, "velGetMcuVersion: %s\n", error.c_str());
+        return kFailed;
+    }
+    return *version;
+}
