@@ -1,0 +1,160 @@
+// Companion microcontroller: reads the two S-record files and has the link program the application.
+//
+// Nothing reaches the microcontroller before both files are found good.
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "common/cancellation.h"
+#include "common/flash_driver.h"
+#include "common/utility.h"
+#include "platform/config/platform_config.h"
+#include "platform/flash/operation.h"
+#include "platform/mcu/mcu_image.h"
+#include "platform/mcu/mcu_link.h"
+#include "platform/mcu/srecord.h"
+
+namespace {
+
+constexpr int kFailed = -1;
+constexpr int kError = 1;
+constexpr const char* kApplicationComponent = "mcu_flash_app.s19";
+constexpr const char* kFlashDriverComponent = "mcu_flash_drv.s19";
+
+enum class Stage { kIdle, kChecked, kWritten };
+
+int report(const std::string& error) {
+    printLog(kError, "UpgradeMcu: %s\n", error.c_str());
+    return kFailed;
+}
+
+// Reads one S-record file and has it checked. The error names the file.
+template <typename Check>
+bool readFirmware(const std::string& path, const Check& check, std::vector<kavro::Segment>& segments,
+                  std::string& error) {
+    std::optional<kavro::SRecordFile> file = kavro::readSRecords(path, error);
+    if (!file) {
+        return false;
+    }
+    if (!check(file->segments, error)) {
+        error.insert(0, path + ": ");
+        return false;
+    }
+    segments = std::move(file->segments);
+    return true;
+}
+
+// Everything the driver knows. Shared with a running operation.
+class McuFlasher {
+  public:
+    int connect() {
+        std::string error;
+        stage = Stage::kIdle;
+        link = kavro::openMcuLink(kavro::readPlatformConfig(), error);
+        return link != nullptr && link->probe(error) ? 0 : report(error);
+    }
+
+    int check(const std::string& directory) {
+        std::string error;
+        stage = Stage::kIdle;
+        firmware = {};
+        if (connect() != 0) {
+            return kFailed;
+        }
+        if (!readFirmware(directory + "/" + kFlashDriverComponent, kavro::checkFlashDriver,
+                          firmware.flashDriver, error) ||
+            !readFirmware(directory + "/" + kApplicationComponent, kavro::checkApplication,
+                          firmware.application, error)) {
+            return report(error);
+        }
+        stage = Stage::kChecked;
+        return 0;
+    }
+
+    int write() {
+        std::string error;
+        if (std::exchange(stage, Stage::kIdle) != Stage::kChecked) {
+            return report("upgrade without a successful preUpgrade");
+        }
+        const auto keepGoing = [this] { return control.keepGoing(); };
+        if (!link->program(firmware, keepGoing, error)) {
+            return report(error);
+        }
+        stage = Stage::kWritten;
+        return 0;
+    }
+
+    int finish() {
+        std::string error;
+        if (std::exchange(stage, Stage::kIdle) != Stage::kWritten) {
+            return report("postUpgrade without a successful upgrade");
+        }
+        const kavro::McuFirmware written = std::exchange(firmware, {});
+        if (!link->verify(written.application, error)) {
+            return report(error);
+        }
+        const std::optional<int> reported = link->version(error);
+        if (!reported) {
+            return report(error);
+        }
+        if (reported != kavro::applicationVersion(written.application)) {
+            return report("the microcontroller reports version " + std::to_string(*reported) +
+                          ", which is not that of the application");
+        }
+        return 0;
+    }
+
+    kavro::OperationControl control;
+
+  private:
+    Stage stage = Stage::kIdle;
+    std::unique_ptr<kavro::McuLink> link;
+    kavro::McuFirmware firmware;
+};
+
+}  // namespace
+
+struct UpgradeMcu::Impl {
+    std::shared_ptr<McuFlasher> flasher = std::make_shared<McuFlasher>();
+};
+
+UpgradeMcu::UpgradeMcu() : UpgradeLib("upgradeMcu"), impl(std::make_unique<Impl>()) {}
+
+UpgradeMcu::~UpgradeMcu() {
+    impl->flasher->control.stopAndWait();
+}
+
+int UpgradeMcu::init() {
+    return kavro::runOperation(impl->flasher, [](McuFlasher& flasher) { return flasher.connect(); });
+}
+
+int UpgradeMcu::preUpgrade(std::string path, bool withLoader, bool mainProcessor) {
+    (void)withLoader, (void)mainProcessor;
+    return kavro::runOperation(impl->flasher, [&](McuFlasher& flasher) { return flasher.check(path); });
+}
+
+int UpgradeMcu::upgrade() {
+    return kavro::runOperation(impl->flasher, [](McuFlasher& flasher) { return flasher.write(); });
+}
+
+int UpgradeMcu::postUpgrade() {
+    return kavro::runOperation(impl->flasher, [](McuFlasher& flasher) { return flasher.finish(); });
+}
+
+// The microcontroller runs its new application as soon as it is programmed: there is nothing to switch.
+int UpgradeMcu::activate(bool on) {
+    (void)on;
+    return 0;
+}
+
+int UPGRADE_request_reboot() {
+    const COMMON_YR::CancelHold hold;
+    std::string error;
+    const std::unique_ptr<kavro::McuLink> link = kavro::openMcuLink(kavro::readPlatformConfig(), error);
+    if (link == nullptr || !link->requestReset(error)) {
+        printLog(kError, "UPGRADE_request_reboot: %s\n", error.c_str());
+        return kFailed;
+    }
+    return 0;
+}
