@@ -1,0 +1,53 @@
+#include "platform/utility/destination.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+
+#include "platform/utility/file_io.h"
+
+namespace kavro {
+namespace {
+
+constexpr int kMaxLinks = 40;  // as the kernel has it
+
+// What a symbolic link names, as seen from where the link is; empty on failure.
+std::string linkTarget(const std::string& link) {
+    char text[PATH_MAX];
+    const ssize_t length = readlink(link.c_str(), text, sizeof text);
+    if (length <= 0) {
+        return {};
+    }
+    const std::string target(text, static_cast<std::size_t>(length));
+    return target.front() == '/' ? target : parentDirectory(link) + "/" + target;
+}
+
+}  // namespace
+
+std::optional<Destination> locateDestination(const std::string& path) {
+    Destination destination;
+    destination.path = path;
+    for (int links = 0; links <= kMaxLinks && !destination.path.empty(); ++links) {
+        if (lstat(destination.path.c_str(), &destination.status) != 0) {
+            return errno == ENOENT ? std::optional(destination) : std::nullopt;
+        }
+        if (S_ISDIR(destination.status.st_mode)) {
+            errno = EISDIR;
+            return std::nullopt;
+        }
+        if (!S_ISLNK(destination.status.st_mode)) {
+            destination.exists = true;
+            return destination;
+        }
+        destination.path = linkTarget(destination.path);
+    }
+    errno = destination.path.empty() ? ENOENT : ELOOP;
+    return std::nullopt;
+}
+
+bool isSameFile(const struct stat& one, const struct stat& other) {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+}  // namespace kavro

@@ -1,0 +1,27 @@
+// Where the content that is to be written goes.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <optional>
+#include <string>
+
+namespace kavro {
+
+struct Destination {
+    std::string path;  // with symbolic links followed, so that a link stays and what it names is replaced
+    bool exists = false;
+    struct stat status = {};  // when it exists
+
+    bool isRegular() const { return exists && S_ISREG(status.st_mode); }
+    // Whether it is something to write into as it stands: a device, a FIFO.
+    bool isSpecial() const { return exists && !S_ISREG(status.st_mode); }
+};
+
+// Nothing (with errno set) for an empty path, a directory, a circle of links, or a path that cannot be looked
+// up.
+std::optional<Destination> locateDestination(const std::string& path);
+
+bool isSameFile(const struct stat& one, const struct stat& other);
+
+}  // namespace kavro

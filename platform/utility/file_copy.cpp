@@ -1,0 +1,261 @@
+// cpFile, mvFile.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <vector>
+
+#include "common/cancellation.h"
+#include "common/utility.h"
+#include "platform/utility/destination.h"
+#include "platform/utility/file_io.h"
+#include "platform/utility/file_update.h"
+
+namespace COMMON_YR {
+namespace {
+
+constexpr off_t kKernelBlock = 4 << 20;
+constexpr off_t kMemoryBlock = 256 << 10;
+constexpr mode_t kPermissionBits = 0777;
+constexpr mode_t kPrivateMode = 0600;  // until the copy has the source's
+constexpr blkcnt_t kStatBlock = 512;   // the unit of st_blocks
+
+// File systems keep some blocks for their own records: one byte in this many of content is more than enough.
+constexpr off_t kRecordShare = 512;
+
+bool isKernelCopyUnsupported(int error) {
+    return error == EXDEV || error == ENOSYS || error == EINVAL || error == EOPNOTSUPP || error == EPERM ||
+           error == EBADF || error == ETXTBSY;
+}
+
+// Copies the content of one open file to another, block by block, with a checkpoint between two blocks.
+class Copier {
+  public:
+    Copier(int from, int to, const CancelHold& cancelHold) : source(from), sink(to), hold(cancelHold) {}
+
+    // Everything from the current positions to the source's end, for what has no size or no positions.
+    bool copyStream();
+    // The range, which the source must fill.
+    bool copyRange(off_t begin, off_t end);
+    // As copyRange(0, size), leaving out the source's holes. The sink must be empty.
+    bool copySegments(off_t size);
+
+  private:
+    ssize_t copyBlock(off_t position, off_t length);
+    ssize_t copyBlockInKernel(off_t position, off_t length) const;
+    ssize_t copyBlockThroughMemory(off_t position, off_t length);
+    bool pushOut(off_t position);
+    char* buffer();
+
+    int source;
+    int sink;
+    const CancelHold& hold;
+    bool kernelCopies = true;
+    off_t pushedFrom = 0;  // write-back has been started up to pushedTo, and waited for up to pushedFrom
+    off_t pushedTo = 0;
+    std::vector<char> memory;
+};
+
+char* Copier::buffer() {
+    memory.resize(kMemoryBlock);
+    return memory.data();
+}
+
+bool Copier::copyStream() {
+    char* const block = buffer();
+    for (;;) {
+        const ssize_t count = kavro::readFully(source, block, kMemoryBlock);
+        if (count < 0 || !kavro::writeFully(sink, block, static_cast<std::size_t>(count))) {
+            return false;
+        }
+        if (count < kMemoryBlock) {
+            return true;
+        }
+        hold.checkpoint();
+    }
+}
+
+bool Copier::copyRange(off_t begin, off_t end) {
+    for (off_t position = begin; position < end;) {
+        const ssize_t count = copyBlock(position, end - position);
+        if (count <= 0) {
+            return false;
+        }
+        position += count;
+        if (!pushOut(position)) {
+            return false;
+        }
+        hold.checkpoint();
+    }
+    return true;
+}
+
+bool Copier::copySegments(off_t size) {
+    for (off_t position = 0; position < size;) {
+        const off_t data = lseek(source, position, SEEK_DATA);
+        if (data < 0) {
+            // ENXIO: a hole up to the end. Anything else: the file system does not tell.
+            return errno == ENXIO || copyRange(position, size);
+        }
+        const off_t hole = lseek(source, data, SEEK_HOLE);
+        const off_t end = hole < 0 ? size : std::min(hole, size);
+        if (!copyRange(data, end)) {
+            return false;
+        }
+        position = std::max(end, data);
+    }
+    return true;
+}
+
+// Returns the number of bytes copied, 0 when the source has ended, negative on failure.
+ssize_t Copier::copyBlock(off_t position, off_t length) {
+    if (kernelCopies) {
+        const ssize_t count = copyBlockInKernel(position, std::min(length, kKernelBlock));
+        if (count > 0 || (count < 0 && !isKernelCopyUnsupported(errno))) {
+            return count;
+        }
+        // Some file systems report an end instead of saying that they cannot do it.
+        kernelCopies = false;
+    }
+    return copyBlockThroughMemory(position, std::min(length, kMemoryBlock));
+}
+
+ssize_t Copier::copyBlockInKernel(off_t position, off_t length) const {
+    for (;;) {
+        off64_t from = position;
+        off64_t to = position;
+        const ssize_t count = copy_file_range(source, &from, sink, &to, static_cast<std::size_t>(length), 0);
+        if (count >= 0 || errno != EINTR) {
+            return count;
+        }
+    }
+}
+
+ssize_t Copier::copyBlockThroughMemory(off_t position, off_t length) {
+    char* const block = buffer();
+    const ssize_t count = kavro::readFullyAt(source, block, static_cast<std::size_t>(length), position);
+    if (count <= 0) {
+        return count;
+    }
+    return kavro::writeFullyAt(sink, block, static_cast<std::size_t>(count), position) ? count : -1;
+}
+
+// Starts the write-back of what was copied since the last time and waits for that of the time before: the
+// flush at the end, which cannot be cut short, has little left to do.
+bool Copier::pushOut(off_t position) {
+    if (position - pushedTo < kKernelBlock) {
+        return true;
+    }
+    constexpr unsigned kComplete =
+        SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
+    const bool pushed =
+        sync_file_range(sink, pushedTo, position - pushedTo, SYNC_FILE_RANGE_WRITE) == 0 &&
+        (pushedTo == pushedFrom || sync_file_range(sink, pushedFrom, pushedTo - pushedFrom, kComplete) == 0);
+    pushedFrom = pushedTo;
+    pushedTo = position;
+    // An error of the storage shows only once, here or at the final flush. Where the call is unknown the
+    // flush does all the work.
+    return pushed || errno == ENOSYS || errno == EINVAL || errno == ESPIPE || errno == EOPNOTSUPP;
+}
+
+// Whether there is room for the new content; gives up the old destination when there is room only without it.
+bool makeRoom(const kavro::Destination& destination, int newFile, const struct stat& source) {
+    struct statvfs fileSystem;
+    if (!destination.exists || fstatvfs(newFile, &fileSystem) != 0 || fileSystem.f_blocks == 0) {
+        return true;  // nothing to decide or to go by: the copy itself finds out
+    }
+    const auto blockSize = static_cast<off_t>(fileSystem.f_frsize);
+    const off_t available = static_cast<off_t>(fileSystem.f_bavail) * blockSize;
+    const off_t free = static_cast<off_t>(fileSystem.f_bfree) * blockSize;  // with what is reserved to root
+    const off_t needed = std::min(source.st_size, source.st_blocks * kStatBlock);
+    if (needed + needed / kRecordShare <= available) {
+        return true;
+    }
+    const struct stat& old = destination.status;
+    const off_t gained = old.st_nlink == 1 ? old.st_blocks * kStatBlock : 0;
+    if (needed > free + gained) {
+        errno = ENOSPC;
+        return false;
+    }
+    return gained == 0 || unlink(destination.path.c_str()) == 0;
+}
+
+// Sets the mode of the copy, where the file system knows one.
+bool setPermissions(int copy, mode_t sourceMode) {
+    return fchmod(copy, sourceMode & kPermissionBits) == 0 || errno == EPERM;
+}
+
+bool copyInPlace(int from, const struct stat& source, const kavro::Destination& destination, int to,
+                 const CancelHold& hold) {
+    Copier copier(from, to, hold);
+    return destination.isSpecial() ? copier.copyStream() : copier.copyRange(0, source.st_size);
+}
+
+// The new file beside the destination.
+bool copyBeside(int from, const struct stat& source, const kavro::Destination& destination, int to,
+                const CancelHold& hold) {
+    if (!setPermissions(to, source.st_mode) || !makeRoom(destination, to, source)) {
+        return false;
+    }
+    Copier copier(from, to, hold);
+    if (source.st_size == 0) {
+        return copier.copyStream();  // empty, or a file of /proc
+    }
+    return copier.copySegments(source.st_size) && ftruncate(to, source.st_size) == 0;
+}
+
+bool isDirectory(const std::string& path) {
+    struct stat status;
+    return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+}  // namespace
+
+int cpFile(std::string src, std::string dst) {
+    const CancelHold hold;
+    const kavro::FileDescriptor from = kavro::openToRead(src);
+    struct stat source;
+    if (!from.valid() || fstat(from.get(), &source) != 0 || !S_ISREG(source.st_mode)) {
+        return -1;
+    }
+    const auto destination = kavro::locateDestination(dst);
+    if (!destination) {
+        return -1;
+    }
+    // Whoever asks for a copy counts on two files, so one file under two names is a failure, not a copy.
+    if (destination->exists && kavro::isSameFile(source, destination->status)) {
+        return -1;
+    }
+
+    kavro::FileUpdate update;
+    if (!update.begin(*destination, source.st_size, kPrivateMode, &source)) {
+        return -1;
+    }
+    const auto copy = update.writesInPlace() ? copyInPlace : copyBeside;
+    if (!copy(from.get(), source, *destination, update.fd(), hold) || !update.commit(source.st_size)) {
+        return -1;
+    }
+    return 0;
+}
+
+int mvFile(std::string src, std::string dst) {
+    const CancelHold hold;
+    if (isDirectory(src) || isDirectory(dst)) {
+        return -1;
+    }
+    if (rename(src.c_str(), dst.c_str()) != 0) {
+        if (errno != EXDEV || cpFile(src, dst) < 0 || unlink(src.c_str()) != 0) {
+            return -1;
+        }
+    }
+    (void)kavro::flushDirectory(kavro::parentDirectory(dst));
+    (void)kavro::flushDirectory(kavro::parentDirectory(src));
+    return 0;
+}
+
+}  // namespace COMMON_YR

@@ -1,0 +1,120 @@
+#include "platform/utility/file_io.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "platform/utility/sigpipe_hold.h"
+
+namespace kavro {
+namespace {
+
+// Repeats transfer(done) until length bytes are done, the result is 0, or it fails for more than a signal.
+template <typename Transfer>
+ssize_t transferFully(std::size_t length, const Transfer& transfer) {
+    std::size_t done = 0;
+    while (done < length) {
+        const ssize_t count = transfer(done);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count < 0) {
+            return -1;
+        }
+        if (count == 0) {
+            break;
+        }
+        done += static_cast<std::size_t>(count);
+    }
+    return static_cast<ssize_t>(done);
+}
+
+bool waitUntilWritable(int fd) {
+    pollfd descriptor = {fd, POLLOUT, 0};
+    while (poll(&descriptor, 1, -1) < 0) {
+        if (errno != EINTR) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// As write(), but waits for room.
+ssize_t writeWaiting(int fd, const char* data, std::size_t length) {
+    const SigpipeHold hold;
+    for (;;) {
+        const ssize_t count = write(fd, data, length);
+        if (count >= 0 || errno != EAGAIN || !waitUntilWritable(fd)) {
+            return count;
+        }
+    }
+}
+
+bool isUnsupportedFlush(int error) {
+    return error == EINVAL || error == EROFS || error == ENOTSUP;
+}
+
+bool isWhole(ssize_t count, std::size_t length) {
+    return count >= 0 && static_cast<std::size_t>(count) == length;
+}
+
+}  // namespace
+
+FileDescriptor openToRead(const std::string& path) {
+    return FileDescriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+}
+
+ssize_t readFully(int fd, char* buffer, std::size_t length) {
+    return transferFully(length, [&](std::size_t done) { return read(fd, buffer + done, length - done); });
+}
+
+ssize_t readFullyAt(int fd, char* buffer, std::size_t length, off_t offset) {
+    return transferFully(length, [&](std::size_t done) {
+        return pread(fd, buffer + done, length - done, offset + static_cast<off_t>(done));
+    });
+}
+
+bool writeFully(int fd, const char* data, std::size_t length) {
+    return isWhole(
+        transferFully(length, [&](std::size_t done) { return writeWaiting(fd, data + done, length - done); }),
+        length);
+}
+
+bool writeFullyAt(int fd, const char* data, std::size_t length, off_t offset) {
+    return isWhole(transferFully(length,
+                                 [&](std::size_t done) {
+                                     return pwrite(fd, data + done, length - done,
+                                                   offset + static_cast<off_t>(done));
+                                 }),
+                   length);
+}
+
+bool flushFile(int fd) {
+    while (fsync(fd) != 0) {
+        if (errno != EINTR) {
+            return isUnsupportedFlush(errno);
+        }
+    }
+    return true;
+}
+
+bool flushDirectory(const std::string& path) {
+    const FileDescriptor directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!directory.valid()) {
+        // One that may be written but not read cannot be flushed by anybody; what it holds is still right.
+        return errno == EACCES;
+    }
+    return flushFile(directory.get());
+}
+
+std::string parentDirectory(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    if (slash == std::string::npos) {
+        return ".";
+    }
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+}  // namespace kavro

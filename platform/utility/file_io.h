@@ -1,0 +1,35 @@
+// The file calls that the utility services share: complete transfers in spite of signals and short results,
+// and flushing. All need a CancelHold around them; errno tells the cause of a failure.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <string>
+
+#include "platform/utility/file_descriptor.h"
+
+namespace kavro {
+
+// Opens for reading; never waits, not even for the writer of a FIFO.
+FileDescriptor openToRead(const std::string& path);
+
+// Reads until length bytes are there or the file ends. Returns the number of bytes, negative on failure.
+ssize_t readFully(int fd, char* buffer, std::size_t length);
+ssize_t readFullyAt(int fd, char* buffer, std::size_t length, off_t offset);
+
+// Writes everything. A descriptor that does not block is waited for. A reader that went away is the failure
+// EPIPE.
+bool writeFully(int fd, const char* data, std::size_t length);
+bool writeFullyAt(int fd, const char* data, std::size_t length, off_t offset);
+
+// Brings a file's content to storage. True for something that has no storage, such as a FIFO or /dev/null.
+bool flushFile(int fd);
+
+// Brings a directory's entries to storage.
+bool flushDirectory(const std::string& path);
+
+// The directory that holds the entry `path`.
+std::string parentDirectory(const std::string& path);
+
+}  // namespace kavro

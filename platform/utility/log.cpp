@@ -1,0 +1,130 @@
+// printLog: to syslog and standard error, as platform.json says.
+
+#include <sys/syslog.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <exception>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include "common/cancellation.h"
+#include "common/utility.h"
+#include "platform/config/platform_config.h"
+#include "platform/utility/file_io.h"
+#include "platform/utility/format_text.h"
+
+namespace {
+
+struct LevelRow {
+    int level;
+    int priority;
+    const char* tag;
+};
+
+constexpr LevelRow kLevels[] = {
+    {1, LOG_ERR, "error"},
+    {2, LOG_WARNING, "warning"},
+    {3, LOG_INFO, "info"},
+};
+constexpr LevelRow kOtherLevel = {0, LOG_DEBUG, "debug"};
+
+// A datagram to the log daemon that is much longer than this is refused by the kernel. A longer text goes in
+// pieces.
+constexpr std::size_t kSyslogPiece = 64 << 10;
+
+struct Targets {
+    bool toSyslog = true;
+    bool toStderr = false;
+};
+
+Targets readTargets() {
+    try {
+        const kavro::PlatformConfig config = kavro::readPlatformConfig();
+        return {config.logToSyslog, config.logToStderr};
+    } catch (const std::exception&) {
+        return {};
+    }
+}
+
+const LevelRow& levelRow(int level) {
+    for (const LevelRow& row : kLevels) {
+        if (row.level == level) {
+            return row;
+        }
+    }
+    return kOtherLevel;
+}
+
+std::string_view withoutLineEnd(std::string_view text) {
+    const std::size_t last = text.find_last_not_of('\n');
+    return text.substr(0, last == std::string_view::npos ? 0 : last + 1);
+}
+
+// "2026-11-21 10:30:59.123 "
+std::string timestamp() {
+    constexpr long kNsPerMs = 1000000;
+    timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    tm local = {};
+    localtime_r(&now.tv_sec, &local);
+    char text[64];
+    const std::size_t length = strftime(text, sizeof text, "%F %T", &local);
+    snprintf(text + length, sizeof text - length, ".%03ld ", now.tv_nsec / kNsPerMs);
+    return text;
+}
+
+void logToSyslog(const LevelRow& level, std::string_view text) {
+    do {
+        const std::string_view piece = text.substr(0, kSyslogPiece);
+        syslog(level.priority, "%.*s", static_cast<int>(piece.size()), piece.data());
+        text.remove_prefix(piece.size());
+    } while (!text.empty());
+}
+
+// A line break inside the text (a path may hold one) would look like the start of a line of its own.
+std::string asOneLine(const LevelRow& level, std::string_view text) {
+    std::string line = timestamp() + "[" + level.tag + "] ";
+    line.reserve(line.size() + text.size() + 1);
+    for (const char character : text) {
+        if (character == '\n') {
+            line += "\\n";
+        } else {
+            line += character;
+        }
+    }
+    return line += '\n';
+}
+
+void logText(const LevelRow& level, std::string_view text) {
+    static const Targets targets = readTargets();
+    static std::mutex mutex;  // a long line takes more than one write, or piece
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (targets.toSyslog) {
+        logToSyslog(level, text);
+    }
+    if (targets.toStderr) {
+        const std::string line = asOneLine(level, text);
+        (void)kavro::writeFully(STDERR_FILENO, line.data(), line.size());
+    }
+}
+
+}  // namespace
+
+void printLog(int level, const char* format, ...) {
+    const COMMON_YR::CancelHold hold;
+    const int keptErrno = errno;
+    va_list arguments;
+    va_start(arguments, format);
+    const kavro::FormattedText formatted = kavro::formatText(format, arguments);
+    va_end(arguments);
+    if (formatted.text != nullptr) {
+        logText(levelRow(level), withoutLineEnd(formatted.view()));
+    } else if (format != nullptr) {
+        logText(levelRow(level), withoutLineEnd(format));  // better the format than nothing
+    }
+    errno = keptErrno;
+}
