@@ -2,12 +2,12 @@
 # The main job from end to end: a signed package is installed on an emulated device, activated and rolled back. What
 # the device then holds is compared with what the package was made from; any difference ends the demo with an error.
 #
-#   demo.sh BUILD_DIR
+#   demo.sh BUILD_DIR [WORK_DIR]
 set -euo pipefail
 
 build=$(realpath -- "$1")
 here=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")" && pwd)
-work=$build/demo
+work=${2:-$build/demo}
 device=$work/device
 upgradectl=$build/tools/upgradectl/upgradectl
 
@@ -38,7 +38,7 @@ twin() {
 
 on_device() {
     printf '$ upgradectl %s\n' "$*"
-    twin run "$device" -- "$upgradectl" "$@"
+    twin run "$device" --visible "$build" --visible "$work" -- "$upgradectl" "$@"
 }
 
 digest() {
@@ -184,6 +184,7 @@ show_summary() {
 
 rm -rf "$work"
 mkdir -p "$work"
+work=$(realpath -- "$work")
 make_packages
 make_device
 install_new

@@ -1,0 +1,45 @@
+#!/usr/bin/env bash
+# The example of the README at work: it installs a package on a device, and activates it when it is started again
+# after a restart.
+#
+#   minimal_app_test.sh BUILD_DIR MINIMAL_APP
+set -euo pipefail
+
+build=$1 app=$2
+root=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/../.." && pwd)
+twin=$root/twin/twin
+work=$build/twins/minimal_app
+device=$work/device
+
+die() {
+    printf 'FAILED: %s\n' "$*" >&2
+    exit 1
+}
+
+run_app() {
+    "$twin" run "$device" --visible "$build" -- "$app" "$@"
+}
+
+rm -rf "$work"
+mkdir -p "$work"
+trap 'rm -rf "$work"' EXIT
+openssl genpkey -quiet -algorithm RSA -out "$work/key.pem"
+"$root/twin/demo/make_release.sh" "$work/release" 1 105 8 3
+"$build/tools/upgradectl/upgradectl" pack --output "$work/release.pkg" --key "$work/key.pem" --version 1.105.8.3 \
+    "$work/release"
+"$twin" create "$device"
+
+status=0
+run_app || status=$?
+((status == 2)) || die "without a package it ends with $status, not 2"
+[[ ! -e $device/config/upgraded ]] || die "an upgrade is pending before there was one"
+
+run_app "$work/release.pkg" >"$work/progress.txt" || die "the installation failed: $(cat "$work/progress.txt")"
+grep -q '^stage ' "$work/progress.txt" || die "no progress is shown"
+[[ -e $device/config/upgraded ]] || die "no upgrade awaits activation"
+"$twin" compare "$device" b "$work/release"
+
+"$twin" restart "$device"
+run_app || die "the activation failed"
+[[ ! -e $device/config/upgraded ]] || die "the upgrade still awaits activation"
+"$twin" restart "$device" | grep 'slot b'
