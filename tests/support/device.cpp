@@ -17,7 +17,7 @@ bool isNumber(const std::string& text) {
 void emptyDirectory(const std::string& directory) {
     std::error_code ignored;
     for (const std::string& name : namesIn(directory)) {
-        std::filesystem::remove_all(directory + "/" + name, ignored);
+        std::filesystem::remove_all(std::filesystem::path(directory) / name, ignored);
     }
 }
 
@@ -90,7 +90,7 @@ std::vector<std::string> descriptorTargets() {
         std::error_code gone;
         const std::string target = std::filesystem::read_symlink("/proc/self/fd/" + name, gone);
         if (!gone) {  // the descriptor of the listing itself is gone by now
-            targets.push_back(name + " -> " + target);
+            targets.push_back(std::string(name).append(" -> ").append(target));
         }
     }
     return targets;

@@ -46,6 +46,13 @@ inline void writeSparse(const std::string& path, unsigned long size) {
     ASSERT_EQ(truncate(path.c_str(), static_cast<off_t>(size)), 0) << path;
 }
 
+// The last bytes of a file, without reading the rest.
+inline std::string readTail(const std::string& path, unsigned long bytes) {
+    std::ifstream file(path, std::ios::binary);
+    file.seekg(-static_cast<std::streamoff>(bytes), std::ios::end);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
 inline long sizeOf(const std::string& path) {
     struct stat status {};
     return stat(path.c_str(), &status) == 0 ? status.st_size : -1;
@@ -71,7 +78,8 @@ void emptyDevice();
 unsigned long descriptorCount();
 // What the descriptors point to, for the message of a failed count.
 std::vector<std::string> descriptorTargets();
-// The names of the threads of this process, sorted.
+// The names of the threads of this process, sorted. Start and join any thread before you count them for the
+// first time: with the first one ThreadSanitizer starts a thread of its own.
 std::vector<std::string> threadNames();
 inline unsigned long threadCount() {
     return threadNames().size();

@@ -52,16 +52,6 @@ std::string threadName() {
     return name;
 }
 
-std::string formatted(const char* format, va_list arguments) {
-    va_list again;
-    va_copy(again, arguments);
-    const int length = vsnprintf(nullptr, 0, format, arguments);
-    std::string text(static_cast<unsigned long>(std::max(length, 0)), '\0');
-    vsnprintf(text.data(), text.size() + 1, format, again);
-    va_end(again);
-    return text;
-}
-
 const char* boolText(bool value) {
     return value ? "true" : "false";
 }
@@ -427,8 +417,13 @@ void printLog(int level, const char* format, ...) {
     line.cancelEnabled = fake::cancelEnabled();
     va_list arguments;
     va_start(arguments, format);
-    line.text = fake::formatted(format, arguments);
+    va_list again;
+    va_copy(again, arguments);
+    const int length = vsnprintf(nullptr, 0, format, arguments);
     va_end(arguments);
+    line.text.resize(static_cast<unsigned long>(std::max(length, 0)));
+    vsnprintf(line.text.data(), line.text.size() + 1, format, again);
+    va_end(again);
     fake::log().add(std::move(line));
 }
 

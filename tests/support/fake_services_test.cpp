@@ -96,12 +96,12 @@ TEST_F(FakeServices, a_pending_cancel_acts_in_a_log_call_unless_it_is_held_off) 
 }
 
 TEST_F(FakeServices, calls_of_many_threads_are_all_recorded) {
-    constexpr unsigned kThreads = 4;
-    constexpr unsigned kLines = 200;
+    constexpr unsigned long kThreads = 4;
+    constexpr unsigned long kLines = 200;
     std::vector<std::thread> threads;
-    for (unsigned i = 0; i < kThreads; ++i) {
+    for (unsigned long i = 0; i < kThreads; ++i) {
         threads.emplace_back([] {
-            for (unsigned line = 0; line < kLines; ++line) {
+            for (unsigned long line = 0; line < kLines; ++line) {
                 printLog(3, "line\n");
                 const char message[16] = {};
                 velPublishMsg(nullptr, message);

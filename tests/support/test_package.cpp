@@ -63,6 +63,7 @@ std::string readWhole(const std::string& path) {
 
 void run(std::vector<std::string> arguments) {
     std::vector<char*> pointers;
+    pointers.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) {
         pointers.push_back(argument.data());
     }
@@ -311,12 +312,12 @@ std::string TestPackage::payload() const {
         return rawPayload;
     }
     const TempDirectory work;
-    const std::string tree = work.path + "/tree";
+    const std::filesystem::path tree = work.path + "/tree";
     std::filesystem::create_directory(tree);
     std::vector<std::string> command{"tar", "-cf", work.path + "/payload", "-C", tree};
     command.insert(command.end(), {"--owner=0", "--group=0", "--"});
     for (const auto& [name, bytes] : files()) {
-        writeWhole(tree + "/" + name, bytes);
+        writeWhole(tree / name, bytes);
         command.push_back(name);
     }
     run(command);
