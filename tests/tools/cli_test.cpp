@@ -1,0 +1,95 @@
+#include <gtest/gtest.h>
+
+#include <ostream>
+
+#include "tests/tools/tool_support.h"
+
+namespace {
+
+using namespace tool_test;
+
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+struct UsageError {
+    const char* name;
+    std::vector<std::string> arguments;
+};
+
+// Without it the name of a case would hold addresses.
+void PrintTo(const UsageError& error, std::ostream* out) {
+    *out << error.name;
+}
+
+class WrongCommandLine : public testing::TestWithParam<UsageError> {};
+
+TEST_P(WrongCommandLine, ends_with_exit_code_2_and_a_text) {
+    const ProgramResult result = upgradectl(GetParam().arguments);
+    EXPECT_EQ(result.exitCode, 2);
+    EXPECT_NE(result.err, "");
+    EXPECT_EQ(result.out, "");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cli, WrongCommandLine,
+    testing::Values(UsageError{"no_command", {}}, UsageError{"unknown_command", {"upgrade"}},
+                    UsageError{"unknown_option", {"--frobnicate"}},
+                    UsageError{"pack_without_arguments", {"pack"}},
+                    UsageError{"pack_without_key", {"pack", "--version", "1.1.1.1", "-o", "x", "/"}},
+                    UsageError{"pack_without_output", {"pack", "--version", "1.1.1.1", "-k", "x", "/"}},
+                    UsageError{"pack_without_version", {"pack", "-k", "x", "-o", "y", "/"}},
+                    UsageError{"pack_with_a_bad_version",
+                               {"pack", "--version", "1.1.1", "-k", "x", "-o", "y", "/"}},
+                    UsageError{"pack_with_two_directories",
+                               {"pack", "--version", "1.1.1.1", "-k", "x", "-o", "y", "/", "/"}}),
+    [](const testing::TestParamInfo<UsageError>& test) { return std::string(test.param.name); });
+
+TEST(Cli, help_lists_commands_and_exit_codes_on_standard_output) {
+    const ProgramResult result = upgradectl({"--help"});
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_TRUE(contains(result.out, "pack"));
+    EXPECT_TRUE(contains(result.out, "3  the package"));
+    EXPECT_EQ(result.err, "");
+}
+
+TEST(Cli, version_of_the_tool_is_printed) {
+    const ProgramResult result = upgradectl({"--version"});
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(result.out.rfind("upgradectl ", 0), 0U) << result.out;
+}
+
+class CommandHelp : public testing::TestWithParam<const char*> {};
+
+TEST_P(CommandHelp, has_an_example) {
+    const ProgramResult result = upgradectl({GetParam(), "--help"});
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_TRUE(contains(result.out, "Example:\n  upgradectl " + std::string(GetParam()))) << result.out;
+}
+
+INSTANTIATE_TEST_SUITE_P(Cli, CommandHelp, testing::Values("pack"));
+
+TEST(Cli, pack_writes_a_package_and_says_what_is_in_it) {
+    const TemporaryDirectory files;
+    makeComponents(files / "components");
+    makeEcKey(files / "key.pem");
+    const ProgramResult result = upgradectl({"pack", "--key", files / "key.pem", "--version", "1.105.8.3",
+                                             "--stamp", "1", "--ident", "2", "--branch", "b", "--user", "u",
+                                             "--output", files / "out.pkg", files / "components"});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_TRUE(contains(result.out, "V01.105.008.003")) << result.out;
+    EXPECT_EQ(std::filesystem::file_size(files / "out.pkg"), 134217728U);
+}
+
+TEST(Cli, refused_component_ends_with_exit_code_3_and_the_next_step) {
+    const TemporaryDirectory files;
+    makeComponents(files / "components");
+    makeEcKey(files / "key.pem");
+    std::filesystem::remove(files / "components/Image");
+    const ProgramResult result = upgradectl({"pack", "-k", files / "key.pem", "--version", "1.105.8.3", "-o",
+                                             files / "out.pkg", files / "components"});
+    EXPECT_EQ(result.exitCode, 3);
+    EXPECT_TRUE(contains(result.err, "components/Image' is missing\n  next: ")) << result.err;
+}
+
+}  // namespace

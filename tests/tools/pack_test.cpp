@@ -1,0 +1,503 @@
+#include "tools/upgradectl/pack.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <functional>
+#include <optional>
+
+#include "tests/support/device.h"
+#include "tests/support/test_package.h"
+#include "tests/tools/tool_support.h"
+#include "tools/upgradectl/tool_error.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace tool_test;
+using testsupport::mcuApplication;
+using testsupport::namesIn;
+using testsupport::readFile;
+using testsupport::srecords;
+using testsupport::writeFile;
+using upgradectl::ExitCode;
+using upgradectl::PackRequest;
+using upgradectl::ToolError;
+
+constexpr std::uintmax_t kPackageBytes = 134217728;
+constexpr long kTrailerBytes = 4096;
+
+// What a device reads from a trailer, written after the format's description alone.
+struct Trailer {
+    explicit Trailer(const fs::path& package) {
+        const std::string tail =
+            runProgram({"tail", "-c", std::to_string(kTrailerBytes), package.string()}).out;
+        payloadBytes = std::stoul(tail.substr(0, 8), nullptr, 16);
+        md5 = tail.substr(8, 32);
+        const std::size_t keyBytes = std::stoul(tail.substr(40, 8), nullptr, 16);
+        publicKey = tail.substr(48, keyBytes);
+        stamp = tail.substr(48 + keyBytes, 14);
+        ident = tail.substr(62 + keyBytes, 40);
+        version = tail.substr(102 + keyBytes, 12);
+        const std::size_t branchBytes = std::stoul(tail.substr(114 + keyBytes, 8), nullptr, 16);
+        branch = tail.substr(122 + keyBytes, branchBytes);
+        const std::size_t userAt = 122 + keyBytes + branchBytes;
+        user = tail.substr(userAt + 8, std::stoul(tail.substr(userAt, 8), nullptr, 16));
+    }
+
+    unsigned long payloadBytes;
+    std::string md5, publicKey, stamp, ident, version, branch, user;
+};
+
+class Pack : public testing::Test {
+  protected:
+    Pack() {
+        makeComponents(request.componentDir);
+        makeEcKey(request.key);
+    }
+
+    upgradectl::PackSummary pack() const { return upgradectl::pack(request, upgradectl::Interrupts()); }
+
+    void expectRefusal(ExitCode code, const std::string& part) const {
+        const std::vector<std::string> before = namesIn(files.path());
+        try {
+            pack();
+            ADD_FAILURE() << "packed";
+        } catch (const ToolError& error) {
+            EXPECT_EQ(error.exitCode(), code) << error.what();
+            EXPECT_NE(std::string(error.what()).find(part), std::string::npos) << error.what();
+            EXPECT_NE(error.next(), "");
+        }
+        EXPECT_EQ(namesIn(files.path()), before);
+    }
+
+    fs::path component(const std::string& name) const { return request.componentDir / name; }
+
+    // The payload as a file of its own, and its members unpacked from it.
+    fs::path extract() const {
+        fs::path directory = files / "unpacked";
+        fs::create_directory(directory);
+        const std::string length = std::to_string(Trailer(request.output).payloadBytes);
+        const ProgramResult cut = runProgram({"head", "-c", length, request.output.string()});
+        writeFile(files / "payload.tar", cut.out);
+        const ProgramResult tar =
+            runProgram({"tar", "-xf", (files / "payload.tar").string(), "-C", directory.string()});
+        EXPECT_EQ(tar.exitCode, 0) << tar.err;
+        return directory;
+    }
+
+    void expectSignaturesVerify() const {
+        const fs::path directory = extract();
+        writeFile(files / "public.pem", Trailer(request.output).publicKey);
+        for (const char* name : {"bld_release.bin", "cv22_kavro_qz7.dtb", "ext4", "Image",
+                                 "mcu_flash_app.s19", "mcu_flash_drv.s19", "version_list.acs"}) {
+            const ProgramResult verified = runProgram(
+                {"openssl", "dgst", "-sha256", "-verify", (files / "public.pem").string(), "-signature",
+                 (directory / name).string() + ".sign", (directory / name).string()});
+            EXPECT_EQ(verified.exitCode, 0) << name << ": " << verified.out << verified.err;
+        }
+    }
+
+    const TemporaryDirectory files;
+    PackRequest request = {
+        files / "components", files / "key.pem", files / "out.pkg", {1, 105, 8, 3}, std::nullopt, "", "", ""};
+};
+
+TEST_F(Pack, package_has_exactly_its_size_and_a_gap_that_takes_no_room) {
+    pack();
+    struct stat status = {};
+    ASSERT_EQ(stat(request.output.c_str(), &status), 0);
+    EXPECT_EQ(static_cast<std::uintmax_t>(status.st_size), kPackageBytes);
+    EXPECT_LT(status.st_blocks * 512, 4 * 1024 * 1024);
+}
+
+TEST_F(Pack, every_field_of_the_trailer_is_what_was_asked_for) {
+    request.stamp = "20261121085700";
+    request.ident = "0123456789abcdef0123456789abcdef01234567";
+    request.branch = "release/camera";
+    request.user = "builder@example";
+    const upgradectl::PackSummary summary = pack();
+
+    const Trailer trailer(request.output);
+    EXPECT_EQ(trailer.payloadBytes, summary.payloadBytes);
+    EXPECT_EQ(trailer.md5, summary.md5);
+    EXPECT_EQ(trailer.stamp, "20261121085700");
+    EXPECT_EQ(trailer.ident, "0123456789abcdef0123456789abcdef01234567");
+    EXPECT_EQ(trailer.version, "001105008003");
+    EXPECT_EQ(trailer.branch, "release/camera");
+    EXPECT_EQ(trailer.user, "builder@example");
+}
+
+TEST_F(Pack, public_key_of_the_trailer_belongs_to_the_private_key) {
+    pack();
+    const ProgramResult openssl = runProgram({"openssl", "pkey", "-in", request.key.string(), "-pubout"});
+    EXPECT_EQ(Trailer(request.output).publicKey, openssl.out);
+}
+
+TEST_F(Pack, md5_and_length_of_the_trailer_are_those_of_the_archive) {
+    pack();
+    const Trailer trailer(request.output);
+    extract();
+    EXPECT_EQ(fs::file_size(files / "payload.tar"), trailer.payloadBytes);
+    const ProgramResult md5sum = runProgram({"md5sum", (files / "payload.tar").string()});
+    EXPECT_EQ(md5sum.out.substr(0, 32), trailer.md5);
+}
+
+TEST_F(Pack, archive_holds_the_components_and_their_signatures) {
+    pack();
+    const fs::path directory = extract();
+    EXPECT_EQ(
+        namesIn(directory),
+        (std::vector<std::string>{"Image", "Image.sign", "bld_release.bin", "bld_release.bin.sign",
+                                  "cv22_kavro_qz7.dtb", "cv22_kavro_qz7.dtb.sign", "ext4", "ext4.sign",
+                                  "mcu_flash_app.s19", "mcu_flash_app.s19.sign", "mcu_flash_drv.s19",
+                                  "mcu_flash_drv.s19.sign", "version_list.acs", "version_list.acs.sign"}));
+    for (const char* name : {"bld_release.bin", "ext4", "Image", "mcu_flash_app.s19"}) {
+        EXPECT_EQ(readFile(directory / name), readFile(component(name))) << name;
+    }
+}
+
+TEST_F(Pack, signatures_by_an_ec_key_verify) {
+    pack();
+    expectSignaturesVerify();
+}
+
+TEST_F(Pack, signatures_by_an_rsa_key_of_2048_bits_verify) {
+    makeRsaKey(request.key);
+    EXPECT_EQ(pack().keyDescription, "RSA, 2048 bits");
+    expectSignaturesVerify();
+}
+
+TEST_F(Pack, signatures_by_an_rsa_key_of_4096_bits_verify) {
+    makeRsaKey(request.key, 4096);
+    pack();
+    expectSignaturesVerify();
+}
+
+TEST_F(Pack, a_changed_component_does_not_verify) {
+    pack();
+    const fs::path directory = extract();
+    writeFile(files / "public.pem", Trailer(request.output).publicKey);
+    writeFile(directory / "Image", "another kernel");
+    EXPECT_NE(runProgram({"openssl", "dgst", "-sha256", "-verify", (files / "public.pem").string(),
+                          "-signature", (directory / "Image.sign").string(), (directory / "Image").string()})
+                  .exitCode,
+              0);
+}
+
+TEST_F(Pack, missing_version_list_is_made_with_versions_and_digests) {
+    pack();
+    const std::string list = readFile(extract() / "version_list.acs");
+    EXPECT_EQ(list.substr(0, list.find('\n')), "version V01.105.008.003");
+    const std::string digest = runProgram({"sha256sum", component("Image").string()}).out.substr(0, 64);
+    EXPECT_NE(list.find("sha256 " + digest + " Image\n"), std::string::npos) << list;
+    EXPECT_FALSE(fs::exists(component("version_list.acs")));
+}
+
+TEST_F(Pack, given_version_list_is_taken_as_it_is) {
+    writeFile(component("version_list.acs"), "the build's own list\n");
+    pack();
+    EXPECT_EQ(readFile(extract() / "version_list.acs"), "the build's own list\n");
+}
+
+TEST_F(Pack, a_branch_of_200_bytes_is_stored_whole_and_the_user_behind_it) {
+    request.branch = std::string(200, 'b');
+    request.user = "builder";
+    pack();
+    EXPECT_EQ(Trailer(request.output).branch, request.branch);
+    EXPECT_EQ(Trailer(request.output).user, "builder");
+}
+
+TEST_F(Pack, two_packs_with_an_rsa_key_are_equal_byte_for_byte) {
+    makeRsaKey(request.key);
+    setenv("SOURCE_DATE_EPOCH", "1700000000", 1);
+    pack();
+    const fs::path first = request.output;
+    // Other times, modes and order of the same files.
+    request.componentDir = files / "again";
+    fs::create_directory(request.componentDir);
+    for (const char* name : {"mcu_flash_drv.s19", "mcu_flash_app.s19", "Image", "ext4", "cv22_kavro_qz7.dtb",
+                             "bld_release.bin"}) {
+        writeFile(component(name), readFile(files / "components" / name));
+        fs::permissions(component(name), fs::perms::owner_all);
+    }
+    request.output = files / "second.pkg";
+    pack();
+    unsetenv("SOURCE_DATE_EPOCH");
+    EXPECT_EQ(runProgram({"cmp", first.string(), request.output.string()}).exitCode, 0);
+    EXPECT_EQ(Trailer(first).stamp, "20231114221320");
+}
+
+TEST_F(Pack, default_stamp_is_fourteen_digits_of_the_present) {
+    const std::string before = runProgram({"date", "-u", "+%Y%m%d%H%M%S"}).out.substr(0, 14);
+    pack();
+    const std::string after = runProgram({"date", "-u", "+%Y%m%d%H%M%S"}).out.substr(0, 14);
+    const std::string stamp = Trailer(request.output).stamp;
+    EXPECT_GE(stamp, before);
+    EXPECT_LE(stamp, after);
+}
+
+TEST_F(Pack, source_date_epoch_that_is_no_number_is_refused) {
+    setenv("SOURCE_DATE_EPOCH", "yesterday", 1);
+    expectRefusal(ExitCode::kUsage, "SOURCE_DATE_EPOCH 'yesterday'");
+    unsetenv("SOURCE_DATE_EPOCH");
+}
+
+TEST_F(Pack, tar_options_of_the_environment_change_nothing) {
+    setenv("TAR_OPTIONS", "--gzip", 1);
+    pack();
+    unsetenv("TAR_OPTIONS");
+    EXPECT_EQ(namesIn(extract()).size(), 14U);
+}
+
+TEST_F(Pack, paths_with_blanks_quotes_commands_and_newlines_are_taken_as_they_are) {
+    const std::string awkward = "a b'c\"d$(touch pwned)`id`;*?\\\n-e:f";
+    fs::create_directory(files / awkward);
+    request.componentDir = files / awkward / "comp onents\n";
+    makeComponents(request.componentDir);
+    fs::rename(request.key, files / awkward / "my key.pem");
+    request.key = files / awkward / "my key.pem";
+    request.output = files / awkward / "out 'put'.pkg\n";
+    pack();
+    EXPECT_EQ(fs::file_size(request.output), kPackageBytes);
+    EXPECT_EQ(namesIn(extract()).size(), 14U);
+    EXPECT_FALSE(fs::exists("pwned"));
+}
+
+TEST_F(Pack, temporary_directory_with_blanks_and_quotes_is_left_empty) {
+    const fs::path awkward = files / "tmp 'dir' $(x)";
+    fs::create_directory(awkward);
+    setenv("TMPDIR", awkward.c_str(), 1);
+    pack();
+    unsetenv("TMPDIR");
+    EXPECT_EQ(fs::file_size(request.output), kPackageBytes);
+    EXPECT_TRUE(fs::is_empty(awkward));
+}
+
+TEST_F(Pack, relative_paths_are_taken_from_the_working_directory) {
+    fs::current_path(files.path());
+    request.componentDir = "components";
+    request.key = "key.pem";
+    request.output = "out.pkg";
+    pack();
+    EXPECT_EQ(fs::file_size(files / "out.pkg"), kPackageBytes);
+    fs::current_path("/");
+}
+
+TEST_F(Pack, linked_components_are_packed_as_files) {
+    fs::rename(component("Image"), files / "kernel");
+    fs::create_symlink(files / "kernel", component("Image"));
+    fs::remove(component("ext4"));
+    fs::create_hard_link(component("bld_release.bin"), component("ext4"));
+    pack();
+    const fs::path directory = extract();
+    EXPECT_FALSE(fs::is_symlink(directory / "Image"));
+    EXPECT_EQ(readFile(directory / "Image"), readFile(files / "kernel"));
+    EXPECT_EQ(fs::hard_link_count(directory / "ext4"), 1U);
+    EXPECT_EQ(readFile(directory / "ext4"), readFile(component("bld_release.bin")));
+}
+
+class MissingComponent : public Pack, public testing::WithParamInterface<const char*> {};
+
+TEST_P(MissingComponent, is_refused_by_its_name) {
+    fs::remove(component(GetParam()));
+    expectRefusal(ExitCode::kRefused, "'" + component(GetParam()).string() + "' is missing");
+}
+
+INSTANTIATE_TEST_SUITE_P(Pack, MissingComponent,
+                         testing::Values("bld_release.bin", "cv22_kavro_qz7.dtb", "ext4", "Image",
+                                         "mcu_flash_app.s19", "mcu_flash_drv.s19"));
+
+TEST_F(Pack, directory_as_component_is_refused) {
+    fs::remove(component("ext4"));
+    fs::create_directory(component("ext4"));
+    expectRefusal(ExitCode::kRefused, "'" + component("ext4").string() + "' is no regular file");
+}
+
+TEST_F(Pack, fifo_as_component_is_refused) {
+    fs::remove(component("Image"));
+    ASSERT_EQ(mkfifo(component("Image").c_str(), 0600), 0);
+    expectRefusal(ExitCode::kRefused, "'" + component("Image").string() + "' is no regular file");
+}
+
+TEST_F(Pack, link_to_nothing_as_component_is_refused) {
+    fs::remove(component("Image"));
+    fs::create_symlink("nowhere", component("Image"));
+    expectRefusal(ExitCode::kRefused, "'" + component("Image").string() + "' is a link to nothing");
+}
+
+TEST_F(Pack, link_to_nothing_as_version_list_is_refused) {
+    fs::create_symlink("nowhere", component("version_list.acs"));
+    expectRefusal(ExitCode::kRefused, "version_list.acs' is a link to nothing");
+}
+
+TEST_F(Pack, missing_component_directory_is_refused) {
+    request.componentDir = files / "nowhere";
+    expectRefusal(ExitCode::kRefused, "nowhere' is no directory");
+}
+
+TEST_F(Pack, another_mcu_version_than_the_applications_is_refused) {
+    request.version.mcu = 9;
+    expectRefusal(ExitCode::kRefused, "mcu_flash_app.s19' carries version 8, the package 9");
+}
+
+TEST_F(Pack, mcu_application_that_is_no_s_record_file_is_refused) {
+    writeFile(component("mcu_flash_app.s19"), "not S-records\n");
+    expectRefusal(ExitCode::kRefused, "mcu_flash_app.s19' holds no valid S-records");
+}
+
+TEST_F(Pack, mcu_application_with_a_wrong_checksum_is_refused) {
+    std::string records = mcuApplication(8);
+    const std::size_t digit = records.find('\n') - 1;
+    records[digit] = records[digit] == '0' ? '1' : '0';
+    writeFile(component("mcu_flash_app.s19"), records);
+    expectRefusal(ExitCode::kRefused, "mcu_flash_app.s19' holds no valid S-records");
+}
+
+TEST_F(Pack, mcu_application_without_its_header_is_refused) {
+    writeFile(component("mcu_flash_app.s19"), srecords(0x8000, "code without a header in front"));
+    expectRefusal(ExitCode::kRefused, "mcu_flash_app.s19' is no application");
+}
+
+TEST_F(Pack, mcu_flash_driver_that_is_no_s_record_file_is_refused) {
+    writeFile(component("mcu_flash_drv.s19"), "");
+    expectRefusal(ExitCode::kRefused, "mcu_flash_drv.s19' holds no valid S-records");
+}
+
+TEST_F(Pack, mcu_flash_driver_outside_ram_is_refused) {
+    writeFile(component("mcu_flash_drv.s19"), mcuApplication(8));
+    expectRefusal(ExitCode::kRefused, "mcu_flash_drv.s19' is no flash driver");
+}
+
+TEST_F(Pack, components_larger_than_a_package_are_refused) {
+    fs::resize_file(component("ext4"), kPackageBytes);
+    expectRefusal(ExitCode::kRefused, "the components come to");
+}
+
+TEST_F(Pack, components_that_fit_only_without_signatures_and_headers_are_refused) {
+    // The sum of the sizes is within the limit, the archive is not.
+    const std::uintmax_t others = 5000 + 13 + 70000 + fs::file_size(component("mcu_flash_app.s19")) +
+                                  fs::file_size(component("mcu_flash_drv.s19"));
+    writeFile(component("version_list.acs"), "");
+    fs::resize_file(component("ext4"), kPackageBytes - kTrailerBytes - others);
+    expectRefusal(ExitCode::kRefused, "the components come to");
+}
+
+TEST_F(Pack, missing_key_is_refused) {
+    request.key = files / "nokey.pem";
+    expectRefusal(ExitCode::kRefused, "nokey.pem' cannot be read");
+}
+
+TEST_F(Pack, directory_as_key_is_refused) {
+    request.key = files.path();
+    expectRefusal(ExitCode::kRefused, files.path().string());
+}
+
+TEST_F(Pack, text_that_is_no_key_is_refused) {
+    writeFile(request.key, "no key\n");
+    expectRefusal(ExitCode::kRefused, "key.pem' holds no private key");
+}
+
+TEST_F(Pack, public_key_in_place_of_the_private_one_is_refused) {
+    writeFile(request.key, runProgram({"openssl", "pkey", "-in", request.key.string(), "-pubout"}).out);
+    expectRefusal(ExitCode::kRefused, "key.pem' holds no private key");
+}
+
+TEST_F(Pack, encrypted_key_is_refused_without_asking_for_its_password) {
+    const fs::path encrypted = files / "encrypted.pem";
+    ASSERT_EQ(runProgram({"openssl", "pkey", "-in", request.key.string(), "-aes256", "-passout",
+                          "pass:secret", "-out", encrypted.string()})
+                  .exitCode,
+              0);
+    request.key = encrypted;
+    expectRefusal(ExitCode::kRefused, "encrypted.pem' is encrypted");
+}
+
+TEST_F(Pack, key_that_cannot_sign_a_sha256_digest_is_refused) {
+    ASSERT_EQ(
+        runProgram({"openssl", "genpkey", "-algorithm", "ED25519", "-out", request.key.string()}).exitCode,
+        0);
+    expectRefusal(ExitCode::kRefused, "key.pem' is neither an RSA nor an EC key");
+}
+
+TEST_F(Pack, key_and_texts_beyond_the_trailer_are_refused) {
+    request.branch = std::string(3900, 'b');
+    expectRefusal(ExitCode::kRefused, "do not fit into the trailer");
+}
+
+TEST_F(Pack, output_in_a_missing_directory_is_refused) {
+    request.output = files / "nowhere/out.pkg";
+    expectRefusal(ExitCode::kOther, "nowhere/out.pkg' cannot be created");
+}
+
+TEST_F(Pack, directory_as_output_is_refused) {
+    request.output = files / "components";
+    expectRefusal(ExitCode::kOther, "components' exists and is no regular file");
+}
+
+TEST_F(Pack, fifo_as_output_is_refused) {
+    ASSERT_EQ(mkfifo(request.output.c_str(), 0600), 0);
+    expectRefusal(ExitCode::kOther, "out.pkg' exists and is no regular file");
+}
+
+TEST_F(Pack, output_over_a_component_is_refused) {
+    request.output = component("Image");
+    expectRefusal(ExitCode::kUsage, "is also an input");
+    EXPECT_EQ(fs::file_size(component("Image")), 70000U);
+}
+
+TEST_F(Pack, output_over_the_key_is_refused) {
+    request.output = request.key;
+    expectRefusal(ExitCode::kUsage, "is also an input");
+}
+
+TEST_F(Pack, an_older_package_is_replaced) {
+    writeFile(request.output, "an older package");
+    pack();
+    EXPECT_EQ(fs::file_size(request.output), kPackageBytes);
+}
+
+TEST_F(Pack, a_refused_pack_leaves_an_older_package_alone) {
+    writeFile(request.output, "an older package");
+    fs::remove(component("Image"));
+    expectRefusal(ExitCode::kRefused, "is missing");
+    EXPECT_EQ(readFile(request.output), "an older package");
+}
+
+TEST_F(Pack, a_linked_output_stays_a_link) {
+    writeFile(files / "real.pkg", "");
+    fs::create_symlink("real.pkg", request.output);
+    pack();
+    EXPECT_TRUE(fs::is_symlink(request.output));
+    EXPECT_EQ(fs::file_size(files / "real.pkg"), kPackageBytes);
+}
+
+TEST_F(Pack, an_interrupt_leaves_nothing_behind) {
+    const std::vector<std::string> before = namesIn(files.path());
+    const upgradectl::Interrupts interrupts;
+    std::raise(SIGINT);
+    try {
+        upgradectl::pack(request, interrupts);
+        ADD_FAILURE() << "packed";
+    } catch (const ToolError& error) {
+        EXPECT_EQ(error.exitCode(), ExitCode::kGivenUp);
+    }
+    EXPECT_EQ(namesIn(files.path()), before);
+}
+
+TEST_F(Pack, a_file_size_limit_in_the_way_is_reported_and_leaves_nothing_behind) {
+    // The shell's limit is in blocks of 512 bytes or 1 KiB: either is beyond the archive and below the
+    // package.
+    const std::vector<std::string> before = namesIn(files.path());
+    const ProgramResult result =
+        runProgram({"sh", "-c", "trap '' XFSZ; ulimit -f 20000; exec \"$@\"", "sh", UPGRADECTL, "pack",
+                    "--key", request.key.string(), "--version", "1.105.8.3", "-o", request.output.string(),
+                    request.componentDir.string()});
+    EXPECT_EQ(result.exitCode, 1) << result.err;
+    EXPECT_NE(result.err.find("out.pkg' cannot be written"), std::string::npos) << result.err;
+    EXPECT_EQ(namesIn(files.path()), before);
+}
+
+}  // namespace

@@ -1,0 +1,108 @@
+#include "tools/upgradectl/package_trailer.h"
+
+#include <gtest/gtest.h>
+
+#include "tools/upgradectl/tool_error.h"
+
+namespace {
+
+using upgradectl::encodeTrailer;
+using upgradectl::ExitCode;
+using upgradectl::PackageTrailer;
+using upgradectl::ToolError;
+
+PackageTrailer exampleTrailer() {
+    PackageTrailer trailer;
+    trailer.payloadBytes = 0x0012ABCD;
+    trailer.md5 = "00112233445566778899aabbccddeeff";
+    trailer.publicKey = "KEY";
+    trailer.stamp = "20261121085700";
+    trailer.ident = "0123456789012345678901234567890123456789";
+    trailer.version = {1, 105, 8, 3};
+    trailer.branch = "main";
+    trailer.user = "builder";
+    return trailer;
+}
+
+std::string field(const std::string& block, std::size_t offset, std::size_t size) {
+    return block.substr(offset, size);
+}
+
+template <typename Change>
+void expectRefusal(ExitCode code, const std::string& part, Change change) {
+    PackageTrailer trailer = exampleTrailer();
+    change(trailer);
+    try {
+        upgradectl::requireTrailerFits(trailer);
+        FAIL() << "accepted";
+    } catch (const ToolError& error) {
+        EXPECT_EQ(error.exitCode(), code);
+        EXPECT_NE(std::string(error.what()).find(part), std::string::npos) << error.what();
+        EXPECT_NE(error.next(), "");
+    }
+}
+
+TEST(PackageTrailer, every_field_stands_at_its_offset) {
+    const std::string block = encodeTrailer(exampleTrailer());
+    constexpr std::size_t kKey = 3;
+    constexpr std::size_t kBranch = 4;
+    EXPECT_EQ(block.size(), 4096U);
+    EXPECT_EQ(field(block, 0, 8), "0012ABCD");
+    EXPECT_EQ(field(block, 8, 32), "00112233445566778899aabbccddeeff");
+    EXPECT_EQ(field(block, 40, 8), "00000003");
+    EXPECT_EQ(field(block, 48, kKey), "KEY");
+    EXPECT_EQ(field(block, 48 + kKey, 14), "20261121085700");
+    EXPECT_EQ(field(block, 62 + kKey, 40), "0123456789012345678901234567890123456789");
+    EXPECT_EQ(field(block, 102 + kKey, 12), "001105008003");
+    EXPECT_EQ(field(block, 114 + kKey, 8), "00000004");
+    EXPECT_EQ(field(block, 122 + kKey, kBranch), "main");
+    EXPECT_EQ(field(block, 122 + kKey + kBranch, 8), "00000007");
+    EXPECT_EQ(field(block, 130 + kKey + kBranch, 7), "builder");
+    EXPECT_EQ(block.find_first_not_of('\0', 137 + kKey + kBranch), std::string::npos);
+}
+
+TEST(PackageTrailer, short_texts_are_padded_with_nuls) {
+    PackageTrailer trailer = exampleTrailer();
+    trailer.stamp = "2026";
+    trailer.ident = "";
+    const std::string block = encodeTrailer(trailer);
+    EXPECT_EQ(field(block, 51, 14), "2026" + std::string(10, '\0'));
+    EXPECT_EQ(field(block, 65, 40), std::string(40, '\0'));
+    EXPECT_EQ(field(block, 105, 12), "001105008003");
+}
+
+TEST(PackageTrailer, empty_branch_and_user_have_the_length_zero) {
+    PackageTrailer trailer = exampleTrailer();
+    trailer.branch = "";
+    trailer.user = "";
+    EXPECT_EQ(field(encodeTrailer(trailer), 117, 16), "0000000000000000");
+}
+
+TEST(PackageTrailer, a_stamp_of_15_bytes_is_refused) {
+    expectRefusal(ExitCode::kUsage, "--stamp", [](PackageTrailer& t) { t.stamp = std::string(15, '1'); });
+}
+
+TEST(PackageTrailer, an_ident_of_41_bytes_is_refused) {
+    expectRefusal(ExitCode::kUsage, "--ident", [](PackageTrailer& t) { t.ident = std::string(41, '1'); });
+}
+
+TEST(PackageTrailer, a_user_without_a_branch_is_refused) {
+    expectRefusal(ExitCode::kUsage, "--user 'builder'", [](PackageTrailer& t) { t.branch = ""; });
+}
+
+TEST(PackageTrailer, a_trailer_that_is_just_full_is_accepted) {
+    PackageTrailer trailer = exampleTrailer();
+    trailer.branch = std::string(4096 - 130 - trailer.publicKey.size() - trailer.user.size(), 'b');
+    EXPECT_NO_THROW(upgradectl::requireTrailerFits(trailer));
+    const std::string block = encodeTrailer(trailer);
+    EXPECT_EQ(block.size(), 4096U);
+    EXPECT_EQ(block.substr(4089), "builder");
+}
+
+TEST(PackageTrailer, one_byte_more_than_the_trailer_holds_is_refused) {
+    expectRefusal(ExitCode::kRefused, "do not fit into the trailer", [](PackageTrailer& t) {
+        t.branch = std::string(4096 - 130 - t.publicKey.size() - t.user.size() + 1, 'b');
+    });
+}
+
+}  // namespace

@@ -1,0 +1,115 @@
+// The command line of upgradectl. What the commands do stands in the files of their names.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <functional>
+#include <string>
+
+#include "tools/upgradectl/interrupts.h"
+#include "tools/upgradectl/pack.h"
+#include "tools/upgradectl/package_version.h"
+#include "tools/upgradectl/tool_error.h"
+
+namespace {
+
+using upgradectl::ExitCode;
+using upgradectl::ToolError;
+
+using Action = std::function<void()>;
+
+constexpr const char* kExitCodes =
+    "Exit codes:\n"
+    "  0  done\n"
+    "  1  the machine or the device is not in order (room, permissions, partitions)\n"
+    "  2  wrong command line\n"
+    "  3  the package, or what it is to be made of, was refused; nothing was flashed\n"
+    "  4  flashing failed\n"
+    "  5  given up in time; nothing was flashed\n";
+
+void runPack(const upgradectl::PackRequest& request) {
+    const upgradectl::Interrupts interrupts;
+    const upgradectl::PackSummary summary = upgradectl::pack(request, interrupts);
+    std::printf("package   %s\n", request.output.c_str());
+    std::printf("version   %s\n", upgradectl::formatVersion(request.version).c_str());
+    std::printf("payload   %u bytes, md5 %s\n", summary.payloadBytes, summary.md5.c_str());
+    std::printf("signed    %s\n", summary.keyDescription.c_str());
+}
+
+void addPack(CLI::App& app, Action& chosen) {
+    CLI::App* command = app.add_subcommand("pack", "Make a signed upgrade package out of components");
+    command->footer(
+        "The directory holds bld_release.bin, cv22_kavro_qz7.dtb, ext4, Image, mcu_flash_app.s19,\n"
+        "mcu_flash_drv.s19 and, if wanted, version_list.acs, which is made otherwise.\n"
+        "SOURCE_DATE_EPOCH sets the times in the package.\n\n"
+        "Example:\n"
+        "  upgradectl pack --key signing.pem --version 1.105.8.3 --output camera.pkg components/\n");
+
+    struct Options {
+        upgradectl::PackRequest request;
+        std::string version, stamp;
+    };
+    const auto options = std::make_shared<Options>();
+    command->add_option("COMPONENT_DIR", options->request.componentDir, "Directory of the components")
+        ->required();
+    command->add_option("-o,--output", options->request.output, "Package to write")->required();
+    command->add_option("-k,--key", options->request.key, "Private key (PEM, RSA or EC)")->required();
+    command->add_option("--version", options->version, "Versions as HW.MPU.MCU.BLD, each 0 to 999")
+        ->required();
+    CLI::Option* stamp =
+        command->add_option("--stamp", options->stamp, "Stamp, up to 14 bytes (default: UTC time)");
+    command->add_option("--ident", options->request.ident, "Identifier, up to 40 bytes, such as a commit");
+    command->add_option("--branch", options->request.branch, "Branch text; devices keep 127 bytes");
+    command->add_option("--user", options->request.user, "User text, needs --branch; devices keep 127 bytes");
+
+    command->callback([options, stamp, &chosen] {
+        chosen = [options, stamp] {
+            options->request.version = upgradectl::parseVersion(options->version);
+            if (stamp->count() > 0) {
+                options->request.stamp = options->stamp;
+            }
+            runPack(options->request);
+        };
+    });
+}
+
+void report(const std::string& what, const std::string& next) {
+    std::fprintf(stderr, "upgradectl: %s\n  next: %s\n", what.c_str(), next.c_str());
+}
+
+// CLI11 has exit codes of its own; help and version are no failures.
+ExitCode reportParseResult(const CLI::App& app, const CLI::ParseError& result) {
+    return app.exit(result) == 0 ? ExitCode::kOk : ExitCode::kUsage;
+}
+
+ExitCode runCommandLine(int argc, char** argv) {
+    CLI::App app("Makes upgrade packages and upgrades the device", "upgradectl");
+    app.set_version_flag("--version", "upgradectl " UPGRADECTL_VERSION);
+    app.require_subcommand(1);
+    app.footer(kExitCodes);
+    Action chosen;
+    addPack(app, chosen);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& result) {
+        return reportParseResult(app, result);
+    }
+    chosen();
+    return ExitCode::kOk;
+}
+
+ExitCode runReporting(int argc, char** argv) {
+    try {
+        return runCommandLine(argc, argv);
+    } catch (const ToolError& error) {
+        report(error.what(), error.next());
+        return error.exitCode();
+    } catch (const std::exception& error) {
+        report(error.what(), "check the memory and the storage of this machine");
+        return ExitCode::kOther;
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    return static_cast<int>(runReporting(argc, argv));
+}

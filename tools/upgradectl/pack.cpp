@@ -1,0 +1,169 @@
+#include "tools/upgradectl/pack.h"
+
+#include <cstdlib>
+#include <ctime>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "tools/upgradectl/archive.h"
+#include "tools/upgradectl/components.h"
+#include "tools/upgradectl/output_file.h"
+#include "tools/upgradectl/package_trailer.h"
+#include "tools/upgradectl/signing.h"
+#include "tools/upgradectl/staging.h"
+#include "tools/upgradectl/tool_error.h"
+
+namespace upgradectl {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// The time that a reproducible build sets for everything it makes.
+std::optional<std::time_t> sourceDateEpoch() {
+    const char* text = std::getenv("SOURCE_DATE_EPOCH");
+    if (text == nullptr) {
+        return std::nullopt;
+    }
+    const std::string digits = text;
+    constexpr std::size_t kMaxDigits = 11;  // up to the year 5138, so that a stamp's year has four digits
+    if (digits.empty() || digits.size() > kMaxDigits ||
+        digits.find_first_not_of("0123456789") != std::string::npos) {
+        throw ToolError(ExitCode::kUsage, "SOURCE_DATE_EPOCH '" + digits + "' is not a number of seconds",
+                        "set it to the seconds since 1970, or unset it");
+    }
+    return static_cast<std::time_t>(std::stoll(digits));
+}
+
+std::string utcStamp(std::time_t time) {
+    std::tm parts = {};
+    gmtime_r(&time, &parts);
+    char text[32] = {};
+    std::strftime(text, sizeof(text), "%Y%m%d%H%M%S", &parts);
+    return text;
+}
+
+PackageTrailer describe(const PackRequest& request, const PrivateKey& key) {
+    PackageTrailer trailer;
+    trailer.publicKey = key.publicKeyPem();
+    trailer.stamp = request.stamp ? *request.stamp : utcStamp(sourceDateEpoch().value_or(std::time(nullptr)));
+    trailer.ident = request.ident;
+    trailer.version = request.version;
+    trailer.branch = request.branch;
+    trailer.user = request.user;
+    requireTrailerFits(trailer);
+    return trailer;
+}
+
+void requireApart(const PackRequest& request, const std::vector<Component>& components) {
+    std::vector<fs::path> inputs = {request.key};
+    for (const Component& component : components) {
+        inputs.push_back(component.path);
+    }
+    for (const fs::path& input : inputs) {
+        std::error_code ignored;
+        if (fs::equivalent(request.output, input, ignored)) {
+            throw ToolError(ExitCode::kUsage,
+                            "the output '" + request.output.string() + "' is also an input of the package",
+                            "give another output file");
+        }
+    }
+}
+
+void requirePayloadFits(std::uint64_t bytes) {
+    if (bytes > kMaxPayloadBytes) {
+        throw ToolError(ExitCode::kRefused,
+                        "the components come to " + std::to_string(bytes) + " bytes, a package holds " +
+                            std::to_string(kMaxPayloadBytes),
+                        "make them smaller by " + std::to_string(bytes - kMaxPayloadBytes) + " bytes");
+    }
+}
+
+std::uint64_t totalSize(const std::vector<Component>& components) {
+    std::uint64_t total = 0;
+    for (const Component& component : components) {
+        total += fs::file_size(component.path);
+    }
+    return total;
+}
+
+void writeStaged(const fs::path& path, const std::string& content) {
+    std::ofstream file(path, std::ios::binary);
+    file << content;
+    file.close();
+    if (!file) {
+        throw ToolError(ExitCode::kOther, "'" + path.string() + "' cannot be written",
+                        "make room in the directory for temporary files, or set TMPDIR to another");
+    }
+}
+
+void throwIfInterrupted(const Interrupts& interrupts) {
+    if (interrupts.count() > 0) {
+        throw ToolError(ExitCode::kGivenUp, "interrupted, no package was written", "run the command again");
+    }
+}
+
+// Puts all files of the archive into one directory: links to the components, and their signatures. Returns
+// their names.
+std::vector<std::string> stage(const fs::path& directory, const std::vector<Component>& components,
+                               const PrivateKey& key, const Interrupts& interrupts) {
+    std::vector<std::string> names;
+    for (const Component& component : components) {
+        throwIfInterrupted(interrupts);
+        const std::string signatureName = component.name + ".sign";
+        fs::create_symlink(component.path, directory / component.name);
+        writeStaged(directory / signatureName, key.sign(component.path));
+        names.insert(names.end(), {component.name, signatureName});
+    }
+    return names;
+}
+
+// The version list is made by the build that makes the components; without one there, this is it.
+void completeComponents(std::vector<Component>& components, const fs::path& directory,
+                        const PackageVersion& version) {
+    if (components.size() == kComponentNames.size()) {
+        return;
+    }
+    const fs::path path = directory / (std::string("made-") + kVersionList);
+    writeStaged(path, makeVersionList(components, version));
+    components.push_back({kVersionList, path});
+}
+
+PackSummary writePackage(const PackRequest& request, const Interrupts& interrupts) {
+    const PrivateKey key(request.key);
+    PackageTrailer trailer = describe(request, key);
+    std::vector<Component> components = findComponents(request.componentDir);
+    requireApart(request, components);
+    requirePayloadFits(totalSize(components));
+    checkMcuComponents(components, request.version);
+    OutputFile output(request.output);
+
+    const StagingDirectory staging;
+    completeComponents(components, staging.path(), request.version);
+    const std::vector<std::string> names = stage(staging.path(), components, key, interrupts);
+    writeArchive(output.path(), staging.path(), names, sourceDateEpoch().value_or(0));
+    throwIfInterrupted(interrupts);
+
+    const std::uint64_t payloadBytes = fs::file_size(output.path());
+    requirePayloadFits(payloadBytes);
+    trailer.payloadBytes = static_cast<std::uint32_t>(payloadBytes);
+    trailer.md5 = fileDigest(output.path(), Digest::kMd5);
+    output.writeAt(kMaxPayloadBytes, encodeTrailer(trailer));
+    throwIfInterrupted(interrupts);
+    output.commit();
+    return {trailer.payloadBytes, trailer.md5, key.description()};
+}
+
+}  // namespace
+
+PackSummary pack(const PackRequest& request, const Interrupts& interrupts) {
+    try {
+        return writePackage(request, interrupts);
+    } catch (const fs::filesystem_error& error) {
+        throw ToolError(ExitCode::kOther, error.what(),
+                        "check that the files stay in place while they are packed");
+    }
+}
+
+}  // namespace upgradectl

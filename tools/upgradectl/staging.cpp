@@ -1,0 +1,29 @@
+#include "tools/upgradectl/staging.h"
+
+#include <cstdlib>
+#include <string>
+#include <system_error>
+
+#include "tools/upgradectl/tool_error.h"
+
+namespace upgradectl {
+
+namespace fs = std::filesystem;
+
+StagingDirectory::StagingDirectory() {
+    std::error_code error;
+    const fs::path root = fs::temp_directory_path(error);
+    std::string name = (root / "upgradectl.XXXXXX").string();
+    if (error || mkdtemp(name.data()) == nullptr) {
+        throw ToolError(ExitCode::kOther, "no temporary directory can be made in '" + root.string() + "'",
+                        "check TMPDIR, its permissions and the room there");
+    }
+    directory = name;
+}
+
+StagingDirectory::~StagingDirectory() {
+    std::error_code ignored;
+    fs::remove_all(directory, ignored);
+}
+
+}  // namespace upgradectl
