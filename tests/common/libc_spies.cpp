@@ -1,0 +1,126 @@
+#include "tests/common/libc_spies.h"
+
+#include <dlfcn.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <deque>
+#include <utility>
+
+#include "common/cancellation.h"
+#include "common/export.h"
+
+namespace spy {
+namespace {
+
+// Never destroyed: threads of the code under test sleep until the very end of the process.
+template <typename T>
+T& immortal() {
+    static T* const object = new T;
+    return *object;
+}
+
+struct ThreadCreations {
+    std::mutex mutex;
+    std::deque<bool> failing;
+};
+
+bool nextThreadFails() {
+    auto& creations = immortal<ThreadCreations>();
+    const std::lock_guard<std::mutex> lock(creations.mutex);
+    if (creations.failing.empty()) {
+        return false;
+    }
+    const bool fails = creations.failing.front();
+    creations.failing.pop_front();
+    return fails;
+}
+
+// The function of that name that would have been called without this one.
+template <typename Function>
+Function* next(const char* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+void Sleeps::onSleep(Hook newHook) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    hook = std::move(newHook);
+}
+
+unsigned long Sleeps::count(const std::string& threadName, unsigned long microseconds) const {
+    const std::lock_guard<std::mutex> lock(mutex);
+    return static_cast<unsigned long>(
+        std::count_if(recorded.begin(), recorded.end(), [&](const Sleep& sleep) {
+            return sleep.threadName == threadName && sleep.microseconds == microseconds;
+        }));
+}
+
+unsigned long Sleeps::count(unsigned long microseconds) const {
+    const std::lock_guard<std::mutex> lock(mutex);
+    return static_cast<unsigned long>(
+        std::count_if(recorded.begin(), recorded.end(),
+                      [&](const Sleep& sleep) { return sleep.microseconds == microseconds; }));
+}
+
+void Sleeps::clear() {
+    const std::lock_guard<std::mutex> lock(mutex);
+    recorded.clear();
+}
+
+bool Sleeps::begin(const Sleep& sleep) {
+    Hook current;
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        recorded.push_back(sleep);
+        current = hook;
+    }
+    return !current || current(sleep);
+}
+
+Sleeps& sleeps() {
+    return immortal<Sleeps>();
+}
+
+void failThreads(std::vector<bool> which) {
+    auto& creations = immortal<ThreadCreations>();
+    const std::lock_guard<std::mutex> lock(creations.mutex);
+    creations.failing.assign(which.begin(), which.end());
+}
+
+std::string ownThreadName() {
+    char name[16] = {};
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    return name;
+}
+
+namespace {
+
+// The record is made with cancellation held off; the sleep itself stays the cancellation point that it is.
+bool recordSleep(unsigned long microseconds) {
+    const COMMON_YR::CancelHold hold;
+    return sleeps().begin({microseconds, ownThreadName()});
+}
+
+}  // namespace
+}  // namespace spy
+
+KAVRO_EXPORT unsigned sleep(unsigned seconds) {
+    static auto* const original = spy::next<unsigned(unsigned)>("sleep");
+    return spy::recordSleep(seconds * spy::kSecond) ? original(seconds) : 0;
+}
+
+KAVRO_EXPORT int usleep(useconds_t microseconds) {
+    static auto* const original = spy::next<int(useconds_t)>("usleep");
+    return spy::recordSleep(microseconds) ? original(microseconds) : 0;
+}
+
+KAVRO_EXPORT int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
+                                void* argument) noexcept {
+    using Create = int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+    static auto* const original = spy::next<Create>("pthread_create");
+    return spy::nextThreadFails() ? EAGAIN : original(thread, attributes, body, argument);
+}

@@ -1,0 +1,51 @@
+// Watches and bends two things that code asks of the C library: to sleep, and to start a thread.
+//
+// A test that links `libc_spies` defines sleep, usleep and pthread_create in its own executable; they record
+// the call and pass it on, unless the test says otherwise. So a wait of minutes can be counted in seconds,
+// and a system that has no more threads is at hand. May be used from any thread.
+#pragma once
+
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace spy {
+
+struct Sleep {
+    unsigned long microseconds = 0;
+    std::string threadName;
+};
+
+class Sleeps {
+  public:
+    // Asked before each sleep, on the thread that is about to sleep: false leaves the sleep out. Empty for
+    // none.
+    using Hook = std::function<bool(const Sleep&)>;
+
+    void onSleep(Hook newHook);
+    // How many sleeps of that length the threads of that name began.
+    unsigned long count(const std::string& threadName, unsigned long microseconds) const;
+    unsigned long count(unsigned long microseconds) const;
+    void clear();
+
+    // Records; tells whether to sleep.
+    bool begin(const Sleep& sleep);
+
+  private:
+    mutable std::mutex mutex;
+    std::vector<Sleep> recorded;
+    Hook hook;
+};
+Sleeps& sleeps();
+
+constexpr unsigned long kSecond = 1000000;
+
+// Decides over the next thread creations, one after the other: true lets one fail with EAGAIN. Those after
+// the list succeed.
+void failThreads(std::vector<bool> which);
+
+// The name of the calling thread as /proc shows it.
+std::string ownThreadName();
+
+}  // namespace spy
