@@ -43,6 +43,10 @@ int versionMember(const Json::Value& root, const char* key, const std::string& p
 
 }  // namespace
 
+bool inTwin() {
+    return readFile("/proc/1/comm") == "bwrap\n" && exists("/run/kavro/running_slot");
+}
+
 std::vector<std::string> namesIn(const std::string& directory) {
     std::vector<std::string> names;
     std::error_code ignored;
@@ -76,6 +80,7 @@ L_VERSION_T readVersions(const std::string& path) {
 }
 
 void emptyDevice() {
+    ASSERT_TRUE(inTwin());
     for (const char* directory : {"/config", "/firmware", "/raw", "/tmp"}) {
         emptyDirectory(directory);
     }

@@ -18,6 +18,16 @@
 
 namespace testsupport {
 
+// Whether this process runs in a twin. On a host the device's paths are those of the host itself.
+bool inTwin();
+
+// The base of the cases that work at the device's fixed paths; outside a twin they fail before they do
+// anything.
+class DeviceTest : public testing::Test {
+  protected:
+    void SetUp() override { ASSERT_TRUE(inTwin()) << "run this case through ctest, on a device of its own"; }
+};
+
 inline bool exists(const std::string& path) {
     struct stat status {};
     return lstat(path.c_str(), &status) == 0;
@@ -61,7 +71,7 @@ inline long sizeOf(const std::string& path) {
 // The names in a directory, sorted.
 std::vector<std::string> namesIn(const std::string& directory);
 
-// The content of a version file as the library writes it.
+// The content of a version file.
 std::string versionJson(const L_VERSION_T& version);
 inline void writeVersions(const std::string& path, const L_VERSION_T& version) {
     writeFile(path, versionJson(version));
@@ -72,6 +82,7 @@ constexpr int kNoVersion = -77777777;
 L_VERSION_T readVersions(const std::string& path);
 
 // Removes what is in /config, /firmware, /raw and /tmp, and the factory package; /etc/kavro keeps the rest.
+// Fails outside a twin.
 void emptyDevice();
 
 // The open descriptors of this process, without the one that counts them.

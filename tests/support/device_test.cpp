@@ -61,7 +61,21 @@ TEST(DeviceView, sees_threads_by_name) {
     EXPECT_THAT(testsupport::threadNames(), Not(Contains("seen_thread")));
 }
 
-TEST(DeviceView, a_version_file_holds_the_four_members_as_the_library_writes_them) {
+class Device : public testsupport::DeviceTest {};
+
+TEST_F(Device, is_emptied_but_for_its_factory_settings) {
+    testsupport::writeFile("/firmware/deep/file", "x");
+    testsupport::writeFile("/config/upgraded", "");
+    testsupport::writeFile("/etc/kavro/origin.pkg.tar.gz", "x");
+    testsupport::emptyDevice();
+    for (const char* directory : {"/config", "/firmware", "/raw", "/tmp"}) {
+        EXPECT_TRUE(testsupport::namesIn(directory).empty()) << directory;
+    }
+    EXPECT_FALSE(testsupport::exists("/etc/kavro/origin.pkg.tar.gz"));
+    EXPECT_EQ(testsupport::readVersions("/etc/kavro/version.json").mpu, 104);
+}
+
+TEST(DeviceView, a_version_file_holds_the_four_members) {
     L_VERSION_T version{};
     version.hw = 1;
     version.mpu = 104;

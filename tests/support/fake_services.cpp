@@ -216,6 +216,26 @@ testing::AssertionResult nothingLoggedAtLevel(int level) {
                : failure("something was logged at level " + std::to_string(level));
 }
 
+testing::AssertionResult nothingLoggedWhileCancellable() {
+    for (const LogLine& line : log().lines()) {
+        if (line.cancelEnabled) {
+            return testing::AssertionFailure()
+                   << "logged while it could be cancelled: " << testing::PrintToString(line);
+        }
+    }
+    return testing::AssertionSuccess();
+}
+
+testing::AssertionResult nothingPublishedWhileCancellable() {
+    for (const Message& message : node().messages()) {
+        if (message.cancelEnabled) {
+            return testing::AssertionFailure() << "published while it could be cancelled: state "
+                                               << message.word(3) << " [" << message.threadName << "]";
+        }
+    }
+    return testing::AssertionSuccess();
+}
+
 unsigned long countErrors(const std::string& unit, const std::string& function, const std::string& message,
                           int line) {
     return countErrorLines(unit, function, line, [&](const std::string&) { return message; });

@@ -80,6 +80,11 @@ testing::AssertionResult loggedError(const std::string& unit, const std::string&
 // "file:UNIT, func:FUNCTION line:N UNIT FUNCTION N error!!!\n", both N being the same number.
 testing::AssertionResult loggedStepError(const std::string& unit, const std::string& function,
                                          int line = kAnyLine);
+// No line was logged and no message published by a thread that could have been cancelled meanwhile. For the
+// threads that can be: the main thread of a test counts among them.
+testing::AssertionResult nothingLoggedWhileCancellable();
+testing::AssertionResult nothingPublishedWhileCancellable();
+
 // How many error lines of that shape there are.
 unsigned long countErrors(const std::string& unit, const std::string& function, const std::string& message,
                           int line = kAnyLine);
