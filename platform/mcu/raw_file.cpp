@@ -4,81 +4,48 @@
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cstdint>
 #include <cstring>
 
+#include "platform/utility/file_io.h"
+
 namespace kavro {
 
-RawFile::~RawFile() {
-    if (descriptor >= 0) {
-        ::close(descriptor);
-    }
-}
-
 bool RawFile::open(const std::string& path, int flags) {
-    do {
-        descriptor = ::open(path.c_str(), flags | O_CLOEXEC);
-    } while (descriptor < 0 && errno == EINTR);
-    return descriptor >= 0;
+    descriptor = FileDescriptor(::open(path.c_str(), flags | O_CLOEXEC));
+    return descriptor.valid();
 }
 
 long long RawFile::size() const {
     struct stat status {};
-    if (::fstat(descriptor, &status) != 0) {
+    if (::fstat(descriptor.get(), &status) != 0) {
         return -1;
     }
     if (S_ISREG(status.st_mode)) {
         return status.st_size;
     }
     std::uint64_t bytes = 0;
-    if (!S_ISBLK(status.st_mode) || ::ioctl(descriptor, BLKGETSIZE64, &bytes) != 0) {
+    if (!S_ISBLK(status.st_mode) || ::ioctl(descriptor.get(), BLKGETSIZE64, &bytes) != 0) {
         return -1;
     }
     return static_cast<long long>(bytes);
 }
 
 long RawFile::readAt(void* buffer, std::size_t size, long long offset) const {
-    std::size_t done = 0;
-    while (done < size) {
-        const ssize_t count = ::pread(descriptor, static_cast<char*>(buffer) + done, size - done,
-                                      static_cast<off_t>(offset + static_cast<long long>(done)));
-        if (count == 0) {
-            break;
-        }
-        if (count < 0 && errno != EINTR) {
-            return -1;
-        }
-        done += count > 0 ? static_cast<std::size_t>(count) : 0;
-    }
-    return static_cast<long>(done);
+    return readFullyAt(descriptor.get(), static_cast<char*>(buffer), size, static_cast<off_t>(offset));
 }
 
 bool RawFile::writeAt(const void* data, std::size_t size, long long offset) const {
-    std::size_t done = 0;
-    while (done < size) {
-        const ssize_t count = ::pwrite(descriptor, static_cast<const char*>(data) + done, size - done,
-                                       static_cast<off_t>(offset + static_cast<long long>(done)));
-        if (count == 0) {
-            errno = ENOSPC;
-            return false;
-        }
-        if (count < 0 && errno != EINTR) {
-            return false;
-        }
-        done += count > 0 ? static_cast<std::size_t>(count) : 0;
-    }
-    return true;
+    return writeFullyAt(descriptor.get(), static_cast<const char*>(data), size, static_cast<off_t>(offset));
 }
 
 bool RawFile::flush() const {
-    return ::fsync(descriptor) == 0;
+    return ::fsync(descriptor.get()) == 0;
 }
 
 void RawFile::dropCache() const {
-    ::posix_fadvise(descriptor, 0, 0, POSIX_FADV_DONTNEED);
+    ::posix_fadvise(descriptor.get(), 0, 0, POSIX_FADV_DONTNEED);
 }
 
 std::string fileError(const std::string& path, const std::string& what, int errorNumber) {

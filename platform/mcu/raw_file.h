@@ -5,11 +5,11 @@
 // off.
 #pragma once
 
-#include <sys/types.h>
-
 #include <cstddef>
 #include <functional>
 #include <string>
+
+#include "platform/utility/file_descriptor.h"
 
 namespace kavro {
 
@@ -18,11 +18,6 @@ using KeepGoing = std::function<bool()>;
 
 class RawFile {
   public:
-    RawFile() = default;
-    ~RawFile();
-    RawFile(const RawFile&) = delete;
-    RawFile& operator=(const RawFile&) = delete;
-
     // Opens an existing file with the flags of open(2), close-on-exec. False with errno set. One open per
     // object.
     [[nodiscard]] bool open(const std::string& path, int flags);
@@ -43,7 +38,7 @@ class RawFile {
     void dropCache() const;
 
   private:
-    int descriptor = -1;
+    FileDescriptor descriptor;
 };
 
 // "PATH: WHAT", or "PATH: WHAT: text of errno" when the error number is not 0.

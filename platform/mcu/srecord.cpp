@@ -8,6 +8,7 @@
 #include <limits>
 
 #include "platform/mcu/raw_file.h"
+#include "platform/utility/hex_digit.h"
 
 namespace kavro {
 namespace {
@@ -89,19 +90,6 @@ class LineReader {
     long long offset = 0;
     bool failed = false;
 };
-
-int hexDigit(char character) {
-    if (character >= '0' && character <= '9') {
-        return character - '0';
-    }
-    if (character >= 'A' && character <= 'F') {
-        return character - 'A' + 10;
-    }
-    if (character >= 'a' && character <= 'f') {
-        return character - 'a' + 10;
-    }
-    return -1;
-}
 
 // Converts the digits from the third character of a line on. The line's length must be even.
 bool decodeHex(const std::string& line, std::vector<std::uint8_t>& bytes) {
