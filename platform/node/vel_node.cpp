@@ -5,9 +5,12 @@
 // that does not read loses messages, and nobody else notices.
 #include "common/message_node.h"
 
+#include <fcntl.h>
 #include <nng/nng.h>
 #include <nng/protocol/pubsub0/pub.h>
+#include <sys/file.h>
 
+#include <cerrno>
 #include <memory>
 #include <string>
 
@@ -15,6 +18,7 @@
 #include "common/utility.h"
 #include "platform/config/platform_config.h"
 #include "platform/mcu/mcu_link.h"
+#include "platform/utility/file_descriptor.h"
 
 namespace {
 
@@ -24,22 +28,54 @@ constexpr int kQueuedMessages = 256;
 constexpr int kFailed = -1;
 constexpr int kNotice = 2;
 
-// Owns the socket of one node.
-struct Node {
-    nng_socket socket = NNG_SOCKET_INITIALIZER;
+const std::string kIpcScheme = "ipc://";
+constexpr mode_t kLockMode = 0644;
 
+// Claims an ipc address for one process at a time, by a lock on a file beside the socket. Without it, a
+// second process would make the first one unreachable: nng removes the socket's file when listening on it
+// failed. The lock ends with its process; the file stays. Returns 0 or an error number of nng.
+int claimAddress(const std::string& address, kavro::FileDescriptor& lock) {
+    if (address.rfind(kIpcScheme, 0) != 0) {
+        return 0;
+    }
+    const std::string path = address.substr(kIpcScheme.size()) + ".lock";
+    lock = kavro::FileDescriptor(::open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, kLockMode));
+    if (!lock.valid()) {
+        return NNG_ESYSERR + errno;
+    }
+    return ::flock(lock.get(), LOCK_EX | LOCK_NB) == 0 ? 0 : NNG_EADDRINUSE;
+}
+
+// Owns the socket of one node.
+class Node {
+  public:
     Node() = default;
-    ~Node() { nng_close(socket); }  // the initial value is no socket, which nng_close() refuses
+    ~Node() {
+        nng_close(socket);  // the initial value is no socket, which nng_close() refuses
+    }
     Node(const Node&) = delete;
     Node& operator=(const Node&) = delete;
 
+    // Returns 0 or an error number of nng.
     int listen(const std::string& address) {
-        int result = nng_pub0_open(&socket);
+        int result = claimAddress(address, lock);
+        if (result == 0) {
+            result = nng_pub0_open(&socket);
+        }
         if (result == 0) {
             result = nng_socket_set_int(socket, NNG_OPT_SENDBUF, kQueuedMessages);
         }
         return result == 0 ? nng_listen(socket, address.c_str(), nullptr, 0) : result;
     }
+
+    int publish(const void* message) const {
+        // nng_send() only copies from the buffer, its parameter just lacks the const.
+        return nng_send(socket, const_cast<void*>(message), kVelMsgBytes, NNG_FLAG_NONBLOCK);
+    }
+
+  private:
+    kavro::FileDescriptor lock;  // released after the socket is closed
+    nng_socket socket = NNG_SOCKET_INITIALIZER;
 };
 
 // The microcontroller's link; null with the reason logged. Opened for each call, since a call is rare and so
@@ -79,9 +115,7 @@ int velPublishMsg(void* node, const void* message) {
         return kFailed;
     }
     const COMMON_YR::CancelHold hold;
-    const nng_socket socket = static_cast<const Node*>(node)->socket;
-    // nng_send() only copies from the buffer, its parameter just lacks the const.
-    return nng_send(socket, const_cast<void*>(message), kVelMsgBytes, NNG_FLAG_NONBLOCK) == 0 ? 0 : kFailed;
+    return static_cast<const Node*>(node)->publish(message) == 0 ? 0 : kFailed;
 }
 
 void velDestroyNode(void** node) {

@@ -1,0 +1,340 @@
+// The message node as a subscriber and a publisher see it, and the calls that reach the microcontroller. The
+// device's platform.json names the node's address and the microcontroller's flash.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <nng/nng.h>
+#include <nng/protocol/pubsub0/sub.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/message_node.h"
+#include "tests/platform/captured_log.h"
+#include "tests/support/device.h"
+
+namespace {
+
+const std::string kConfig = "/etc/kavro/platform.json";
+const std::string kSocketPath = "/tmp/kavro-node.ipc";
+const std::string kAddress = "ipc://" + kSocketPath;
+const std::string kMcuFlash = "/dev/kavro-mcu/flash.bin";
+constexpr int kReceiveMs = 20000;
+
+using Message = std::array<unsigned char, kVelMsgBytes>;
+
+Message messageOf(unsigned char first) {
+    Message message{};
+    for (std::size_t index = 0; index < message.size(); ++index) {
+        message[index] = static_cast<unsigned char>(first + index);
+    }
+    return message;
+}
+
+void* openNode() {
+    return getVelNode(258, "upgrade", 0, 0, 2000);
+}
+
+// A subscriber of nng. It has joined when it has received a message: until then the publisher may not know
+// it.
+class Subscriber {
+  public:
+    explicit Subscriber(const std::string& topic = "") {
+        EXPECT_EQ(nng_sub0_open(&socket), 0);
+        EXPECT_EQ(nng_socket_set(socket, NNG_OPT_SUB_SUBSCRIBE, topic.data(), topic.size()), 0);
+        EXPECT_EQ(nng_socket_set_ms(socket, NNG_OPT_RECVTIMEO, kReceiveMs), 0);
+        EXPECT_EQ(nng_dial(socket, kAddress.c_str(), nullptr, 0), 0);
+    }
+    ~Subscriber() { nng_close(socket); }
+    Subscriber(const Subscriber&) = delete;
+    Subscriber& operator=(const Subscriber&) = delete;
+
+    // The bytes of the next message, "" when none comes.
+    std::string receive() {
+        std::array<char, 256> buffer{};
+        std::size_t size = buffer.size();
+        return nng_recv(socket, buffer.data(), &size, 0) == 0 ? std::string(buffer.data(), size)
+                                                              : std::string();
+    }
+
+  private:
+    nng_socket socket{};
+};
+
+std::string textOf(const Message& message) {
+    return {message.begin(), message.end()};
+}
+
+// Publishes until the subscriber has received one of the messages: nng makes a connection known a moment
+// later.
+std::string publishUntilReceived(void* node, Subscriber& subscriber, const Message& message) {
+    std::atomic<bool> received{false};
+    std::thread publisher([&] {
+        while (!received) {
+            EXPECT_EQ(velPublishMsg(node, message.data()), 0);
+            usleep(10000);
+        }
+    });
+    std::string text = subscriber.receive();
+    received = true;
+    publisher.join();
+    return text;
+}
+
+TEST(VelNode, subscriber_gets_the_sixteen_bytes_as_they_are) {
+    void* node = openNode();
+    ASSERT_NE(node, nullptr);
+    Subscriber subscriber;
+    EXPECT_EQ(publishUntilReceived(node, subscriber, messageOf(0xF7)), textOf(messageOf(0xF7)));
+    velDestroyNode(&node);
+    EXPECT_TRUE(testsupport::nothingCaptured());
+}
+
+TEST(VelNode, subscriber_to_the_first_bytes_gets_only_messages_that_begin_so) {
+    void* node = openNode();
+    ASSERT_NE(node, nullptr);
+    const Message wanted = messageOf(10);
+    Subscriber subscriber(textOf(wanted).substr(0, 4));
+    EXPECT_EQ(publishUntilReceived(node, subscriber, wanted), textOf(wanted));
+    for (int round = 0; round < 20; ++round) {
+        ASSERT_EQ(velPublishMsg(node, messageOf(99).data()), 0);
+        ASSERT_EQ(velPublishMsg(node, wanted.data()), 0);
+        ASSERT_EQ(subscriber.receive(), textOf(wanted));
+    }
+    velDestroyNode(&node);
+}
+
+TEST(VelNode, every_subscriber_gets_every_message) {
+    void* node = openNode();
+    ASSERT_NE(node, nullptr);
+    Subscriber first;
+    Subscriber second;
+    EXPECT_EQ(publishUntilReceived(node, first, messageOf(1)), textOf(messageOf(1)));
+    EXPECT_EQ(publishUntilReceived(node, second, messageOf(1)), textOf(messageOf(1)));
+    ASSERT_EQ(velPublishMsg(node, messageOf(2).data()), 0);
+    for (Subscriber* subscriber : {&first, &second}) {
+        std::string text;
+        do {
+            text = subscriber->receive();
+        } while (text == textOf(messageOf(1)));
+        EXPECT_EQ(text, textOf(messageOf(2)));
+    }
+    velDestroyNode(&node);
+}
+
+TEST(VelNode, messages_of_one_thread_arrive_in_order) {
+    void* node = openNode();
+    ASSERT_NE(node, nullptr);
+    Subscriber subscriber;
+    ASSERT_EQ(publishUntilReceived(node, subscriber, messageOf(0)), textOf(messageOf(0)));
+    for (unsigned char number = 1; number <= 30; ++number) {
+        ASSERT_EQ(velPublishMsg(node, messageOf(number).data()), 0);
+    }
+    unsigned char expected = 1;
+    while (expected <= 30) {
+        const std::string text = subscriber.receive();
+        if (text == textOf(messageOf(0))) {
+            continue;
+        }
+        ASSERT_EQ(text, textOf(messageOf(expected)));
+        ++expected;
+    }
+    velDestroyNode(&node);
+}
+
+TEST(VelNode, publishing_without_any_subscriber_succeeds) {
+    void* node = openNode();
+    ASSERT_NE(node, nullptr);
+    for (unsigned char number = 0; number < 100; ++number) {
+        EXPECT_EQ(velPublishMsg(node, messageOf(number).data()), 0);
+    }
+    velDestroyNode(&node);
+}
+
+TEST(VelNode, null_handles_are_accepted_everywhere) {
+    EXPECT_LT(velPublishMsg(nullptr, messageOf(0).data()), 0);
+    velDestroyNode(nullptr);
+    void* node = nullptr;
+    velDestroyNode(&node);
+    EXPECT_EQ(node, nullptr);
+    EXPECT_GE(velSpiDevCtrl(nullptr, true), 0);
+    EXPECT_GE(velSpiDevCtrl(nullptr, false), 0);
+    EXPECT_EQ(velGetMcuVersion(nullptr), 7);
+    EXPECT_TRUE(testsupport::nothingCaptured());
+}
+
+TEST(VelNode, null_message_is_not_published) {
+    void* node = openNode();
+    ASSERT_NE(node, nullptr);
+    EXPECT_LT(velPublishMsg(node, nullptr), 0);
+    velDestroyNode(&node);
+}
+
+TEST(VelNode, destroying_clears_the_handle_and_frees_the_address) {
+    for (int round = 0; round < 3; ++round) {
+        void* node = openNode();
+        ASSERT_NE(node, nullptr);
+        velDestroyNode(&node);
+        EXPECT_EQ(node, nullptr);
+    }
+}
+
+TEST(VelNode, without_an_address_there_is_no_node) {
+    testsupport::writeFile(kConfig, "{}");
+    EXPECT_EQ(openNode(), nullptr);
+    EXPECT_TRUE(testsupport::loggedWith(2, {"getVelNode(upgrade)", kConfig, "names no \"address\""}));
+}
+
+TEST(VelNode, address_that_cannot_be_listened_on_gives_no_node) {
+    for (const std::string address : {"ipc:///nowhere/node.ipc", "nonsense", "ipc://"}) {
+        testsupport::clearCapturedLog();
+        testsupport::writeFile(kConfig, R"({"node": {"address": ")" + address + R"("}})");
+        EXPECT_EQ(openNode(), nullptr) << address;
+        EXPECT_TRUE(testsupport::loggedWith(2, {"getVelNode(upgrade): " + address + ": "}));
+    }
+}
+
+TEST(VelNode, address_of_a_living_publisher_gives_no_second_node) {
+    void* node = openNode();
+    ASSERT_NE(node, nullptr);
+    EXPECT_EQ(openNode(), nullptr);
+    EXPECT_TRUE(testsupport::loggedWith(2, {kAddress, "Address in use"}));
+    Subscriber subscriber;
+    EXPECT_EQ(publishUntilReceived(node, subscriber, messageOf(3)), textOf(messageOf(3)))
+        << "the first one suffered";
+    velDestroyNode(&node);
+}
+
+TEST(VelNode, socket_file_of_a_killed_process_does_not_stop_the_next_one) {
+    std::array<int, 2> ready{};
+    ASSERT_EQ(pipe2(ready.data(), O_CLOEXEC), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        const char opened = openNode() != nullptr ? 'y' : 'n';
+        (void)!write(ready[1], &opened, 1);
+        pause();
+        _exit(0);
+    }
+    char opened = '?';
+    ASSERT_EQ(read(ready[0], &opened, 1), 1);
+    ASSERT_EQ(opened, 'y');
+    ASSERT_EQ(kill(child, SIGKILL), 0);
+    ASSERT_EQ(waitpid(child, nullptr, 0), child);
+    ASSERT_TRUE(testsupport::exists(kSocketPath)) << "nothing stale to test with";
+
+    void* node = openNode();
+    ASSERT_NE(node, nullptr);
+    Subscriber subscriber;
+    EXPECT_EQ(publishUntilReceived(node, subscriber, messageOf(4)), textOf(messageOf(4)));
+    velDestroyNode(&node);
+}
+
+TEST(VelNode, process_that_exits_with_its_node_open_ends) {
+    const pid_t child = fork();
+    if (child == 0) {
+        void* node = openNode();
+        const bool published = node != nullptr && velPublishMsg(node, messageOf(0).data()) == 0;
+        std::exit(published ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
+// Speaks just enough of the wire protocol to be taken for a subscriber, and then never reads.
+int connectSilentSubscriber() {
+    const int connection = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, kSocketPath.c_str(), kSocketPath.size());
+    EXPECT_EQ(connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    const std::array<unsigned char, 8> greeting = {0, 'S', 'P', 0, 0, 0x21, 0, 0};
+    EXPECT_EQ(write(connection, greeting.data(), greeting.size()), 8);
+    std::array<unsigned char, 8> answer{};
+    EXPECT_EQ(read(connection, answer.data(), answer.size()), 8);
+    EXPECT_EQ(answer[5], 0x20) << "no publisher";
+    return connection;
+}
+
+TEST(VelNode, four_threads_publish_past_a_subscriber_that_does_not_read) {
+    constexpr int kThreads = 4;
+    constexpr int kMessages = 20000;
+    void* node = openNode();
+    ASSERT_NE(node, nullptr);
+    const int silent = connectSilentSubscriber();
+    Subscriber reader;
+    ASSERT_EQ(publishUntilReceived(node, reader, messageOf(0)), textOf(messageOf(0)));
+
+    std::atomic<int> published{0};
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < kThreads; ++thread) {
+        threads.emplace_back([&, thread] {
+            const Message message = messageOf(static_cast<unsigned char>(100 + thread));
+            for (int count = 0; count < kMessages; ++count) {
+                published += velPublishMsg(node, message.data()) == 0 ? 1 : 0;
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(published, kThreads * kMessages);
+    EXPECT_EQ(publishUntilReceived(node, reader, messageOf(1)).size(), kVelMsgBytes);
+    velDestroyNode(&node);
+    close(silent);
+}
+
+TEST(VelNode, all_descriptors_are_closed_on_exec) {
+    void* node = openNode();
+    ASSERT_NE(node, nullptr);
+    const int silent = connectSilentSubscriber();
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        const int descriptor = std::stoi(entry.path().filename());
+        std::error_code error;
+        const std::string target = std::filesystem::read_symlink(entry.path(), error);
+        const bool ofTheNode = target.rfind("socket:", 0) == 0 || target.find("event") != std::string::npos;
+        const int flags = fcntl(descriptor, F_GETFD);
+        EXPECT_TRUE(!ofTheNode || (flags & FD_CLOEXEC) != 0) << descriptor << " is " << target;
+    }
+    velDestroyNode(&node);
+    close(silent);
+}
+
+TEST(McuVersion, is_that_of_the_flashed_application) {
+    EXPECT_EQ(velGetMcuVersion(nullptr), 7);
+    std::string flash = testsupport::readFile(kMcuFlash);
+    flash[0x8008] = 9;
+    testsupport::writeFile(kMcuFlash, flash);
+    EXPECT_EQ(velGetMcuVersion(nullptr), 9);
+}
+
+TEST(McuVersion, is_negative_without_a_complete_application) {
+    std::string flash = testsupport::readFile(kMcuFlash);
+    flash[0x8000] = 0;
+    testsupport::writeFile(kMcuFlash, flash);
+    EXPECT_LT(velGetMcuVersion(nullptr), 0);
+    EXPECT_TRUE(testsupport::loggedWith(2, {"velGetMcuVersion", kMcuFlash, "holds no complete application"}));
+}
+
+TEST(McuVersion, is_negative_without_a_microcontroller) {
+    std::filesystem::remove(kMcuFlash);
+    EXPECT_LT(velGetMcuVersion(nullptr), 0);
+    EXPECT_LT(velSpiDevCtrl(nullptr, true), 0);
+    EXPECT_GE(velSpiDevCtrl(nullptr, false), 0);
+    EXPECT_TRUE(testsupport::loggedWith(2, {"velSpiDevCtrl", kMcuFlash, "cannot be opened"}));
+    testsupport::writeFile(kConfig, "{}");
+    EXPECT_LT(velGetMcuVersion(nullptr), 0);
+    EXPECT_LT(velSpiDevCtrl(nullptr, false), 0);
+    EXPECT_TRUE(testsupport::loggedWith(2, {"velGetMcuVersion", kConfig, "names no \"flash\""}));
+}
+
+}  // namespace
