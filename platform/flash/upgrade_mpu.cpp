@@ -146,6 +146,7 @@ class MpuFlasher {
     // No partition may be written twice, and none of the running slot's at all.
     bool checkPartitionsDistinct(std::string& error) const {
         std::vector<std::string> others;
+        others.reserve(2 * kSlotComponents.size() + 1);
         for (const ComponentName& component : kSlotComponents) {
             others.push_back(map.runningPartitions.*component.partition);
         }
