@@ -120,8 +120,7 @@ class AsyncProcTest : public testing::Test {
     }
 };
 
-// --- what a runner is
-// ---------------------------------------------------------------------------------------------
+// --- what a runner is ----------------------------------------------------------------------------
 
 static_assert(std::is_base_of_v<COMMON_YR::UpProc, Runner>);
 static_assert(!std::is_polymorphic_v<COMMON_YR::UpProc>);
@@ -146,8 +145,7 @@ TEST_F(AsyncProcTest, user_pointer_is_kept_and_null_without_one) {
     EXPECT_EQ(without.userPointer, nullptr);
 }
 
-// --- jobs
-// ---------------------------------------------------------------------------------------------------------
+// --- jobs ----------------------------------------------------------------------------------------
 
 TEST_F(AsyncProcTest, callback_gets_result_and_output_of_the_process_function) {
     Runner runner("aRunner", nullptr);
@@ -277,8 +275,7 @@ TEST_F(AsyncProcTest, a_callback_may_use_its_runner) {
     runner.reset();
 }
 
-// --- names
-// --------------------------------------------------------------------------------------------------------
+// --- names ---------------------------------------------------------------------------------------
 
 TEST_F(AsyncProcTest, threads_carry_the_runners_name_and_their_own) {
     Runner runner("aUpgrade", nullptr);
@@ -328,8 +325,7 @@ TEST_F(AsyncProcTest, with_a_user_pointer_alone_the_runner_is_named_aProc_and_sw
     EXPECT_EQ(reports().all().at(0).threadName, "aProc_JOB");
 }
 
-// --- the runner that never sweeps
-// -----------------------------------------------------------------------------------
+// --- the runner that never sweeps ----------------------------------------------------------------
 
 TEST_F(AsyncProcTest, with_neither_name_nor_user_pointer_there_is_no_monitor) {
     const unsigned long before = testsupport::threadCount();
@@ -356,8 +352,7 @@ TEST_F(AsyncProcTest, without_a_monitor_jobs_run_but_stay_listed) {
     EXPECT_EQ(reports().all()[1].threadName, "aProc_1");
 }
 
-// --- sweeping
-// -------------------------------------------------------------------------------------------------------
+// --- sweeping ------------------------------------------------------------------------------------
 
 TEST_F(AsyncProcTest, monitor_sweeps_every_100_ms) {
     const Runner runner("aRunner", nullptr);
@@ -414,8 +409,7 @@ TEST_F(AsyncProcTest, a_running_job_does_not_keep_the_finished_ones_listed) {
     EXPECT_EQ(reports().count(), 3U);
 }
 
-// --- threads that cannot be started
-// -----------------------------------------------------------------------------------
+// --- threads that cannot be started --------------------------------------------------------------
 
 TEST_F(AsyncProcTest, a_job_whose_thread_cannot_start_is_dropped_without_a_word) {
     Runner runner("aRunner", nullptr);
@@ -454,8 +448,7 @@ TEST_F(AsyncProcTest, a_monitor_that_cannot_start_goes_unnoticed) {
     EXPECT_TRUE(fake::nothingLogged());
 }
 
-// --- destruction
-// ------------------------------------------------------------------------------------------------------
+// --- destruction ---------------------------------------------------------------------------------
 
 TEST_F(AsyncProcTest, destruction_waits_for_a_last_sweep_and_stops_the_monitor_without_a_word) {
     const unsigned long threads = testsupport::threadCount();
