@@ -41,6 +41,9 @@ INSTANTIATE_TEST_SUITE_P(
                     UsageError{"pack_without_version", {"pack", "-k", "x", "-o", "y", "/"}},
                     UsageError{"pack_with_a_bad_version",
                                {"pack", "--version", "1.1.1", "-k", "x", "-o", "y", "/"}},
+                    UsageError{"install_without_a_package", {"install"}},
+                    UsageError{"status_with_an_argument", {"status", "x"}},
+                    UsageError{"two_commands", {"status", "activate"}},
                     UsageError{"pack_with_two_directories",
                                {"pack", "--version", "1.1.1.1", "-k", "x", "-o", "y", "/", "/"}}),
     [](const testing::TestParamInfo<UsageError>& test) { return std::string(test.param.name); });
@@ -67,7 +70,8 @@ TEST_P(CommandHelp, has_an_example) {
     EXPECT_TRUE(contains(result.out, "Example:\n  upgradectl " + std::string(GetParam()))) << result.out;
 }
 
-INSTANTIATE_TEST_SUITE_P(Cli, CommandHelp, testing::Values("pack"));
+INSTANTIATE_TEST_SUITE_P(Cli, CommandHelp,
+                         testing::Values("pack", "init", "install", "status", "activate", "rollback"));
 
 TEST(Cli, pack_writes_a_package_and_says_what_is_in_it) {
     const TemporaryDirectory files;

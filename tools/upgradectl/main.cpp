@@ -2,9 +2,13 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <functional>
+#include <memory>
 #include <string>
 
+#include "tools/upgradectl/device_commands.h"
+#include "tools/upgradectl/install.h"
 #include "tools/upgradectl/interrupts.h"
+#include "tools/upgradectl/own_output.h"
 #include "tools/upgradectl/pack.h"
 #include "tools/upgradectl/package_version.h"
 #include "tools/upgradectl/tool_error.h"
@@ -71,8 +75,78 @@ void addPack(CLI::App& app, Action& chosen) {
     });
 }
 
-void report(const std::string& what, const std::string& next) {
-    std::fprintf(stderr, "upgradectl: %s\n  next: %s\n", what.c_str(), next.c_str());
+void addInit(CLI::App& app, Action& chosen) {
+    CLI::App* command = app.add_subcommand("init", "Do what the device's application does after each start");
+    command->footer(
+        "Restores the factory package, where there is one, checks the partitions and writes the current "
+        "versions.\n"
+        "Prints the directory for packages.\n\n"
+        "Example:\n"
+        "  upgradectl init\n");
+    command->callback([&chosen] { chosen = [] { upgradectl::initDevice(upgradectl::OwnOutput()); }; });
+}
+
+void addInstall(CLI::App& app, Action& chosen) {
+    CLI::App* command = app.add_subcommand("install", "Install a package and show the run");
+    command->footer(
+        "Ctrl-C asks to give up, which is possible until flashing begins; afterwards the run goes on.\n"
+        "Does not need 'init' before it.\n\n"
+        "Example:\n"
+        "  upgradectl install /firmware/recv.pkg\n");
+    const auto package = std::make_shared<std::string>();
+    command->add_option("PACKAGE", *package, "Package file")->required();
+    command->callback([package, &chosen] {
+        chosen = [package] {
+            const upgradectl::Interrupts interrupts;
+            upgradectl::install(*package, upgradectl::OwnOutput(), interrupts);
+        };
+    });
+}
+
+void addStatus(CLI::App& app, Action& chosen) {
+    CLI::App* command =
+        app.add_subcommand("status", "Tell versions, state, outcome of the last run and packages");
+    command->footer(
+        "The outcome of the last run stays recorded for the device's application, which reads it once.\n\n"
+        "Example:\n"
+        "  upgradectl status\n");
+    const auto consume = std::make_shared<bool>(false);
+    command->add_flag("--consume", *consume,
+                      "Remove the record of the last run's outcome, as its reader does");
+    command->callback([consume, &chosen] {
+        chosen = [consume] { upgradectl::showStatus(upgradectl::OwnOutput(), *consume); };
+    });
+}
+
+void addActivate(CLI::App& app, Action& chosen) {
+    CLI::App* command =
+        app.add_subcommand("activate", "Make the installed software the one that starts next");
+    command->footer(
+        "Example:\n"
+        "  upgradectl activate\n");
+    command->callback([&chosen] { chosen = [] { upgradectl::activate(upgradectl::OwnOutput()); }; });
+}
+
+void addRollback(CLI::App& app, Action& chosen) {
+    CLI::App* command = app.add_subcommand("rollback", "Go back to the kept package and activate it");
+    command->footer(
+        "Ctrl-C asks to give up, which is possible until flashing begins.\n\n"
+        "Example:\n"
+        "  upgradectl rollback\n");
+    command->callback([&chosen] {
+        chosen = [] {
+            const upgradectl::Interrupts interrupts;
+            upgradectl::rollback(upgradectl::OwnOutput(), interrupts);
+        };
+    });
+}
+
+void report(const ToolError& error) {
+    std::fprintf(stderr, "upgradectl: %s\n", error.what());
+    for (const std::string& line : error.details()) {
+        std::fprintf(stderr, "  device: %s\n", line.c_str());
+    }
+    std::fprintf(stderr, "  next: %s\n", error.next().c_str());
 }
 
 // CLI11 has exit codes of its own; help and version are no failures.
@@ -86,7 +160,9 @@ ExitCode runCommandLine(int argc, char** argv) {
     app.require_subcommand(1);
     app.footer(kExitCodes);
     Action chosen;
-    addPack(app, chosen);
+    for (const auto add : {addPack, addInit, addInstall, addStatus, addActivate, addRollback}) {
+        add(app, chosen);
+    }
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& result) {
@@ -100,10 +176,10 @@ ExitCode runReporting(int argc, char** argv) {
     try {
         return runCommandLine(argc, argv);
     } catch (const ToolError& error) {
-        report(error.what(), error.next());
+        report(error);
         return error.exitCode();
     } catch (const std::exception& error) {
-        report(error.what(), "check the memory and the storage of this machine");
+        report({ExitCode::kOther, error.what(), "check the memory and the storage of this machine"});
         return ExitCode::kOther;
     }
 }

@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace upgradectl {
 
@@ -21,15 +22,22 @@ enum class ExitCode : int {
 class ToolError : public std::runtime_error {
   public:
     // what: one sentence without a full stop that names the file. next: what the user can do about it.
-    ToolError(ExitCode exitCode, const std::string& what, std::string next)
-        : std::runtime_error(what), code(exitCode), nextStep(std::move(next)) {}
+    // details: the device's own words on it, if any.
+    ToolError(ExitCode exitCode, const std::string& what, std::string next,
+              std::vector<std::string> details = {})
+        : std::runtime_error(what),
+          code(exitCode),
+          nextStep(std::move(next)),
+          deviceWords(std::move(details)) {}
 
     ExitCode exitCode() const { return code; }
     const std::string& next() const { return nextStep; }
+    const std::vector<std::string>& details() const { return deviceWords; }
 
   private:
     ExitCode code;
     std::string nextStep;
+    std::vector<std::string> deviceWords;
 };
 
 }  // namespace upgradectl

@@ -1,0 +1,115 @@
+#include <gtest/gtest.h>
+
+#include "tests/tools/device_support.h"
+#include "upgrade/upgrade_proc_pkg.h"
+
+namespace {
+
+using namespace tool_test;
+using testsupport::exists;
+using testsupport::readFile;
+using testsupport::TestPackage;
+using testsupport::writeFile;
+
+TEST(Init, tells_the_directory_for_packages_and_writes_the_version_file) {
+    const ProgramResult result = upgradectl({"init"});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(result.out, "ready, packages go to /firmware\n");
+    EXPECT_TRUE(exists("/config/upgrade_config.json"));
+}
+
+TEST(Status, of_a_new_device_tells_its_versions_and_nothing_else) {
+    const ProgramResult result = upgradectl({"status"});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(result.out,
+              "factory version         V01.104.007.002\n"
+              "current version         V01.104.007.002\n"
+              "state                   idle\n"
+              "last run                none\n"
+              "/firmware/current.pkg   -\n"
+              "/firmware/rollback.pkg  -\n"
+              "/firmware/recv.tar.xz   -\n");
+}
+
+TEST(Status, tells_what_awaits_activation_and_the_packages) {
+    writeFile(kMarker, "");
+    TestPackage().writeTo("/firmware/rollback.pkg");
+    writeFile("/firmware/current.pkg", "short");
+    const ProgramResult result = upgradectl({"status"});
+    EXPECT_TRUE(contains(result.out, "state                   installed, awaits activation\n")) << result.out;
+    EXPECT_TRUE(contains(result.out, "/firmware/rollback.pkg  134217728 bytes\n")) << result.out;
+    EXPECT_TRUE(contains(result.out, "/firmware/current.pkg   5 bytes (not a whole package)\n"))
+        << result.out;
+}
+
+TEST(Status, leaves_the_outcome_of_the_last_run_to_the_application) {
+    writeFile(kLastRun, "rollback_success");
+    EXPECT_TRUE(contains(upgradectl({"status"}).out, "last run                rollback_success\n"));
+    EXPECT_EQ(readFile(kLastRun), "rollback_success");
+}
+
+TEST(Status, consumes_the_outcome_of_the_last_run_on_request) {
+    writeFile(kLastRun, "upgrade_failure");
+    EXPECT_TRUE(
+        contains(upgradectl({"status", "--consume"}).out, "last run                upgrade_failure\n"));
+    EXPECT_FALSE(exists(kLastRun));
+    EXPECT_TRUE(contains(upgradectl({"status"}).out, "last run                none\n"));
+}
+
+TEST(Status, a_damaged_outcome_is_told_as_unknown) {
+    writeFile(kLastRun, "\x1b[2Jgarbage");
+    const ProgramResult result = upgradectl({"status"});
+    EXPECT_TRUE(contains(result.out, "last run                unknown (")) << result.out;
+    EXPECT_FALSE(contains(result.out, "\x1b"));
+}
+
+TEST(Status, without_factory_versions_fails_and_still_tells_the_rest) {
+    std::filesystem::remove("/etc/kavro/version.json");
+    const ProgramResult result = upgradectl({"status"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_TRUE(contains(result.out, "factory version         unknown\n")) << result.out;
+    EXPECT_TRUE(contains(result.out, "state                   idle\n")) << result.out;
+    EXPECT_TRUE(contains(result.err, "'/etc/kavro/version.json' cannot be read")) << result.err;
+}
+
+TEST(Activate, without_an_installed_package_fails_and_says_so) {
+    const ProgramResult result = upgradectl({"activate"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_TRUE(contains(result.err, "no installed package awaits activation")) << result.err;
+    EXPECT_TRUE(contains(result.err, "next: install one")) << result.err;
+}
+
+TEST(Activate, when_nothing_complete_was_flashed_fails_and_keeps_the_marker) {
+    writeFile(kMarker, "");
+    const ProgramResult result = upgradectl({"activate"});
+    EXPECT_EQ(result.exitCode, 1) << result.out;
+    EXPECT_TRUE(contains(result.err, "could not be switched")) << result.err;
+    EXPECT_TRUE(exists(kMarker));
+}
+
+TEST(PackedPackage, is_read_by_the_device_field_for_field) {
+    makeComponents("/tmp/components");
+    makeRsaKey("/tmp/key.pem", 4096);
+    const std::string branch(200, 'b');
+    const ProgramResult packed = upgradectl({"pack", "-k", "/tmp/key.pem", "--version", "1.105.8.3",
+                                             "--stamp", "20261121", "--ident", "0123456789abcdef", "--branch",
+                                             branch, "--user", "builder", "-o", kPackage, "/tmp/components"});
+    ASSERT_EQ(packed.exitCode, 0) << packed.err;
+
+    _UPGRADE_PKG_T info;
+    ASSERT_EQ(read_info_form_pkg(info, kPackage), 0);
+    EXPECT_EQ(std::string(info.stamp), "20261121");
+    EXPECT_EQ(std::string(info.ident), "0123456789abcdef");
+    EXPECT_EQ(info.version.hw, 1);
+    EXPECT_EQ(info.version.mpu, 105);
+    EXPECT_EQ(info.version.mcu, 8);
+    EXPECT_EQ(info.version.bld, 3);
+    EXPECT_EQ(std::string(info.branch), branch.substr(0, 127));
+    EXPECT_EQ(std::string(info.user), "builder");
+    EXPECT_TRUE(
+        contains(packed.out, "payload   " + std::to_string(info.pkg_file_len) + " bytes, md5 " + info.md5))
+        << packed.out;
+    EXPECT_EQ(readFile("/tmp/pubkey"), runProgram({"openssl", "pkey", "-in", "/tmp/key.pem", "-pubout"}).out);
+}
+
+}  // namespace

@@ -1,0 +1,216 @@
+#include <gtest/gtest.h>
+
+#include <csignal>
+
+#include "tests/tools/device_support.h"
+
+namespace {
+
+using namespace tool_test;
+using testsupport::exists;
+using testsupport::readFile;
+using testsupport::sizeOf;
+using testsupport::TestPackage;
+using testsupport::writeFile;
+
+void expectFailure(const ProgramResult& result, int exitCode, const std::string& part) {
+    EXPECT_EQ(result.exitCode, exitCode) << result.out << result.err;
+    EXPECT_TRUE(contains(result.err, part)) << result.err;
+    EXPECT_TRUE(contains(result.err, "\n  next: ")) << result.err;
+}
+
+TEST(Install, a_packed_release_is_installed_activated_and_rolled_back) {
+    packRelease();
+    const ProgramResult first = upgradectl({"install", kPackage});
+    EXPECT_EQ(first.exitCode, 0) << first.err;
+    EXPECT_TRUE(contains(first.out, "stage DONE, state FINISH")) << first.out;
+    EXPECT_TRUE(exists(kMarker));
+    EXPECT_EQ(readFile("/dev/disk/by-partlabel/kernel_b").substr(0, 70000), std::string(70000, 'k'));
+
+    const ProgramResult activated = upgradectl({"activate"});
+    EXPECT_EQ(activated.exitCode, 0) << activated.err;
+    EXPECT_FALSE(exists(kMarker));
+    EXPECT_EQ(sizeOf("/firmware/current.pkg"), 134217728);
+
+    // A second release makes the first one the package to roll back to; its microcontroller differs.
+    TestPackage().setVersions(1, 106, 9, 3).writeTo("/tmp/second.pkg");
+    EXPECT_EQ(upgradectl({"install", "/tmp/second.pkg"}).exitCode, 0);
+    EXPECT_EQ(upgradectl({"activate"}).exitCode, 0);
+    const ProgramResult back = upgradectl({"rollback"});
+    EXPECT_EQ(back.exitCode, 0) << back.err;
+    EXPECT_TRUE(contains(back.out, "stage FLASHING_START")) << back.out;
+    EXPECT_TRUE(contains(back.out, "rolled back, versions now V01.104.008.002")) << back.out;
+    EXPECT_EQ(readFile(kLastRun), "rollback_success");
+}
+
+TEST(Install, stages_are_shown_in_order_and_commands_of_the_library_stay_silent) {
+    packRelease();
+    const ProgramResult result = upgradectl({"install", kPackage});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    const std::size_t init = result.out.find("stage INIT");
+    const std::size_t flashing = result.out.find("stage FLASHING_START");
+    const std::size_t done = result.out.find("stage DONE");
+    EXPECT_LT(init, flashing);
+    EXPECT_LT(flashing, done);
+    EXPECT_NE(done, std::string::npos) << result.out;
+    EXPECT_FALSE(contains(result.out, "Image")) << result.out;
+    EXPECT_FALSE(contains(result.out, "Verified OK")) << result.out;
+}
+
+TEST(Install, on_a_terminal_one_line_is_drawn_again_and_again) {
+    packRelease();
+    const ProgramResult result =
+        runProgram({"script", "-qec", std::string(UPGRADECTL) + " install " + kPackage, "/dev/null"});
+    EXPECT_EQ(result.exitCode, 0) << result.out << result.err;
+    EXPECT_TRUE(contains(result.out, "\r\x1b[K[")) << result.out;
+    EXPECT_TRUE(contains(result.out, "100 %  DONE")) << result.out;
+    EXPECT_FALSE(contains(result.out, "stage DONE")) << result.out;
+}
+
+TEST(Install, a_package_is_found_by_a_relative_path_with_blanks_and_quotes) {
+    packRelease();
+    std::filesystem::create_directory("/tmp/my 'files' $(x)");
+    std::filesystem::rename(kPackage, "/tmp/my 'files' $(x)/re lease.pkg");
+    std::filesystem::current_path("/tmp/my 'files' $(x)");
+    const ProgramResult result = upgradectl({"install", "re lease.pkg"});
+    EXPECT_EQ(result.exitCode, 0) << result.out << result.err;
+}
+
+class GiveUpSignal : public testing::TestWithParam<int> {};
+
+TEST_P(GiveUpSignal, before_flashing_ends_with_exit_code_5_and_nothing_flashed) {
+    packRelease();
+    const std::string before = readFile("/dev/kavro-mcu/flash.bin");
+    Program install({UPGRADECTL, "install", kPackage});
+    ASSERT_TRUE(install.waitForOutput("stage INIT"));
+    kill(install.pid(), GetParam());
+    const ProgramResult result = install.wait();
+    expectFailure(result, 5, "given up");
+    EXPECT_TRUE(contains(result.out, "given up in time")) << result.out;
+    EXPECT_FALSE(exists(kMarker));
+    EXPECT_TRUE(before == readFile("/dev/kavro-mcu/flash.bin"));
+    EXPECT_EQ(readFile(kLastRun), "upgrade_failure");
+}
+
+TEST_P(GiveUpSignal, during_flashing_changes_nothing_however_often_it_comes) {
+    packRelease();
+    Program install({UPGRADECTL, "install", kPackage});
+    ASSERT_TRUE(install.waitForOutput("stage FLASHING_START"));
+    kill(install.pid(), GetParam());
+    ASSERT_TRUE(install.waitForOutput("too late to give up"));
+    kill(install.pid(), GetParam());
+    const ProgramResult result = install.wait();
+    EXPECT_EQ(result.exitCode, 0) << result.out << result.err;
+    EXPECT_TRUE(exists(kMarker));
+}
+
+INSTANTIATE_TEST_SUITE_P(Install, GiveUpSignal, testing::Values(SIGINT, SIGTERM, SIGHUP));
+
+TEST(Install, the_run_after_a_given_up_one_succeeds) {
+    packRelease();
+    Program first({UPGRADECTL, "install", kPackage});
+    ASSERT_TRUE(first.waitForOutput("stage INIT"));
+    kill(first.pid(), SIGINT);
+    EXPECT_EQ(first.wait().exitCode, 5);
+    EXPECT_EQ(upgradectl({"install", kPackage}).exitCode, 0);
+}
+
+TEST(Install, a_reader_that_goes_away_does_not_end_the_run) {
+    packRelease();
+    const ProgramResult result =
+        runProgram({"bash", "-c", "set -o pipefail; \"$@\" | true", "bash", UPGRADECTL, "install", kPackage});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_TRUE(exists(kMarker));
+}
+
+TEST(Install, closed_standard_output_does_not_end_the_run) {
+    packRelease();
+    const ProgramResult result =
+        runProgram({"bash", "-c", "\"$@\" >&-", "bash", UPGRADECTL, "install", kPackage});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_TRUE(exists(kMarker));
+}
+
+TEST(Install, a_missing_package_is_refused) {
+    expectFailure(upgradectl({"install", "/tmp/nowhere.pkg"}), 3, "'/tmp/nowhere.pkg' is missing");
+}
+
+TEST(Install, a_directory_is_refused) {
+    expectFailure(upgradectl({"install", "/tmp"}), 3, "'/tmp' is no regular file");
+}
+
+TEST(Install, a_package_of_another_size_is_refused_before_a_run_begins) {
+    TestPackage().setTotalSize(134217727).writeTo(kPackage);
+    expectFailure(upgradectl({"install", kPackage}), 3, "has 134217727 bytes");
+    EXPECT_FALSE(exists(kLastRun));
+}
+
+class WorkFile : public testing::TestWithParam<const char*> {};
+
+TEST_P(WorkFile, of_a_run_is_refused_as_its_package) {
+    std::filesystem::create_directories("/raw/upgrade");
+    TestPackage().writeTo(GetParam());
+    expectFailure(upgradectl({"install", GetParam()}), 3, "is a file that the run itself replaces");
+    EXPECT_EQ(sizeOf(GetParam()), 134217728);
+}
+
+INSTANTIATE_TEST_SUITE_P(Install, WorkFile,
+                         testing::Values("/firmware/upgrade.pkg", "/firmware/rollback.pkg", "/raw/some.pkg",
+                                         "/raw/upgrade/some.pkg"));
+
+TEST(Install, the_received_package_is_installed_from_where_it_lies) {
+    TestPackage().writeTo("/firmware/recv.tar.xz");
+    EXPECT_EQ(upgradectl({"install", "/firmware/recv.tar.xz"}).exitCode, 0);
+}
+
+TEST(Install, a_damaged_payload_is_refused) {
+    TestPackage().flipPayloadByte(1000).writeTo(kPackage);
+    expectFailure(upgradectl({"install", kPackage}), 3, "'/tmp/release.pkg' is damaged");
+}
+
+TEST(Install, a_wrong_signature_is_refused_with_the_name_of_the_component) {
+    TestPackage().corruptSignature("ext4").writeTo(kPackage);
+    const ProgramResult result = upgradectl({"install", kPackage});
+    expectFailure(result, 3, "signature that does not verify");
+    EXPECT_TRUE(contains(result.err, "device: verify_signature 'ext4' fail!")) << result.err;
+}
+
+TEST(Install, a_missing_component_is_refused) {
+    TestPackage().omit("Image").writeTo(kPackage);
+    expectFailure(upgradectl({"install", kPackage}), 3, "lacks a component");
+}
+
+TEST(Install, a_component_larger_than_its_partition_fails_in_flashing) {
+    constexpr std::size_t kMoreThanThePartition = 2 << 20;
+    TestPackage()
+        .setComponent("cv22_kavro_qz7.dtb", std::string(kMoreThanThePartition, 'd'))
+        .writeTo(kPackage);
+    expectFailure(upgradectl({"install", kPackage}), 4, "could not be flashed");
+    EXPECT_EQ(readFile(kLastRun), "upgrade_failure");
+}
+
+TEST(Rollback, without_a_kept_package_is_refused) {
+    expectFailure(upgradectl({"rollback"}), 3, "'/firmware/rollback.pkg' is missing or damaged");
+}
+
+TEST(Rollback, a_kept_package_of_another_size_is_refused) {
+    writeFile("/firmware/rollback.pkg", "short");
+    const ProgramResult result = upgradectl({"rollback"});
+    expectFailure(result, 3, "is missing or damaged");
+    EXPECT_TRUE(contains(result.err, "device: rollback.pkg size error!")) << result.err;
+}
+
+TEST(Rollback, of_a_damaged_package_is_refused_before_flashing) {
+    TestPackage().setVersions(1, 103, 6, 2).flipPayloadByte(1000).writeTo("/firmware/rollback.pkg");
+    expectFailure(upgradectl({"rollback"}), 3, "'/firmware/rollback.pkg' is damaged");
+}
+
+TEST(Rollback, can_be_given_up_before_flashing) {
+    TestPackage().setVersions(1, 103, 6, 2).writeTo("/firmware/rollback.pkg");
+    Program rollback({UPGRADECTL, "rollback"});
+    ASSERT_TRUE(rollback.waitForOutput("stage INIT"));
+    kill(rollback.pid(), SIGINT);
+    expectFailure(rollback.wait(), 5, "given up");
+}
+
+}  // namespace

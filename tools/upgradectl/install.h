@@ -1,0 +1,19 @@
+// Installing a package on the device, and going back to the kept one: the commands that make a run.
+#pragma once
+
+#include <filesystem>
+
+#include "tools/upgradectl/interrupts.h"
+#include "tools/upgradectl/own_output.h"
+
+namespace upgradectl {
+
+// Installs a package and shows the run. Throws ToolError: refused, flashing failed, given up.
+// UPGRADE_init is not called: it belongs to the start of the device, and a run does not depend on it.
+void install(const std::filesystem::path& package, const OwnOutput& output, const Interrupts& interrupts);
+
+// Rolls back to the kept package and activates it, by a run that is shown or, when the microcontroller
+// already runs its version, at once. Throws ToolError.
+void rollback(const OwnOutput& output, const Interrupts& interrupts);
+
+}  // namespace upgradectl
