@@ -39,7 +39,8 @@ class Copier {
     Copier(int from, int to, const CancelHold& cancelHold) : source(from), sink(to), hold(cancelHold) {}
 
     // Everything from the current positions to the source's end, for what has no size or no positions.
-    bool copyStream();
+    // Returns the number of bytes, negative on failure.
+    off_t copyStream();
     // The range, which the source must fill.
     bool copyRange(off_t begin, off_t end);
     // As copyRange(0, size), leaving out the source's holes. The sink must be empty.
@@ -66,15 +67,16 @@ char* Copier::buffer() {
     return memory.data();
 }
 
-bool Copier::copyStream() {
+off_t Copier::copyStream() {
     char* const block = buffer();
-    for (;;) {
+    for (off_t total = 0;;) {
         const ssize_t count = kavro::readFully(source, block, kMemoryBlock);
         if (count < 0 || !kavro::writeFully(sink, block, static_cast<std::size_t>(count))) {
-            return false;
+            return -1;
         }
+        total += count;
         if (count < kMemoryBlock) {
-            return true;
+            return total;
         }
         hold.checkpoint();
     }
@@ -190,23 +192,19 @@ bool setPermissions(int copy, mode_t sourceMode) {
     return fchmod(copy, sourceMode & kPermissionBits) == 0 || errno == EPERM;
 }
 
-bool copyInPlace(int from, const struct stat& source, const kavro::Destination& destination, int to,
-                 const CancelHold& hold) {
-    Copier copier(from, to, hold);
-    return destination.isSpecial() ? copier.copyStream() : copier.copyRange(0, source.st_size);
-}
-
-// The new file beside the destination.
-bool copyBeside(int from, const struct stat& source, const kavro::Destination& destination, int to,
-                const CancelHold& hold) {
-    if (!setPermissions(to, source.st_mode) || !makeRoom(destination, to, source)) {
-        return false;
+// Gives an update that has begun its content. Returns the content's size, negative on failure.
+off_t copyContent(int from, const struct stat& source, const kavro::Destination& destination,
+                  const kavro::FileUpdate& update, const CancelHold& hold) {
+    Copier copier(from, update.fd(), hold);
+    const off_t size = source.st_size;
+    if (destination.isSpecial() || size == 0) {  // a file of /proc has the size 0 whatever it holds
+        return copier.copyStream();
     }
-    Copier copier(from, to, hold);
-    if (source.st_size == 0) {
-        return copier.copyStream();  // empty, or a file of /proc
-    }
-    return copier.copySegments(source.st_size) && ftruncate(to, source.st_size) == 0;
+    // A file that is written in place has old content where the source has holes.
+    const bool copied = update.writesInPlace()
+                            ? copier.copyRange(0, size)
+                            : copier.copySegments(size) && ftruncate(update.fd(), size) == 0;
+    return copied ? size : -1;
 }
 
 bool isDirectory(const std::string& path) {
@@ -236,11 +234,12 @@ int cpFile(std::string src, std::string dst) {
     if (!update.begin(*destination, source.st_size, kPrivateMode, &source)) {
         return -1;
     }
-    const auto copy = update.writesInPlace() ? copyInPlace : copyBeside;
-    if (!copy(from.get(), source, *destination, update.fd(), hold) || !update.commit(source.st_size)) {
+    if (!update.writesInPlace() &&
+        !(setPermissions(update.fd(), source.st_mode) && makeRoom(*destination, update.fd(), source))) {
         return -1;
     }
-    return 0;
+    const off_t copied = copyContent(from.get(), source, *destination, update, hold);
+    return copied >= 0 && update.commit(copied) ? 0 : -1;
 }
 
 int mvFile(std::string src, std::string dst) {

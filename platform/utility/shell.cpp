@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <string_view>
 
@@ -18,12 +19,9 @@ namespace {
 
 constexpr const char* kShell = "/bin/sh";
 
-// The kernel refuses an argument longer than this, with its end, whatever room the environment leaves.
-constexpr std::size_t kMaxArgument = 128 << 10;
-
 // Reads the command from descriptor kScriptDescriptor, closes that, and goes on as if it had been the
 // argument.
-constexpr const char* kRunScript = "kavro_command=$(cat <&3); exec 3<&-; eval \"$kavro_command\"";
+constexpr const char* kRunScript = "kavro_command=$(cat <&3) || exit 127; exec 3<&-; eval \"$kavro_command\"";
 static_assert(kavro::ChildProcess::kScriptDescriptor == 3);
 
 bool startShell(kavro::ChildProcess& shell, const char* command, int script) {
@@ -31,10 +29,17 @@ bool startShell(kavro::ChildProcess& shell, const char* command, int script) {
     return shell.start(kShell, arguments, script);
 }
 
+// For a command that is too long for an argument. The kernel has no limit that could be asked for beforehand:
+// one applies to the argument alone (128 KiB), another to all arguments together with the environment.
 bool startLongCommand(kavro::ChildProcess& shell, std::string_view command) {
     const kavro::FileDescriptor script(memfd_create("command", MFD_CLOEXEC));
     return script.valid() && kavro::writeFullyAt(script.get(), command.data(), command.size(), 0) &&
            startShell(shell, kRunScript, script.get());
+}
+
+bool startCommand(kavro::ChildProcess& shell, const kavro::FormattedText& command) {
+    return startShell(shell, command.text.get(), -1) ||
+           (errno == E2BIG && startLongCommand(shell, command.view()));
 }
 
 }  // namespace
@@ -50,9 +55,7 @@ int runSystem(const char* format, ...) {
     }
 
     kavro::ChildProcess shell;
-    const bool started = command.length < kMaxArgument ? startShell(shell, command.text.get(), -1)
-                                                       : startLongCommand(shell, command.view());
-    return started && shell.succeeds(hold) ? 0 : -1;
+    return startCommand(shell, command) && shell.succeeds(hold) ? 0 : -1;
 }
 
 }  // namespace COMMON_YR

@@ -1,0 +1,388 @@
+// Errors that a healthy machine does not produce. The system calls below take the place of libc's for the
+// library.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <stdio.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+
+#include "common/utility.h"
+#include "tests/support/temp_dir.h"
+
+namespace {
+
+// A call that fails with `error` from its `from`th use on (1 the first), `times` times.
+struct Fault {
+    int error = 0;
+    int from = 1;
+    int times = 1 << 30;
+    std::atomic<int> calls = 0;
+
+    bool strikes() {
+        const int call = ++calls;
+        if (error == 0 || call < from || call >= from + times) {
+            return false;
+        }
+        errno = error;
+        return true;
+    }
+};
+
+struct Faults {
+    Fault fsync;
+    Fault rename;
+    Fault copyFileRange;
+    Fault syncFileRange;
+    Fault pwrite;
+    Fault pread;
+    Fault write;
+    Fault close;
+    Fault spawn;
+    Fault fchmod;
+    bool shortPwrites = false;
+    bool copyFileRangeSeesNothing = false;
+    bool preadSeesNothing = false;
+    bool copyFileRangeInBits = false;
+};
+Faults* faults = nullptr;
+
+bool strikes(Fault Faults::*fault) {
+    return faults != nullptr && (faults->*fault).strikes();
+}
+
+}  // namespace
+
+#pragma GCC visibility push(default)
+extern "C" {
+
+int fsync(int fd) {
+    return strikes(&Faults::fsync) ? -1 : static_cast<int>(syscall(SYS_fsync, fd));
+}
+
+int rename(const char* from, const char* to) noexcept {
+    return strikes(&Faults::rename) ? -1
+                                    : static_cast<int>(syscall(SYS_renameat, AT_FDCWD, from, AT_FDCWD, to));
+}
+
+ssize_t copy_file_range(int from, off64_t* fromAt, int to, off64_t* toAt, size_t length, unsigned flags) {
+    if (strikes(&Faults::copyFileRange)) {
+        return -1;
+    }
+    if (faults != nullptr && faults->copyFileRangeSeesNothing) {
+        return 0;
+    }
+    if (faults != nullptr && faults->copyFileRangeInBits) {
+        length = std::min<size_t>(length, 70001);
+    }
+    return syscall(SYS_copy_file_range, from, fromAt, to, toAt, length, flags);
+}
+
+int sync_file_range(int fd, off64_t offset, off64_t length, unsigned flags) {
+    if (strikes(&Faults::syncFileRange)) {
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_sync_file_range, fd, offset, length, flags));
+}
+
+ssize_t pwrite(int fd, const void* data, size_t length, off_t offset) {
+    if (strikes(&Faults::pwrite)) {
+        return -1;
+    }
+    const bool isShort = faults != nullptr && faults->shortPwrites && length > 1;
+    return syscall(SYS_pwrite64, fd, data, isShort ? length / 2 : length, offset);
+}
+
+ssize_t pread(int fd, void* buffer, size_t length, off_t offset) {
+    if (strikes(&Faults::pread)) {
+        return -1;
+    }
+    const bool seesNothing = faults != nullptr && faults->preadSeesNothing;
+    return seesNothing ? 0 : syscall(SYS_pread64, fd, buffer, length, offset);
+}
+
+ssize_t write(int fd, const void* data, size_t length) {
+    return fd > STDERR_FILENO && strikes(&Faults::write) ? -1 : syscall(SYS_write, fd, data, length);
+}
+
+int close(int fd) {
+    const auto result = static_cast<int>(syscall(SYS_close, fd));
+    return strikes(&Faults::close) ? -1 : result;
+}
+
+int fchmod(int fd, mode_t mode) noexcept {
+    return strikes(&Faults::fchmod) ? -1 : static_cast<int>(syscall(SYS_fchmod, fd, mode));
+}
+
+// Fails as posix_spawn does: by its result.
+int posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_actions_t* actions,
+                const posix_spawnattr_t* attributes, char* const arguments[], char* const environment[]) {
+    if (strikes(&Faults::spawn)) {
+        return errno;
+    }
+    return posix_spawnp(pid, path, actions, attributes, arguments, environment);
+}
+}
+#pragma GCC visibility pop
+
+namespace {
+
+using COMMON_YR::cpFile;
+using COMMON_YR::runSystem;
+using kavro_test::patterned;
+using kavro_test::slurp;
+using kavro_test::spill;
+using kavro_test::TempDir;
+
+using Names = std::vector<std::string>;
+
+class FaultTest : public testing::Test {
+  protected:
+    FaultTest() {
+        spill(source, content);
+        spill(destination, "old");
+        faults = &fault;
+    }
+    ~FaultTest() override { faults = nullptr; }
+    FaultTest(const FaultTest&) = delete;
+    FaultTest& operator=(const FaultTest&) = delete;
+
+    void expectCopyFails() {
+        EXPECT_LT(cpFile(source, destination), 0);
+        faults = nullptr;
+        EXPECT_TRUE(slurp(destination) == "old");
+        EXPECT_EQ(directory.names(), (Names{"destination", "source"}));
+    }
+    void expectCopyWorks() {
+        EXPECT_EQ(cpFile(source, destination), 0);
+        faults = nullptr;
+        EXPECT_TRUE(slurp(destination) == content);
+        EXPECT_EQ(directory.names(), (Names{"destination", "source"}));
+    }
+    long write(std::string text) const {
+        return COMMON_YR::writeFile(destination.c_str(), text.data(), text.size(), false);
+    }
+    void expectWriteFails() {
+        EXPECT_LT(write("new"), 0);
+        faults = nullptr;
+        EXPECT_TRUE(slurp(destination) == "old");
+        EXPECT_EQ(directory.names(), (Names{"destination", "source"}));
+    }
+
+    Faults fault;
+    const TempDir directory;
+    const std::string source = directory / "source";
+    const std::string destination = directory / "destination";
+    const std::string content = patterned(20000001);
+};
+
+using CpFileFault = FaultTest;
+
+TEST_F(CpFileFault, error_found_only_when_flushing_is_a_failure) {
+    for (const int error : {EIO, ENOSPC, EDQUOT}) {
+        faults = &fault;
+        fault.fsync.error = error;
+        expectCopyFails();
+    }
+    EXPECT_GT(fault.fsync.calls, 0);
+}
+
+TEST_F(CpFileFault, error_of_the_early_write_back_is_a_failure) {
+    fault.syncFileRange.error = EIO;
+    fault.syncFileRange.from = 2;
+    fault.syncFileRange.times = 1;
+    expectCopyFails();
+}
+
+TEST_F(CpFileFault, early_write_back_is_not_needed) {
+    fault.syncFileRange.error = ENOSYS;
+    expectCopyWorks();
+}
+
+TEST_F(CpFileFault, failed_rename_is_a_failure) {
+    fault.rename.error = EIO;
+    expectCopyFails();
+}
+
+TEST_F(CpFileFault, directory_that_cannot_be_flushed_is_a_failure) {
+    fault.fsync.error = EIO;
+    fault.fsync.from = 2;
+    EXPECT_LT(cpFile(source, destination), 0);
+    faults = nullptr;
+    EXPECT_EQ(directory.names(), (Names{"destination", "source"}));
+}
+
+TEST_F(CpFileFault, error_on_closing_is_a_failure) {
+    fault.close.error = EIO;
+    fault.close.times = 1;
+    EXPECT_LT(cpFile(source, destination), 0);
+}
+
+TEST_F(CpFileFault, kernel_that_cannot_copy_is_replaced_by_a_loop) {
+    for (const int error : {EXDEV, ENOSYS, EINVAL, EOPNOTSUPP, EPERM}) {
+        SCOPED_TRACE(error);
+        spill(destination, "old");
+        faults = &fault;
+        fault.copyFileRange.error = error;
+        expectCopyWorks();
+    }
+    EXPECT_EQ(fault.copyFileRange.calls, 5) << "it is asked once a copy";
+}
+
+TEST_F(CpFileFault, kernel_that_stops_copying_half_way_is_replaced_by_a_loop) {
+    fault.copyFileRange.error = EXDEV;
+    fault.copyFileRange.from = 3;
+    expectCopyWorks();
+}
+
+TEST_F(CpFileFault, kernel_that_sees_nothing_to_copy_is_replaced_by_a_loop) {
+    fault.copyFileRangeSeesNothing = true;
+    expectCopyWorks();
+}
+
+TEST_F(CpFileFault, kernel_that_copies_less_than_asked_goes_on) {
+    fault.copyFileRangeInBits = true;
+    expectCopyWorks();
+}
+
+TEST_F(CpFileFault, kernel_that_is_interrupted_is_asked_again) {
+    fault.copyFileRange.error = EINTR;
+    fault.copyFileRange.from = 2;
+    fault.copyFileRange.times = 3;
+    expectCopyWorks();
+}
+
+TEST_F(CpFileFault, error_of_the_kernel_copy_is_a_failure) {
+    for (const int error : {EIO, ENOSPC}) {
+        faults = &fault;
+        fault.copyFileRange.error = error;
+        fault.copyFileRange.calls = 0;
+        fault.copyFileRange.from = 3;
+        expectCopyFails();
+    }
+}
+
+TEST_F(CpFileFault, error_in_the_loop_is_a_failure) {
+    for (Fault Faults::*call : {&Faults::pwrite, &Faults::pread}) {
+        for (const int error : {EIO, ENOSPC}) {
+            faults = &fault;
+            fault.copyFileRange.error = EXDEV;
+            (fault.*call).error = error;
+            (fault.*call).calls = 0;
+            (fault.*call).from = 5;
+            expectCopyFails();
+            (fault.*call).error = 0;
+        }
+    }
+}
+
+TEST_F(CpFileFault, short_and_interrupted_writes_in_the_loop_go_on) {
+    fault.copyFileRange.error = EXDEV;
+    fault.shortPwrites = true;
+    fault.pwrite.error = EINTR;
+    fault.pwrite.from = 4;
+    fault.pwrite.times = 2;
+    expectCopyWorks();
+}
+
+TEST_F(CpFileFault, source_that_ends_early_is_a_failure) {
+    fault.copyFileRangeSeesNothing = true;
+    fault.preadSeesNothing = true;
+    expectCopyFails();
+}
+
+TEST_F(CpFileFault, file_system_without_modes_gets_the_content) {
+    fault.fchmod.error = EPERM;
+    expectCopyWorks();
+}
+
+using MvFileFault = FaultTest;
+
+TEST_F(MvFileFault, failed_copy_to_another_file_system_leaves_the_source) {
+    fault.rename.error = EXDEV;
+    fault.rename.times = 1;
+    fault.copyFileRange.error = EIO;
+    EXPECT_LT(COMMON_YR::mvFile(source, destination), 0);
+    faults = nullptr;
+    EXPECT_TRUE(slurp(source) == content);
+    EXPECT_TRUE(slurp(destination) == "old");
+}
+
+TEST_F(MvFileFault, copy_to_another_file_system_removes_the_source) {
+    fault.rename.error = EXDEV;
+    fault.rename.times = 1;
+    EXPECT_EQ(COMMON_YR::mvFile(source, destination), 0);
+    faults = nullptr;
+    EXPECT_TRUE(slurp(destination) == content);
+    EXPECT_EQ(directory.names(), Names{"destination"});
+}
+
+using WriteFileFault = FaultTest;
+
+TEST_F(WriteFileFault, error_found_only_when_flushing_is_a_failure) {
+    fault.fsync.error = EIO;
+    expectWriteFails();
+}
+
+TEST_F(WriteFileFault, error_while_writing_is_a_failure) {
+    for (const int error : {EIO, ENOSPC}) {
+        faults = &fault;
+        fault.write.error = error;
+        expectWriteFails();
+    }
+}
+
+TEST_F(WriteFileFault, interrupted_write_goes_on) {
+    fault.write.error = EINTR;
+    fault.write.times = 3;
+    EXPECT_EQ(write("new"), 3);
+    faults = nullptr;
+    EXPECT_EQ(slurp(destination), "new");
+}
+
+TEST_F(WriteFileFault, failed_rename_is_a_failure) {
+    fault.rename.error = EIO;
+    expectWriteFails();
+}
+
+using CreateFileFault = FaultTest;
+
+TEST_F(CreateFileFault, new_file_that_cannot_be_flushed_is_removed) {
+    fault.fsync.error = EIO;
+    EXPECT_LT(COMMON_YR::createFile((directory / "marker").c_str(), 0), 0);
+    EXPECT_LT(COMMON_YR::createFile(destination.c_str(), 3), 0);
+    EXPECT_EQ(directory.names(), (Names{"destination", "source"}));
+}
+
+using ReadFault = FaultTest;
+
+TEST_F(ReadFault, error_while_reading_is_negative) {
+    fault.pread.error = EIO;
+    char buffer[4];
+    EXPECT_LT(COMMON_YR::readFileToBufferByOffset(source.c_str(), 0, 4, buffer), 0);
+    fault.pread.error = EINTR;
+    fault.pread.calls = 0;
+    fault.pread.times = 3;
+    EXPECT_EQ(COMMON_YR::readFileToBufferByOffset(source.c_str(), 0, 4, buffer), 4);
+    EXPECT_EQ(std::memcmp(buffer, content.data(), 4), 0);
+}
+
+using RunSystemFault = FaultTest;
+
+TEST_F(RunSystemFault, command_that_cannot_be_started_is_negative) {
+    for (const int error : {EAGAIN, ENOMEM, ENOENT, E2BIG}) {
+        fault.spawn.error = error;
+        EXPECT_LT(runSystem("true"), 0);
+    }
+    fault.spawn.error = 0;
+    EXPECT_EQ(runSystem("true"), 0);
+}
+
+}  // namespace
