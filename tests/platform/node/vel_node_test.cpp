@@ -151,6 +151,22 @@ TEST(VelNode, messages_of_one_thread_arrive_in_order) {
     velDestroyNode(&node);
 }
 
+TEST(VelNode, subscriber_hears_the_next_publisher_after_the_first_one_ended) {
+    void* node = openNode();
+    ASSERT_NE(node, nullptr);
+    Subscriber subscriber;
+    EXPECT_EQ(publishUntilReceived(node, subscriber, messageOf(1)), textOf(messageOf(1)));
+    velDestroyNode(&node);
+    node = openNode();
+    ASSERT_NE(node, nullptr);
+    std::string text;
+    do {
+        text = publishUntilReceived(node, subscriber, messageOf(2));
+    } while (text == textOf(messageOf(1)));
+    EXPECT_EQ(text, textOf(messageOf(2)));
+    velDestroyNode(&node);
+}
+
 TEST(VelNode, publishing_without_any_subscriber_succeeds) {
     void* node = openNode();
     ASSERT_NE(node, nullptr);
@@ -241,7 +257,8 @@ TEST(VelNode, socket_file_of_a_killed_process_does_not_stop_the_next_one) {
 TEST(VelNode, process_that_exits_with_its_node_open_ends) {
     const pid_t child = fork();
     if (child == 0) {
-        void* node = openNode();
+        static void* node = nullptr;  // still in reach at the end, so no leak
+        node = openNode();
         const bool published = node != nullptr && velPublishMsg(node, messageOf(0).data()) == 0;
         std::exit(published ? 0 : 1);
     }
