@@ -22,6 +22,15 @@
 #include "tests/platform/captured_log.h"
 #include "tests/support/device.h"
 
+#if defined(__SANITIZE_THREAD__)
+// nng counts the references to a message by atomic operations, which ThreadSanitizer does not see in a
+// library that was built without it: it would take the last free() of a message for a race with another
+// connection's send.
+extern "C" __attribute__((visibility("default"))) const char* __tsan_default_options() {
+    return "ignore_noninstrumented_modules=1";
+}
+#endif
+
 namespace {
 
 const std::string kConfig = "/etc/kavro/platform.json";
@@ -284,7 +293,7 @@ int connectSilentSubscriber() {
 
 TEST(VelNode, four_threads_publish_past_a_subscriber_that_does_not_read) {
     constexpr int kThreads = 4;
-    constexpr int kMessages = 20000;
+    constexpr int kMessages = 5000;  // far more than the queues and the socket hold
     void* node = openNode();
     ASSERT_NE(node, nullptr);
     const int silent = connectSilentSubscriber();
