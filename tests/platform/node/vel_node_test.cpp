@@ -302,6 +302,7 @@ TEST(VelNode, four_threads_publish_past_a_subscriber_that_does_not_read) {
 
     std::atomic<int> published{0};
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     for (int thread = 0; thread < kThreads; ++thread) {
         threads.emplace_back([&, thread] {
             const Message message = messageOf(static_cast<unsigned char>(100 + thread));
