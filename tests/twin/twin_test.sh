@@ -327,7 +327,7 @@ test_show_tells_what_is_on_the_device() {
     : >device/config/upgraded
     printf 'package' >device/firmware/current.pkg
     boot_state b true true
-    "$twin" show device >shown.txt
+    "$twin" show device --digests >shown.txt
     local line
     for line in 'versions  *1\.105\.7\.2 ' 'version record  *none ' 'microcontroller  *7 ' 'running slot  *a' \
         'next start  *b (whole images: a true, b true)' 'last run  *upgrade_success ' 'to be activated  *yes ' \
@@ -335,6 +335,12 @@ test_show_tells_what_is_on_the_device() {
         "  kernel_a  *33554432  sha256 $(head -c 32M /dev/zero | sha256sum | head -c 16)"; do
         grep -q "^$line" shown.txt || die "no line '$line' in: $(cat shown.txt)"
     done
+}
+
+test_show_without_digests_names_the_same_files() {
+    new_twin
+    printf 'package' >device/firmware/current.pkg
+    diff <("$twin" show device | sed 's/ *$//') <("$twin" show device --digests | sed 's/ *sha256.*//')
 }
 
 test_show_reports_no_microcontroller_version_without_a_header() {

@@ -56,12 +56,12 @@ shown() {
     twin show "$device" | sed -n "s/^$1  *//p" | sed 's/ (.*//'
 }
 
-# expect_content PLACE VERSION: a slot, the boot loader or the microcontroller holds what that release is made of.
+# expect_content PLACE VERSION: a slot, the boot loader or the microcontroller holds what is in that package.
 expect_content() {
-    if twin compare "$device" "$1" "$work/release-$2"; then
-        printf '  ok    %s holds release %s\n' "$1" "$2"
+    if twin compare "$device" "$1" "$work/in-package-$2"; then
+        printf '  ok    %s holds what is in the package %s\n' "$1" "$2"
     else
-        printf '  FAIL  %s does not hold release %s\n' "$1" "$2"
+        printf '  FAIL  %s does not hold what is in the package %s\n' "$1" "$2"
         failures=$((failures + 1))
     fi
 }
@@ -93,8 +93,12 @@ make_packages() {
         "$upgradectl" pack --output "$work/$version.pkg" --key "$work/release-key.pem" --version "$version" \
             --stamp 20261121120000 --branch main --user demo "$work/release-$version"
         expect "size of $version.pkg" "$(stat -c %s "$work/$version.pkg")" "$package_bytes"
+        mkdir "$work/in-package-$version"
+        tar -xf "$work/$version.pkg" -C "$work/in-package-$version"
+        expect "components in $version.pkg that differ from the release" \
+            "$(diff -rq "$work/release-$version" "$work/in-package-$version" | grep -v '\.sign$' || echo none)" none
     done
-    ls -l "$work/release-$new"
+    ls -l "$work/in-package-$new"
 }
 
 make_device() {
@@ -102,7 +106,7 @@ make_device() {
     twin create "$device" --hw 1 --mpu 104 --mcu 7 --bld 2 --components "$work/release-$old"
     cp "$work/$old.pkg" "$device/firmware/current.pkg"
     on_device init
-    twin show "$device"
+    twin show "$device" --digests
     expect "versions" "$(shown versions)" "$old"
     expect_content a "$old"
     remember "before"
@@ -167,7 +171,7 @@ roll_back() {
 
 check_old_runs() {
     on_device status
-    twin show "$device"
+    twin show "$device" --digests
     expect "running slot" "$(shown 'running slot')" a
     expect "versions" "$(shown versions)" "$old"
     expect "version record" "$(shown 'version record')" "$old"
