@@ -2,12 +2,12 @@
 
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
-#include <regex>
 
 #include "common/cancellation.h"
 #include "common/utility.h"
@@ -39,17 +39,35 @@ PrintLog devicesPrintLog() {
     return kNext;
 }
 
+bool beginsWith(const std::string& text, const std::string& start) {
+    return text.compare(0, start.size(), start) == 0;
+}
+
+// Without "file:UNIT, func:FUNCTION line:NUMBER " in front and punctuation at the end.
+std::string messageOf(std::string line) {
+    const std::size_t number = line.find(" line:");
+    if (beginsWith(line, "file:") && number != std::string::npos) {
+        line.erase(0, std::min(line.find(' ', number + 1), line.size() - 1) + 1);
+    }
+    line.erase(line.find_last_not_of("\n ;") + 1);
+    return line;
+}
+
+// "UNIT FUNCTION NUMBER error!!!": says where a step failed, not why.
+bool isStepLine(const std::string& message) {
+    static const std::string kEnd = " error!!!";
+    return beginsWith(message, "upgrade/") && message.size() > kEnd.size() &&
+           message.compare(message.size() - kEnd.size(), kEnd.size(), kEnd) == 0;
+}
+
 void keep(const std::string& line) {
-    static const std::regex kPlace("^file:.*?, func:.*? line:[0-9]+ ");
-    static const std::regex kStepOnly("^\\S+ \\S+ [0-9]+ error!!!\\s*$");
-    std::string text = std::regex_replace(line, kPlace, "");
-    if (std::regex_match(text, kStepOnly)) {
+    const std::string message = messageOf(line);
+    if (isStepLine(message)) {
         return;
     }
-    text.erase(text.find_last_not_of("\n ;") + 1);
     const std::lock_guard<std::mutex> lock(lines().mutex);
     if (lines().texts.size() < kMostLines) {
-        lines().texts.push_back(text);
+        lines().texts.push_back(message);
     }
 }
 

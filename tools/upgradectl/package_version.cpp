@@ -1,8 +1,9 @@
 #include "tools/upgradectl/package_version.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
-#include <regex>
+#include <string>
 
 #include "tools/upgradectl/tool_error.h"
 
@@ -10,21 +11,52 @@ namespace upgradectl {
 
 namespace {
 
-ToolError badVersion(const std::string& text) {
-    return {ExitCode::kUsage, "'" + text + "' is not a version",
-            "give four numbers from 0 to 999 as HW.MPU.MCU.BLD, for example 1.105.8.3"};
+constexpr std::size_t kMostDigits = 3;  // so every number read is within range
+
+bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+// Reads a number of one to three digits that the text begins with and takes it off; negative when there is
+// none.
+int takeNumber(std::string& text) {
+    std::size_t digits = 0;
+    while (digits < std::min(text.size(), kMostDigits) && isDigit(text[digits])) {
+        ++digits;
+    }
+    if (digits == 0) {
+        return -1;
+    }
+    const int number = std::stoi(text.substr(0, digits));
+    text.erase(0, digits);
+    return number;
+}
+
+bool takeCharacter(std::string& text, char wanted) {
+    if (text.empty() || text.front() != wanted) {
+        return false;
+    }
+    text.erase(0, 1);
+    return true;
 }
 
 }  // namespace
 
 PackageVersion parseVersion(const std::string& text) {
-    // Up to three digits each, so every match is within range.
-    static const std::regex kForm("V?([0-9]{1,3})\\.([0-9]{1,3})\\.([0-9]{1,3})\\.([0-9]{1,3})");
-    std::smatch numbers;
-    if (!std::regex_match(text, numbers, kForm)) {
-        throw badVersion(text);
+    std::string rest = text;
+    takeCharacter(rest, 'V');
+    PackageVersion version;
+    bool valid = true;
+    for (int* number : {&version.hw, &version.mpu, &version.mcu, &version.bld}) {
+        valid = valid && (number == &version.hw || takeCharacter(rest, '.'));
+        *number = takeNumber(rest);
+        valid = valid && *number >= 0;
     }
-    return {std::stoi(numbers[1]), std::stoi(numbers[2]), std::stoi(numbers[3]), std::stoi(numbers[4])};
+    if (!valid || !rest.empty()) {
+        throw ToolError(ExitCode::kUsage, "'" + text + "' is not a version",
+                        "give four numbers from 0 to 999 as HW.MPU.MCU.BLD, for example 1.105.8.3");
+    }
+    return version;
 }
 
 std::string formatVersion(const PackageVersion& version) {
