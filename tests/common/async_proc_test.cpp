@@ -1,6 +1,5 @@
 #include "common/async_proc.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -19,9 +18,6 @@
 
 namespace {
 
-using testing::Contains;
-using testing::ElementsAre;
-using testing::Not;
 using testsupport::eventually;
 using testsupport::Gate;
 
@@ -113,6 +109,8 @@ class AsyncProcTest : public testing::Test {
         const std::vector<std::string> names = testsupport::threadNames();
         return std::count(names.begin(), names.end(), name) != 0;
     }
+    // A thread that nobody is meant to join.
+    static void giveUp(pthread_t thread) { EXPECT_EQ(pthread_detach(thread), 0); }
     static Input waitingFor(Gate& gate, int value = 1) {
         Input input(value);
         input.work = [&gate] { gate.pass(); };
@@ -338,9 +336,11 @@ TEST_F(AsyncProcTest, without_a_monitor_jobs_run_but_stay_listed) {
     // The thread objects of jobs that are still listed are left alone: here they stay with the runner.
     static auto* const runner = new Runner(nullptr, nullptr);
     Input input(4);
-    runner->run(input, &reportBack, nullptr, &doWork);
-    runner->run(input, &reportBack, nullptr, &doWork);
-    ASSERT_TRUE(eventually([] { return reports().count() == 2; }));
+    for (unsigned i = 1; i <= 2; ++i) {
+        runner->run(input, &reportBack, nullptr, &doWork);
+        ASSERT_TRUE(eventually([i] { return reports().count() == i; }));
+        giveUp(spy::lastThread());
+    }
     EXPECT_TRUE(eventually([] { return !threadIsThere("aProc_0") && !threadIsThere("aProc_1"); }));
     {
         // Meanwhile another runner has swept.
@@ -443,6 +443,7 @@ TEST_F(AsyncProcTest, a_monitor_that_cannot_start_goes_unnoticed) {
     Input input(1);
     runner->run(input, &reportBack, "JOB", &doWork);
     EXPECT_TRUE(eventually([] { return reports().count() == 1; }));
+    giveUp(spy::lastThread());
     EXPECT_FALSE(threadIsThere("aRunner_AMon"));
     EXPECT_EQ(runner->jobCount(), 1U);
     EXPECT_TRUE(fake::nothingLogged());
@@ -506,7 +507,6 @@ TEST_F(AsyncProcTest, destruction_tells_of_a_job_still_listed) {
     }
     ASSERT_EQ(fake::log().lines().size(), 1U);
     EXPECT_TRUE(fake::logged(2, "AsyncProc(aUpgrade) has 1 thrd not deleted!\n"));
-    abandoned().gate.open();
 }
 
 TEST_F(AsyncProcTest, destruction_tells_the_number_of_jobs_still_listed) {
@@ -520,7 +520,6 @@ TEST_F(AsyncProcTest, destruction_tells_the_number_of_jobs_still_listed) {
     }
     EXPECT_EQ(fake::log().lines().size(), 1U);
     EXPECT_TRUE(fake::logged(2, "AsyncProc(aProc) has 3 thrd not deleted!\n"));
-    abandoned().gate.open();
 }
 
 TEST_F(AsyncProcTest, a_job_still_listed_at_destruction_is_left_alone_and_reports_later) {
@@ -528,6 +527,7 @@ TEST_F(AsyncProcTest, a_job_still_listed_at_destruction_is_left_alone_and_report
         Runner runner("aRunner", nullptr);
         Input input(6);
         runner.run(input, &reportBack, "JOB", &waitAbandoned);
+        giveUp(spy::lastThread());
     }
     EXPECT_EQ(reports().count(), 0U);
     EXPECT_EQ(Input::alive, 1);
@@ -545,6 +545,7 @@ TEST_F(AsyncProcTest, a_finished_job_that_no_monitor_swept_is_told_too) {
         Runner runner(nullptr, nullptr);
         Input input(1);
         runner.run(input, &reportBack, "JOB", &waitAbandoned);
+        giveUp(spy::lastThread());
         abandoned().gate.open();
         ASSERT_TRUE(eventually([] { return reports().count() == 1; }));
     }

@@ -25,6 +25,7 @@ T& immortal() {
 struct ThreadCreations {
     std::mutex mutex;
     std::deque<bool> failing;
+    pthread_t last = {};
 };
 
 bool nextThreadFails() {
@@ -36,6 +37,12 @@ bool nextThreadFails() {
     const bool fails = creations.failing.front();
     creations.failing.pop_front();
     return fails;
+}
+
+void recordThread(pthread_t thread) {
+    auto& creations = immortal<ThreadCreations>();
+    const std::lock_guard<std::mutex> lock(creations.mutex);
+    creations.last = thread;
 }
 
 // The function of that name that would have been called without this one.
@@ -91,6 +98,12 @@ void failThreads(std::vector<bool> which) {
     creations.failing.assign(which.begin(), which.end());
 }
 
+pthread_t lastThread() {
+    auto& creations = immortal<ThreadCreations>();
+    const std::lock_guard<std::mutex> lock(creations.mutex);
+    return creations.last;
+}
+
 std::string ownThreadName() {
     char name[16] = {};
     pthread_getname_np(pthread_self(), name, sizeof name);
@@ -122,5 +135,12 @@ KAVRO_EXPORT int pthread_create(pthread_t* thread, const pthread_attr_t* attribu
                                 void* argument) noexcept {
     using Create = int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
     static auto* const original = spy::next<Create>("pthread_create");
-    return spy::nextThreadFails() ? EAGAIN : original(thread, attributes, body, argument);
+    if (spy::nextThreadFails()) {
+        return EAGAIN;
+    }
+    const int result = original(thread, attributes, body, argument);
+    if (result == 0) {
+        spy::recordThread(*thread);
+    }
+    return result;
 }

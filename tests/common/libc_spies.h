@@ -5,6 +5,8 @@
 // and a system that has no more threads is at hand. May be used from any thread.
 #pragma once
 
+#include <pthread.h>
+
 #include <functional>
 #include <mutex>
 #include <string>
@@ -44,6 +46,9 @@ constexpr unsigned long kSecond = 1000000;
 // Decides over the next thread creations, one after the other: true lets one fail with EAGAIN. Those after
 // the list succeed.
 void failThreads(std::vector<bool> which);
+
+// The thread that was created last: for a test that has to give up a thread which code leaves behind on purpose.
+pthread_t lastThread();
 
 // The name of the calling thread as /proc shows it.
 std::string ownThreadName();
