@@ -145,8 +145,9 @@ class Parser {
             reason = "holds no record";
             return false;
         }
-        if (!ended) {
-            reason = "the end record is missing";
+        // Either one shows that the file is whole; some tools write no end record, others no count.
+        if (!ended && !counted) {
+            reason = "the end record is missing, and there is no count of records";
             return false;
         }
         std::stable_sort(pieces.begin(), pieces.end(),

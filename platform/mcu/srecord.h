@@ -1,12 +1,14 @@
 // Reader of Motorola S-record files, in which the microcontroller's application and its flash driver are
 // delivered. Used by the flash driver of the microcontroller and by the packing tool.
 //
-//     S t c c a a a a [a a [a a]] d d ... k k
-//     | |  |       |                 |     checksum: complement of the low byte of the sum of all bytes
-//     before it | |  |       |                 data | |  |       address, 2 to 4 bytes by type, most
-//     significant first | |  number of bytes that follow (address, data, checksum) | type: 0 header; 1, 2, 3
-//     data with an address of 2, 3, 4 bytes; 5, 6 number of data records so far in 2, 3 |   bytes; 7, 8, 9
-//     end of the file, with a start address of 4, 3, 2 bytes every record stands on a line of its own
+//     S t cc aaaa.. dd.. kk        one record a line, all but the S in hexadecimal digits
+//
+//     t   type: 0 header; 1, 2, 3 data with an address of 2, 3, 4 bytes; 5, 6 the number of data records so far,
+//         in 2, 3 bytes; 7, 8, 9 the end, with a start address of 4, 3, 2 bytes
+//     cc  how many bytes follow: address, data and checksum
+//     a   address, most significant byte first
+//     d   data
+//     kk  checksum: complement of the low byte of the sum of all bytes from cc on
 #pragma once
 
 #include <cstddef>
@@ -27,17 +29,17 @@ struct Segment {
 };
 
 struct SRecordFile {
-    std::string header;             // the text of the header record, "" without one
-    std::vector<Segment> segments;  // in the order of their addresses, none empty, none touching another
-    std::uint32_t startAddress = 0;
+    std::string header;              // the text of the header record, "" without one
+    std::vector<Segment> segments;   // in the order of their addresses, none empty, none touching another
+    std::uint32_t startAddress = 0;  // of the end record, 0 without one
 };
 
 // The most data that a file may hold in total, unless a caller sets another limit: keeps the memory bounded.
 inline constexpr std::size_t kSRecordDataLimit = std::size_t{16} << 20;
 
 // Reads a file and checks every record: type, length, digits, checksum, count of records. A header may only
-// be the first record; nothing may follow a count but the end; the end record must be there, once, as the
-// last one. Bytes given twice are refused. Lines end in LF or CR LF; empty lines mean nothing. Returns
+// be the first record; nothing may follow a count but the end, and nothing the end; one of the two must be
+// there. Bytes given twice are refused. Lines end in LF or CR LF; empty lines mean nothing. Returns
 // nothing, and in error a text with the file and the number of the line, when something is wrong.
 std::optional<SRecordFile> readSRecords(const std::string& path, std::string& error,
                                         std::size_t dataLimit = kSRecordDataLimit);

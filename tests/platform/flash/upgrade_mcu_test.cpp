@@ -126,7 +126,7 @@ TEST_F(Mcu, damaged_records_are_refused_with_their_line) {
     expectRefused({kApplication + ": line 4: the checksum is wrong"});
     putRelease(9);
     testsupport::writeFile(kDriver, testsupport::sRecord(3, kavro::kMcuRamStart, {1}) + "\n");
-    expectRefused({kDriver + ": line 1: the end record is missing"});
+    expectRefused({kDriver + ": line 1: the end record is missing, and there is no count of records"});
 }
 
 TEST_F(Mcu, overlapping_data_is_refused) {

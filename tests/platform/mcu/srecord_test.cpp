@@ -213,8 +213,16 @@ TEST_F(SRecords, count_and_end_records_with_data_are_refused) {
     expectRefused(sRecord(1, 0, {1}) + "\n" + sRecord(9, 0, {0}) + "\n", "line 2: the end record holds data");
 }
 
-TEST_F(SRecords, missing_end_record_is_refused) {
-    expectRefused(kHeader + "S1051000AABB85\n", "line 2: the end record is missing");
+TEST_F(SRecords, count_of_records_does_for_a_missing_end_record) {
+    const auto file = read(kHeader + "S1051000AABB85\n" + sRecord(5, 1) + "\n");
+    ASSERT_TRUE(file) << error;
+    EXPECT_EQ(file->segments.size(), 1U);
+    EXPECT_EQ(file->startAddress, 0U);
+}
+
+TEST_F(SRecords, neither_end_record_nor_count_is_refused) {
+    expectRefused(kHeader + "S1051000AABB85\n",
+                  "line 2: the end record is missing, and there is no count of records");
 }
 
 TEST_F(SRecords, record_behind_the_end_record_is_refused) {
