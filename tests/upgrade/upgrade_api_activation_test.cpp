@@ -29,7 +29,6 @@ namespace {
 
 using fake::logged;
 using fake::loggedError;
-using fake::notLogged;
 using runtest::kUnit;
 using runtest::removedLine;
 using testing::PrintToString;
@@ -414,6 +413,18 @@ TEST_F(Rollback, goes_by_the_recorded_version_when_the_microcontroller_is_silent
     older().writeTo(UpgradeProc::rollbackPkg);
     testsupport::writeVersions(UpgradeProc::currentCfg, {1, 104, 6, 2});
     expectRolledBackAtOnce();
+}
+
+TEST_F(Rollback, that_needs_no_run_is_taken_for_done_after_an_activation_in_this_process) {
+    older().writeTo(UpgradeProc::rollbackPkg);
+    fake::mcuVersion().returns(6);
+    proc().setActivated(true);
+    EXPECT_EQ(UPGRADE_rollback_mpu(), 0);
+    EXPECT_TRUE(logged(2, "activated again;\n"));
+    EXPECT_EQ(switches(), 0U);
+    EXPECT_TRUE(exists(UpgradeProc::rollbackPkg));
+    // The next process finds the marker and makes the switch.
+    EXPECT_TRUE(UPGRADE_isUpgraded());
 }
 
 TEST_F(Rollback, with_a_failing_switch_fails_and_keeps_the_package) {

@@ -13,7 +13,6 @@ namespace {
 
 using fake::logged;
 using fake::loggedError;
-using fake::notLogged;
 using runtest::removedLine;
 using testsupport::exists;
 using testsupport::readFile;

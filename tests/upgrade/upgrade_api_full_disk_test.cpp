@@ -10,7 +10,6 @@
 namespace {
 
 using fake::loggedError;
-using testsupport::exists;
 using testsupport::readFile;
 using testsupport::writeFile;
 

@@ -42,17 +42,21 @@ constexpr const char* kNextPackage = "/tmp/next.pkg";
 constexpr int kGivenUp = 1;
 constexpr int kTooLate = 2;
 
-// A command that has helpers of its own in the background, one of them the child of another, and does not
-// listen to polite signals. Only while the run is to be given up: otherwise it is the real one.
+// A command that has helpers of its own in the background, one of them the child of another, that does not
+// listen to polite signals, and that goes on when the shell that started it is gone. Only while the run is to
+// be given up: otherwise it is the real one.
 std::string slowCommand(const std::string& program, const std::string& before, const std::string& after) {
     return "[ -e " + std::string(kSlowMark) + " ] || exec " + program +
            " \"$@\"\n"
            "trap '' TERM HUP INT\n"
            "sleep 300 & one=$!\n"
            "sh -c 'sleep 300 & echo $! >\"$0\"; wait' /tmp/helper.$$ & two=$!\n"
+           "until [ -s /tmp/helper.$$ ]; do sleep 0.01; done\n"
            "sleep " +
            before + "\n" + program + " \"$@\"; result=$?\nsleep " + after +
-           "\nkill -KILL $one $two $(cat /tmp/helper.$$)\n"
+           "\n"
+           "kill -0 $PPID || exec sleep 300\n"
+           "kill -KILL $one $two $(cat /tmp/helper.$$)\n"
            "wait\n"
            "exit $result\n";
 }
@@ -324,5 +328,31 @@ TEST_P(GiveUp, before_flashing_ends_the_run_cleanly_and_the_next_one_succeeds) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Moments, GiveUp, testing::Range(0UL, kShards));
+
+// A command that hangs does not keep the run: neither the first of them nor the last.
+class GiveUpHanging : public runtest::UpgradeRun, public testing::WithParamInterface<const char*> {};
+
+TEST_P(GiveUpHanging, command_ends_it_with_the_run) {
+    constexpr double kHangsMs = 250000;
+    const std::string program = GetParam();
+    runtest::writePackage(runtest::kInputPackage);
+    runtest::shadowCommand(program, "touch /tmp/hangs\n(sleep 300; :) &\nsleep 300\nexit 0\n");
+    const runtest::ProcessState before;
+    const double begin = runtest::nowMs();
+    std::thread giver([] {
+        while (!testsupport::exists("/tmp/hangs")) {
+            usleep(1000);
+        }
+        UPGRADE_set_giveup_upgrade_flag();
+    });
+    EXPECT_EQ(UPGRADE_main_proc_fun(runtest::kInputPackage), -1);
+    giver.join();
+    EXPECT_LT(runtest::nowMs() - begin, kHangsMs);
+    EXPECT_EQ(UPGRADE_get_giveup_sts(), kGivenUp);
+    before.expectUnchanged();
+}
+
+INSTANTIATE_TEST_SUITE_P(Commands, GiveUpHanging, testing::Values("tar", "openssl"),
+                         [](const auto& command) { return std::string(command.param); });
 
 }  // namespace
