@@ -481,6 +481,23 @@ TEST_F(Rollback, run_still_checks_the_md5) {
     EXPECT_EQ(readFile(UpgradeProc::currentPkg), "current");
 }
 
+TEST_F(Rollback, given_up_keeps_both_packages) {
+    older().writeTo(UpgradeProc::rollbackPkg);
+    writeFile(UpgradeProc::currentPkg, "current");
+    const runtest::Recorder recorder([](const runtest::Recorder::Event& event) {
+        if (event.text == "chkFileMd5") {
+            UPGRADE_set_giveup_upgrade_flag();
+        }
+    });
+    EXPECT_EQ(UPGRADE_rollback_mpu(), -1);
+    EXPECT_EQ(UPGRADE_get_giveup_sts(), 1);
+    EXPECT_EQ(readFile(runtest::kLastRuntime), "rollback_failure");
+    EXPECT_TRUE(exists(UpgradeProc::rollbackPkg));
+    EXPECT_EQ(readFile(UpgradeProc::currentPkg), "current");
+    EXPECT_EQ(switches(), 0U);
+    runtest::expectFieldsReset(proc());
+}
+
 TEST_F(Rollback, failing_in_flashing_returns_the_run_s_result_and_is_not_activated) {
     older().writeTo(UpgradeProc::rollbackPkg);
     fake::mpu().upgrade.returns(-1);
@@ -609,6 +626,7 @@ TEST_F(Life, process_that_exits_right_after_a_failed_run_ends_well) {
     runtest::packageOf(runtest::kNewer).flipPayloadByte(600).writeTo("/tmp/damaged.pkg");
     EXPECT_TRUE(has(steps("run=/tmp/damaged.pkg exit"), "run=/tmp/damaged.pkg: -1\n"));
     EXPECT_TRUE(has(steps("fail=upgrade run=/tmp/package.pkg exit"), "run=/tmp/package.pkg: -1\n"));
+    EXPECT_TRUE(has(steps("giveup run=/tmp/package.pkg exit"), "run=/tmp/package.pkg: -1\n"));
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
 #include <ostream>
 #include <sstream>
 #include <string>
@@ -350,6 +351,28 @@ TEST_P(GiveUpHanging, command_ends_it_with_the_run) {
     EXPECT_LT(runtest::nowMs() - begin, kHangsMs);
     EXPECT_EQ(UPGRADE_get_giveup_sts(), kGivenUp);
     before.expectUnchanged();
+}
+
+// The directory is emptied by a command, after a copy that failed.
+class GiveUpCleaning : public runtest::UpgradeRun {};
+
+TEST_F(GiveUpCleaning, after_a_failed_copy_ends_the_command_with_the_run) {
+    runtest::writePackage(runtest::kInputPackage);
+    testsupport::writeFile(UpgradeProc::upgradePkg + "/inside", "a directory in its place");
+    runtest::shadowCommand("rm", "case \"$*\" in */firmware/*) sleep 300;; *) exec /bin/rm \"$@\";; esac\n");
+    const runtest::ProcessState before;
+    {
+        const Recorder recorder([](const Recorder::Event& event) {
+            if (event.text.find("-> /firmware/upgrade.pkg fail") != std::string::npos) {
+                UPGRADE_set_giveup_upgrade_flag();
+            }
+        });
+        EXPECT_EQ(UPGRADE_main_proc_fun(runtest::kInputPackage), -1);
+    }
+    EXPECT_EQ(UPGRADE_get_giveup_sts(), kGivenUp);
+    before.expectUnchanged();
+    std::filesystem::remove_all(UpgradeProc::upgradePkg);
+    EXPECT_EQ(UPGRADE_main_proc_fun(runtest::kInputPackage), 0) << fake::log();
 }
 
 INSTANTIATE_TEST_SUITE_P(Commands, GiveUpHanging, testing::Values("tar", "openssl"),

@@ -4,6 +4,7 @@
 //   upgrade_steps STEP...
 //     mcu=VERSION     the microcontroller reports this version from now on
 //     fail=OPERATION  that operation of the MPU's driver fails: upgrade, activate
+//     giveup          every run is given up while its package is digested
 //     run=PATH, activate, rollback
 //     state, last     UPGRADE_get_state, UPGRADE_get_status_last_runtime
 //     exit            ends the process at once, by exit()
@@ -52,6 +53,14 @@ bool prepare(const std::string& step) {
     }
     if (step == "fail=activate") {
         fake::mpu().activate.returns(-1);
+        return true;
+    }
+    if (step == "giveup") {
+        fake::log().onLine([](const fake::LogLine& line) {
+            if (line.text == "chkFileMd5\n") {
+                UPGRADE_set_giveup_upgrade_flag();
+            }
+        });
         return true;
     }
     return false;
