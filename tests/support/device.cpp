@@ -7,6 +7,10 @@
 
 #include <json/json.h>
 
+void PrintTo(const L_VERSION_T& version, std::ostream* out) {
+    *out << version.hw << '.' << version.mpu << '.' << version.mcu << '.' << version.bld;
+}
+
 namespace testsupport {
 namespace {
 
@@ -43,6 +47,15 @@ int versionMember(const Json::Value& root, const char* key, const std::string& p
 
 }  // namespace
 
+L_VERSION_T versionOf(int hw, int mpu, int mcu, int bld) {
+    L_VERSION_T version{};
+    version.hw = hw;
+    version.mpu = mpu;
+    version.mcu = mcu;
+    version.bld = bld;
+    return version;
+}
+
 bool inTwin() {
     return readFile("/proc/1/comm") == "bwrap\n" && exists("/run/kavro/running_slot");
 }
@@ -71,12 +84,8 @@ L_VERSION_T readVersions(const std::string& path) {
     if (!Json::parseFromStream(Json::CharReaderBuilder(), text, &root, &errors)) {
         ADD_FAILURE() << path << ": " << errors;
     }
-    L_VERSION_T version{};
-    version.hw = versionMember(root, "hw_version", path);
-    version.mpu = versionMember(root, "mpu_version", path);
-    version.mcu = versionMember(root, "mcu_version", path);
-    version.bld = versionMember(root, "bld_version", path);
-    return version;
+    return versionOf(versionMember(root, "hw_version", path), versionMember(root, "mpu_version", path),
+                     versionMember(root, "mcu_version", path), versionMember(root, "bld_version", path));
 }
 
 void emptyDevice() {

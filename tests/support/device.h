@@ -16,7 +16,15 @@
 
 #include "upgrade/upgrade_version_ctrl.h"
 
+// Version records in checks and in their messages.
+inline bool operator==(const L_VERSION_T& left, const L_VERSION_T& right) {
+    return left.hw == right.hw && left.mpu == right.mpu && left.mcu == right.mcu && left.bld == right.bld;
+}
+void PrintTo(const L_VERSION_T& version, std::ostream* out);
+
 namespace testsupport {
+
+L_VERSION_T versionOf(int hw, int mpu, int mcu, int bld);
 
 // Whether this process runs in a twin. On a host the device's paths are those of the host itself.
 bool inTwin();

@@ -76,12 +76,7 @@ TEST_F(Device, is_emptied_but_for_its_factory_settings) {
 }
 
 TEST(DeviceView, a_version_file_holds_the_four_members) {
-    L_VERSION_T version{};
-    version.hw = 1;
-    version.mpu = 104;
-    version.mcu = -1;
-    version.bld = 2;
-    EXPECT_EQ(testsupport::versionJson(version),
+    EXPECT_EQ(testsupport::versionJson(testsupport::versionOf(1, 104, -1, 2)),
               "{\n   \"bld_version\" : 2,\n   \"hw_version\" : 1,\n   \"mcu_version\" : -1,\n   "
               "\"mpu_version\" : 104\n}\n");
 }

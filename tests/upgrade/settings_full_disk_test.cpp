@@ -18,6 +18,7 @@ using testsupport::exists;
 using testsupport::namesIn;
 using testsupport::readFile;
 using testsupport::readVersions;
+using testsupport::versionOf;
 using testsupport::writeFile;
 using testsupport::writeVersions;
 
@@ -25,15 +26,6 @@ constexpr const char* kFiller = "/config/filler";
 constexpr const char* kVersionFile = "/config/v.json";
 constexpr const char* kCurrentFile = "/config/upgrade_config.json";
 constexpr const char* kStatusFile = "/config/upgrade_last_runtime";
-
-L_VERSION_T versionOf(int hw, int mpu, int mcu, int bld) {
-    L_VERSION_T version{};
-    version.hw = hw;
-    version.mpu = mpu;
-    version.mcu = mcu;
-    version.bld = bld;
-    return version;
-}
 
 class FullDisk : public testsupport::DeviceTest {
   protected:

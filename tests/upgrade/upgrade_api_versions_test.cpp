@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -12,13 +11,6 @@
 #include "tests/support/shell_recorder.h"
 #include "upgrade/upgrade_api.h"
 
-bool operator==(const L_VERSION_T& left, const L_VERSION_T& right) {
-    return left.hw == right.hw && left.mpu == right.mpu && left.mcu == right.mcu && left.bld == right.bld;
-}
-void PrintTo(const L_VERSION_T& version, std::ostream* out) {
-    *out << version.hw << '.' << version.mpu << '.' << version.mcu << '.' << version.bld;
-}
-
 namespace {
 
 using testing::ElementsAre;
@@ -26,6 +18,7 @@ using testing::IsEmpty;
 using testsupport::exists;
 using testsupport::readFile;
 using testsupport::readVersions;
+using testsupport::versionOf;
 using testsupport::writeFile;
 using testsupport::writeVersions;
 
@@ -34,15 +27,6 @@ constexpr const char* kFactoryFile = "/etc/kavro/version.json";
 constexpr const char* kCurrentFile = "/config/upgrade_config.json";
 constexpr const char* kSavedFile = "/tmp/upgrade.cfg";
 constexpr const char* kWritten = "UPGRADE_write_target_version /config/upgrade_config.json: version ";
-
-L_VERSION_T versionOf(int hw, int mpu, int mcu, int bld) {
-    L_VERSION_T version{};
-    version.hw = hw;
-    version.mpu = mpu;
-    version.mcu = mcu;
-    version.bld = bld;
-    return version;
-}
 
 const L_VERSION_T kFactory = versionOf(1, 104, 7, 2);
 
@@ -67,7 +51,6 @@ class Versions : public testsupport::DeviceTest {
         return text;
     }
 
-    // No member has a value that the library would write on its own.
     static void expectCurrentFileNotRewritten(const std::string& before) {
         EXPECT_EQ(readFile(kCurrentFile), before);
         EXPECT_FALSE(fake::log().contains(kWritten)) << fake::log();
@@ -78,7 +61,6 @@ class Versions : public testsupport::DeviceTest {
 
 using CurrentVersion = Versions;
 using TryUpdateVersion = Versions;
-using VersionBookkeeping = Versions;
 using VersionString = Versions;
 
 TEST(VersionPaths, are_fixed) {

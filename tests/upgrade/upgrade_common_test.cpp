@@ -209,6 +209,20 @@ TEST_F(ConfigRead, an_option_name_is_taken_as_it_stands) {
     EXPECT_TRUE(loggedAbsent("%d%s"));
 }
 
+TEST_F(ConfigRead, the_last_of_two_members_of_one_name_counts) {
+    writeFile(kFile, R"({"v" : 1, "v" : 2})");
+    EXPECT_EQ(readInt("v"), 0);
+    EXPECT_EQ(number, 2);
+}
+
+TEST_F(ConfigRead, a_number_with_an_integral_value_is_an_integer) {
+    writeFile(kFile, R"({"v" : 5.0, "w" : 1e2})");
+    EXPECT_EQ(readInt("v"), 0);
+    EXPECT_EQ(number, 5);
+    EXPECT_EQ(readInt("w"), 0);
+    EXPECT_EQ(number, 100);
+}
+
 TEST_F(ConfigRead, comments_do_not_matter) {
     writeFile(kFile, "// versions\n{\n  /* main */ \"v\" : 3 // end\n}\n");
     EXPECT_EQ(readInt("v"), 0);
@@ -256,6 +270,12 @@ TEST_F(ConfigRead, a_document_of_the_wrong_shape_has_no_options) {
         EXPECT_EQ(fake::log().lines().size(), 3U);
         EXPECT_EQ(readFile(kFile), document);
     }
+}
+
+TEST_F(ConfigRead, a_document_behind_a_byte_order_mark_has_no_options) {
+    writeFile(kFile, "\xef\xbb\xbf{\"v\" : 5}");
+    EXPECT_EQ(readInt("v"), -2);
+    EXPECT_EQ(number, kUntouched);
 }
 
 TEST_F(ConfigRead, a_member_that_was_cut_off_before_its_value_gives_a_result_code) {

@@ -4,10 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <sys/stat.h>
 
 #include <cstddef>
-#include <limits>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,14 +13,6 @@
 #include "tests/support/device.h"
 #include "tests/support/fake_services.h"
 #include "tests/support/shell_recorder.h"
-
-// As the run's log and the device's diagnostics take them.
-bool operator==(const L_VERSION_T& left, const L_VERSION_T& right) {
-    return left.hw == right.hw && left.mpu == right.mpu && left.mcu == right.mcu && left.bld == right.bld;
-}
-void PrintTo(const L_VERSION_T& version, std::ostream* out) {
-    *out << version.hw << '.' << version.mpu << '.' << version.mcu << '.' << version.bld;
-}
 
 namespace {
 
@@ -32,6 +22,7 @@ using testsupport::exists;
 using testsupport::namesIn;
 using testsupport::readFile;
 using testsupport::readVersions;
+using testsupport::versionOf;
 using testsupport::writeFile;
 using testsupport::writeVersions;
 
@@ -41,15 +32,6 @@ constexpr const char* kRead = "UPGRADE_read_target_version";
 constexpr const char* kWrite = "UPGRADE_write_target_version";
 constexpr const char* kFactoryFile = "/etc/kavro/version.json";
 constexpr const char* kFile = "/config/versions.json";
-
-L_VERSION_T versionOf(int hw, int mpu, int mcu, int bld) {
-    L_VERSION_T version{};
-    version.hw = hw;
-    version.mpu = mpu;
-    version.mcu = mcu;
-    version.bld = bld;
-    return version;
-}
 
 const L_VERSION_T kFactory = versionOf(1, 104, 7, 2);
 const L_VERSION_T kUntouched = versionOf(-11, -12, -13, -14);
@@ -248,6 +230,14 @@ TEST_F(VersionWrite, in_a_missing_directory_there_is_no_new_file) {
     EXPECT_EQ(write(kFactory, "/config/none/v.json"), -1);
     EXPECT_FALSE(exists("/config/none"));
     EXPECT_TRUE(fake::loggedError(kUnit, kWrite, "config_path '/config/none/v.json' not exist!\n"));
+}
+
+TEST_F(VersionWrite, a_link_that_leads_nowhere_stays_when_no_file_can_be_made_there) {
+    std::filesystem::create_symlink("/config/none/v.json", kFile);
+    EXPECT_EQ(write(kFactory), -1);
+    EXPECT_TRUE(exists(kFile));
+    EXPECT_FALSE(exists("/config/none"));
+    EXPECT_TRUE(fake::loggedError(kUnit, kWrite, "config_path '/config/versions.json' not exist!\n"));
 }
 
 TEST_F(VersionWrite, the_first_member_that_cannot_be_written_ends_it) {
