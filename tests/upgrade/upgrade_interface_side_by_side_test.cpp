@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <atomic>
 #include <functional>
-#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -30,15 +29,33 @@ class SideBySide : public Flashing {
     static int flash(UPGRADE_FLAG_T flag) { return UPGRADE_mpu_mcu(kFirmware, flag, false); }
     // Waits of the calling thread are left out, so that minutes pass at once. What happens in one of them is
     // up to the test.
-    static void onWait(std::function<void(int number)> during) {
+    void onWait(std::function<void(int number)> during) {
+        waits = 0;
         const std::string waiting = spy::ownThreadName();
-        auto number = std::make_shared<int>(0);
-        spy::sleeps().onSleep([waiting, number, during = std::move(during)](const spy::Sleep& sleep) {
+        spy::sleeps().onSleep([this, waiting, during = std::move(during)](const spy::Sleep& sleep) {
             if (sleep.threadName != waiting || sleep.microseconds != spy::kSecond) {
                 return true;
             }
-            during(++*number);
+            during(++waits);
             return false;
+        });
+    }
+    // The MPU's job stays at its work until the jobs are ended.
+    void holdMpu(int result = 0) {
+        fake::mpu().upgrade.runs([this, result] {
+            gate.pass();
+            return result;
+        });
+    }
+    void endJobs() {
+        gate.open();
+        awaitJobsSwept();
+    }
+    void endJobsInWait(int wanted) {
+        onWait([this, wanted](int number) {
+            if (number == wanted) {
+                endJobs();
+            }
         });
     }
     // Until the monitor has looked at every job once more.
@@ -52,6 +69,9 @@ class SideBySide : public Flashing {
         EXPECT_TRUE(eventually([this] { return !jobThreadIsThere(); }));
         awaitSweep();
     }
+
+    Gate gate;
+    std::atomic<int> waits{0};
 };
 
 TEST_F(SideBySide, is_the_default) {
@@ -250,95 +270,49 @@ TEST_F(SideBySide, failures_of_an_earlier_run_do_not_count) {
 // --- the wait ------------------------------------------------------------------------------------
 
 TEST_F(SideBySide, jobs_are_looked_for_once_a_second) {
-    Gate gate;
-    fake::mpu().upgrade.runs([&] {
-        gate.pass();
-        return 0;
-    });
-    std::atomic<int> waits{0};
-    onWait([&](int number) {
-        waits = number;
-        if (number == 5) {
-            gate.open();
-            awaitJobsSwept();
-        }
-    });
+    holdMpu();
+    endJobsInWait(5);
     EXPECT_EQ(flash(kMpuOnly), 0);
     EXPECT_EQ(waits, 5);
 }
 
 TEST_F(SideBySide, wait_is_over_after_361_seconds) {
-    Gate gate;
-    fake::mpu().upgrade.runs([&] {
-        gate.pass();
-        return 0;
-    });
-    std::atomic<int> waits{0};
-    onWait([&](int number) { waits = number; });
+    holdMpu();
+    onWait([](int) {});
     EXPECT_EQ(flash(kBoth), -992);
     EXPECT_EQ(waits, 361);
     EXPECT_THAT(fake::log().linesAtLevel(1),
                 ElementsAre("file:upgrade/upgrade_interface, func:UPGRADE_mpu_mcu_async line:187 "
                             "UPGRADE_mpu_mcu_async timeout;\n"));
-    gate.open();
-    awaitJobsSwept();
+    endJobs();
 }
 
 TEST_F(SideBySide, jobs_that_end_in_the_360th_second_are_in_time) {
-    Gate gate;
-    fake::mpu().upgrade.runs([&] {
-        gate.pass();
-        return 0;
-    });
-    std::atomic<int> waits{0};
-    onWait([&](int number) {
-        waits = number;
-        if (number == 360) {
-            gate.open();
-            awaitJobsSwept();
-        }
-    });
+    holdMpu();
+    endJobsInWait(360);
     EXPECT_EQ(flash(kBoth), 0);
     EXPECT_EQ(waits, 360);
 }
 
 TEST_F(SideBySide, jobs_that_end_in_the_361st_second_are_too_late) {
-    Gate gate;
-    fake::mpu().upgrade.runs([&] {
-        gate.pass();
-        return 0;
-    });
-    onWait([&](int number) {
-        if (number == 361) {
-            gate.open();
-            awaitJobsSwept();
-        }
-    });
+    holdMpu();
+    endJobsInWait(361);
     EXPECT_EQ(flash(kBoth), -992);
     EXPECT_TRUE(fake::logged(3, "upgrade_mpu: ret is 0;\n"));
     EXPECT_TRUE(fake::loggedError(kUnit, kSideBySide, "UPGRADE_mpu_mcu_async timeout;\n", 187));
 }
 
 TEST_F(SideBySide, timing_out_goes_before_a_failure) {
-    Gate gate;
-    fake::mpu().upgrade.runs([&] {
-        gate.pass();
-        return 0;
-    });
+    holdMpu();
     fake::mcu().preUpgrade.returns(-1);
     onWait([](int) {});
     EXPECT_EQ(flash(kBoth), -992);
     EXPECT_EQ(fake::countErrors(kUnit, kSideBySide, "UPGRADE_mpu_mcu_async mcu failed;\n"), 0U);
-    gate.open();
-    awaitJobsSwept();
+    endJobs();
 }
 
 TEST_F(SideBySide, a_job_that_outlived_its_wait_runs_on_and_is_swept) {
-    Gate gate;
-    fake::mpu().upgrade.runs([&] {
-        gate.pass();
-        return 0;
-    });
+    holdMpu();
     onWait([](int) {});
     ASSERT_EQ(flash(kBoth), -992);
     EXPECT_TRUE(jobThreadIsThere());
@@ -347,18 +321,13 @@ TEST_F(SideBySide, a_job_that_outlived_its_wait_runs_on_and_is_swept) {
     awaitJobsSwept();
     // Nothing is listed any more: the next run does not wait for it.
     spy::failThreads({true, true});
-    std::atomic<int> waits{0};
-    onWait([&](int number) { waits = number; });
+    onWait([](int) {});
     EXPECT_EQ(flash(kBoth), -1000);
     EXPECT_EQ(waits, 0);
 }
 
 TEST_F(SideBySide, run_after_a_late_failure_starts_afresh) {
-    Gate gate;
-    fake::mpu().upgrade.runs([&] {
-        gate.pass();
-        return -1;
-    });
+    holdMpu(-1);
     onWait([](int) {});
     ASSERT_EQ(flash(kBoth), -992);
     gate.open();
@@ -370,7 +339,6 @@ TEST_F(SideBySide, run_after_a_late_failure_starts_afresh) {
 }
 
 TEST_F(SideBySide, run_while_an_older_job_goes_on_waits_for_it_too) {
-    Gate gate;
     std::atomic<int> flashes{0};
     fake::mpu().upgrade.runs([&] {
         if (++flashes == 1) {
@@ -380,13 +348,10 @@ TEST_F(SideBySide, run_while_an_older_job_goes_on_waits_for_it_too) {
     });
     onWait([](int) {});
     ASSERT_EQ(flash(kMpuOnly), -992);
-    std::atomic<int> waits{0};
     onWait([&](int number) {
-        waits = number;
         if (number == 3) {
             EXPECT_TRUE(eventually([&] { return flashes == 2; }));
-            gate.open();
-            awaitJobsSwept();
+            endJobs();
         }
     });
     EXPECT_EQ(flash(kMpuOnly), 0);
