@@ -40,7 +40,7 @@ class CheckPartitions : public testing::Test {
         logged.clear();
         struct statvfs fileSystem = {};
         EXPECT_EQ(statvfs(directory.path().c_str(), &fileSystem), 0);
-        capacity = static_cast<long long>(fileSystem.f_blocks * fileSystem.f_frsize);
+        capacity = static_cast<long long>(fileSystem.f_blocks) * static_cast<long long>(fileSystem.f_frsize);
     }
     static int check(const std::vector<UpgradePartsLimit>& rows) {
         return checkPartitions(rows.data(), rows.size(), true);

@@ -196,6 +196,7 @@ TEST_F(RunSystem, signal_handler_of_the_host_does_not_disturb_the_wait) {
 TEST_F(RunSystem, commands_at_once_get_their_own_results) {
     std::atomic<int> wrong = 0;
     std::vector<std::thread> threads;
+    threads.reserve(8);
     for (int i = 0; i < 8; ++i) {
         threads.emplace_back([&, i] {
             for (int round = 0; round < 10; ++round) {

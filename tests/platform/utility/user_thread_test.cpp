@@ -322,6 +322,7 @@ TEST(UserThread, starts_and_stops_of_many_threads_do_not_disturb_each_other) {
     Worker worker;
     std::atomic<int> started = 0;
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([&, i] {
             for (int round = 0; round < 100; ++round) {
@@ -361,7 +362,7 @@ TEST(UserThread, start_and_stop_ignore_a_pending_cancel) {
 std::atomic<bool> abandonedEntered{false};
 std::atomic<bool> abandonedHeld{true};
 
-class Abandoned : public UserThreadBase {
+class Abandoned final : public UserThreadBase {
   public:
     int threadFunc() override {
         abandonedEntered = true;

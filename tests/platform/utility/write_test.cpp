@@ -75,7 +75,7 @@ TEST_F(WriteFile, reader_of_the_old_file_keeps_the_old_content) {
 }
 
 TEST_F(WriteFile, existing_file_keeps_its_mode) {
-    for (const mode_t mode : {0600, 0640, 0666, 0755}) {
+    for (const mode_t mode : {0600U, 0640U, 0666U, 0755U}) {
         spill(file, "old");
         ASSERT_EQ(chmod(file.c_str(), mode), 0);
         EXPECT_EQ(write(file, "new"), 3);
