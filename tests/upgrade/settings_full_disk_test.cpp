@@ -31,6 +31,7 @@ class FullDisk : public testsupport::DeviceTest {
   protected:
     void SetUp() override {
         DeviceTest::SetUp();
+        testsupport::emptyDevice();
         fake::reset();
         struct statvfs storage {};
         ASSERT_EQ(statvfs("/config", &storage), 0);

@@ -54,6 +54,7 @@ class Config : public testsupport::DeviceTest {
   protected:
     void SetUp() override {
         DeviceTest::SetUp();
+        testsupport::emptyDevice();
         fake::reset();
     }
 

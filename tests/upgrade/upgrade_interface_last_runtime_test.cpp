@@ -28,6 +28,7 @@ class LastRuntime : public testsupport::DeviceTest {
   protected:
     void SetUp() override {
         DeviceTest::SetUp();
+        testsupport::emptyDevice();
         fake::reset();
     }
 

@@ -40,6 +40,7 @@ class VersionFile : public testsupport::DeviceTest {
   protected:
     void SetUp() override {
         DeviceTest::SetUp();
+        testsupport::emptyDevice();
         fake::reset();
         fake::resetCommands();
         writeVersions(kFactoryFile, kFactory);
