@@ -1,5 +1,9 @@
 #include "upgrade/upgrade_version_ctrl.h"
 
+#include <sys/stat.h>
+
+#include <cerrno>
+
 #include "upgrade/internal.h"
 #include "upgrade/upgrade_common.h"
 
@@ -24,11 +28,20 @@ const VersionKeyRow versionKeyTable[] = {
     {"bld_version", CFG_DATA_TYPE_INT, &L_VERSION_T::bld},
 };
 
+// Whether the path names nothing, not even a link that leads nowhere.
+bool isFree(const std::string& path) {
+    struct stat status;
+    return lstat(path.c_str(), &status) != 0 && errno == ENOENT;
+}
+
 // A new version file starts as a copy of the factory one. A copy that failed half-way is no version file.
 bool createFromFactory(const std::string& path) {
+    const bool wasFree = isFree(path);
     const std::string target = kavro::shellWord(path);
     if (COMMON_YR::runSystem("cp %s %s", kFactoryVersionFile, target.c_str()) < 0) {
-        COMMON_YR::rmFile(path);
+        if (wasFree) {
+            COMMON_YR::rmFile(path);
+        }
         return false;
     }
     return true;
@@ -51,6 +64,7 @@ int UPGRADE_read_target_version(L_VERSION_T& version, std::string path) {
 }
 
 int UPGRADE_write_target_version(L_VERSION_T& version, std::string path) {
+    const COMMON_YR::CancelHold hold;  // a new file must not be left half made
     if (!kavro::pathExists(path) && !createFromFactory(path)) {
         UPGRADE_ERROR("config_path '%s' not exist!\n", path.c_str());
         return -1;
