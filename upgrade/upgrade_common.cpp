@@ -21,19 +21,20 @@ constexpr int kOptionNotString = -4;
 // Configuration files are flat. The parser recurses once a level, and it runs on threads with small stacks.
 constexpr int kNestingLimit = 32;
 
-// The whole document as far as the parser gets: an empty or damaged file just lacks the wanted member.
+// The document as far as the parser gets: an empty or damaged file just lacks the wanted member.
 Json::Value parseFile(const std::string& file) {
     const std::string text = COMMON_YR::readFile2String(file.c_str());
     Json::CharReaderBuilder builder;
     builder["collectComments"] = true;
+    builder["allowTrailingCommas"] = false;
+    builder["skipBom"] = false;
     builder["stackLimit"] = kNestingLimit;
     const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value root;
     try {
         reader->parse(text.data(), text.data() + text.size(), &root, nullptr);
     } catch (const Json::Exception&) {
-        // Nested too deeply to be one of ours.
-        return Json::Value();
+        // Nested too deeply to be one of ours; what comes before that is in root.
     }
     return root;
 }
