@@ -66,10 +66,11 @@ KAVRO_EXPORT int rmFile(std::string path);
 // to that size. It and its directory entry are on storage when it returns. Returns 0, negative on failure.
 KAVRO_EXPORT int createFile(const char* path, unsigned long size);
 
-// Replaces the content of a file by size bytes at data. A regular file is replaced as a whole: after a
-// failure or a power cut it holds the old content or the new, never a part. Something that is no regular file
-// is written to as it stands. flag is reserved and ignored. Returns the number of bytes written, which is
-// size, or a negative value.
+// Replaces the content of a file by size bytes at data. A regular file is replaced as a whole: after a failure or
+// a power cut it holds the old content or the new, never a part. Only where its directory takes no new file is it
+// written in place, after room for all of it was reserved; a write that is cut short then leaves it empty.
+// Something that is no regular file is written to as it stands. flag is reserved and ignored. Returns the number
+// of bytes written, which is size, or a negative value.
 KAVRO_EXPORT long writeFile(const char* path, void* data, unsigned long size, bool flag);
 
 // The whole content of a file; empty when it is missing, unreadable or a directory.

@@ -191,9 +191,10 @@ KAVRO_EXPORT int UPGRADE_check_partitions();
 // How an application cuts a package into blocks: 1048576 bytes each, 128 of them. Always 0.
 KAVRO_EXPORT int UPGRADE_get_blk_info(long* blockSize, long* blockCount);
 
-// Installs a package: a file of exactly 134217728 bytes, which is left as it is. Blocks until the run is
-// over, minutes at most. Returns 0 when everything is flashed and awaits activation, -1 otherwise: the log,
-// the published state and UPGRADE_get_status_last_runtime say why.
+// Installs a package: a file of exactly 134217728 bytes, which is left as it is. It must lie outside of the work
+// partition, which a run wipes, and must not be one of the files that a run makes itself (upgradePkg, rollbackPkg).
+// Blocks until the run is over, minutes at most. Returns 0 when everything is flashed and awaits activation, -1
+// otherwise: the log, the published state and UPGRADE_get_status_last_runtime say why.
 KAVRO_EXPORT int UPGRADE_main_proc_fun(std::string pkgPath);
 
 // Activates what the last run flashed, in the same process or after a restart. Returns 0; negative when
