@@ -46,7 +46,7 @@ std::string versionLine(const std::string& version) {
 }
 
 // Small packages: the size of the file is nothing that the processing looks at.
-constexpr unsigned long kFileBytes = 256 * 1024;
+constexpr unsigned long kFileBytes = 1UL << 18U;
 
 class PackageProcessing : public testing::Test {
   protected:
@@ -684,7 +684,7 @@ class CancelledProcessing : public PackageProcessing {
                                    std::filesystem::copy_options::overwrite_existing);
     }
     bool cancelledAfter(unsigned microseconds) {
-        package_services::CancellableThread thread([this] {
+        package_services::CancellableThread thread([] {
             UPGADE_PKG_OUT_T result;
             UPGRADE_proc_upgrade_pkg(result, {kPackage, kUnpackDir}, false);
         });

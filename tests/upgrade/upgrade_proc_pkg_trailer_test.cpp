@@ -724,7 +724,7 @@ TEST_F(PackageTrailer, at_most_127_bytes_of_the_user_are_kept) {
 }
 
 TEST_F(PackageTrailer, texts_are_copied_as_they_stand) {
-    setBranch(std::string("a\0b\n\xff%s", 8));
+    setBranch(std::string("a\0b\n\xff%s", 7));
     setUser(std::string("\0\0end", 5));
     EXPECT_EQ(read(), 0);
     EXPECT_EQ(branch(), field(trailer.branch));

@@ -100,7 +100,7 @@ class ComponentVerification : public testing::Test {
 
     void unpackTo(const std::string& dir) const {
         for (const auto& [name, bytes] : package.files()) {
-            testsupport::writeFile(dir + "/" + name, bytes);
+            testsupport::writeFile(std::string(dir).append("/").append(name), bytes);
         }
     }
     static std::string fileOf(const std::string& name) { return std::string(kDir) + "/" + name; }
