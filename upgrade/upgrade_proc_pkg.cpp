@@ -137,10 +137,12 @@ int read_info_form_pkg(_UPGRADE_PKG_T& info, std::string pkgPath) {
     }
 
     info.pubkey_file = kPubkeyFile;
-    // Not a failure of the read: the check of the signatures fails without the key.
+    // Not a failure of the read: the check of the signatures fails without a key. An older package's key must not
+    // stay in its place.
     if (COMMON_YR::writeFile(kPubkeyFile, block + kPubkeyAt, info.pubkey_len, false) !=
         static_cast<long>(info.pubkey_len)) {
         UPGRADE_ERROR("write pubkey file failed;\n");
+        COMMON_YR::rmFile(kPubkeyFile);
     }
     const char* behindKey = block + info.pubkey_len;
     std::memcpy(info.stamp, behindKey + kStampAt, sizeof(info.stamp) - 1);

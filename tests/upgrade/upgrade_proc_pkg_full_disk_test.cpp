@@ -12,6 +12,7 @@
 #include "tests/support/test_package.h"
 #include "tests/upgrade/package_services.h"
 #include "upgrade/upgrade_proc_pkg.h"
+#include "upgrade/upgrade_verify_components.h"
 
 namespace {
 
@@ -77,6 +78,19 @@ TEST_F(FullDisk, that_cannot_take_the_key_does_not_fail_the_processing) {
     EXPECT_TRUE(fake::loggedError(kUnit, "read_info_form_pkg", "write pubkey file failed;\n"));
     EXPECT_EQ(out.pubkey_file, kPubkey);
     EXPECT_EQ(testsupport::readFile(kPubkey), "") << "half a key";
+}
+
+TEST_F(FullDisk, that_cannot_take_the_key_gets_the_package_refused_at_its_first_component) {
+    testsupport::TestPackage package;
+    package.setTotalSize(1UL << 20U).writeTo(kPackage);
+    testsupport::writeFile(kPubkey, testsupport::SigningKey::shared().publicKey());
+    fill("/tmp/filler");
+    ASSERT_EQ(UPGRADE_proc_upgrade_pkg(out, {kPackage, "/raw/upgrade"}, false), 0);
+    ASSERT_TRUE(fake::loggedError(kUnit, "read_info_form_pkg", "write pubkey file failed;\n"));
+    EXPECT_EQ(UPGRADE_verify_signature("/raw/upgrade", out.components, out.pubkey_file), -1)
+        << "the key of an earlier package was taken for this one's";
+    EXPECT_TRUE(fake::loggedError("upgrade/upgrade_verify_components", "UPGRADE_verify_signature",
+                                  "verify_signature 'bld_release.bin' fail!\n"));
 }
 
 }  // namespace
