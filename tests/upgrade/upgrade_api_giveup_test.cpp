@@ -311,7 +311,7 @@ constexpr unsigned long kStride = 2;
 constexpr unsigned long kStride = 1;
 #endif
 
-constexpr unsigned long kShards = 32;
+constexpr unsigned long kShards = 48;
 
 TEST_P(GiveUp, before_flashing_ends_the_run_cleanly_and_the_next_one_succeeds) {
     const std::vector<Moment> moments = allMoments();
