@@ -11,6 +11,7 @@
 #include <fstream>
 #include <iosfwd>
 #include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -41,9 +42,12 @@ inline bool exists(const std::string& path) {
     return lstat(path.c_str(), &status) == 0;
 }
 
+// Empty when it cannot be read, as that of a thread which ends meanwhile.
 inline std::string readFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    const std::ifstream file(path, std::ios::binary);
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
 }
 
 // Makes the directories in front, too.
