@@ -63,13 +63,21 @@ TEST(DeviceView, sees_threads_by_name) {
 
 class Device : public testsupport::DeviceTest {};
 
+// The source and build trees appear at their own paths, which may be below the host's /tmp.
+bool leadsToTheProject(const std::string& path) {
+    return std::string(KAVRO_SOURCE_DIR "/").rfind(path, 0) == 0 ||
+           std::string(KAVRO_BINARY_DIR "/").rfind(path, 0) == 0;
+}
+
 TEST_F(Device, is_emptied_but_for_its_factory_settings) {
     testsupport::writeFile("/firmware/deep/file", "x");
     testsupport::writeFile("/config/upgraded", "");
     testsupport::writeFile("/etc/kavro/origin.pkg.tar.gz", "x");
     testsupport::emptyDevice();
     for (const char* directory : {"/config", "/firmware", "/raw", "/tmp"}) {
-        EXPECT_TRUE(testsupport::namesIn(directory).empty()) << directory;
+        for (const std::string& name : testsupport::namesIn(directory)) {
+            EXPECT_TRUE(leadsToTheProject(directory + ("/" + name + "/"))) << directory << "/" << name;
+        }
     }
     EXPECT_FALSE(testsupport::exists("/etc/kavro/origin.pkg.tar.gz"));
     EXPECT_EQ(testsupport::readVersions("/etc/kavro/version.json").mpu, 104);

@@ -41,4 +41,5 @@ trap 'exit 130' INT
 
 twin_make_state "$state" 1 104 7 2
 twin_namespace "$state"
-bwrap "${TWIN_NAMESPACE[@]}" "${visible[@]}" "${extra[@]}" --chdir / -- "$@"
+# The trees last: they may lie below a directory that an option covers, as /tmp.
+bwrap "${TWIN_NAMESPACE[@]}" "${extra[@]}" "${visible[@]}" --chdir / -- "$@"
