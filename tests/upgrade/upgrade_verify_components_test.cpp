@@ -436,12 +436,6 @@ TEST_F(ComponentVerification, signature_that_is_none_is_refused) {
     }
 }
 
-TEST_F(ComponentVerification, signature_with_trailing_bytes_is_refused) {
-    testsupport::writeFile(fileOf("Image.sign"), package.files().at("Image.sign") + "x");
-    EXPECT_EQ(verify(), -1);
-    expectRefusedAt("Image");
-}
-
 TEST_F(ComponentVerification, directory_in_place_of_a_component_or_signature_is_refused) {
     for (const char* name : {"ext4", "ext4.sign"}) {
         std::filesystem::rename(fileOf(name), "/raw/aside");
