@@ -200,6 +200,17 @@ TEST(Rollback, a_kept_package_of_another_size_is_refused) {
     EXPECT_TRUE(contains(result.err, "device: rollback.pkg size error!")) << result.err;
 }
 
+TEST(Rollback, while_an_installed_package_awaits_activation_changes_nothing) {
+    packRelease();
+    writeFile("/firmware/current.pkg", "the running software");
+    ASSERT_EQ(upgradectl({"install", kPackage}).exitCode, 0);
+    expectFailure(upgradectl({"rollback"}), 1, "an installed package awaits activation");
+    EXPECT_EQ(readFile("/firmware/current.pkg"), "the running software");
+    EXPECT_TRUE(readFile("/firmware/rollback.pkg") == readFile(kPackage));
+    EXPECT_TRUE(exists(kMarker));
+    EXPECT_EQ(readFile(kLastRun), "upgrade_success");
+}
+
 TEST(Rollback, of_a_damaged_package_is_refused_before_flashing) {
     TestPackage().setVersions(1, 103, 6, 2).flipPayloadByte(1000).writeTo("/firmware/rollback.pkg");
     expectFailure(upgradectl({"rollback"}), 3, "'/firmware/rollback.pkg' is damaged");

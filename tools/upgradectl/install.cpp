@@ -100,6 +100,17 @@ void requirePackage(const fs::path& package) {
     requireApartFromWorkFiles(package);
 }
 
+// Until activation the installed package lies where the kept one lay: going back would activate it instead
+// and lose the package of the running software.
+void requireNothingAwaitsActivation() {
+    if (UPGRADE_isUpgraded()) {
+        throw ToolError(ExitCode::kOther,
+                        "an installed package awaits activation, there is nothing to go back from",
+                        "the device keeps its running software until 'upgradectl activate': activate the "
+                        "package, or install another one");
+    }
+}
+
 std::string currentVersion() {
     std::string version = "unknown";
     UPGRADE_get_cur_ver_str(version);
@@ -122,6 +133,7 @@ void install(const fs::path& package, const OwnOutput& output, const Interrupts&
 }
 
 void rollback(const OwnOutput& output, const Interrupts& interrupts) {
+    requireNothingAwaitsActivation();
     const std::unique_ptr<RunView> view = makeRunView(output);
     const RunOutcome outcome = watchRun(UPGRADE_rollback_mpu, *view, interrupts);
     if (outcome.result == COMMON_YR::kErrNoFile) {
