@@ -71,10 +71,18 @@ class SpawnFiles {
     bool valid;
 };
 
+// What the child left behind becomes ours to reap where this process adopts orphans (as init does, or a
+// subreaper). Only members of the group that was made for the child are touched.
+void reapAdopted(pid_t group) {
+    while (waitpid(-group, nullptr, WNOHANG) > 0) {
+    }
+}
+
 // What was killed still holds its files until it is gone, and the next command may be about to use them. The
 // wait is bounded, because a zombie that its new parent never reaps stays in the group.
 void awaitGroupEnd(pid_t group) {
     for (int poll = 0; poll < kGroupEndPolls && kill(-group, 0) == 0; ++poll) {
+        reapAdopted(group);
         nanosleep(&kGroupEndPause, nullptr);
     }
 }

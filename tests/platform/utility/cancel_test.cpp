@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <functional>
 
@@ -146,6 +147,16 @@ TEST_F(Cancel, what_the_command_started_ends_with_it) {
                 "(sleep 1000 & sleep 1000) & trap '' TERM INT HUP; sh -c 'sleep 1000 | sleep 1000; :'; :");
         }));
         ASSERT_TRUE(allChildrenEnd());
+    }
+}
+
+TEST_F(Cancel, what_the_command_started_is_reaped_where_orphans_are_adopted) {
+    adoptOrphans();
+    for (unsigned moment = 5; moment < 10; ++moment) {
+        ASSERT_TRUE(
+            cancelledAfter(moment * 10000, [] { runSystem("(sleep 1000 & sleep 1000) & sleep 1000; :"); }));
+        EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+        EXPECT_EQ(errno, ECHILD);
     }
 }
 
