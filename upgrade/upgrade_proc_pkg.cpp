@@ -68,7 +68,7 @@ bool hex_text_to_u32(const char* text, size_t length, uint32_t* out) {
 // Reads the number in front of an optional text, then as much of the text as fits and lies within the block:
 // field is zero-filled and stays terminated. Returns the stated length, or -1 when there is no number.
 //
-// The length is signed on the wire's reader side: one that is negative counts as large.
+// The length counts as large where it would be negative as a signed number.
 template <size_t size>
 long readCountedText(const TrailerBlock& block, long at, char (&field)[size]) {
     unsigned count = 0;
@@ -98,52 +98,72 @@ void readDescription(_UPGRADE_PKG_T& info, const TrailerBlock& block) {
     }
 }
 
+constexpr const char* kReadFunction = "read_info_form_pkg";
+
+// Reads the last block of the package. Returns how many bytes lie before it, -1 on failure.
+long readTrailer(const std::string& pkgPath, TrailerBlock& block) {
+    if (!kavro::pathExists(pkgPath)) {
+        UPGRADE_ERROR_AT(kReadFunction, __LINE__, "pkg '%s' not exist!\n", pkgPath.c_str());
+        return -1;
+    }
+    const long fileSize = COMMON_YR::getFileSize(pkgPath.c_str());
+    if (fileSize < kTrailerBytes) {
+        UPGRADE_ERROR_AT(kReadFunction, __LINE__, "pkg_file_size %ld failed!\n", fileSize);
+        return -1;
+    }
+    const long before = fileSize - kTrailerBytes;
+    if (COMMON_YR::readFileToBufferByOffset(pkgPath.c_str(), static_cast<unsigned long>(before),
+                                            kTrailerBytes, block) != kTrailerBytes) {
+        UPGRADE_ERROR_AT(kReadFunction, __LINE__, "read append info failed;\n");
+        return -1;
+    }
+    return before;
+}
+
+bool readLengths(_UPGRADE_PKG_T& info, const TrailerBlock& block, long payloadLimit) {
+    if (!hex_text_to_u32(block + kPayloadLengthAt, kHexNumberBytes, &info.pkg_file_len) ||
+        info.pkg_file_len > payloadLimit) {
+        UPGRADE_ERROR_AT(kReadFunction, __LINE__, "_xatoi err, _pkg_file_len 0x%x should be 0x%x ~ 0x%x\n",
+                         info.pkg_file_len, 0U, static_cast<uint32_t>(payloadLimit));
+        return false;
+    }
+    std::memcpy(info.md5, block + kMd5At, sizeof(info.md5) - 1);
+    // A key that leaves no room for the version behind it is as invalid as one whose length is no number.
+    if (!hex_text_to_u32(block + kPubkeyLengthAt, kHexNumberBytes, &info.pubkey_len) ||
+        info.pubkey_len > kMaxPubkeyBytes) {
+        UPGRADE_ERROR_AT(kReadFunction, __LINE__, "pubkey_len %d invalid\n",
+                         static_cast<int>(info.pubkey_len));
+        return false;
+    }
+    return true;
+}
+
+// Not a failure of the read: the check of the signatures fails without a key. An older package's key must not stay in
+// its place; what is no regular file holds none.
+void writePubkey(char* key, uint32_t length) {
+    if (COMMON_YR::writeFile(kPubkeyFile, key, length, false) == static_cast<long>(length)) {
+        return;
+    }
+    UPGRADE_ERROR_AT(kReadFunction, __LINE__, "write pubkey file failed;\n");
+    if (COMMON_YR::getFileSize(kPubkeyFile) >= 0) {
+        COMMON_YR::rmFile(kPubkeyFile);
+    }
+}
+
 }  // namespace
 
 int read_info_form_pkg(_UPGRADE_PKG_T& info, std::string pkgPath) {
     std::memset(info.md5, 0, sizeof(info.md5));
     std::memset(info.stamp, 0, sizeof(info.stamp));
     std::memset(info.ident, 0, sizeof(info.ident));
-    if (!kavro::pathExists(pkgPath)) {
-        UPGRADE_ERROR("pkg '%s' not exist!\n", pkgPath.c_str());
-        return -1;
-    }
-    const long fileSize = COMMON_YR::getFileSize(pkgPath.c_str());
-    if (fileSize < kTrailerBytes) {
-        UPGRADE_ERROR("pkg_file_size %ld failed!\n", fileSize);
-        return -1;
-    }
 
     TrailerBlock block = {};
-    const long payloadLimit = fileSize - kTrailerBytes;
-    const long bytesRead = COMMON_YR::readFileToBufferByOffset(
-        pkgPath.c_str(), static_cast<unsigned long>(payloadLimit), kTrailerBytes, block);
-    if (bytesRead != kTrailerBytes) {
-        UPGRADE_ERROR("read append info failed;\n");
+    const long payloadLimit = readTrailer(pkgPath, block);
+    if (payloadLimit < 0 || !readLengths(info, block, payloadLimit)) {
         return -1;
     }
-    if (!hex_text_to_u32(block + kPayloadLengthAt, kHexNumberBytes, &info.pkg_file_len) ||
-        info.pkg_file_len > payloadLimit) {
-        UPGRADE_ERROR("_xatoi err, _pkg_file_len 0x%x should be 0x%x ~ 0x%x\n", info.pkg_file_len, 0U,
-                      static_cast<uint32_t>(payloadLimit));
-        return -1;
-    }
-    std::memcpy(info.md5, block + kMd5At, sizeof(info.md5) - 1);
-    // A key that leaves no room for the version behind it is as invalid as one whose length is no number.
-    if (!hex_text_to_u32(block + kPubkeyLengthAt, kHexNumberBytes, &info.pubkey_len) ||
-        info.pubkey_len > kMaxPubkeyBytes) {
-        UPGRADE_ERROR("pubkey_len %d invalid\n", static_cast<int>(info.pubkey_len));
-        return -1;
-    }
-
     info.pubkey_file = kPubkeyFile;
-    // Not a failure of the read: the check of the signatures fails without a key. An older package's key must not
-    // stay in its place.
-    if (COMMON_YR::writeFile(kPubkeyFile, block + kPubkeyAt, info.pubkey_len, false) !=
-        static_cast<long>(info.pubkey_len)) {
-        UPGRADE_ERROR("write pubkey file failed;\n");
-        COMMON_YR::rmFile(kPubkeyFile);
-    }
+    writePubkey(block + kPubkeyAt, info.pubkey_len);
     const char* behindKey = block + info.pubkey_len;
     std::memcpy(info.stamp, behindKey + kStampAt, sizeof(info.stamp) - 1);
     std::memcpy(info.ident, behindKey + kIdentAt, sizeof(info.ident) - 1);
