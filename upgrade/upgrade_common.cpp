@@ -18,8 +18,9 @@ constexpr int kOptionAbsent = -2;
 constexpr int kOptionNotInt = -3;
 constexpr int kOptionNotString = -4;
 
-// Configuration files are flat. The parser recurses once a level, and it runs on threads with small stacks.
-constexpr int kNestingLimit = 32;
+// Configuration files are flat, so this is plenty. The parser recurses once a level, and it runs on threads with small
+// stacks.
+constexpr int kNestingLimit = 128;
 
 // The document as far as the parser gets: an empty or damaged file just lacks the wanted member.
 Json::Value parseFile(const std::string& file) {
