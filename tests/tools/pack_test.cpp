@@ -310,6 +310,17 @@ INSTANTIATE_TEST_SUITE_P(Pack, MissingComponent,
                          testing::Values("bld_release.bin", "cv22_kavro_qz7.dtb", "ext4", "Image",
                                          "mcu_flash_app.s19", "mcu_flash_drv.s19"));
 
+class EmptyComponent : public Pack, public testing::WithParamInterface<const char*> {};
+
+TEST_P(EmptyComponent, is_refused_by_its_name) {
+    writeFile(component(GetParam()), "");
+    expectRefusal(ExitCode::kRefused, "'" + component(GetParam()).string() + "' is empty");
+}
+
+INSTANTIATE_TEST_SUITE_P(Pack, EmptyComponent,
+                         testing::Values("bld_release.bin", "cv22_kavro_qz7.dtb", "ext4", "Image",
+                                         "mcu_flash_app.s19", "mcu_flash_drv.s19", "version_list.acs"));
+
 TEST_F(Pack, directory_as_component_is_refused) {
     fs::remove(component("ext4"));
     fs::create_directory(component("ext4"));
@@ -362,7 +373,7 @@ TEST_F(Pack, mcu_application_without_its_header_is_refused) {
 }
 
 TEST_F(Pack, mcu_flash_driver_that_is_no_s_record_file_is_refused) {
-    writeFile(component("mcu_flash_drv.s19"), "");
+    writeFile(component("mcu_flash_drv.s19"), "not S-records\n");
     expectRefusal(ExitCode::kRefused, "mcu_flash_drv.s19' holds no valid S-records");
 }
 
@@ -380,8 +391,9 @@ TEST_F(Pack, components_that_fit_only_without_signatures_and_headers_are_refused
     // The sum of the sizes is within the limit, the archive is not.
     const std::uintmax_t others = 5000 + 13 + 70000 + fs::file_size(component("mcu_flash_app.s19")) +
                                   fs::file_size(component("mcu_flash_drv.s19"));
-    writeFile(component("version_list.acs"), "");
-    fs::resize_file(component("ext4"), kPackageBytes - kTrailerBytes - others);
+    const std::string list = "1\n";
+    writeFile(component("version_list.acs"), list);
+    fs::resize_file(component("ext4"), kPackageBytes - kTrailerBytes - others - list.size());
     expectRefusal(ExitCode::kRefused, "the components come to");
 }
 

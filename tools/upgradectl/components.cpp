@@ -15,6 +15,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr const char* kMcuToolHint = "make it again with objcopy -O srec or srec_cat";
+
 ToolError refused(const fs::path& path, const std::string& fault, const std::string& next) {
     return {ExitCode::kRefused, "the component '" + path.string() + "' " + fault, next};
 }
@@ -24,7 +26,7 @@ bool isAbsent(const fs::path& path) {
     return fs::symlink_status(path, ignored).type() == fs::file_type::not_found;
 }
 
-void requireReadableFile(const fs::path& path) {
+void requireFilledFile(const fs::path& path) {
     if (isAbsent(path)) {
         throw refused(path, "is missing", "put it into the component directory");
     }
@@ -39,9 +41,10 @@ void requireReadableFile(const fs::path& path) {
     if (access(path.c_str(), R_OK) != 0) {
         throw refused(path, "cannot be read", "check its permissions");
     }
+    if (fs::file_size(path) == 0) {
+        throw refused(path, "is empty", "put the whole file there");
+    }
 }
-
-constexpr const char* kMcuToolHint = "make it again with objcopy -O srec or srec_cat";
 
 const fs::path& pathOf(const std::vector<Component>& components, const std::string& name) {
     for (const Component& component : components) {
@@ -98,7 +101,7 @@ std::vector<Component> findComponents(const fs::path& directory) {
         if (name == std::string(kVersionList) && isAbsent(path)) {
             continue;
         }
-        requireReadableFile(path);
+        requireFilledFile(path);
         components.push_back({name, path});
     }
     return components;
