@@ -106,7 +106,6 @@ const char* const kAllFiles =
     "version_list.acs,version_list.acs.sign,";
 
 // --- success
-// --------------------------------------------------------------------------------------------------------
 
 TEST_F(PackageProcessing, whole_package_is_read_cut_checked_and_unpacked) {
     package.setVersions(1, 105, 8, 3);
@@ -221,7 +220,6 @@ TEST_F(PackageProcessing, version_is_shown_without_leading_zeros_and_with_its_si
 }
 
 // --- the unpack directory
-// -------------------------------------------------------------------------------------------
 
 unsigned modeOf(const std::string& path) {
     struct stat status {};
@@ -266,7 +264,6 @@ TEST_F(PackageProcessing, link_to_a_directory_is_used_as_one) {
 }
 
 // --- step 1
-// ---------------------------------------------------------------------------------------------------------
 
 TEST_F(PackageProcessing, missing_package_fails_in_the_first_step) {
     EXPECT_EQ(process("/firmware/none.pkg", kUnpackDir), -1);
@@ -309,7 +306,6 @@ TEST_F(PackageProcessing, package_already_cut_has_no_trailer_left) {
 }
 
 // --- step 2
-// ---------------------------------------------------------------------------------------------------------
 
 TEST_F(PackageProcessing, package_that_vanishes_before_the_cut_is_named) {
     package.writeTo(kPackage);
@@ -355,7 +351,6 @@ TEST_F(PackageProcessing, package_that_became_a_directory_cannot_be_cut) {
 }
 
 // --- step 3
-// ---------------------------------------------------------------------------------------------------------
 
 TEST_F(PackageProcessing, flipped_byte_fails_after_the_cut) {
     for (const long offset : {0L, 5000L, -1L}) {
@@ -407,7 +402,6 @@ TEST_F(PackageProcessing, package_that_vanishes_before_the_check_fails_in_it) {
 }
 
 // --- step 4
-// ---------------------------------------------------------------------------------------------------------
 
 const Lines kUnpackFailure{kReadStep, kTruncateStep, kDigestStep, kUnpackStep, kUnpackFailed, kFailed};
 const Lines kTarFailure{kReadStep, kTruncateStep, kDigestStep, kUnpackStep, kFailed};
@@ -497,7 +491,6 @@ TEST_F(PackageProcessing, next_package_succeeds_after_a_failed_one) {
 }
 
 // --- awkward paths
-// --------------------------------------------------------------------------------------------------
 
 // Files that were named by a shell that took a path apart.
 bool shellRan() {
@@ -565,7 +558,6 @@ TEST_F(PackageProcessing, paths_of_4000_characters_are_processed) {
 }
 
 // --- archives that try to get out
-// -----------------------------------------------------------------------------------
 
 // Whatever the result is, nothing may appear outside of the unpack directory.
 class HostileArchive : public PackageProcessing {
@@ -661,7 +653,6 @@ TEST_F(HostileArchive, names_with_line_breaks_and_options_are_files) {
 }
 
 // --- cancellation
-// ---------------------------------------------------------------------------------------------------
 
 class CancelledProcessing : public PackageProcessing {
   protected:

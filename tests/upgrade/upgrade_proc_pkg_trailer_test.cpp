@@ -172,7 +172,6 @@ TEST_F(PackageTrailer, reading_leaves_no_descriptor_open) {
 }
 
 // --- the file
-// -------------------------------------------------------------------------------------------------------
 
 TEST_F(PackageTrailer, missing_file_is_named) {
     EXPECT_EQ(readFrom("/firmware/none.pkg"), -1);
@@ -287,7 +286,6 @@ TEST_F(PackageTrailer, path_beyond_the_systems_limit_is_a_missing_file) {
 }
 
 // --- the payload's length
-// -------------------------------------------------------------------------------------------
 
 TEST_F(PackageTrailer, payload_up_to_the_trailer_is_accepted) {
     trailer.payloadLength = "00000064";
@@ -388,7 +386,6 @@ TEST_F(PackageTrailer, failed_conversion_leaves_the_payload_length_as_it_was) {
 }
 
 // --- digest, key, stamp, ident
-// --------------------------------------------------------------------------------------
 
 TEST_F(PackageTrailer, digest_is_copied_as_it_stands) {
     trailer.md5 = "ABCDEF no digits at all xyz \t\x7f\x80\xff\n";
@@ -524,7 +521,6 @@ TEST_F(PackageTrailer, stamp_and_ident_are_copied_as_they_stand) {
 }
 
 // --- the version
-// ----------------------------------------------------------------------------------------------------
 
 void expectVersion(const _UPGRADE_PKG_T& info, int hw, int mpu, int mcu, int bld) {
     EXPECT_EQ(info.version.hw, hw);
@@ -606,7 +602,6 @@ TEST_F(PackageTrailer, failed_version_leaves_key_stamp_and_ident_read) {
 }
 
 // --- branch and user
-// ------------------------------------------------------------------------------------------------
 
 TEST_F(PackageTrailer, branch_number_0_ends_the_read_without_branch_and_user) {
     trailer.branchLength = "00000000";
@@ -819,7 +814,6 @@ TEST_F(PackageTrailer, negative_user_number_counts_as_large) {
 }
 
 // --- cancellation
-// ---------------------------------------------------------------------------------------------------
 
 TEST_F(PackageTrailer, no_line_is_logged_while_a_cancel_could_act) {
     std::filesystem::create_directory(kPubkey);
@@ -835,7 +829,6 @@ TEST_F(PackageTrailer, no_line_is_logged_while_a_cancel_could_act) {
 }
 
 // --- every block
-// ----------------------------------------------------------------------------------------------------
 
 // What a read must give, worked out field by field.
 struct Expectation {

@@ -137,7 +137,6 @@ class ComponentVerification : public testing::Test {
 };
 
 // --- success
-// --------------------------------------------------------------------------------------------------------
 
 TEST_F(ComponentVerification, signed_set_of_fourteen_files_passes_without_a_log_line) {
     EXPECT_EQ(verify(), 0);
@@ -262,7 +261,6 @@ TEST_F(ComponentVerification, package_with_the_biggest_key_passes) {
 }
 
 // --- an incomplete set
-// ----------------------------------------------------------------------------------------------
 
 TEST_F(ComponentVerification, empty_list_is_refused) {
     EXPECT_EQ(verify(""), -1);
@@ -368,7 +366,6 @@ TEST_F(ComponentVerification, comma_in_a_file_name_makes_two_names) {
 }
 
 // --- a signature that does not verify
-// -------------------------------------------------------------------------------
 
 TEST_F(ComponentVerification, bad_signature_on_ext4_stops_at_row_3) {
     package.corruptSignature("ext4");
@@ -543,7 +540,6 @@ TEST_F(ComponentVerification, right_set_passes_after_a_refused_one) {
 }
 
 // --- awkward paths
-// --------------------------------------------------------------------------------------------------
 
 bool shellRan() {
     for (const char* directory : {"/", "/raw/", "/tmp/", ""}) {
@@ -600,7 +596,6 @@ TEST_F(ComponentVerification, names_in_the_listing_never_reach_the_shell) {
 }
 
 // --- cancellation
-// ---------------------------------------------------------------------------------------------------
 
 class CancelledVerification : public ComponentVerification {
   protected:
