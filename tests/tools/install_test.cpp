@@ -168,6 +168,19 @@ TEST(Install, a_damaged_payload_is_refused) {
     expectFailure(upgradectl({"install", kPackage}), 3, "'/tmp/release.pkg' is damaged");
 }
 
+TEST(Install, a_damaged_trailer_is_refused) {
+    TestPackage()
+        .editTrailer([](testsupport::Trailer& trailer) { trailer.payloadLength = "NONUMBER"; })
+        .writeTo(kPackage);
+    expectFailure(upgradectl({"install", kPackage}), 3, "'/tmp/release.pkg' is damaged");
+}
+
+TEST(Install, a_package_that_is_whole_but_cannot_be_unpacked_is_not_called_damaged) {
+    TestPackage().setPayload("no archive").writeTo(kPackage);
+    expectFailure(upgradectl({"install", kPackage}), 1,
+                  "'/tmp/release.pkg' is whole, but could not be unpacked");
+}
+
 TEST(Install, a_wrong_signature_is_refused_with_the_name_of_the_component) {
     TestPackage().corruptSignature("ext4").writeTo(kPackage);
     const ProgramResult result = upgradectl({"install", kPackage});

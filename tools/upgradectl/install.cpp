@@ -1,6 +1,8 @@
 #include "tools/upgradectl/install.h"
 
+#include <algorithm>
 #include <string>
+#include <vector>
 
 #include "tools/upgradectl/error_log.h"
 #include "tools/upgradectl/package_trailer.h"
@@ -8,6 +10,7 @@
 #include "tools/upgradectl/run_watch.h"
 #include "tools/upgradectl/tool_error.h"
 #include "upgrade/upgrade_api.h"
+#include "upgrade/upgrade_proc_pkg.h"
 
 namespace upgradectl {
 
@@ -18,27 +21,37 @@ namespace fs = std::filesystem;
 // What a failure in each stage means, and what to do about it.
 struct StageFailure {
     int stage;
+    ExitCode code;
     const char* what;  // follows the package's name
     const char* next;
 };
 
 constexpr StageFailure kStageFailures[] = {
-    {UPGRADE_STAGE_INIT, "could not be copied to /firmware, or the device is not ready for a run",
-     "check that /firmware has room for two packages, that /raw can be written and that "
-     "/etc/kavro/version.json is whole; a failed copy has emptied /firmware"},
-    {UPGRADE_STAGE_START, "is damaged or could not be unpacked to /raw/upgrade",
-     "transfer the package again; check that /raw has room for its components"},
-    {UPGRADE_STAGE_PROC_PKG_DONE, "lacks a component or has a signature that does not verify",
+    {UPGRADE_STAGE_INIT, ExitCode::kOther,
+     "could not be copied to /firmware, or the device is not ready for a run",
+     "check that /firmware has room for two packages and that /raw can be written; a failed copy has "
+     "emptied /firmware"},
+    {UPGRADE_STAGE_START, ExitCode::kRefused, "is damaged", "transfer the package again"},
+    {UPGRADE_STAGE_PROC_PKG_DONE, ExitCode::kRefused,
+     "lacks a component or has a signature that does not verify",
      "use a package that 'upgradectl pack' made, and transfer it again"},
-    {UPGRADE_STAGE_VERIFY_PKG_DONE, "could not be compared with the installed versions",
+    {UPGRADE_STAGE_VERIFY_PKG_DONE, ExitCode::kOther, "could not be compared with the installed versions",
      "check /config/upgrade_config.json"},
-    {UPGRADE_STAGE_FLASHING_START, "could not be flashed",
+    {UPGRADE_STAGE_FLASHING_START, ExitCode::kFlashFailed, "could not be flashed",
      "install it again before the device is restarted; if that fails too, look at the device's log"},
-    {UPGRADE_STAGE_BACKUP_PACKAGE, "was flashed but could not be kept as /firmware/rollback.pkg",
+    {UPGRADE_STAGE_BACKUP_PACKAGE, ExitCode::kFlashFailed,
+     "was flashed but could not be kept as /firmware/rollback.pkg",
      "make room in /firmware, then install it again"},
 };
 
-const StageFailure& failureOf(int stage) {
+constexpr StageFailure kUnpackFailure = {
+    UPGRADE_STAGE_START, ExitCode::kOther, "is whole, but could not be unpacked to /raw/upgrade",
+    "check that /raw has room for its components; if it has, use a package that 'upgradectl pack' made"};
+
+const StageFailure& failureOf(const RunOutcome& outcome) {
+    // Flashing that fails at once may be over before its stage was seen.
+    const bool flashing = outcome.giveUp == GiveUp::kTooLate;
+    const int stage = std::max(outcome.highestStage, flashing ? int{UPGRADE_STAGE_FLASHING_START} : 0);
     const StageFailure* found = &kStageFailures[0];
     for (const StageFailure& row : kStageFailures) {
         if (row.stage <= stage) {
@@ -52,16 +65,24 @@ ToolError refused(const fs::path& package, const std::string& fault, const std::
     return {ExitCode::kRefused, "the package '" + package.string() + "' " + fault, next};
 }
 
+// After a failure in the stage START, which has cut the copied package down to its payload: whether that is
+// what the trailer says, so that not the package is to blame.
+bool hasWholePayload(const std::string& package) {
+    _UPGRADE_PKG_T info;
+    return read_info_form_pkg(info, package) == 0 && COMMON_YR::chkFileMd5(UpgradeProc::upgradePkg, info.md5);
+}
+
 // A run that failed, by the stage in which it did.
 ToolError runFailure(const RunOutcome& outcome, const std::string& package) {
     if (outcome.giveUp == GiveUp::kInTime) {
         return {ExitCode::kGivenUp, "the installation of '" + package + "' was given up, nothing was flashed",
                 "start it again whenever you like"};
     }
-    const StageFailure& failure = failureOf(outcome.highestStage);
-    const bool flashing = outcome.giveUp == GiveUp::kTooLate;
-    return {flashing ? ExitCode::kFlashFailed : ExitCode::kRefused,
-            "the package '" + package + "' " + failure.what, failure.next, loggedErrors()};
+    const std::vector<std::string> deviceWords = loggedErrors();
+    const bool startFailed = outcome.highestStage == UPGRADE_STAGE_START;
+    const StageFailure& failure =
+        startFailed && hasWholePayload(package) ? kUnpackFailure : failureOf(outcome);
+    return {failure.code, "the package '" + package + "' " + failure.what, failure.next, deviceWords};
 }
 
 bool isBelow(const fs::path& path, const fs::path& directory) {
