@@ -38,7 +38,7 @@ constexpr StageFailure kStageFailures[] = {
     {UPGRADE_STAGE_VERIFY_PKG_DONE, ExitCode::kOther, "could not be compared with the installed versions",
      "check /config/upgrade_config.json"},
     {UPGRADE_STAGE_FLASHING_START, ExitCode::kFlashFailed, "could not be flashed",
-     "install it again before the device is restarted; if that fails too, look at the device's log"},
+     "mend what the device: lines say, then install it again before the device is restarted"},
     {UPGRADE_STAGE_BACKUP_PACKAGE, ExitCode::kFlashFailed,
      "was flashed but could not be kept as /firmware/rollback.pkg",
      "make room in /firmware, then install it again"},
