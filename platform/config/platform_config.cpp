@@ -2,8 +2,10 @@
 
 #include <json/json.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <memory>
+#include <system_error>
 
 #include "common/cancellation.h"
 
@@ -20,10 +22,15 @@ struct FileCloser {
     void operator()(std::FILE* file) const { std::fclose(file); }
 };
 
-// The file's text, empty when it cannot be read or is too long.
-std::string readText(const std::string& path) {
+std::string cannotBeRead(int errorNumber) {
+    return "cannot be read: " + std::generic_category().message(errorNumber);
+}
+
+// The file's text; empty with the reason in `fault` when it cannot be read or is too long.
+std::string readText(const std::string& path, std::string& fault) {
     const std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "re"));
     if (file == nullptr) {
+        fault = cannotBeRead(errno);
         return {};
     }
 
@@ -32,10 +39,15 @@ std::string readText(const std::string& path) {
     for (std::size_t count; (count = std::fread(block, 1, sizeof block, file.get())) > 0;) {
         text.append(block, count);
         if (text.size() > kMaxFileBytes) {
+            fault = cannotBeRead(EFBIG);
             return {};
         }
     }
-    return std::ferror(file.get()) != 0 ? std::string() : text;
+    if (std::ferror(file.get()) != 0) {
+        fault = cannotBeRead(errno);
+        return {};
+    }
+    return text;
 }
 
 // The document's root; null when it is no JSON or nested too deeply.
@@ -95,9 +107,12 @@ std::map<std::string, SlotPartitions> readSlots(const Json::Value& slots) {
 
 PlatformConfig readPlatformConfig(const std::string& path) {
     const COMMON_YR::CancelHold hold;
-    const Json::Value root = parse(readText(path));
-
     PlatformConfig config;
+    const Json::Value root = parse(readText(path, config.fault));
+    if (config.fault.empty() && !root.isObject()) {
+        config.fault = "is no JSON object";
+    }
+
     const Json::Value& log = member(root, "log");
     readInto(config.logToSyslog, log, "syslog");
     readInto(config.logToStderr, log, "stderr");
@@ -112,6 +127,10 @@ PlatformConfig readPlatformConfig(const std::string& path) {
 
     readInto(config.mcuFlashFile, member(root, "mcu"), "flash");
     return config;
+}
+
+std::string platformConfigError(const PlatformConfig& config, const std::string& what) {
+    return std::string(kPlatformConfigPath) + ": " + (config.fault.empty() ? what : config.fault);
 }
 
 }  // namespace kavro

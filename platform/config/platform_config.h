@@ -35,6 +35,7 @@ struct SlotPartitions {
 };
 
 struct PlatformConfig {
+    std::string fault;  // why nothing was read; empty when the file is a JSON object, whatever it holds
     bool logToSyslog = true;
     bool logToStderr = false;
     std::string nodeAddress;                      // empty: no message node
@@ -46,8 +47,12 @@ struct PlatformConfig {
 };
 
 // Reads the file anew at each call. A missing or damaged file, or a member of the wrong type, gives the
-// defaults above for what could not be read. Never throws, except for exhausted memory; not a cancellation
-// point.
+// defaults above for what could not be read; `fault` tells the first two. Never throws,
+// except for exhausted memory; not a cancellation point.
 PlatformConfig readPlatformConfig(const std::string& path = kPlatformConfigPath);
+
+// What to say when something is missing in the device's file: the path and `what`, or in its place the fault
+// that made everything missing.
+std::string platformConfigError(const PlatformConfig& config, const std::string& what);
 
 }  // namespace kavro

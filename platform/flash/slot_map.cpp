@@ -60,6 +60,9 @@ bool readRunningSlot(const PlatformConfig& config, SlotMap& map, std::string& er
 }  // namespace
 
 bool readSlotMap(const PlatformConfig& config, SlotMap& map, std::string& error) {
+    if (!config.fault.empty()) {
+        return fail(config.fault, error);
+    }
     if (config.slots.size() != kSlotCount) {
         return fail("\"mpu\" needs two \"slots\", there are " + std::to_string(config.slots.size()), error);
     }

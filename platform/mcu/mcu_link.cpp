@@ -6,7 +6,7 @@ namespace kavro {
 
 std::unique_ptr<McuLink> openMcuLink(const PlatformConfig& config, std::string& error) {
     if (config.mcuFlashFile.empty()) {
-        error = std::string(kPlatformConfigPath) + ": \"mcu\" names no \"flash\"";
+        error = platformConfigError(config, "\"mcu\" names no \"flash\"");
         return nullptr;
     }
     return std::make_unique<FileMcuLink>(config.mcuFlashFile);

@@ -95,10 +95,11 @@ void* getVelNode(int domain, const char* name, int queue, int flags, int timeout
     (void)domain, (void)queue, (void)flags, (void)timeoutMs;
     const COMMON_YR::CancelHold hold;
     const char* publisher = name != nullptr ? name : "";
-    const std::string address = kavro::readPlatformConfig().nodeAddress;
+    const kavro::PlatformConfig config = kavro::readPlatformConfig();
+    const std::string& address = config.nodeAddress;
     if (address.empty()) {
-        printLog(kNotice, "getVelNode(%s): %s: \"node\" names no \"address\"\n", publisher,
-                 kavro::kPlatformConfigPath);
+        const std::string error = kavro::platformConfigError(config, "\"node\" names no \"address\"");
+        printLog(kNotice, "getVelNode(%s): %s\n", publisher, error.c_str());
         return nullptr;
     }
     auto node = std::make_unique<Node>();

@@ -76,6 +76,26 @@ TEST(PlatformConfig, directory_gives_the_defaults) {
     expectDefaults(kavro::readPlatformConfig(directory.path()));
 }
 
+TEST(PlatformConfig, fault_tells_why_a_file_cannot_be_read) {
+    const TempDir directory;
+    EXPECT_EQ(kavro::readPlatformConfig("/nonexistent/platform.json").fault,
+              "cannot be read: No such file or directory");
+    EXPECT_EQ(kavro::readPlatformConfig(directory.path()).fault, "cannot be read: Is a directory");
+    EXPECT_EQ(read(std::string(2 << 20, ' ')).fault, "cannot be read: File too large");
+}
+
+TEST(PlatformConfig, fault_tells_of_text_that_is_no_object) {
+    for (const char* text : {"", "[]", "7", "null", "{ not json"}) {
+        SCOPED_TRACE(text);
+        EXPECT_EQ(read(text).fault, "is no JSON object");
+    }
+}
+
+TEST(PlatformConfig, object_has_no_fault_whatever_it_holds) {
+    EXPECT_EQ(read("{}").fault, "");
+    EXPECT_EQ(read(R"({"log": [], "mpu": 4})").fault, "");
+}
+
 TEST(PlatformConfig, text_that_is_no_object_gives_the_defaults) {
     for (const char* text : {"", " ", "[]", "[1, {\"log\": {}}]", "7", "-1.5e300", "\"log\"", "null", "true",
                              "{", "{\"log\": {\"stderr\": true}", "{\"log\"", "\xFF\xFE", "{]}"}) {

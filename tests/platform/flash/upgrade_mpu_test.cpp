@@ -278,8 +278,10 @@ TEST_F(Mpu, device_without_a_bootloader_partition_refuses_to_write_one) {
 
 TEST_F(Mpu, is_unusable_without_configuration) {
     std::filesystem::remove(kConfig);
-    expectUnusable({kConfig, "needs two \"slots\", there are 0"});
+    expectUnusable({kConfig, "cannot be read: No such file or directory"});
     testsupport::writeFile(kConfig, "{ not json");
+    expectUnusable({kConfig, "is no JSON object"});
+    testsupport::writeFile(kConfig, "{}");
     expectUnusable({kConfig, "needs two \"slots\", there are 0"});
 }
 

@@ -182,6 +182,10 @@ TEST_F(FileMcu, link_is_the_one_that_the_configuration_names) {
     kavro::PlatformConfig config;
     EXPECT_EQ(kavro::openMcuLink(config, error), nullptr);
     EXPECT_EQ(error, "/etc/kavro/platform.json: \"mcu\" names no \"flash\"");
+    config.fault = "is no JSON object";
+    EXPECT_EQ(kavro::openMcuLink(config, error), nullptr);
+    EXPECT_EQ(error, "/etc/kavro/platform.json: is no JSON object");
+    config.fault.clear();
     config.mcuFlashFile = flash;
     const auto opened = kavro::openMcuLink(config, error);
     ASSERT_NE(opened, nullptr);

@@ -219,6 +219,15 @@ TEST(VelNode, without_an_address_there_is_no_node) {
     EXPECT_TRUE(testsupport::loggedWith(2, {"getVelNode(upgrade)", kConfig, "names no \"address\""}));
 }
 
+TEST(VelNode, unreadable_configuration_is_named_as_the_reason) {
+    testsupport::writeFile(kConfig, "{ not json");
+    EXPECT_EQ(openNode(), nullptr);
+    EXPECT_TRUE(testsupport::loggedWith(2, {"getVelNode(upgrade)", kConfig, "is no JSON object"}));
+    std::filesystem::remove(kConfig);
+    EXPECT_LT(velGetMcuVersion(nullptr), 0);
+    EXPECT_TRUE(testsupport::loggedWith(2, {"velGetMcuVersion", kConfig, "cannot be read: No such file"}));
+}
+
 TEST(VelNode, address_that_cannot_be_listened_on_gives_no_node) {
     for (const std::string address : {"ipc:///nowhere/node.ipc", "nonsense", "ipc://"}) {
         testsupport::clearCapturedLog();
