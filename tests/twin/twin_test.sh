@@ -111,6 +111,28 @@ test_a_component_larger_than_its_partition_is_refused() {
     make_release 1 104 7 2
     truncate -s $((1024 * 1024 + 1)) release/cv22_kavro_qz7.dtb
     fails_with "does not fit its partition" "$twin" create device --components release
+    [[ ! -e device ]] || die "a refused create left something behind"
+}
+
+test_a_release_without_a_component_leaves_nothing_behind() {
+    make_release 1 104 7 2
+    local component
+    for component in bld_release.bin mcu_flash_app.s19; do
+        mv "release/$component" kept
+        fails_with "$component" "$twin" create device --components release
+        [[ ! -e device ]] || die "a create without $component left something behind"
+        mv kept "release/$component"
+    done
+    new_twin --components release
+}
+
+test_every_command_tells_its_usage() {
+    local command
+    for command in create run restart show compare reset remove; do
+        "$twin" "$command" --help | grep -q "^       twin $command\|^usage: twin $command" || die "$command --help shows no usage"
+        "$twin" "$command" -h | grep -q '^usage: ' || die "$command -h shows no usage"
+    done
+    [[ ! -e --help && ! -e -h ]] || die "a device was made"
 }
 
 test_wrong_arguments_are_refused() {
@@ -297,15 +319,30 @@ test_a_slot_without_a_whole_image_does_not_start() {
     equal "running slot" "$(cat device/run/running_slot)" a
 }
 
-test_a_damaged_boot_state_does_not_start() {
+test_without_a_whole_boot_state_the_slot_that_ran_starts_again() {
     new_twin
+    boot_state b true true
+    "$twin" restart device
     local text
-    for text in '' '{' '[]' '{"boot_slot": "c"}' '{"boot_slot": "../a"}' '{"boot_slot": 5}'; do
+    for text in '' '{' '[]' '{"boot_slot": "c"}' '{"boot_slot": "../a"}' '{"boot_slot": 5}' \
+        '{"boot_slot": "a", "complete": {"a": true, "b": true}}' \
+        '{"boot_slot": "a", "complete": {"a": true}, "pending_slot": ""}' \
+        '{"boot_slot": "a", "complete": {"a": true, "b": true}, "pending_slot": ""} {}'; do
         printf '%s' "$text" >device/config/boot_state.json
-        fails_with "names no slot" "$twin" restart device
+        equal "restart with '$text'" "$("$twin" restart device 2>err.txt)" "restarted from slot b"
+        grep -q 'missing or damaged' err.txt || die "nothing is said about '$text'"
+        equal "running slot" "$(cat device/run/running_slot)" b
+        equal "boot state" "$(cat device/config/boot_state.json)" "$text"
     done
     rm device/config/boot_state.json
-    fails_with "names no slot" "$twin" restart device
+    "$twin" restart device
+    equal "running slot" "$(cat device/run/running_slot)" b
+}
+
+test_without_boot_state_and_running_slot_nothing_starts() {
+    new_twin
+    rm device/config/boot_state.json device/run/running_slot
+    fails_with "the running slot is unknown" "$twin" restart device
 }
 
 test_a_restart_waits_for_no_running_program() {
