@@ -24,10 +24,11 @@ void PrintTo(const UsageError& error, std::ostream* out) {
 
 class WrongCommandLine : public testing::TestWithParam<UsageError> {};
 
-TEST_P(WrongCommandLine, ends_with_exit_code_2_and_a_text) {
+TEST_P(WrongCommandLine, ends_with_exit_code_2_and_the_next_step) {
     const ProgramResult result = upgradectl(GetParam().arguments);
     EXPECT_EQ(result.exitCode, 2);
-    EXPECT_NE(result.err, "");
+    EXPECT_EQ(result.err.rfind("upgradectl: ", 0), 0U) << result.err;
+    EXPECT_TRUE(contains(result.err, "\n  next: ")) << result.err;
     EXPECT_EQ(result.out, "");
 }
 
@@ -47,6 +48,23 @@ INSTANTIATE_TEST_SUITE_P(
                     UsageError{"pack_with_two_directories",
                                {"pack", "--version", "1.1.1.1", "-k", "x", "-o", "y", "/", "/"}}),
     [](const testing::TestParamInfo<UsageError>& test) { return std::string(test.param.name); });
+
+TEST(Cli, a_word_that_is_no_command_is_named) {
+    EXPECT_EQ(upgradectl({"foo"}).err, "upgradectl: 'foo' is no command\n  next: upgradectl --help\n");
+}
+
+TEST(Cli, an_unknown_option_is_named) {
+    EXPECT_EQ(upgradectl({"--foo"}).err, "upgradectl: '--foo' is no option\n  next: upgradectl --help\n");
+}
+
+TEST(Cli, a_missing_command_is_told) {
+    EXPECT_EQ(upgradectl({}).err, "upgradectl: a command is missing\n  next: upgradectl --help\n");
+}
+
+TEST(Cli, a_wrong_use_of_a_command_leads_to_its_help) {
+    const ProgramResult result = upgradectl({"install"});
+    EXPECT_EQ(result.err, "upgradectl: PACKAGE is required\n  next: upgradectl install --help\n");
+}
 
 TEST(Cli, help_lists_commands_and_exit_codes_on_standard_output) {
     const ProgramResult result = upgradectl({"--help"});

@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "tools/upgradectl/device_commands.h"
 #include "tools/upgradectl/install.h"
@@ -149,6 +150,28 @@ void report(const ToolError& error) {
     std::fprintf(stderr, "  next: %s\n", error.next().c_str());
 }
 
+// What CLI11 says of a command line without a command does not name the word that was taken for one.
+std::string wrongCommandLine(const CLI::App& app, const CLI::Error& error) {
+    if (!app.get_subcommands().empty()) {
+        return error.what();
+    }
+    const std::vector<std::string> words = app.remaining();
+    if (words.empty()) {
+        return "a command is missing";
+    }
+    const bool isOption = words.front().rfind('-', 0) == 0;
+    return "'" + words.front() + "' is no " + (isOption ? "option" : "command");
+}
+
+// In the form of every other failure.
+std::string failureMessage(const CLI::App* app, const CLI::Error& error) {
+    std::string help = "upgradectl";
+    for (const CLI::App* command : app->get_subcommands()) {
+        help = "upgradectl " + command->get_name();
+    }
+    return "upgradectl: " + wrongCommandLine(*app, error) + "\n  next: " + help + " --help\n";
+}
+
 // CLI11 has exit codes of its own; help and version are no failures.
 ExitCode reportParseResult(const CLI::App& app, const CLI::ParseError& result) {
     return app.exit(result) == 0 ? ExitCode::kOk : ExitCode::kUsage;
@@ -159,6 +182,7 @@ ExitCode runCommandLine(int argc, char** argv) {
     app.set_version_flag("--version", "upgradectl " UPGRADECTL_VERSION);
     app.require_subcommand(1);
     app.footer(kExitCodes);
+    app.failure_message(failureMessage);
     Action chosen;
     for (const auto add : {addPack, addInit, addInstall, addStatus, addActivate, addRollback}) {
         add(app, chosen);
