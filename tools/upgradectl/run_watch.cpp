@@ -40,10 +40,10 @@ class GiveUpRequest {
         if (status == GiveUp::kNothing) {
             return;
         }
-        view.notice(
-            status == GiveUp::kInTime
-                ? "given up in time: nothing is flashed"
-                : "too late to give up: flashing has begun and goes on. Do not switch the device off");
+        // In time: the failure that the run ends with says so.
+        if (status == GiveUp::kTooLate) {
+            view.notice("too late to give up: flashing has begun and goes on. Do not switch the device off");
+        }
         answered = interrupts.count();
     }
 

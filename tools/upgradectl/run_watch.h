@@ -19,7 +19,7 @@ struct RunOutcome {
 };
 
 // Calls run, which is one of the library's functions that make a run, on a thread of its own and shows the
-// run's status until it returns. An interrupt asks to give the run up and tells whether that was in time; no
+// run's status until it returns. An interrupt asks to give the run up and tells when that was too late; no
 // interrupt ends the process.
 RunOutcome watchRun(const std::function<int()>& run, RunView& view, const Interrupts& interrupts);
 
