@@ -60,7 +60,7 @@ class Pack : public testing::Test {
 
     upgradectl::PackSummary pack() const { return upgradectl::pack(request, upgradectl::Interrupts()); }
 
-    void expectRefusal(ExitCode code, const std::string& part) const {
+    void expectRefusal(ExitCode code, const std::string& part, const std::string& partOfNext = "") const {
         const std::vector<std::string> before = namesIn(files.path());
         try {
             pack();
@@ -69,6 +69,7 @@ class Pack : public testing::Test {
             EXPECT_EQ(error.exitCode(), code) << error.what();
             EXPECT_NE(std::string(error.what()).find(part), std::string::npos) << error.what();
             EXPECT_NE(error.next(), "");
+            EXPECT_NE(error.next().find(partOfNext), std::string::npos) << error.next();
         }
         EXPECT_EQ(namesIn(files.path()), before);
     }
@@ -372,6 +373,11 @@ TEST_F(Pack, mcu_application_without_its_header_is_refused) {
     expectRefusal(ExitCode::kRefused, "mcu_flash_app.s19' is no application");
 }
 
+TEST_F(Pack, mcu_application_at_a_wrong_address_is_refused_with_the_option_that_moves_it) {
+    writeFile(component("mcu_flash_app.s19"), srecords(0, "KAVROMCU"));
+    expectRefusal(ExitCode::kRefused, "mcu_flash_app.s19' is no application", "--change-addresses 0x8000,");
+}
+
 TEST_F(Pack, mcu_flash_driver_that_is_no_s_record_file_is_refused) {
     writeFile(component("mcu_flash_drv.s19"), "not S-records\n");
     expectRefusal(ExitCode::kRefused, "mcu_flash_drv.s19' holds no valid S-records");
@@ -379,7 +385,8 @@ TEST_F(Pack, mcu_flash_driver_that_is_no_s_record_file_is_refused) {
 
 TEST_F(Pack, mcu_flash_driver_outside_ram_is_refused) {
     writeFile(component("mcu_flash_drv.s19"), mcuApplication(8));
-    expectRefusal(ExitCode::kRefused, "mcu_flash_drv.s19' is no flash driver");
+    expectRefusal(ExitCode::kRefused, "mcu_flash_drv.s19' is no flash driver",
+                  "--change-addresses 0x20000000,");
 }
 
 TEST_F(Pack, components_larger_than_a_package_are_refused) {
@@ -399,7 +406,8 @@ TEST_F(Pack, components_that_fit_only_without_signatures_and_headers_are_refused
 
 TEST_F(Pack, missing_key_is_refused) {
     request.key = files / "nokey.pem";
-    expectRefusal(ExitCode::kRefused, "nokey.pem' cannot be read");
+    expectRefusal(ExitCode::kRefused,
+                  "the key '" + request.key.string() + "' cannot be read: No such file or directory");
 }
 
 TEST_F(Pack, directory_as_key_is_refused) {

@@ -16,6 +16,10 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kMcuToolHint = "make it again with objcopy -O srec or srec_cat";
+constexpr const char* kMcuApplicationHint =
+    "make it again with objcopy -O srec --change-addresses 0x8000, see docs/mcu.md";
+constexpr const char* kMcuFlashDriverHint =
+    "make it again with objcopy -O srec --change-addresses 0x20000000, see docs/mcu.md";
 
 ToolError refused(const fs::path& path, const std::string& fault, const std::string& next) {
     return {ExitCode::kRefused, "the component '" + path.string() + "' " + fault, next};
@@ -68,7 +72,7 @@ void checkMcuApplication(const fs::path& path, int packageVersion) {
     const std::vector<kavro::Segment> segments = readSegments(path);
     std::string error;
     if (!kavro::checkApplication(segments, error)) {
-        throw refused(path, "is no application of the microcontroller (" + error + ")", kMcuToolHint);
+        throw refused(path, "is no application of the microcontroller (" + error + ")", kMcuApplicationHint);
     }
     const std::optional<int> version = kavro::applicationVersion(segments);
     if (version != packageVersion) {
@@ -82,7 +86,7 @@ void checkMcuApplication(const fs::path& path, int packageVersion) {
 void checkMcuFlashDriver(const fs::path& path) {
     std::string error;
     if (!kavro::checkFlashDriver(readSegments(path), error)) {
-        throw refused(path, "is no flash driver of the microcontroller (" + error + ")", kMcuToolHint);
+        throw refused(path, "is no flash driver of the microcontroller (" + error + ")", kMcuFlashDriverHint);
     }
 }
 

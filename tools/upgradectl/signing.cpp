@@ -4,10 +4,13 @@
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
+#include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstddef>
 #include <functional>
+#include <system_error>
 
 #include "tools/upgradectl/tool_error.h"
 
@@ -100,6 +103,10 @@ bool isSupported(const EVP_PKEY* key) {
 }
 
 Key loadKey(const std::filesystem::path& file) {
+    if (access(file.c_str(), R_OK) != 0) {
+        const std::string reason = std::error_code(errno, std::generic_category()).message();
+        throw badKey(file, "cannot be read: " + reason, "give the file of the private key");
+    }
     const Bio bio = openForReading(file);
     bool passwordWanted = false;
     Key key(PEM_read_bio_PrivateKey(bio.get(), nullptr, refusePassword, &passwordWanted));
