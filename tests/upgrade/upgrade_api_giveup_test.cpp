@@ -9,7 +9,9 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <filesystem>
+#include <mutex>
 #include <ostream>
 #include <sstream>
 #include <string>
@@ -154,7 +156,7 @@ class GiverUp {
           recorder([this](const Recorder::Event& event) { look(event); }),
           waiter([this] { giveUpLater(); }) {}
     ~GiverUp() {
-        over = true;
+        wakeWaiter(over);
         waiter.join();
     }
     GiverUp(const GiverUp&) = delete;
@@ -175,7 +177,7 @@ class GiverUp {
             return;
         }
         if (moment.how == How::kAfter) {
-            anchored = true;
+            wakeWaiter(anchored);
             return;
         }
         giveUp();
@@ -214,9 +216,16 @@ class GiverUp {
         return republisher == thread;
     }
 
+    void wakeWaiter(std::atomic<bool>& reason) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        reason = true;
+        woken.notify_one();
+    }
+
     void giveUpLater() {
-        while (!anchored && !over) {
-            usleep(50);
+        {
+            std::unique_lock<std::mutex> lock(mutex);
+            woken.wait(lock, [this] { return anchored || over; });
         }
         if (anchored) {
             usleep(static_cast<useconds_t>(moment.delayUs));
@@ -231,6 +240,8 @@ class GiverUp {
     std::atomic<pid_t> publisher{0};
     std::atomic<pid_t> republisher{0};
     std::atomic<int> republished{0};
+    std::mutex mutex;
+    std::condition_variable woken;
     Recorder recorder;
     std::thread waiter;
 };
