@@ -103,7 +103,7 @@ std::string shellWord(const std::string& path) {
     if (path.empty()) {
         return "''";
     }
-    const std::string unmistakable = looksLikeOptionOrHost(path) ? "./" + path : path;
+    std::string unmistakable = looksLikeOptionOrHost(path) ? "./" + path : path;
     if (std::all_of(unmistakable.begin(), unmistakable.end(), isPlainCharacter)) {
         return unmistakable;
     }

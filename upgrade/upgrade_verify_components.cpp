@@ -51,13 +51,14 @@ bool isComplete(const std::string& dir, const std::string& components) {
         logSummary(__LINE__, 0, 0);
         return false;
     }
+    const std::string prefix = dir + "/";
     int comp_valid_num = 0;
     for (const std::string& piece : pieces) {
         const std::string name = COMMON_YR::getFileName(piece.c_str());
         if (isComponentOrSignature(name)) {
             ++comp_valid_num;
         }
-        const std::string filePath = dir + "/" + name;
+        const std::string filePath = prefix + name;
         if (!kavro::pathExists(filePath)) {
             UPGRADE_ERROR_AT(kFunction, __LINE__, "filePath '%s' not exist!\n", filePath.c_str());
             logSummary(__LINE__, comp_valid_num, -1);
