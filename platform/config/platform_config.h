@@ -47,8 +47,8 @@ struct PlatformConfig {
 };
 
 // Reads the file anew at each call. A missing or damaged file, or a member of the wrong type, gives the
-// defaults above for what could not be read; `fault` tells the first two. Never throws,
-// except for exhausted memory; not a cancellation point.
+// defaults above for what could not be read; `fault` tells of the first two. Never throws, except for
+// exhausted memory; not a cancellation point.
 PlatformConfig readPlatformConfig(const std::string& path = kPlatformConfigPath);
 
 // What to say when something is missing in the device's file: the path and `what`, or in its place the fault

@@ -1,4 +1,4 @@
-// chkFileMd5: the one place that knows OpenSSL.
+// chkFileMd5: the one place of the device's libraries that knows OpenSSL.
 
 #include <fcntl.h>
 #include <openssl/evp.h>
