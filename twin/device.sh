@@ -9,6 +9,7 @@
 
 TWIN_MCU_FLASH_BYTES=524288
 TWIN_MCU_APPLICATION_OFFSET=32768
+TWIN_ENVIRONMENT_BYTES=0x4000
 
 # Which file of a release is written to which partition.
 # shellcheck disable=SC2034  # for those who source this file
@@ -39,9 +40,11 @@ twin_write_platform() {
         },
         "bootloader": "/dev/disk/by-partlabel/bootloader",
         "boot_state": "/config/boot_state.json",
+        "boot_environment": "/etc/kavro/fw_env.config",
+        "written_slot": "/config/written_slot.json",
         "running_slot": "/run/kavro/running_slot"
     },
-    "mcu": { "flash": "/dev/kavro-mcu/flash.bin" }
+    "mcu": { "flash": "/dev/kavro-mcu/flash.bin", "link": "unix:/dev/kavro-mcu/link" }
 }
 JSON
 }
@@ -57,6 +60,24 @@ twin_make_partitions() {
     truncate -s 1M "$1/dtb_a" "$1/dtb_b"
     truncate -s 96M "$1/rootfs_a" "$1/rootfs_b"
     truncate -s 4M "$1/bootloader"
+}
+
+# twin_write_environment_config FILE DIRECTORY: where the two copies of the boot environment are, for libubootenv.
+twin_write_environment_config() {
+    printf "$2/%s 0x0 $TWIN_ENVIRONMENT_BYTES\n" env_a env_b >"$1"
+}
+
+# twin_make_environment STATE: the boot environment of a device that has started from slot a. The tool saves one copy
+# at a time: twice, so that both are whole. That there is none yet is what it complains of.
+twin_make_environment() {
+    local config=$1/run/fw_env.config defaults=$1/run/environment
+    truncate -s "$((TWIN_ENVIRONMENT_BYTES))" "$1/partitions/env_a" "$1/partitions/env_b"
+    twin_write_environment_config "$config" "$1/partitions"
+    printf 'boot_slot=a\nupgrade_available=0\nbootcount=0\nbootlimit=3\n' >"$defaults"
+    fw_setenv -c "$config" -f "$defaults" 2>/dev/null
+    fw_setenv -c "$config" bootcount 0
+    rm -f "$config" "$defaults"
+    twin_write_environment_config "$1/etc-kavro/fw_env.config" /dev/disk/by-partlabel
 }
 
 # twin_little_endian_32 NUMBER: the four bytes, as a printf format.
@@ -79,6 +100,7 @@ twin_make_state() {
     twin_write_platform "$dir/etc-kavro/platform.json"
     twin_write_versions "$dir/etc-kavro/version.json" "${@:2}"
     twin_make_partitions "$dir/partitions"
+    twin_make_environment "$dir"
     twin_make_mcu_flash "$dir/mcu/flash.bin" "$4"
     printf '{"boot_slot": "a", "complete": {"a": true, "b": false}, "pending_slot": ""}\n' >"$dir/config/boot_state.json"
     printf 'a\n' >"$dir/run/running_slot"
@@ -96,7 +118,7 @@ twin_namespace() {
             TWIN_NAMESPACE+=(--ro-bind "$path" "$path")
         fi
     done
-    TWIN_NAMESPACE+=(--proc /proc --dev /dev --tmpfs /etc --tmpfs /run)
+    TWIN_NAMESPACE+=(--proc /proc --dev /dev --tmpfs /etc --tmpfs /run --dir /run/lock --symlink /run/lock /var/lock)
     for path in "${TWIN_HOST_ETC[@]}"; do
         TWIN_NAMESPACE+=(--ro-bind-try "/etc/$path" "/etc/$path")
     done
@@ -105,6 +127,7 @@ twin_namespace() {
         --bind "$dir/firmware" /firmware
         --bind "$dir/raw" /raw
         --bind "$dir/etc-kavro" /etc/kavro
+        --symlink kavro/fw_env.config /etc/fw_env.config
         --bind "$dir/tmp" /tmp
         --bind "$dir/run" /run/kavro
         --dev-bind "$dir/partitions" /dev/disk/by-partlabel

@@ -123,9 +123,13 @@ PlatformConfig readPlatformConfig(const std::string& path) {
     config.slots = readSlots(member(mpu, "slots"));
     readInto(config.bootloaderPartition, mpu, "bootloader");
     readInto(config.bootStateFile, mpu, "boot_state");
+    readInto(config.bootEnvironmentConfig, mpu, "boot_environment");
+    readInto(config.writtenSlotFile, mpu, "written_slot");
     readInto(config.runningSlotFile, mpu, "running_slot");
 
-    readInto(config.mcuFlashFile, member(root, "mcu"), "flash");
+    const Json::Value& mcu = member(root, "mcu");
+    readInto(config.mcuFlashFile, mcu, "flash");
+    readInto(config.mcuLink, mcu, "link");
     return config;
 }
 

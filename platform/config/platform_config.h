@@ -13,9 +13,11 @@
 //         },
 //         "bootloader": "PATH",
 //         "boot_state": "/config/boot_state.json",
+//         "boot_environment": "/etc/kavro/fw_env.config",
+//         "written_slot": "/config/written_slot.json",
 //         "running_slot": "/run/kavro/running_slot"
 //       },
-//       "mcu": { "flash": "/dev/kavro-mcu/flash.bin" }
+//       "mcu": { "flash": "/dev/kavro-mcu/flash.bin", "link": "spidev:/dev/spidev1.0" }
 //     }
 //
 // Partitions are block devices on a device and image files in a twin.
@@ -41,9 +43,12 @@ struct PlatformConfig {
     std::string nodeAddress;                      // empty: no message node
     std::map<std::string, SlotPartitions> slots;  // by slot name
     std::string bootloaderPartition;
-    std::string bootStateFile;    // which slot starts next; written by the flash driver
-    std::string runningSlotFile;  // holds the name of the slot that was started; written at boot
-    std::string mcuFlashFile;     // the emulated microcontroller's flash memory
+    std::string bootStateFile;          // which slot starts next; written by the flash driver
+    std::string bootEnvironmentConfig;  // says where U-Boot's environment is, in the form of fw_env.config
+    std::string writtenSlotFile;        // what is known about a slot that was written and not yet activated
+    std::string runningSlotFile;        // holds the name of the slot that was started; written at boot
+    std::string mcuFlashFile;           // the emulated microcontroller's flash memory
+    std::string mcuLink;                // "spidev:PATH" or "unix:PATH"
 };
 
 // Reads the file anew at each call. A missing or damaged file, or a member of the wrong type, gives the

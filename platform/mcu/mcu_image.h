@@ -14,8 +14,11 @@
 
 namespace kavro {
 
-// Flash: the boot loader, which is never written, then the application up to the end.
+// Flash: the boot loader, which is never written, the record of the application, then the application up to the
+// end. Erased by sectors.
 inline constexpr std::uint32_t kMcuFlashBytes = 0x00080000;
+inline constexpr std::uint32_t kMcuSectorBytes = 0x00001000;
+inline constexpr std::uint32_t kMcuRecordStart = 0x00007000;
 inline constexpr std::uint32_t kMcuApplicationStart = 0x00008000;
 inline constexpr std::uint32_t kMcuApplicationBytes = kMcuFlashBytes - kMcuApplicationStart;
 inline constexpr std::uint8_t kMcuErasedByte = 0xFF;
@@ -30,6 +33,12 @@ inline constexpr std::size_t kMcuHeaderBytes = 16;
 inline constexpr std::size_t kMcuMagicBytes = 8;
 inline constexpr std::array<std::uint8_t, kMcuMagicBytes> kMcuMagic = {'K', 'A', 'V', 'R',
                                                                        'O', 'M', 'C', 'U'};
+
+// The application's record, by which the boot loader knows a whole application: magic (8), length of the
+// application (4), its CRC-32 (4), the numbers least significant byte first.
+inline constexpr std::size_t kMcuRecordBytes = 16;
+inline constexpr std::array<std::uint8_t, kMcuMagicBytes> kMcuRecordMagic = {'K', 'A', 'V', 'R',
+                                                                             'O', 'A', 'P', 'P'};
 
 // The version in a header; nothing when these are not the bytes of a valid one. A version above 2147483647 is
 // not valid, since a negative number stands for none.
