@@ -23,7 +23,7 @@ TWIN_HOST_ETC=(ld.so.cache ssl alternatives passwd group nsswitch.conf localtime
 twin_write_platform() {
     cat >"$1" <<'JSON'
 {
-    "log": { "syslog": true, "stderr": false },
+    "log": { "syslog": true, "stderr": false, "file": "/tmp/kavro.log" },
     "node": { "address": "ipc:///tmp/kavro-node.ipc" },
     "mpu": {
         "slots": {

@@ -85,6 +85,13 @@ void readInto(bool& value, const Json::Value& parent, const char* key) {
     }
 }
 
+void readInto(long long& value, const Json::Value& parent, const char* key) {
+    const Json::Value& found = member(parent, key);
+    if (found.isInt64()) {
+        value = found.asInt64();
+    }
+}
+
 std::map<std::string, SlotPartitions> readSlots(const Json::Value& slots) {
     std::map<std::string, SlotPartitions> result;
     if (!slots.isObject()) {
@@ -116,6 +123,8 @@ PlatformConfig readPlatformConfig(const std::string& path) {
     const Json::Value& log = member(root, "log");
     readInto(config.logToSyslog, log, "syslog");
     readInto(config.logToStderr, log, "stderr");
+    readInto(config.logFile, log, "file");
+    readInto(config.logFileBytes, log, "file_bytes");
 
     readInto(config.nodeAddress, member(root, "node"), "address");
 

@@ -4,7 +4,7 @@
 // suits an older library.
 //
 //     {
-//       "log":  { "syslog": true, "stderr": false },
+//       "log":  { "syslog": true, "stderr": false, "file": "/tmp/kavro.log", "file_bytes": 1048576 },
 //       "node": { "address": "ipc:///tmp/kavro-node.ipc" },
 //       "mpu": {
 //         "slots": {
@@ -40,6 +40,8 @@ struct PlatformConfig {
     std::string fault;  // why nothing was read; empty when the file is a JSON object, whatever it holds
     bool logToSyslog = true;
     bool logToStderr = false;
+    std::string logFile;  // empty: no log file
+    long long logFileBytes = 1 << 20;
     std::string nodeAddress;                      // empty: no message node
     std::map<std::string, SlotPartitions> slots;  // by slot name
     std::string bootloaderPartition;

@@ -1,4 +1,4 @@
-// printLog: to syslog and standard error, as platform.json says.
+// printLog: to syslog, standard error and a file, as platform.json says.
 
 #include <sys/syslog.h>
 #include <time.h>
@@ -16,6 +16,7 @@
 #include "platform/config/platform_config.h"
 #include "platform/utility/file_io.h"
 #include "platform/utility/format_text.h"
+#include "platform/utility/log_file.h"
 
 namespace {
 
@@ -39,12 +40,13 @@ constexpr std::size_t kSyslogPiece = 64 << 10;
 struct Targets {
     bool toSyslog = true;
     bool toStderr = false;
+    kavro::LogFile file{{}, 0};
 };
 
 Targets readTargets() {
     try {
         const kavro::PlatformConfig config = kavro::readPlatformConfig();
-        return {config.logToSyslog, config.logToStderr};
+        return {config.logToSyslog, config.logToStderr, {config.logFile, config.logFileBytes}};
     } catch (const std::exception&) {
         return {};
     }
@@ -100,16 +102,18 @@ std::string asOneLine(const LevelRow& level, std::string_view text) {
 }
 
 void logText(const LevelRow& level, std::string_view text) {
-    static const Targets targets = readTargets();
+    // Never destroyed: objects of other libraries still log in their destructors at the end of the process.
+    static Targets& targets = *new Targets(readTargets());
     static std::mutex mutex;  // a long line takes more than one write, or piece
     const std::lock_guard<std::mutex> lock(mutex);
     if (targets.toSyslog) {
         logToSyslog(level, text);
     }
+    const std::string line = asOneLine(level, text);
     if (targets.toStderr) {
-        const std::string line = asOneLine(level, text);
         (void)kavro::writeFully(STDERR_FILENO, line.data(), line.size());
     }
+    targets.file.append(line);
 }
 
 }  // namespace
