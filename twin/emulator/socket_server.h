@@ -1,0 +1,51 @@
+// The link as a unix stream socket: what an SPI bus is on a device. One program at a time is connected; that it
+// changes does not concern the microcontroller.
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "platform/mcu/frame.h"
+#include "platform/utility/file_descriptor.h"
+#include "twin/emulator/link_end.h"
+
+namespace kavro::emulator {
+
+class SocketServer {
+  public:
+    // Takes frames to this end of the link, which outlives it.
+    explicit SocketServer(LinkEnd& linkEnd) : end(linkEnd) {}
+    // Removes the socket.
+    ~SocketServer();
+    SocketServer(const SocketServer&) = delete;
+    SocketServer& operator=(const SocketServer&) = delete;
+
+    // Makes the socket. One that a program which has ended left behind is replaced.
+    [[nodiscard]] bool listen(const std::string& path, std::string& error);
+
+    // Serves until goOn, which is asked before each wait, returns false. It waits at most `atMost`, less when
+    // the descriptor `wake` becomes readable.
+    [[nodiscard]] bool serve(const std::function<bool()>& goOn, int wake, Milliseconds atMost,
+                             std::string& error);
+
+  private:
+    void acceptConnection();
+    void receive();
+    void answerReceived();
+    void sendDue();
+    void hangUp();
+    [[nodiscard]] bool busy() const { return !outputs.empty(); }
+    [[nodiscard]] int waitTime(Milliseconds atMost) const;
+
+    LinkEnd& end;
+    std::string socketPath;
+    FileDescriptor listener;
+    FileDescriptor connection;
+    std::deque<std::uint8_t> received;  // and not yet looked at
+    FrameReader reader;
+    std::deque<Output> outputs;
+};
+
+}  // namespace kavro::emulator
