@@ -6,10 +6,18 @@
 #   STATE/firmware    /firmware                   STATE/mcu          /dev/kavro-mcu
 #   STATE/raw         /raw                        STATE/run          /run/kavro
 #   STATE/etc-kavro   /etc/kavro                  STATE/tmp          /tmp
+#
+# A device of the plain form has directories and files there; disks.sh has the block form.
+
+# shellcheck source=disks.sh
+source "${BASH_SOURCE[0]%/*}/disks.sh"
 
 TWIN_MCU_FLASH_BYTES=524288
 TWIN_MCU_APPLICATION_OFFSET=32768
 TWIN_ENVIRONMENT_BYTES=0x4000
+declare -A TWIN_PARTITION_SIZE=(
+    [kernel_a]=32M [dtb_a]=1M [rootfs_a]=96M [kernel_b]=32M [dtb_b]=1M [rootfs_b]=96M [bootloader]=4M
+    [env_a]=$((TWIN_ENVIRONMENT_BYTES)) [env_b]=$((TWIN_ENVIRONMENT_BYTES)))
 
 # Which file of a release is written to which partition.
 # shellcheck disable=SC2034  # for those who source this file
@@ -55,29 +63,42 @@ twin_write_versions() {
         "$5" "$2" "$4" "$3" >"$1"
 }
 
+# twin_make_partitions DIR: each holds zeros.
 twin_make_partitions() {
-    truncate -s 32M "$1/kernel_a" "$1/kernel_b"
-    truncate -s 1M "$1/dtb_a" "$1/dtb_b"
-    truncate -s 96M "$1/rootfs_a" "$1/rootfs_b"
-    truncate -s 4M "$1/bootloader"
+    local name
+    for name in "${!TWIN_PARTITION_SIZE[@]}"; do
+        truncate -s "${TWIN_PARTITION_SIZE[$name]}" "$1/$name"
+    done
 }
 
-# twin_write_environment_config FILE DIRECTORY: where the two copies of the boot environment are, for libubootenv.
-twin_write_environment_config() {
-    printf "$2/%s 0x0 $TWIN_ENVIRONMENT_BYTES\n" env_a env_b >"$1"
+# The boot environment's two copies, as a board has them compiled in.
+twin_environment_config() {
+    printf "/dev/disk/by-partlabel/%s 0x0 $TWIN_ENVIRONMENT_BYTES\n" env_a env_b
 }
 
-# twin_make_environment STATE: the boot environment of a device that has started from slot a. The tool saves one copy
-# at a time: twice, so that both are whole. That there is none yet is what it complains of.
+# twin_environment_tool STATE fw_printenv|fw_setenv [ARGUMENT...]: the tool sees what the device sees, but for its
+# configuration, and takes its lock there: that of the host belongs to whoever used the tool first.
+twin_environment_tool() {
+    twin_namespace "$1"
+    bwrap "${TWIN_NAMESPACE[@]}" --ro-bind-data 9 /run/boot_env.config --chdir / -- \
+        "$2" -c /run/boot_env.config "${@:3}" 9< <(twin_environment_config)
+}
+
+# twin_save_environment STATE NAME=VALUE...: in one save, of one of the copies. That there is no environment yet to
+# start from is what the tool complains of.
+twin_save_environment() {
+    local said
+    said=$(printf '%s\n' "${@:2}" | twin_environment_tool "$1" fw_setenv -f /dev/null -s - 2>&1) && return
+    printf 'fw_setenv: %s\n' "$said" >&2
+    return 1
+}
+
+# twin_make_environment STATE [NAME=VALUE...]: of a device that has started from slot a. Saved twice, so that both
+# copies are whole.
 twin_make_environment() {
-    local config=$1/run/fw_env.config defaults=$1/run/environment
-    truncate -s "$((TWIN_ENVIRONMENT_BYTES))" "$1/partitions/env_a" "$1/partitions/env_b"
-    twin_write_environment_config "$config" "$1/partitions"
-    printf 'boot_slot=a\nupgrade_available=0\nbootcount=0\nbootlimit=3\n' >"$defaults"
-    fw_setenv -c "$config" -f "$defaults" 2>/dev/null
-    fw_setenv -c "$config" bootcount 0
-    rm -f "$config" "$defaults"
-    twin_write_environment_config "$1/etc-kavro/fw_env.config" /dev/disk/by-partlabel
+    local variables=(boot_slot=a upgrade_available=0 bootcount=0 bootlimit=3 "${@:2}")
+    twin_save_environment "$1" "${variables[@]}"
+    twin_save_environment "$1" "${variables[@]}"
 }
 
 # twin_little_endian_32 NUMBER: the four bytes, as a printf format.
@@ -93,15 +114,21 @@ twin_make_mcu_flash() {
         dd of="$1" bs=16 seek=$((TWIN_MCU_APPLICATION_OFFSET / 16)) conv=notrunc status=none
 }
 
-# twin_make_state DIR HW MPU MCU BLD: a device that has started from slot a and holds no firmware yet.
+# twin_make_state plain|block DIR HW MPU MCU BLD: a device that has started from slot a and holds no firmware yet.
 twin_make_state() {
-    local dir=$1
+    local dir=$2
     mkdir -p "$dir"/{config,firmware,raw,etc-kavro,tmp,partitions,mcu,run}
+    if [[ $1 == block ]]; then
+        twin_make_disks "$dir"
+        twin_attach_disks "$dir" || return 1
+    else
+        twin_make_partitions "$dir/partitions"
+    fi
     twin_write_platform "$dir/etc-kavro/platform.json"
-    twin_write_versions "$dir/etc-kavro/version.json" "${@:2}"
-    twin_make_partitions "$dir/partitions"
+    twin_environment_config >"$dir/etc-kavro/fw_env.config"
+    twin_write_versions "$dir/etc-kavro/version.json" "${@:3}"
     twin_make_environment "$dir"
-    twin_make_mcu_flash "$dir/mcu/flash.bin" "$4"
+    twin_make_mcu_flash "$dir/mcu/flash.bin" "$5"
     printf '{"boot_slot": "a", "complete": {"a": true, "b": false}, "pending_slot": ""}\n' >"$dir/config/boot_state.json"
     printf 'a\n' >"$dir/run/running_slot"
 }
@@ -133,10 +160,14 @@ twin_namespace() {
         --dev-bind "$dir/partitions" /dev/disk/by-partlabel
         --dev-bind "$dir/mcu" /dev/kavro-mcu
         --unsetenv TMPDIR)
+    for path in "$dir"/partitions/*; do
+        [[ ! -L $path ]] || TWIN_NAMESPACE+=(--dev-bind "$(readlink "$path")" "$(readlink "$path")")
+    done
 }
 
 # twin_remove_state DIR: also what a program inside has made unreadable.
 twin_remove_state() {
+    ! twin_is_block "$1" || twin_detach_disks "$1" || return 1
     rm -rf -- "$1" 2>/dev/null && return
     chmod -R u+rwX -- "$1" 2>/dev/null || true
     rm -rf -- "$1"

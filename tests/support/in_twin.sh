@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # Runs one test case on an emulated device of its own, made for it and removed after it.
 #
-#   in_twin.sh STATE_ROOT VISIBLE_DIR... [-- BWRAP_OPTION...] --run PROGRAM [ARGUMENT...]
+#   in_twin.sh STATE_ROOT VISIBLE_DIR... [-- BWRAP_OPTION...] [--block] --run PROGRAM [ARGUMENT...]
 #
 # STATE_ROOT is where the devices' state directories are made; each VISIBLE_DIR (the source and build trees) appears
-# inside read-only at its own path. Listing the cases needs no device.
+# inside read-only at its own path. With --block the device has real file systems and block devices; the exit status is
+# 77 where this host gives none. Listing the cases needs no device. The microcontroller is the case's own business.
 set -euo pipefail
 
 # shellcheck source=../../twin/device.sh
@@ -12,18 +13,24 @@ source "${BASH_SOURCE[0]%/*}/../../twin/device.sh"
 
 state_root=$1
 shift
+given=("$@")
 visible=()
 extra=()
-while [[ $1 != --run && $1 != -- ]]; do
+form=plain
+until [[ $1 == -* ]]; do
     visible+=(--ro-bind "$1" "$1")
     shift
 done
 if [[ $1 == -- ]]; then
     shift
-    while [[ $1 != --run ]]; do
+    until [[ $1 == --block || $1 == --run ]]; do
         extra+=("$1")
         shift
     done
+fi
+if [[ $1 == --block ]]; then
+    form=block
+    shift
 fi
 shift
 
@@ -33,13 +40,28 @@ for argument in "${@:2}"; do
     fi
 done
 
+# Nothing must be left on the host, not even by a case that was killed: the mounts are in a name space of this process,
+# the loop devices are held by it.
+if [[ $form == block ]]; then
+    why=$(twin_why_no_block_devices)
+    if [[ -n $why ]]; then
+        printf 'not run: %s\n' "$why"
+        exit 77
+    fi
+    if [[ -z ${KAVRO_OWN_MOUNTS-} ]]; then
+        KAVRO_OWN_MOUNTS=1 exec unshare --mount -- "$0" "$state_root" "${given[@]}"
+    fi
+    unset KAVRO_OWN_MOUNTS
+fi
+
 mkdir -p "$state_root"
 state=$(mktemp -d "$state_root/case.XXXXXXXX")
 trap 'twin_remove_state "$state"' EXIT
 trap 'exit 143' TERM
 trap 'exit 130' INT
 
-twin_make_state "$state" 1 104 7 2
+twin_make_state "$form" "$state" 1 104 7 2
+[[ $form == plain ]] || twin_hold_partitions "$state"
 twin_namespace "$state"
 # The trees last: they may lie below a directory that an option covers, as /tmp.
 bwrap "${TWIN_NAMESPACE[@]}" "${extra[@]}" "${visible[@]}" --chdir / -- "$@"

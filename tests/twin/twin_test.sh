@@ -1,10 +1,16 @@
 #!/usr/bin/env bash
-# The tests of the device twin: each function test_NAME is a case. `twin_test.sh NAME` runs one, `--list` names all.
+# The tests of the device twin: each function test_NAME is a case. `twin_test.sh [--block] NAME` runs one, on a device of
+# the plain form or of the block form, `--list` names all. A line above a function says that the case runs on both forms,
+# or on the block form only. KAVRO_TWIN_PROGRAMS names the directory of the built mcu-emulator.
 set -euo pipefail
 
 root=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/../.." && pwd)
 twin=$root/twin/twin
 not_run=77
+form=plain
+
+# shellcheck source=../../twin/device.sh
+source "$root/twin/device.sh"
 
 die() {
     printf 'FAILED: %s\n' "$*" >&2
@@ -27,7 +33,7 @@ fails_with() {
 }
 
 new_twin() {
-    "$twin" create device "$@"
+    "$twin" create device "--$form" "$@"
 }
 
 on_device() {
@@ -38,9 +44,66 @@ make_release() {
     "$root/twin/demo/make_release.sh" release "$@" >/dev/null
 }
 
-boot_state() {
-    printf '{"boot_slot": "%s", "complete": {"a": %s, "b": %s}, "pending_slot": ""}\n' "$@" \
-        >device/config/boot_state.json
+# set_environment NAME=VALUE...
+set_environment() {
+    twin_save_environment "$PWD/device" "$@"
+}
+
+# variable NAME: of the boot environment.
+variable() {
+    twin_environment_tool "$PWD/device" fw_printenv | sed -n "s/^$1=//p"
+}
+
+# write_at PARTITION OFFSET TEXT
+write_at() {
+    printf '%s' "$3" | dd of="device/partitions/$1" bs=1 seek="$2" conv=notrunc status=none
+}
+
+# fill_slot SLOT: with little, of which the environment knows.
+fill_slot() {
+    local part text digest holds=()
+    for part in kernel dtb rootfs; do
+        text="the $part of slot $1"
+        write_at "${part}_$1" 0 "$text"
+        digest=$(printf '%s' "$text" | sha256sum)
+        holds+=("slot_$1_$part=${#text} ${digest%% *}")
+    done
+    set_environment "${holds[@]}"
+}
+
+# make_startable SLOT: what a boot loader looks for, and nothing else.
+make_startable() {
+    write_at "kernel_$1" 56 $'ARM\x64'
+    printf '\xd0\x0d\xfe\xed' | dd of="device/partitions/dtb_$1" conv=notrunc status=none
+    printf '\x53\xef' | dd of="device/partitions/rootfs_$1" bs=1 seek=1080 conv=notrunc status=none
+}
+
+damage_environment() {
+    local copy
+    for copy; do
+        write_at "$copy" 100 damage
+    done
+}
+
+environment_digest() {
+    cat device/partitions/env_a device/partitions/env_b | sha256sum
+}
+
+boot() {
+    "$twin" boot device >boot.txt || die "the device does not start: $(cat boot.txt)"
+}
+
+# says LINE...: of the last boot.
+says() {
+    local line
+    for line; do
+        grep -qx -- "$line" boot.txt || die "no line '$line' in: $(cat boot.txt)"
+    done
+}
+
+# runs SLOT
+runs() {
+    equal "running slot" "$(cat device/run/running_slot)" "$1"
 }
 
 # --- create ---------------------------------------------------------------------------------------------------------
@@ -50,52 +113,76 @@ test_a_new_device_has_the_given_versions() {
     equal "version file" "$(jq -cS . device/etc-kavro/version.json)" \
         '{"bld_version":12,"hw_version":3,"mcu_version":0,"mpu_version":1}'
     equal "version in the flash memory" "$(od -An -tu4 -j 32776 -N 4 device/mcu/flash.bin | tr -d ' ')" 0
-    equal "slot that starts" "$(jq -r .boot_slot device/config/boot_state.json)" a
-    equal "running slot" "$(cat device/run/running_slot)" a
+    equal "environment" "$(on_device fw_printenv | sort)" "boot_slot=a
+bootcount=0
+bootlimit=3
+upgrade_available=0"
+    runs a
 }
 
-test_a_new_device_has_erased_flash_memory_behind_a_header() {
-    new_twin --mcu 258
-    equal "size" "$(stat -c %s device/mcu/flash.bin)" 524288
-    equal "header" "$(od -An -tx1 -j 32768 -N 16 device/mcu/flash.bin)" \
-        " 4b 41 56 52 4f 4d 43 55 02 01 00 00 00 00 00 00"
-    equal "bytes that are not erased" "$(tr -d '\377' <device/mcu/flash.bin | wc -c)" 16
+test_a_new_device_has_two_whole_copies_of_its_environment() {
+    local copy
+    for copy in env_a env_b; do
+        new_twin
+        damage_environment "$copy"
+        equal "without $copy" "$(variable boot_slot)" a
+        "$twin" remove device
+    done
 }
 
+# on both forms
 test_partitions_have_their_sizes() {
     new_twin
-    local sizes
-    sizes=$(cd device/partitions && stat -c '%n %s' -- *)
-    equal "sizes" "$sizes" "bootloader 4194304
+    # shellcheck disable=SC2016  # expanded on the device
+    equal "sizes" "$(on_device sh -c 'cd /dev/disk/by-partlabel; for p in *; do echo "$p $(wc -c <$p)"; done')" \
+        "bootloader 4194304
 dtb_a 1048576
 dtb_b 1048576
+env_a 16384
+env_b 16384
 kernel_a 33554432
 kernel_b 33554432
 rootfs_a 100663296
 rootfs_b 100663296"
 }
 
+# on both forms
 test_platform_file_names_partitions_that_exist_inside() {
     new_twin
-    local path paths
-    paths=$(jq -r '.mpu.slots[][], .mpu.bootloader, .mpu.boot_state, .mpu.running_slot, .mcu.flash' \
-        device/etc-kavro/platform.json)
-    equal "number of paths" "$(wc -l <<<"$paths")" 10
+    local path paths kind=-f
+    [[ $form == plain ]] || kind=-b
+    paths=$(jq -r '.mpu.slots[][], .mpu.bootloader' device/etc-kavro/platform.json)
+    equal "number of partitions" "$(wc -l <<<"$paths")" 7
     for path in $paths; do
+        on_device test "$kind" "$path" || die "$path does not exist on the device"
+    done
+    for path in $(jq -r '.mpu.boot_environment, .mpu.running_slot' device/etc-kavro/platform.json); do
         on_device test -f "$path" || die "$path does not exist on the device"
+    done
+    for path in $(on_device sed 's/ .*//' /etc/fw_env.config); do
+        on_device test "$kind" "$path" || die "$path does not exist on the device"
     done
 }
 
+# on both forms
 test_components_fill_slot_a_the_boot_loader_and_the_microcontroller() {
     make_release 1 105 8 3
     new_twin --mpu 105 --mcu 8 --bld 3 --components release
-    local place
+    local place part
     for place in a bootloader mcu; do
         "$twin" compare device "$place" release || die "$place differs"
     done
     ! "$twin" compare device b release >/dev/null || die "slot b is filled"
     cmp <(srec_cat release/mcu_flash_app.s19 -offset -32768 -o - -binary) \
         <(tail -c +32769 device/mcu/flash.bin | head -c $((16 + 96 * 1024)))
+    for part in kernel dtb rootfs; do
+        local component=release/${TWIN_COMPONENT_OF[$part]}
+        equal "what slot a holds as $part" "$(variable "slot_a_$part")" \
+            "$(stat -c %s "$component") $(sha256sum "$component" | cut -d ' ' -f 1)"
+        equal "what slot b holds as $part" "$(variable "slot_b_$part")" ""
+    done
+    "$twin" show device >shown.txt
+    grep -q '^microcontroller  *8 ' shown.txt || die "the application does not run: $(cat shown.txt)"
 }
 
 test_one_changed_byte_makes_a_slot_differ() {
@@ -128,7 +215,7 @@ test_a_release_without_a_component_leaves_nothing_behind() {
 
 test_every_command_tells_its_usage() {
     local command
-    for command in create run restart show compare reset remove; do
+    for command in create run boot show compare reset detach remove; do
         "$twin" "$command" --help | grep -q "^       twin $command\|^usage: twin $command" || die "$command --help shows no usage"
         "$twin" "$command" -h | grep -q '^usage: ' || die "$command -h shows no usage"
     done
@@ -141,6 +228,7 @@ test_wrong_arguments_are_refused() {
     fails_with "takes a number" "$twin" create device --hw one
     fails_with "needs a value" "$twin" create device --hw
     fails_with "does not know" "$twin" create device --unknown 1
+    fails_with "is not a twin" "$twin" boot device
     fails_with "does not exist" "$twin" create device --components nowhere
     fails_with "is not a twin" "$twin" show .
     [[ ! -e device ]] || die "a refused create left something behind"
@@ -156,6 +244,7 @@ test_a_directory_that_holds_something_is_left_alone() {
 
 # --- run ------------------------------------------------------------------------------------------------------------
 
+# on both forms
 test_what_is_written_inside_is_in_the_state_directory() {
     new_twin
     # shellcheck disable=SC2016  # expanded on the device
@@ -268,110 +357,403 @@ test_an_ordinary_user_can_run_it() {
     setpriv --reuid 65534 --regid 65534 --clear-groups bash -euc '
         cd "$3"
         "$1" create "$2"
+        ! "$1" create "$2-block" --block 2>err.txt
+        grep -q "only root" err.txt
+        "$1" run "$2" -- fw_setenv boot_slot b
         "$1" run "$2" -- sh -c "id -u >/config/uid; tar -cf /raw/a.tar -C /etc/kavro . && tar -xf /raw/a.tar -C /raw"
-        "$1" restart "$2"' bash "$command" "$device" "$PWD/copy"
+        "$1" boot "$2"' bash "$command" "$device" "$PWD/copy"
     equal "uid inside" "$(cat "$device/config/uid")" 65534
+    equal "running slot" "$(cat "$device/run/running_slot")" b
     [[ -f $device/raw/platform.json ]] || die "tar did not unpack"
 }
 
-# --- restart --------------------------------------------------------------------------------------------------------
+# --- the microcontroller --------------------------------------------------------------------------------------------
 
-test_a_restart_runs_the_slot_that_the_boot_state_names() {
+test_the_microcontroller_has_power_during_a_run() {
     new_twin
-    boot_state b true true
-    "$twin" restart device
-    equal "running slot" "$(cat device/run/running_slot)" b
-    boot_state a true true
-    "$twin" restart device
-    equal "running slot" "$(cat device/run/running_slot)" a
+    on_device sh -c 'test -S /dev/kavro-mcu/link && ! flock --nonblock /dev/kavro-mcu/flash.bin true'
+    flock --timeout 30 device/mcu/flash.bin true || die "it has power after the run"
 }
 
-test_a_restart_empties_what_lies_in_memory_and_keeps_the_rest() {
+test_runs_side_by_side_share_one_microcontroller() {
     new_twin
-    on_device sh -c 'mkdir /tmp/deep && touch /tmp/deep/x /tmp/.hidden /run/kavro/reset_request /raw/keep /config/keep'
-    "$twin" restart device
+    on_device sh -c 'cat /proc/sys/kernel/random/uuid >>/dev/kavro-mcu/log; until [ -e /raw/go ]; do sleep 0.05; done' &
+    until [[ $(wc -l <device/mcu/log) -gt 0 ]] 2>/dev/null && grep -q '.\{36\}' device/mcu/log; do sleep 0.05; done
+    cp device/mcu/log before.txt
+    on_device test -S /dev/kavro-mcu/link
+    on_device sh -c '! flock --nonblock /dev/kavro-mcu/flash.bin true' || die "the first run is left without"
+    equal "the log of the first" "$(head -c "$(wc -c <before.txt)" device/mcu/log)" "$(cat before.txt)"
+    fails_with "too late for its faults" "$twin" run device --mcu-fault drop=1 -- true
+    fails_with "runs already" "$twin" run device --no-mcu -- true
+    touch device/raw/go
+    wait
+}
+
+test_a_run_may_leave_the_microcontroller_without_power() {
+    new_twin
+    KAVRO_TWIN_PROGRAMS=/nowhere "$twin" run device --no-mcu -- flock --nonblock /dev/kavro-mcu/flash.bin true
+    fails_with "needs a microcontroller" "$twin" run device --no-mcu --mcu-fault drop=1 -- true
+}
+
+test_a_fault_that_does_not_exist_is_refused_before_the_program_runs() {
+    new_twin
+    fails_with "does not start: ." "$twin" run device --mcu-fault nonsense=1 -- touch /raw/note
+    [[ ! -e device/raw/note ]] || die "the program ran"
+}
+
+test_without_the_emulator_it_is_said_how_to_get_it() {
+    local command
+    KAVRO_TWIN_PROGRAMS=/nowhere fails_with "/nowhere/mcu-emulator is missing: './dev build'" "$twin" create device
+    [[ ! -e device ]] || die "a refused create left something behind"
+    new_twin
+    for command in "show device" "run device -- true" "reset device"; do
+        # shellcheck disable=SC2086  # words
+        KAVRO_TWIN_PROGRAMS=/nowhere fails_with "./dev build" "$twin" $command
+    done
+    [[ -e device/created-with ]] || die "the device is gone"
+}
+
+# --- boot -----------------------------------------------------------------------------------------------------------
+
+# on both forms
+test_a_boot_runs_the_slot_that_the_environment_names() {
+    new_twin
+    fill_slot a
+    fill_slot b
+    set_environment boot_slot=b
+    boot
+    says "Loading environment... OK" "Slot b: kernel, dtb and rootfs are as expected" "Starting slot b"
+    runs b
+    set_environment boot_slot=a
+    boot
+    runs a
+}
+
+test_a_boot_without_a_trial_leaves_the_environment_alone() {
+    new_twin
+    fill_slot a
+    local before
+    before=$(environment_digest)
+    boot
+    equal "environment" "$(environment_digest)" "$before"
+}
+
+test_a_boot_says_when_it_cannot_check_a_slot() {
+    new_twin
+    boot
+    says "Slot a: not checked, the environment does not know its content"
+    runs a
+}
+
+test_a_boot_empties_what_lies_in_memory_and_keeps_the_rest() {
+    new_twin
+    on_device sh -c 'mkdir /tmp/deep && touch /tmp/deep/x /tmp/.hidden /run/kavro/note /raw/keep /config/keep \
+        /dev/kavro-mcu/reset_request'
+    boot
     equal "/tmp" "$(ls -A device/tmp)" ""
     equal "/run/kavro" "$(ls -A device/run)" running_slot
     [[ -e device/raw/keep && -e device/config/keep ]] || die "more than memory was emptied"
+    [[ ! -e device/mcu/reset_request ]] || die "the reset is still asked for"
 }
 
-test_a_restart_takes_the_versions_of_the_slots_root_file_system() {
+# on both forms
+test_a_boot_takes_the_versions_of_the_slots_root_file_system() {
     make_release 1 105 8 3
     new_twin
     dd if=release/ext4 of=device/partitions/rootfs_b bs=1M conv=notrunc status=none
-    boot_state b true true
-    "$twin" restart device
+    set_environment boot_slot=b
+    boot
     equal "main processor" "$(jq .mpu_version device/etc-kavro/version.json)" 105
     equal "boot loader" "$(jq .bld_version device/etc-kavro/version.json)" 3
 }
 
-test_a_restart_without_a_root_file_system_keeps_the_versions() {
+test_a_boot_without_a_root_file_system_keeps_the_versions() {
     new_twin --mpu 42
-    "$twin" restart device
+    boot
     equal "main processor" "$(jq .mpu_version device/etc-kavro/version.json)" 42
     [[ ! -e device/etc-kavro/version.json.new ]] || die "a half-made file is left"
 }
 
-test_a_slot_without_a_whole_image_does_not_start() {
+# on both forms
+test_a_slot_on_trial_is_counted_and_left_when_nobody_confirms_it() {
     new_twin
-    boot_state b true false
-    fails_with "slot b holds no whole image" "$twin" restart device
-    equal "running slot" "$(cat device/run/running_slot)" a
-}
-
-test_without_a_whole_boot_state_the_slot_that_ran_starts_again() {
-    new_twin
-    boot_state b true true
-    "$twin" restart device
-    local text
-    for text in '' '{' '[]' '{"boot_slot": "c"}' '{"boot_slot": "../a"}' '{"boot_slot": 5}' \
-        '{"boot_slot": "a", "complete": {"a": true, "b": true}}' \
-        '{"boot_slot": "a", "complete": {"a": true}, "pending_slot": ""}' \
-        '{"boot_slot": "a", "complete": {"a": true, "b": true}, "pending_slot": ""} {}'; do
-        printf '%s' "$text" >device/config/boot_state.json
-        equal "restart with '$text'" "$("$twin" restart device 2>err.txt)" "restarted from slot b"
-        grep -q 'missing or damaged' err.txt || die "nothing is said about '$text'"
-        equal "running slot" "$(cat device/run/running_slot)" b
-        equal "boot state" "$(cat device/config/boot_state.json)" "$text"
+    fill_slot a
+    fill_slot b
+    set_environment boot_slot=b upgrade_available=1 bootlimit=2
+    local start
+    for start in 1 2; do
+        boot
+        says "Slot b: on trial, start $start of 2" "Starting slot b"
+        equal "bootcount" "$(variable bootcount)" "$start"
+        runs b
     done
-    rm device/config/boot_state.json
-    "$twin" restart device
-    equal "running slot" "$(cat device/run/running_slot)" b
+    boot
+    says "Warning: Bootlimit (2) exceeded: slot b was started that often and never confirmed" "Starting slot a"
+    runs a
+    equal "left for good" "$(variable boot_slot) $(variable upgrade_available) $(variable bootcount)" "a 0 0"
+    boot
+    runs a
 }
 
-test_without_boot_state_and_running_slot_nothing_starts() {
+test_a_confirmed_slot_is_not_counted() {
     new_twin
-    rm device/config/boot_state.json device/run/running_slot
-    fails_with "the running slot is unknown" "$twin" restart device
+    set_environment boot_slot=b upgrade_available=1 bootlimit=1
+    boot
+    set_environment upgrade_available=0 bootcount=0
+    boot
+    boot
+    runs b
+    equal "bootcount" "$(variable bootcount)" 0
 }
 
-test_a_restart_waits_for_no_running_program() {
+test_a_slot_on_trial_stays_when_the_other_cannot_start() {
+    new_twin
+    fill_slot a
+    fill_slot b
+    write_at rootfs_a 3 X
+    set_environment boot_slot=b upgrade_available=1 bootcount=3
+    boot
+    says "Slot a: rootfs is not what the environment expects" "Staying with slot b" "Starting slot b"
+    runs b
+    equal "still on trial" "$(variable boot_slot) $(variable upgrade_available) $(variable bootcount)" "b 1 4"
+}
+
+test_a_trial_without_a_limit_goes_on() {
+    new_twin
+    set_environment boot_slot=b upgrade_available=1 bootcount=998 bootlimit=
+    boot
+    runs b
+    equal "bootcount" "$(variable bootcount)" 999
+}
+
+# on both forms
+test_a_slot_with_another_content_is_refused() {
+    local part
+    for part in kernel dtb rootfs; do
+        new_twin
+        fill_slot a
+        fill_slot b
+        set_environment boot_slot=b upgrade_available=1
+        write_at "${part}_b" 3 X
+        boot
+        says "Slot b: $part is not what the environment expects" "Starting slot a"
+        runs a
+        equal "who starts next" "$(variable boot_slot) $(variable upgrade_available) $(variable bootcount)" "a 0 0"
+        "$twin" remove device
+    done
+}
+
+test_what_lies_behind_the_content_of_a_slot_does_not_matter() {
+    new_twin
+    fill_slot a
+    write_at kernel_a 4096 "of another kernel"
+    boot
+    runs a
+}
+
+test_a_slot_that_the_environment_knows_in_part_is_refused() {
+    local value
+    for value in "" "17" "x 0" "17 $(printf '%064d' 0)x"; do
+        new_twin
+        fill_slot a
+        fill_slot b
+        set_environment boot_slot=b "slot_b_dtb=$value"
+        boot
+        runs a
+        "$twin" remove device
+    done
+}
+
+# on both forms
+test_without_a_slot_that_can_start_nothing_runs() {
+    new_twin
+    fill_slot a
+    fill_slot b
+    write_at kernel_a 3 X
+    write_at dtb_b 3 X
+    ! "$twin" boot device >boot.txt 2>err.txt || die "it starts"
+    grep -q "no slot can be started: the device does not start" err.txt || die "it says: $(cat err.txt)"
+    says "Slot a: kernel is not what the environment expects" "Slot b: dtb is not what the environment expects"
+    fails_with "the device does not run" "$twin" run device -- true
+    equal "boot_slot" "$(variable boot_slot)" a
+    fill_slot b
+    boot
+    runs b
+}
+
+test_one_damaged_copy_of_the_environment_does_no_harm() {
+    local copy
+    for copy in env_a env_b; do
+        new_twin
+        set_environment boot_slot=b
+        set_environment boot_slot=b
+        damage_environment "$copy"
+        boot
+        says "Loading environment... OK"
+        runs b
+        "$twin" remove device
+    done
+}
+
+# on both forms
+test_a_damaged_environment_is_replaced_by_the_default_one() {
+    new_twin
+    make_startable a
+    make_startable b
+    set_environment boot_slot=b upgrade_available=1 bootcount=2 bootlimit=9 slot_a_kernel=x
+    damage_environment env_a env_b
+    boot
+    says 'Loading environment... \*\*\* Warning - bad CRC, using default environment' "Starting slot a"
+    runs a
+    equal "environment" "$(on_device fw_printenv | sort)" "boot_slot=a
+bootcount=0
+bootlimit=3
+upgrade_available=0"
+}
+
+test_a_default_environment_starts_the_slot_that_can_be_started() {
+    local part
+    for part in kernel dtb rootfs; do
+        new_twin
+        make_startable a
+        make_startable b
+        head -c 2048 /dev/zero | dd of="device/partitions/${part}_a" conv=notrunc status=none
+        damage_environment env_a env_b
+        boot
+        says "Slot a: $part cannot be started" "Starting slot b"
+        runs b
+        equal "boot_slot" "$(variable boot_slot)" b
+        "$twin" remove device
+    done
+}
+
+test_a_default_environment_starts_nothing_when_there_is_nothing() {
+    new_twin
+    damage_environment env_a env_b
+    ! "$twin" boot device >boot.txt 2>err.txt || die "it starts"
+    grep -q "the device does not start" err.txt || die "it says: $(cat err.txt)"
+    equal "boot_slot" "$(variable boot_slot)" a
+}
+
+test_an_unknown_boot_slot_is_taken_for_slot_a() {
+    local name
+    for name in "" c ../a; do
+        new_twin
+        set_environment "boot_slot=$name"
+        boot
+        runs a
+        "$twin" remove device
+    done
+}
+
+test_a_boot_waits_for_no_running_program() {
     new_twin
     on_device sh -c 'touch /raw/ready; until [ -e /raw/go ]; do sleep 0.1; done' &
     until [[ -e device/raw/ready ]]; do sleep 0.05; done
-    fails_with "a program still runs" "$twin" restart device
+    fails_with "a program still runs" "$twin" boot device
     fails_with "a program still runs" "$twin" remove device
     touch device/raw/go
     wait
-    "$twin" restart device
+    boot
+}
+
+# --- block devices --------------------------------------------------------------------------------------------------
+
+# on block devices
+test_a_block_device_has_file_systems_of_its_sizes() {
+    new_twin
+    local place
+    for place in config firmware raw; do
+        equal "file system of /$place" "$(on_device findmnt -no FSTYPE "/$place")" ext4
+    done
+    local images
+    images=$(cd device/disks && stat -c '%n %s' config.img firmware.img raw.img)
+    equal "sizes" "$images" "config.img 16777216
+firmware.img 469762048
+raw.img 2147483648"
+}
+
+loop_devices() {
+    losetup --noheadings --output BACK-FILE | grep -c "^$PWD/device/" || true
+}
+
+# on block devices
+test_a_removed_block_device_leaves_nothing_on_the_host() {
+    new_twin
+    equal "loop devices" "$(loop_devices)" 12
+    "$twin" remove device
+    equal "loop devices left" "$(loop_devices)" 0
+    [[ ! -e device ]] || die "the directory is left"
+}
+
+# on block devices
+test_a_refused_create_leaves_no_block_devices() {
+    make_release 1 104 7 2
+    truncate -s $((1024 * 1024 + 1)) release/cv22_kavro_qz7.dtb
+    fails_with "does not fit its partition" "$twin" create device --block --components release
+    equal "loop devices left" "$(loop_devices)" 0
+    [[ ! -e device ]] || die "the directory is left"
+}
+
+# on block devices
+test_a_detached_block_device_is_attached_again_when_it_is_needed() {
+    new_twin
+    on_device sh -c 'echo kept >/config/note; echo kept >/dev/disk/by-partlabel/kernel_b'
+    "$twin" detach device
+    equal "loop devices" "$(loop_devices)" 0
+    [[ ! -e device/config/note ]] || die "the file system is still mounted"
+    equal "what the next run sees" "$(on_device cat /config/note)" kept
+    equal "what the next run reads" "$(on_device head -n 1 /dev/disk/by-partlabel/kernel_b)" kept
+    "$twin" detach device
+    boot
+    equal "loop devices" "$(loop_devices)" 12
+}
+
+# on block devices
+test_a_loop_device_of_another_image_is_not_taken() {
+    new_twin
+    "$twin" detach device
+    truncate -s 1M other.img
+    local other
+    other=$(losetup --find --show "$PWD/other.img")
+    ln -s "$other" device/partitions/kernel_a
+    on_device sh -c 'echo mine >/dev/disk/by-partlabel/kernel_a'
+    losetup --detach "$other"
+    equal "bytes in the other image" "$(tr -d '\0' <other.img | wc -c)" 0
 }
 
 # --- show, reset, remove --------------------------------------------------------------------------------------------
 
+# on both forms
 test_show_tells_what_is_on_the_device() {
     new_twin --mpu 105
     printf 'upgrade_success' >device/config/upgrade_last_runtime
     : >device/config/upgraded
+    printf '{"slot": "b"}' >device/config/written_slot.json
     printf 'package' >device/firmware/current.pkg
-    boot_state b true true
+    set_environment boot_slot=b upgrade_available=1 bootcount=2
     "$twin" show device --digests >shown.txt
     local line
     for line in 'versions  *1\.105\.7\.2 ' 'version record  *none ' 'microcontroller  *7 ' 'running slot  *a' \
-        'next start  *b (whole images: a true, b true)' 'last run  *upgrade_success ' 'to be activated  *yes ' \
-        "  current\.pkg  *7  sha256 $(printf 'package' | sha256sum | head -c 16)" \
+        'next start  *b ' 'trial  *start 2 of 3 ' 'written slot  *b ' 'last run  *upgrade_success ' \
+        'to be activated  *yes ' "  current\.pkg  *7  sha256 $(printf 'package' | sha256sum | head -c 16)" \
         "  kernel_a  *33554432  sha256 $(head -c 32M /dev/zero | sha256sum | head -c 16)"; do
         grep -q "^$line" shown.txt || die "no line '$line' in: $(cat shown.txt)"
     done
+}
+
+test_show_tells_that_there_is_no_trial_and_no_written_slot() {
+    new_twin
+    "$twin" show device >shown.txt
+    grep -q '^trial  *none ' shown.txt || die "a trial is shown"
+    grep -q '^written slot  *none ' shown.txt || die "a written slot is shown"
+}
+
+test_show_tells_that_the_environment_is_damaged() {
+    new_twin
+    damage_environment env_a env_b
+    "$twin" show device >shown.txt
+    grep -q '^next start  *unknown ' shown.txt || die "a slot is shown: $(cat shown.txt)"
 }
 
 test_show_without_digests_names_the_same_files() {
@@ -380,20 +762,23 @@ test_show_without_digests_names_the_same_files() {
     diff <("$twin" show device | sed 's/ *$//') <("$twin" show device --digests | sed 's/ *sha256.*//')
 }
 
-test_show_reports_no_microcontroller_version_without_a_header() {
+test_show_reports_no_microcontroller_version_without_an_application() {
     new_twin
-    head -c 524288 /dev/zero | tr '\0' '\377' >device/mcu/flash.bin
+    "${KAVRO_TWIN_PROGRAMS:?}/mcu-emulator" format device/mcu/flash.bin
     "$twin" show device >shown.txt
     grep -q '^microcontroller  *none ' shown.txt || die "a version is shown"
 }
 
+# on both forms
 test_reset_makes_the_device_as_it_was_created() {
     make_release 1 106 9 4
     new_twin --mpu 106 --mcu 9 --bld 4 --components release
-    on_device sh -c 'rm /config/boot_state.json; touch /firmware/x; echo x >/dev/disk/by-partlabel/kernel_a'
+    on_device sh -c 'touch /firmware/x; echo x >/dev/disk/by-partlabel/kernel_a; fw_setenv boot_slot b'
     "$twin" reset device
-    [[ -e device/config/boot_state.json && ! -e device/firmware/x ]] || die "the device is not as new"
+    equal "boot_slot" "$(variable boot_slot)" a
+    [[ ! -e device/firmware/x ]] || die "the device is not as new"
     equal "main processor" "$(jq .mpu_version device/etc-kavro/version.json)" 106
+    equal "a block device" "$([[ -L device/partitions/kernel_a ]] && echo block || echo plain)" "$form"
     "$twin" compare device a release
 }
 
@@ -413,6 +798,16 @@ test_launcher_removes_its_device_and_passes_the_status_on() {
     equal "devices left" "$(ls -A twins)" ""
 }
 
+# on block devices
+test_launcher_leaves_nothing_of_its_block_devices() {
+    local status=0
+    "$root/tests/support/in_twin.sh" "$PWD/twins" "$root" --block --run /bin/sh -c \
+        'test -b /dev/disk/by-partlabel/kernel_a && touch /config/x && exit 5' || status=$?
+    equal "status" "$status" 5
+    equal "devices left" "$(ls -A twins)" ""
+    equal "loop devices left" "$(losetup --noheadings --output BACK-FILE | grep -c "^$PWD/" || true)" 0
+}
+
 test_launcher_adds_options_to_the_name_space() {
     local kibibytes
     kibibytes=$("$root/tests/support/in_twin.sh" "$PWD/twins" "$root" -- --size 65536 --tmpfs /firmware --run \
@@ -426,8 +821,22 @@ if [[ ${1-} == --list ]]; then
     declare -F | sed -n 's/^declare -f test_//p'
     exit
 fi
+if [[ $1 == --block ]]; then
+    form=block
+    why=$(twin_why_no_block_devices)
+    if [[ -n $why ]]; then
+        printf 'not run: %s\n' "$why"
+        exit "$not_run"
+    fi
+    shift
+fi
 declare -F "test_$1" >/dev/null || die "there is no case '$1'"
+
+clean_up() {
+    ! twin_is_block "$scratch/device" || twin_detach_disks "$scratch/device"
+    chmod -R u+rwX "$scratch" && rm -rf "$scratch"
+}
 scratch=$(mktemp -d)
-trap 'chmod -R u+rwX "$scratch" && rm -rf "$scratch"' EXIT
+trap clean_up EXIT
 cd "$scratch"
 "test_$1"

@@ -8,6 +8,7 @@ set -euo pipefail
 build=$(realpath -- "$1")
 here=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")" && pwd)
 work=${2:-$build/demo}
+export KAVRO_TWIN_PROGRAMS=$build/twin
 device=$work/device
 upgradectl=$build/tools/upgradectl/upgradectl
 
@@ -130,7 +131,7 @@ install_new() {
 
 restart() {
     say "restart"
-    twin restart "$device"
+    twin boot "$device"
     on_device init
 }
 

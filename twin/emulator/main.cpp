@@ -85,11 +85,11 @@ ExitCode run(const CommandLine& line) {
         return fail(kFailure, kavro::fileError("signals", "cannot be waited for", errno));
     }
     std::string error;
+    kavro::FileDescriptor lockFile;  // the last to go: whoever has the next lock finds the flash memory free
     FlashMemory flash;
     if (const Opening opening = flash.open(line.flash, error); opening != Opening::kOpened) {
         return failOpening(opening, error);
     }
-    kavro::FileDescriptor lockFile;
     if (!line.lockFile.empty()) {
         lockFile = kavro::FileDescriptor(::open(line.lockFile.c_str(), O_RDONLY | O_CLOEXEC));
         if (!lockFile.valid()) {

@@ -1,0 +1,57 @@
+# shellcheck shell=bash disable=SC2154
+# The device's microcontroller: an emulator that `twin run` powers. It lives as long as one of the runs that hold the
+# supply, so that several share one. Sourced by twin; `state` is the device's directory.
+#
+#   STATE/mcu/flash.bin   its flash memory          STATE/supply     locked shared by each run that powers it
+#   STATE/mcu/link        its end of the link       STATE/power_up   locked while one run switches it on
+#   STATE/mcu/log         what it has heard and answered since it has power
+
+mcu_emulator=${KAVRO_TWIN_PROGRAMS:-$(dirname -- "$twin_home")/build/release/twin}/mcu-emulator
+
+need_mcu_emulator() {
+    [[ -x $mcu_emulator ]] ||
+        fail "$mcu_emulator is missing: './dev build' makes it, or KAVRO_TWIN_PROGRAMS names the directory it is in"
+}
+
+# The emulator locks its flash memory.
+mcu_is_on() {
+    ! flock --nonblock "$state/mcu/flash.bin" true
+}
+
+# Of a microcontroller whose last run is over, just now.
+wait_until_mcu_is_off() {
+    [[ ! -e $state/mcu/flash.bin ]] || flock --timeout 10 "$state/mcu/flash.bin" true ||
+        fail "the microcontroller of $state does not switch off: see $state/mcu/log"
+}
+
+# start_emulator [--fault SPEC]...: apart from the terminal and from what this process holds. It knows its link by a
+# name of its own directory, for the path of a socket is short.
+start_emulator() {
+    rm -f "$state/mcu/link"
+    (
+        exec {lock}>&- {supply}>&- {power_up}>&-
+        cd "$state/mcu" || exit
+        exec setsid "$mcu_emulator" run --flash flash.bin --listen link --until-unlocked ../supply "$@"
+    ) </dev/null >"$state/mcu/log" 2>&1 &
+    local emulator=$! tries
+    for ((tries = 0; tries < 600; tries++)); do
+        [[ ! -S $state/mcu/link ]] || return 0
+        kill -0 "$emulator" 2>/dev/null || break
+        sleep 0.02
+    done
+    fail "the microcontroller does not start: $(tail -n 3 "$state/mcu/log")"
+}
+
+# switch_mcu_on [--fault SPEC]...: `supply` is open. Until this process ends, and every other that has switched it on.
+switch_mcu_on() {
+    need_mcu_emulator
+    exec {power_up}>>"$state/power_up"
+    flock --shared "$supply"
+    flock "$power_up"
+    if mcu_is_on; then
+        (($# == 0)) || fail "the microcontroller runs already, for another 'twin run': too late for its faults"
+    else
+        start_emulator "$@"
+    fi
+    exec {power_up}>&-
+}
