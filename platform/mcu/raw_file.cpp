@@ -48,13 +48,16 @@ void RawFile::dropCache() const {
     ::posix_fadvise(descriptor.get(), 0, 0, POSIX_FADV_DONTNEED);
 }
 
-std::string fileError(const std::string& path, const std::string& what, int errorNumber) {
-    std::string text = path + ": " + what;
-    if (errorNumber != 0) {
-        const char* description = ::strerrordesc_np(errorNumber);
-        text += std::string(": ") + (description != nullptr ? description : "unknown error");
+std::string errnoText(const std::string& what, int errorNumber) {
+    if (errorNumber == 0) {
+        return what;
     }
-    return text;
+    const char* description = ::strerrordesc_np(errorNumber);
+    return what + ": " + (description != nullptr ? description : "unknown error");
+}
+
+std::string fileError(const std::string& path, const std::string& what, int errorNumber) {
+    return path + ": " + errnoText(what, errorNumber);
 }
 
 }  // namespace kavro

@@ -41,6 +41,9 @@ class RawFile {
     FileDescriptor descriptor;
 };
 
+// "WHAT", or "WHAT: text of errno" when the error number is not 0.
+std::string errnoText(const std::string& what, int errorNumber);
+
 // "PATH: WHAT", or "PATH: WHAT: text of errno" when the error number is not 0.
 std::string fileError(const std::string& path, const std::string& what, int errorNumber);
 
