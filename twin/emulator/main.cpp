@@ -97,18 +97,18 @@ ExitCode run(const CommandLine& line) {
         }
     }
 
+    SocketServer server;
+    if (!server.listen(line.listen, error)) {
+        return fail(kFailure, error);
+    }
     FaultPlan faults(line.faults);
     Microcontroller microcontroller(
         flash, {[&line] { requestReset(line.flash); }, [&faults] { return faults.nextBlock(); }, tell});
     LinkEnd end(microcontroller, faults, tell);
-    SocketServer server(end);
-    if (!server.listen(line.listen, error)) {
-        return fail(kFailure, error);
-    }
     const auto goOn = [&] {
         return !microcontroller.powerLost() && !signalled(signals) && !unlocked(lockFile);
     };
-    if (!server.serve(goOn, signals.get(), kLockInterval, error)) {
+    if (!server.serve(end, goOn, signals.get(), kLockInterval, error)) {
         return fail(kFailure, error);
     }
     tell(microcontroller.powerLost() ? "[fault: power-loss]" : "is switched off");

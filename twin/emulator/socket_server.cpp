@@ -84,7 +84,7 @@ bool SocketServer::listen(const std::string& path, std::string& error) {
     return true;
 }
 
-bool SocketServer::serve(const std::function<bool()>& goOn, int wake, Milliseconds atMost,
+bool SocketServer::serve(LinkEnd& end, const std::function<bool()>& goOn, int wake, Milliseconds atMost,
                          std::string& error) {
     while (goOn()) {
         std::array<pollfd, 3> waits{{
@@ -103,7 +103,7 @@ bool SocketServer::serve(const std::function<bool()>& goOn, int wake, Millisecon
         if (waits[2].revents != 0) {
             receive();
         }
-        answerReceived();
+        answerReceived(end);
     }
     return true;
 }
@@ -131,7 +131,7 @@ void SocketServer::receive() {
     }
 }
 
-void SocketServer::answerReceived() {
+void SocketServer::answerReceived(LinkEnd& end) {
     while (!busy() && !received.empty()) {
         const std::uint8_t byte = received.front();
         received.pop_front();

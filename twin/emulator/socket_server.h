@@ -15,8 +15,7 @@ namespace kavro::emulator {
 
 class SocketServer {
   public:
-    // Takes frames to this end of the link, which outlives it.
-    explicit SocketServer(LinkEnd& linkEnd) : end(linkEnd) {}
+    SocketServer() = default;
     // Removes the socket.
     ~SocketServer();
     SocketServer(const SocketServer&) = delete;
@@ -25,21 +24,20 @@ class SocketServer {
     // Makes the socket. One that a program which has ended left behind is replaced.
     [[nodiscard]] bool listen(const std::string& path, std::string& error);
 
-    // Serves until goOn, which is asked before each wait, returns false. It waits at most `atMost`, less when
-    // the descriptor `wake` becomes readable.
-    [[nodiscard]] bool serve(const std::function<bool()>& goOn, int wake, Milliseconds atMost,
+    // Takes frames to this end of the link until goOn, which is asked before each wait, returns false. It waits
+    // at most `atMost`, less when the descriptor `wake` becomes readable.
+    [[nodiscard]] bool serve(LinkEnd& end, const std::function<bool()>& goOn, int wake, Milliseconds atMost,
                              std::string& error);
 
   private:
     void acceptConnection();
     void receive();
-    void answerReceived();
+    void answerReceived(LinkEnd& end);
     void sendDue();
     void hangUp();
     [[nodiscard]] bool busy() const { return !outputs.empty(); }
     [[nodiscard]] int waitTime(Milliseconds atMost) const;
 
-    LinkEnd& end;
     std::string socketPath;
     FileDescriptor listener;
     FileDescriptor connection;
