@@ -1,6 +1,7 @@
-// Companion microcontroller: reads the two S-record files and has the link program the application.
+// Companion microcontroller: reads the two S-record files and programs the application.
 //
-// Nothing reaches the microcontroller before both files are found good.
+// Nothing reaches the microcontroller before both files are found good. Each operation opens the link for itself,
+// so that other programs can ask for the version before, between and after.
 #include <memory>
 #include <optional>
 #include <string>
@@ -11,8 +12,8 @@
 #include "common/utility.h"
 #include "platform/config/platform_config.h"
 #include "platform/flash/operation.h"
+#include "platform/mcu/mcu_client.h"
 #include "platform/mcu/mcu_image.h"
-#include "platform/mcu/mcu_link.h"
 #include "platform/mcu/srecord.h"
 
 namespace {
@@ -48,24 +49,23 @@ bool readFirmware(const std::string& path, const Check& check, std::vector<kavro
 // Everything the driver knows. Shared with a running operation.
 class McuFlasher {
   public:
-    int connect() {
+    static int checkConfig() {
         std::string error;
-        stage = Stage::kIdle;
-        link = kavro::openMcuLink(kavro::readPlatformConfig(), error);
-        return link != nullptr && link->probe(error) ? 0 : report(error);
+        return kavro::checkMcuConfig(kavro::readPlatformConfig(), error) ? 0 : report(error);
     }
 
     int check(const std::string& directory) {
         std::string error;
         stage = Stage::kIdle;
         firmware = {};
-        if (connect() != 0) {
-            return kFailed;
-        }
         if (!readFirmware(directory + "/" + kFlashDriverComponent, kavro::checkFlashDriver,
                           firmware.flashDriver, error) ||
             !readFirmware(directory + "/" + kApplicationComponent, kavro::checkApplication,
                           firmware.application, error)) {
+            return report(error);
+        }
+        const std::unique_ptr<kavro::McuClient> mcu = connect(error);
+        if (mcu == nullptr || !mcu->probe(error)) {
             return report(error);
         }
         stage = Stage::kChecked;
@@ -77,8 +77,8 @@ class McuFlasher {
         if (std::exchange(stage, Stage::kIdle) != Stage::kChecked) {
             return report("upgrade without a successful preUpgrade");
         }
-        const auto keepGoing = [this] { return control.keepGoing(); };
-        if (!link->program(firmware, keepGoing, error)) {
+        const std::unique_ptr<kavro::McuClient> mcu = connect(error);
+        if (mcu == nullptr || !mcu->program(firmware, error)) {
             return report(error);
         }
         stage = Stage::kWritten;
@@ -91,16 +91,9 @@ class McuFlasher {
             return report("postUpgrade without a successful upgrade");
         }
         const kavro::McuFirmware written = std::exchange(firmware, {});
-        if (!link->verify(written.application, error)) {
+        const std::unique_ptr<kavro::McuClient> mcu = connect(error);
+        if (mcu == nullptr || !mcu->makeRun(kavro::applicationVersion(written.application).value(), error)) {
             return report(error);
-        }
-        const std::optional<int> reported = link->version(error);
-        if (!reported) {
-            return report(error);
-        }
-        if (reported != kavro::applicationVersion(written.application)) {
-            return report("the microcontroller reports version " + std::to_string(*reported) +
-                          ", which is not that of the application");
         }
         return 0;
     }
@@ -108,8 +101,11 @@ class McuFlasher {
     kavro::OperationControl control;
 
   private:
+    std::unique_ptr<kavro::McuClient> connect(std::string& error) {
+        return kavro::connectMcu(kavro::readPlatformConfig(), error, [this] { return control.keepGoing(); });
+    }
+
     Stage stage = Stage::kIdle;
-    std::unique_ptr<kavro::McuLink> link;
     kavro::McuFirmware firmware;
 };
 
@@ -125,8 +121,9 @@ UpgradeMcu::~UpgradeMcu() {
     impl->flasher->control.stopAndWait();
 }
 
+// Touches nothing: a microcontroller that does not answer must not keep the main processor from its upgrade.
 int UpgradeMcu::init() {
-    return kavro::runOperation(impl->flasher, [](McuFlasher& flasher) { return flasher.connect(); });
+    return kavro::runOperation(impl->flasher, [](McuFlasher&) { return McuFlasher::checkConfig(); });
 }
 
 int UpgradeMcu::preUpgrade(std::string path, bool withLoader, bool mainProcessor) {
@@ -142,7 +139,7 @@ int UpgradeMcu::postUpgrade() {
     return kavro::runOperation(impl->flasher, [](McuFlasher& flasher) { return flasher.finish(); });
 }
 
-// The microcontroller runs its new application as soon as it is programmed: there is nothing to switch.
+// The microcontroller runs its new application since postUpgrade: there is nothing to switch.
 int UpgradeMcu::activate(bool on) {
     (void)on;
     return 0;
@@ -151,8 +148,8 @@ int UpgradeMcu::activate(bool on) {
 int UPGRADE_request_reboot() {
     const COMMON_YR::CancelHold hold;
     std::string error;
-    const std::unique_ptr<kavro::McuLink> link = kavro::openMcuLink(kavro::readPlatformConfig(), error);
-    if (link == nullptr || !link->requestReset(error)) {
+    const std::unique_ptr<kavro::McuClient> mcu = kavro::connectMcu(kavro::readPlatformConfig(), error);
+    if (mcu == nullptr || !mcu->requestReset(error)) {
         printLog(kError, "UPGRADE_request_reboot: %s\n", error.c_str());
         return kFailed;
     }

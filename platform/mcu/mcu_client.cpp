@@ -234,11 +234,15 @@ bool McuClient::makeRun(int expectedVersion, std::string& error) {
 bool McuClient::compareVersion(int expectedVersion, std::string& error) {
     const double deadline = glbGetCurTickMs() + kStartMs;
     std::optional<int> reported;
-    while (!(reported = version(error))) {
-        if (!client.mayGoOn() || glbGetCurTickMs() > deadline) {
-            return false;
+    do {
+        if (!client.mayGoOn()) {
+            return fail(kStarting, "given up", error);
         }
         ::usleep(kStartPollMs * 1000);
+        reported = version(error);
+    } while (!reported && glbGetCurTickMs() < deadline);
+    if (!reported) {
+        return false;
     }
     return *reported == expectedVersion ||
            fail(kStarting,

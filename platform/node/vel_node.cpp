@@ -12,12 +12,13 @@
 
 #include <cerrno>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "common/cancellation.h"
 #include "common/utility.h"
 #include "platform/config/platform_config.h"
-#include "platform/mcu/mcu_link.h"
+#include "platform/mcu/mcu_client.h"
 #include "platform/utility/file_descriptor.h"
 
 namespace {
@@ -78,15 +79,17 @@ class Node {
     nng_socket socket = NNG_SOCKET_INITIALIZER;
 };
 
-// The microcontroller's link; null with the reason logged. Opened for each call, since a call is rare and so
-// follows the configuration without a word about when to read it.
-std::unique_ptr<kavro::McuLink> mcuLink(const char* caller) {
+// Carries out one operation on the microcontroller; a failure is logged. The link is opened for each, since they are
+// rare and other programs need it, too.
+template <typename Operation>
+auto askMcu(const char* caller, const Operation& operation) {
     std::string error;
-    std::unique_ptr<kavro::McuLink> link = kavro::openMcuLink(kavro::readPlatformConfig(), error);
-    if (link == nullptr) {
+    const std::unique_ptr<kavro::McuClient> mcu = kavro::connectMcu(kavro::readPlatformConfig(), error);
+    const auto result = mcu != nullptr ? operation(*mcu, error) : decltype(operation(*mcu, error)){};
+    if (!result) {
         printLog(kNotice, "%s: %s\n", caller, error.c_str());
     }
-    return link;
+    return result;
 }
 
 }  // namespace
@@ -131,30 +134,17 @@ void velDestroyNode(void** node) {
 int velSpiDevCtrl(void* node, bool on) {
     (void)node;
     const COMMON_YR::CancelHold hold;
-    const std::unique_ptr<kavro::McuLink> link = mcuLink("velSpiDevCtrl");
-    if (link == nullptr) {
-        return kFailed;
-    }
-    std::string error;
-    if (!link->setLink(on, error)) {
-        printLog(kNotice, "velSpiDevCtrl: %s\n", error.c_str());
-        return kFailed;
-    }
-    return 0;
+    const bool done = askMcu("velSpiDevCtrl", [on](kavro::McuClient& mcu, std::string& error) {
+        return mcu.setLink(on, error);
+    });
+    return done ? 0 : kFailed;
 }
 
 int velGetMcuVersion(void* node) {
     (void)node;
     const COMMON_YR::CancelHold hold;
-    const std::unique_ptr<kavro::McuLink> link = mcuLink("velGetMcuVersion");
-    if (link == nullptr) {
-        return kFailed;
-    }
-    std::string error;
-    const std::optional<int> version = link->version(error);
-    if (!version) {
-        printLog(kNotice, "velGetMcuVersion: %s\n", error.c_str());
-        return kFailed;
-    }
-    return *version;
+    const std::optional<int> version =
+        askMcu("velGetMcuVersion",
+               [](kavro::McuClient& mcu, std::string& error) { return mcu.version(error); });
+    return version.value_or(kFailed);
 }

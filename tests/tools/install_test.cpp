@@ -2,6 +2,7 @@
 
 #include <csignal>
 
+#include "tests/support/mcu_emulator.h"
 #include "tests/tools/device_support.h"
 
 namespace {
@@ -19,7 +20,18 @@ void expectFailure(const ProgramResult& result, int exitCode, const std::string&
     EXPECT_TRUE(contains(result.err, "\n  next: ")) << result.err;
 }
 
-TEST(Install, a_packed_release_is_installed_activated_and_rolled_back) {
+// On a device whose microcontroller has power.
+class Install : public testsupport::DeviceTest {
+  protected:
+    void SetUp() override {
+        DeviceTest::SetUp();
+        ASSERT_TRUE(mcu.start());
+    }
+
+    testsupport::McuEmulator mcu;
+};
+
+TEST_F(Install, a_packed_release_is_installed_activated_and_rolled_back) {
     packRelease();
     const ProgramResult first = upgradectl({"install", kPackage});
     EXPECT_EQ(first.exitCode, 0) << first.err;
@@ -43,7 +55,7 @@ TEST(Install, a_packed_release_is_installed_activated_and_rolled_back) {
     EXPECT_EQ(readFile(kLastRun), "rollback_success");
 }
 
-TEST(Install, stages_are_shown_in_order_and_commands_of_the_library_stay_silent) {
+TEST_F(Install, stages_are_shown_in_order_and_commands_of_the_library_stay_silent) {
     packRelease();
     const ProgramResult result = upgradectl({"install", kPackage});
     EXPECT_EQ(result.exitCode, 0) << result.err;
@@ -57,7 +69,7 @@ TEST(Install, stages_are_shown_in_order_and_commands_of_the_library_stay_silent)
     EXPECT_FALSE(contains(result.out, "Verified OK")) << result.out;
 }
 
-TEST(Install, on_a_terminal_one_line_is_drawn_again_and_again) {
+TEST_F(Install, on_a_terminal_one_line_is_drawn_again_and_again) {
     packRelease();
     const ProgramResult result =
         runProgram({"script", "-qec", std::string(UPGRADECTL) + " install " + kPackage, "/dev/null"});
@@ -67,7 +79,7 @@ TEST(Install, on_a_terminal_one_line_is_drawn_again_and_again) {
     EXPECT_FALSE(contains(result.out, "stage DONE")) << result.out;
 }
 
-TEST(Install, a_package_is_found_by_a_relative_path_with_blanks_and_quotes) {
+TEST_F(Install, a_package_is_found_by_a_relative_path_with_blanks_and_quotes) {
     packRelease();
     std::filesystem::create_directory("/tmp/my 'files' $(x)");
     std::filesystem::rename(kPackage, "/tmp/my 'files' $(x)/re lease.pkg");
@@ -76,11 +88,11 @@ TEST(Install, a_package_is_found_by_a_relative_path_with_blanks_and_quotes) {
     EXPECT_EQ(result.exitCode, 0) << result.out << result.err;
 }
 
-class GiveUpSignal : public testing::TestWithParam<int> {};
+class GiveUpSignal : public Install, public testing::WithParamInterface<int> {};
 
 TEST_P(GiveUpSignal, before_flashing_ends_with_exit_code_5_and_nothing_flashed) {
     packRelease();
-    const std::string before = readFile("/dev/kavro-mcu/flash.bin");
+    const std::string before = readFile(mcu.flashFile());
     Program install({UPGRADECTL, "install", kPackage});
     ASSERT_TRUE(install.waitForOutput("stage INIT"));
     kill(install.pid(), GetParam());
@@ -88,7 +100,7 @@ TEST_P(GiveUpSignal, before_flashing_ends_with_exit_code_5_and_nothing_flashed) 
     expectFailure(result, 5, "was given up, nothing was flashed");
     EXPECT_FALSE(contains(result.out, "too late")) << result.out;
     EXPECT_FALSE(exists(kMarker));
-    EXPECT_TRUE(before == readFile("/dev/kavro-mcu/flash.bin"));
+    EXPECT_TRUE(before == readFile(mcu.flashFile()));
     EXPECT_EQ(readFile(kLastRun), "upgrade_failure");
 }
 
@@ -106,7 +118,7 @@ TEST_P(GiveUpSignal, during_flashing_changes_nothing_however_often_it_comes) {
 
 INSTANTIATE_TEST_SUITE_P(Install, GiveUpSignal, testing::Values(SIGINT, SIGTERM, SIGHUP));
 
-TEST(Install, the_run_after_a_given_up_one_succeeds) {
+TEST_F(Install, the_run_after_a_given_up_one_succeeds) {
     packRelease();
     Program first({UPGRADECTL, "install", kPackage});
     ASSERT_TRUE(first.waitForOutput("stage INIT"));
@@ -115,7 +127,7 @@ TEST(Install, the_run_after_a_given_up_one_succeeds) {
     EXPECT_EQ(upgradectl({"install", kPackage}).exitCode, 0);
 }
 
-TEST(Install, a_reader_that_goes_away_does_not_end_the_run) {
+TEST_F(Install, a_reader_that_goes_away_does_not_end_the_run) {
     packRelease();
     const ProgramResult result =
         runProgram({"bash", "-c", "set -o pipefail; \"$@\" | true", "bash", UPGRADECTL, "install", kPackage});
@@ -123,7 +135,7 @@ TEST(Install, a_reader_that_goes_away_does_not_end_the_run) {
     EXPECT_TRUE(exists(kMarker));
 }
 
-TEST(Install, closed_standard_output_does_not_end_the_run) {
+TEST_F(Install, closed_standard_output_does_not_end_the_run) {
     packRelease();
     const ProgramResult result =
         runProgram({"bash", "-c", "\"$@\" >&-", "bash", UPGRADECTL, "install", kPackage});
@@ -131,15 +143,15 @@ TEST(Install, closed_standard_output_does_not_end_the_run) {
     EXPECT_TRUE(exists(kMarker));
 }
 
-TEST(Install, a_missing_package_is_refused) {
+TEST_F(Install, a_missing_package_is_refused) {
     expectFailure(upgradectl({"install", "/tmp/nowhere.pkg"}), 3, "'/tmp/nowhere.pkg' is missing");
 }
 
-TEST(Install, a_directory_is_refused) {
+TEST_F(Install, a_directory_is_refused) {
     expectFailure(upgradectl({"install", "/tmp"}), 3, "'/tmp' is no regular file");
 }
 
-TEST(Install, a_package_of_another_size_is_refused_before_a_run_begins) {
+TEST_F(Install, a_package_of_another_size_is_refused_before_a_run_begins) {
     TestPackage().setTotalSize(134217727).writeTo(kPackage);
     expectFailure(upgradectl({"install", kPackage}), 3, "has 134217727 bytes");
     EXPECT_FALSE(exists(kLastRun));
@@ -158,42 +170,42 @@ INSTANTIATE_TEST_SUITE_P(Install, WorkFile,
                          testing::Values("/firmware/upgrade.pkg", "/firmware/rollback.pkg", "/raw/some.pkg",
                                          "/raw/upgrade/some.pkg"));
 
-TEST(Install, the_received_package_is_installed_from_where_it_lies) {
+TEST_F(Install, the_received_package_is_installed_from_where_it_lies) {
     TestPackage().writeTo("/firmware/recv.tar.xz");
     EXPECT_EQ(upgradectl({"install", "/firmware/recv.tar.xz"}).exitCode, 0);
 }
 
-TEST(Install, a_damaged_payload_is_refused) {
+TEST_F(Install, a_damaged_payload_is_refused) {
     TestPackage().flipPayloadByte(1000).writeTo(kPackage);
     expectFailure(upgradectl({"install", kPackage}), 3, "'/tmp/release.pkg' is damaged");
 }
 
-TEST(Install, a_damaged_trailer_is_refused) {
+TEST_F(Install, a_damaged_trailer_is_refused) {
     TestPackage()
         .editTrailer([](testsupport::Trailer& trailer) { trailer.payloadLength = "NONUMBER"; })
         .writeTo(kPackage);
     expectFailure(upgradectl({"install", kPackage}), 3, "'/tmp/release.pkg' is damaged");
 }
 
-TEST(Install, a_package_that_is_whole_but_cannot_be_unpacked_is_not_called_damaged) {
+TEST_F(Install, a_package_that_is_whole_but_cannot_be_unpacked_is_not_called_damaged) {
     TestPackage().setPayload("no archive").writeTo(kPackage);
     expectFailure(upgradectl({"install", kPackage}), 1,
                   "'/tmp/release.pkg' is whole, but could not be unpacked");
 }
 
-TEST(Install, a_wrong_signature_is_refused_with_the_name_of_the_component) {
+TEST_F(Install, a_wrong_signature_is_refused_with_the_name_of_the_component) {
     TestPackage().corruptSignature("ext4").writeTo(kPackage);
     const ProgramResult result = upgradectl({"install", kPackage});
     expectFailure(result, 3, "signature that does not verify");
     EXPECT_TRUE(contains(result.err, "device: verify_signature 'ext4' fail!")) << result.err;
 }
 
-TEST(Install, a_missing_component_is_refused) {
+TEST_F(Install, a_missing_component_is_refused) {
     TestPackage().omit("Image").writeTo(kPackage);
     expectFailure(upgradectl({"install", kPackage}), 3, "lacks a component");
 }
 
-TEST(Install, a_component_larger_than_its_partition_fails_in_flashing) {
+TEST_F(Install, a_component_larger_than_its_partition_fails_in_flashing) {
     constexpr std::size_t kMoreThanThePartition = 2 << 20;
     TestPackage()
         .setComponent("cv22_kavro_qz7.dtb", std::string(kMoreThanThePartition, 'd'))
@@ -202,18 +214,20 @@ TEST(Install, a_component_larger_than_its_partition_fails_in_flashing) {
     EXPECT_EQ(readFile(kLastRun), "upgrade_failure");
 }
 
-TEST(Rollback, without_a_kept_package_is_refused) {
+class Rollback : public Install {};
+
+TEST_F(Rollback, without_a_kept_package_is_refused) {
     expectFailure(upgradectl({"rollback"}), 3, "'/firmware/rollback.pkg' is missing or damaged");
 }
 
-TEST(Rollback, a_kept_package_of_another_size_is_refused) {
+TEST_F(Rollback, a_kept_package_of_another_size_is_refused) {
     writeFile("/firmware/rollback.pkg", "short");
     const ProgramResult result = upgradectl({"rollback"});
     expectFailure(result, 3, "is missing or damaged");
     EXPECT_TRUE(contains(result.err, "device: rollback.pkg size error!")) << result.err;
 }
 
-TEST(Rollback, while_an_installed_package_awaits_activation_changes_nothing) {
+TEST_F(Rollback, while_an_installed_package_awaits_activation_changes_nothing) {
     packRelease();
     writeFile("/firmware/current.pkg", "the running software");
     ASSERT_EQ(upgradectl({"install", kPackage}).exitCode, 0);
@@ -224,12 +238,12 @@ TEST(Rollback, while_an_installed_package_awaits_activation_changes_nothing) {
     EXPECT_EQ(readFile(kLastRun), "upgrade_success");
 }
 
-TEST(Rollback, of_a_damaged_package_is_refused_before_flashing) {
+TEST_F(Rollback, of_a_damaged_package_is_refused_before_flashing) {
     TestPackage().setVersions(1, 103, 6, 2).flipPayloadByte(1000).writeTo("/firmware/rollback.pkg");
     expectFailure(upgradectl({"rollback"}), 3, "'/firmware/rollback.pkg' is damaged");
 }
 
-TEST(Rollback, can_be_given_up_before_flashing) {
+TEST_F(Rollback, can_be_given_up_before_flashing) {
     TestPackage().setVersions(1, 103, 6, 2).writeTo("/firmware/rollback.pkg");
     Program rollback({UPGRADECTL, "rollback"});
     ASSERT_TRUE(rollback.waitForOutput("stage INIT"));
