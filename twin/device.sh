@@ -47,7 +47,6 @@ twin_write_platform() {
             }
         },
         "bootloader": "/dev/disk/by-partlabel/bootloader",
-        "boot_state": "/config/boot_state.json",
         "boot_environment": "/etc/kavro/fw_env.config",
         "written_slot": "/config/written_slot.json",
         "running_slot": "/run/kavro/running_slot"
@@ -129,7 +128,6 @@ twin_make_state() {
     twin_write_versions "$dir/etc-kavro/version.json" "${@:3}"
     twin_make_environment "$dir"
     twin_make_mcu_flash "$dir/mcu/flash.bin" "$5"
-    printf '{"boot_slot": "a", "complete": {"a": true, "b": false}, "pending_slot": ""}\n' >"$dir/config/boot_state.json"
     printf 'a\n' >"$dir/run/running_slot"
 }
 

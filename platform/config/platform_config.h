@@ -12,7 +12,6 @@
 //           "b": { "kernel": "PATH", "dtb": "PATH", "rootfs": "PATH" }
 //         },
 //         "bootloader": "PATH",
-//         "boot_state": "/config/boot_state.json",
 //         "boot_environment": "/etc/kavro/fw_env.config",
 //         "written_slot": "/config/written_slot.json",
 //         "running_slot": "/run/kavro/running_slot"
@@ -25,19 +24,20 @@
 
 #include <map>
 #include <string>
+#include <vector>
+
+#include "platform/config/slot_part.h"
 
 namespace kavro {
 
 inline constexpr const char* kPlatformConfigPath = "/etc/kavro/platform.json";
 
-struct SlotPartitions {
-    std::string kernel;
-    std::string deviceTree;
-    std::string rootFileSystem;
-};
+using SlotPartitions = PerSlotPart<std::string>;  // paths
 
 struct PlatformConfig {
     std::string fault;  // why nothing was read; empty when the file is a JSON object, whatever it holds
+    std::vector<std::string>
+        wrongMembers;  // of another type than they must have: "mpu.bootloader must be a string"
     bool logToSyslog = true;
     bool logToStderr = false;
     std::string logFile;  // empty: no log file
@@ -45,21 +45,23 @@ struct PlatformConfig {
     std::string nodeAddress;                      // empty: no message node
     std::map<std::string, SlotPartitions> slots;  // by slot name
     std::string bootloaderPartition;
-    std::string bootStateFile;          // which slot starts next; written by the flash driver
     std::string bootEnvironmentConfig;  // says where U-Boot's environment is, in the form of fw_env.config
     std::string writtenSlotFile;        // what is known about a slot that was written and not yet activated
-    std::string runningSlotFile;        // holds the name of the slot that was started; written at boot
+    std::string runningSlotFile;        // names the slot that was started; written at boot
     std::string mcuFlashFile;           // the emulated microcontroller's flash memory
     std::string mcuLink;                // "spidev:PATH" or "unix:PATH"
 };
 
 // Reads the file anew at each call. A missing or damaged file, or a member of the wrong type, gives the
-// defaults above for what could not be read; `fault` tells of the first two. Never throws, except for
-// exhausted memory; not a cancellation point.
+// defaults above for what could not be read; `fault` tells of the first two, `wrongMembers` of the last. Never
+// throws, except for exhausted memory; not a cancellation point.
 PlatformConfig readPlatformConfig(const std::string& path = kPlatformConfigPath);
 
 // What to say when something is missing in the device's file: the path and `what`, or in its place the fault
 // that made everything missing.
 std::string platformConfigError(const PlatformConfig& config, const std::string& what);
+
+// The first wrong member of a section ("mpu"), or the section itself; empty when all of it is as it must be.
+std::string wrongMemberOf(const PlatformConfig& config, const std::string& section);
 
 }  // namespace kavro

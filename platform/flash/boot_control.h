@@ -1,12 +1,19 @@
-// Which of the two slots the device starts next, and what is known about them: everything that the flash
-// driver asks of the boot chain. Where that is kept is an implementation's own business.
+// Which of the two slots the device starts next, and what the slots must hold: everything that the flash driver
+// tells the boot loader and learns from it. Where that is kept is an implementation's own business.
 //
-// A change is one atomic save: after a power cut all of it holds, or none. Operations report failure by their
-// result and a text that says what to look at; a failed one changed nothing.
+// A slot that was activated is on trial: the boot loader counts its starts, and starts the other slot again when
+// nobody has confirmed it within the limit.
+//
+// A change is one atomic save: after a power cut or a failure all of it holds, or none. Operations report failure by their
+// result and a text that says what to look at. They need a CancelHold around them.
 #pragma once
 
 #include <array>
+#include <map>
 #include <string>
+#include <vector>
+
+#include "platform/config/written_slot.h"
 
 namespace kavro {
 
@@ -22,6 +29,14 @@ struct SlotNames {
     }
 };
 
+struct BootState {
+    std::string bootSlot;                        // the slot that starts next
+    bool onTrial = false;                        // that slot was activated and not yet confirmed
+    std::string starts;                          // how often it was started on trial; empty when unknown
+    std::string startLimit;                      // and how often it may be; empty when unknown
+    std::map<std::string, SlotContent> content;  // by slot, where all of it is known
+};
+
 class BootControl {
   public:
     BootControl() = default;
@@ -29,17 +44,19 @@ class BootControl {
     BootControl(const BootControl&) = delete;
     BootControl& operator=(const BootControl&) = delete;
 
-    // Before the first byte of a slot is written: the slot, which must not be the running one, counts as
-    // incomplete and is no longer pending. If it was the slot to start next, the running one is again.
-    [[nodiscard]] virtual bool beginWriting(const std::string& slot, std::string& error) = 0;
+    // The state as of now. False when it cannot be read, or when none of the device's slots starts next.
+    [[nodiscard]] virtual bool load(BootState& state, std::string& error) const = 0;
 
-    // After the last byte was written and verified: the slot is complete, and pending until the next
-    // activation. Which slot starts next stays as it is.
-    [[nodiscard]] virtual bool finishWriting(const std::string& slot, std::string& error) = 0;
+    // Makes a slot with this content the one to start next, on trial unless it is the running one.
+    [[nodiscard]] virtual bool activate(const std::string& slot, const SlotContent& content,
+                                        std::string& error) = 0;
 
-    // Makes the pending slot the one to start next; without one, the slot that does not start next now.
-    // Refused when that slot is not complete. Nothing is pending afterwards.
-    [[nodiscard]] virtual bool activate(std::string& error) = 0;
+    // Makes the running slot, whatever it holds, the one to start next, and not on trial. This both confirms a
+    // slot that runs on trial and takes back the activation of the other one.
+    [[nodiscard]] virtual bool keepRunning(std::string& error) = 0;
+
+    // The files or devices that the state itself is kept in. False when they are not known.
+    [[nodiscard]] virtual bool places(std::vector<std::string>& paths, std::string& error) const = 0;
 };
 
 }  // namespace kavro

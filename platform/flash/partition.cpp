@@ -5,10 +5,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <vector>
 
-#include "platform/mcu/raw_file.h"
+#include "platform/utility/digest.h"
 
 namespace kavro {
 namespace {
@@ -20,139 +19,170 @@ bool fail(const std::string& path, const std::string& what, int errorNumber, std
     return false;
 }
 
-bool isBlockDevice(const std::string& path) {
-    struct stat status {};
-    return ::stat(path.c_str(), &status) == 0 && S_ISBLK(status.st_mode);
+bool hasChanged(const Placement& placement, std::string& error) {
+    return fail(placement.component, "changed after it was checked", 0, error);
 }
 
-bool isRegularFile(const std::string& path) {
+mode_t typeOf(const std::string& path) {
     struct stat status {};
-    return ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+    return ::stat(path.c_str(), &status) == 0 ? status.st_mode & S_IFMT : 0;
 }
 
 // An exclusive open of a block device fails while it is mounted.
-bool openPartition(const std::string& path, int flags, RawFile& file, std::string& error) {
-    const int exclusive = isBlockDevice(path) ? O_EXCL : 0;
-    return file.open(path, flags | exclusive) || fail(path, "the partition cannot be opened", errno, error);
+bool openToWrite(const std::string& partition, int flags, RawFile& file, std::string& error) {
+    const int exclusive = typeOf(partition) == S_IFBLK ? O_EXCL : 0;
+    if (file.open(partition, flags | exclusive)) {
+        return true;
+    }
+    const bool isUsed = exclusive != 0 && errno == EBUSY;
+    return fail(partition,
+                isUsed ? "the partition is in use, mounted perhaps" : "the partition cannot be opened", errno,
+                error);
 }
 
 bool openComponent(const Placement& placement, RawFile& file, std::string& error) {
-    if (!file.open(placement.component, O_RDONLY)) {
+    if (!file.open(placement.component, O_RDONLY | O_NONBLOCK)) {
         return fail(placement.component, "cannot be opened", errno, error);
-    }
-    if (placement.bytes != file.size()) {
-        return fail(placement.component, "changed its size after it was checked", 0, error);
     }
     return true;
 }
 
-bool readBlock(const RawFile& file, const std::string& path, std::vector<char>& block, std::size_t size,
-               long long offset, std::string& error) {
-    const long count = file.readAt(block.data(), size, offset);
-    return count == static_cast<long>(size) || fail(path, "cannot be read", count < 0 ? errno : 0, error);
-}
-
-// Calls work(block, size, offset) for every block of the component, until one fails.
+// Calls work(data, size, offset) for every block of the file's first `bytes` bytes, until one fails.
 template <typename Work>
-bool forEachBlock(const Placement& placement, const RawFile& component, const KeepGoing& keepGoing,
+bool forEachBlock(const RawFile& file, const std::string& path, long long bytes, const KeepGoing& keepGoing,
                   std::string& error, const Work& work) {
-    std::vector<char> block(kBlockBytes);
-    for (long long offset = 0; offset < placement.bytes; offset += static_cast<long long>(kBlockBytes)) {
+    std::vector<char> block(static_cast<std::size_t>(std::min<long long>(bytes, kBlockBytes)));
+    for (long long offset = 0; offset < bytes; offset += static_cast<long long>(kBlockBytes)) {
         if (!keepGoing()) {
-            return fail(placement.partition, "the work was given up", 0, error);
+            return fail(path, "the work was given up", 0, error);
         }
-        const auto left = static_cast<std::size_t>(placement.bytes - offset);
-        const std::size_t size = std::min(kBlockBytes, left);
-        if (!readBlock(component, placement.component, block, size, offset, error) ||
-            !work(block, size, offset)) {
+        const std::size_t size = std::min(kBlockBytes, static_cast<std::size_t>(bytes - offset));
+        const long count = file.readAt(block.data(), size, offset);
+        if (count < 0) {
+            return fail(path, "cannot be read", errno, error);
+        }
+        if (static_cast<std::size_t>(count) != size) {
+            return fail(path, "ends before its " + std::to_string(bytes) + " bytes", 0, error);
+        }
+        if (!work(block.data(), size, offset)) {
             return false;
         }
     }
     return true;
 }
 
-}  // namespace
+// The SHA-256 of the file's first `bytes` bytes.
+bool computeDigest(const RawFile& file, const std::string& path, long long bytes, const KeepGoing& keepGoing,
+                   std::string& sha256, std::string& error) {
+    Digest digest(Digest::Kind::kSha256);
+    const auto add = [&digest](const char* data, std::size_t size, long long) {
+        digest.add(data, size);
+        return true;
+    };
+    if (!forEachBlock(file, path, bytes, keepGoing, error, add)) {
+        return false;
+    }
+    sha256 = digest.finishAsText();
+    return !sha256.empty() || fail(path, "its SHA-256 cannot be computed", 0, error);
+}
 
-bool checkPlacement(Placement& placement, std::string& error) {
-    RawFile component;
-    if (!component.open(placement.component, O_RDONLY | O_NONBLOCK)) {
-        return fail(placement.component, "cannot be opened", errno, error);
-    }
-    if (!isRegularFile(placement.component)) {
-        return fail(placement.component, "is no regular file", 0, error);
-    }
-    placement.bytes = component.size();
-    if (placement.bytes <= 0) {
-        return fail(placement.component, "is empty", 0, error);
-    }
-
+bool checkFits(const Placement& placement, std::string& error) {
     RawFile partition;
-    if (!openPartition(placement.partition, O_RDWR | O_NONBLOCK, partition, error)) {
+    if (!openToWrite(placement.partition, O_RDWR | O_NONBLOCK, partition, error)) {
         return false;
     }
     const long long capacity = partition.size();
     if (capacity < 0) {
         return fail(placement.partition, "is neither a block device nor a file", 0, error);
     }
-    if (placement.bytes > capacity) {
+    if (placement.content.bytes > capacity) {
         return fail(placement.component,
-                    "has " + std::to_string(placement.bytes) + " bytes, too large for " +
+                    "has " + std::to_string(placement.content.bytes) + " bytes, too large for " +
                         placement.partition + " of " + std::to_string(capacity) + " bytes",
                     0, error);
     }
     return true;
 }
 
-bool samePartition(const std::string& left, const std::string& right) {
-    struct stat leftStatus {};
-    struct stat rightStatus {};
-    if (::stat(left.c_str(), &leftStatus) != 0 || ::stat(right.c_str(), &rightStatus) != 0) {
+}  // namespace
+
+bool checkPlacement(Placement& placement, const KeepGoing& keepGoing, std::string& error) {
+    RawFile component;
+    if (!openComponent(placement, component, error)) {
         return false;
     }
-    if (S_ISBLK(leftStatus.st_mode) && S_ISBLK(rightStatus.st_mode)) {
-        return leftStatus.st_rdev == rightStatus.st_rdev;
+    if (typeOf(placement.component) != S_IFREG) {
+        return fail(placement.component, "is no regular file", 0, error);
     }
-    return leftStatus.st_dev == rightStatus.st_dev && leftStatus.st_ino == rightStatus.st_ino;
+    placement.content.bytes = component.size();
+    if (placement.content.bytes <= 0) {
+        return fail(placement.component, "is empty", 0, error);
+    }
+    return checkFits(placement, error) &&
+           computeDigest(component, placement.component, placement.content.bytes, keepGoing,
+                         placement.content.sha256, error);
+}
+
+bool checkUnchanged(const Placement& placement, const KeepGoing& keepGoing, std::string& error) {
+    RawFile component;
+    std::string sha256;
+    if (!openComponent(placement, component, error)) {
+        return false;
+    }
+    if (component.size() != placement.content.bytes) {
+        return hasChanged(placement, error);
+    }
+    if (!computeDigest(component, placement.component, placement.content.bytes, keepGoing, sha256, error)) {
+        return false;
+    }
+    return sha256 == placement.content.sha256 || hasChanged(placement, error);
 }
 
 bool writePlacement(const Placement& placement, const KeepGoing& keepGoing, std::string& error) {
+    const long long bytes = placement.content.bytes;
     RawFile component;
     RawFile partition;
     if (!openComponent(placement, component, error) ||
-        !openPartition(placement.partition, O_WRONLY, partition, error)) {
+        !openToWrite(placement.partition, O_WRONLY, partition, error)) {
         return false;
     }
-    if (partition.size() < placement.bytes) {
+    if (component.size() != bytes) {
+        return hasChanged(placement, error);
+    }
+    if (partition.size() < bytes) {
         return fail(placement.partition, "became smaller after it was checked", 0, error);
     }
-    const auto write = [&](const std::vector<char>& block, std::size_t size, long long offset) {
-        return partition.writeAt(block.data(), size, offset) ||
+    Digest digest(Digest::Kind::kSha256);
+    const auto write = [&](const char* data, std::size_t size, long long offset) {
+        digest.add(data, size);
+        return partition.writeAt(data, size, offset) ||
                fail(placement.partition, "cannot be written", errno, error);
     };
-    if (!forEachBlock(placement, component, keepGoing, error, write)) {
+    if (!forEachBlock(component, placement.component, bytes, keepGoing, error, write)) {
         return false;
     }
-    return partition.flush() || fail(placement.partition, "cannot be flushed", errno, error);
+    if (!partition.flush()) {
+        return fail(placement.partition, "cannot be flushed", errno, error);
+    }
+    return digest.finishAsText() == placement.content.sha256 || hasChanged(placement, error);
 }
 
-bool verifyPlacement(const Placement& placement, const KeepGoing& keepGoing, std::string& error) {
-    RawFile component;
-    RawFile partition;
-    if (!openComponent(placement, component, error) ||
-        !openPartition(placement.partition, O_RDONLY, partition, error)) {
+bool verifyPartition(const std::string& partition, const PartContent& content, const KeepGoing& keepGoing,
+                     std::string& error) {
+    RawFile file;
+    if (!file.open(partition, O_RDONLY)) {
+        return fail(partition, "the partition cannot be opened", errno, error);
+    }
+    file.dropCache();
+    std::string sha256;
+    if (!computeDigest(file, partition, content.bytes, keepGoing, sha256, error)) {
         return false;
     }
-    partition.dropCache();
-    std::vector<char> stored(kBlockBytes);
-    const auto compare = [&](const std::vector<char>& block, std::size_t size, long long offset) {
-        if (!readBlock(partition, placement.partition, stored, size, offset, error)) {
-            return false;
-        }
-        return std::memcmp(block.data(), stored.data(), size) == 0 ||
-               fail(placement.partition, "does not hold what was written from " + placement.component, 0,
-                    error);
-    };
-    return forEachBlock(placement, component, keepGoing, error, compare);
+    return sha256 == content.sha256 ||
+           fail(partition,
+                "does not hold what it must: the SHA-256 of its first " + std::to_string(content.bytes) +
+                    " bytes is " + sha256 + ", not " + content.sha256,
+                0, error);
 }
 
 }  // namespace kavro

@@ -1,9 +1,12 @@
 // Writing firmware components into partitions: block devices on a device, image files of a fixed size in a
 // twin. A partition is never created or resized, and what lies behind a component in it stays as it is.
+//
+// Functions report failure by their result and a text that names the file. They need a CancelHold around them.
 #pragma once
 
 #include <string>
 
+#include "platform/config/written_slot.h"
 #include "platform/mcu/raw_file.h"
 
 namespace kavro {
@@ -12,21 +15,23 @@ namespace kavro {
 struct Placement {
     std::string component;  // path of the component's file
     std::string partition;  // path of the partition
-    long long bytes = 0;    // the component's size, set by checkPlacement
+    PartContent content;    // what the component is, set by checkPlacement
 };
 
 // Whether the component can be written: a readable regular file that is not empty, no larger than its
-// partition, which is there, can be written to and is not in use (mounted). Sets bytes. Writes nothing.
-[[nodiscard]] bool checkPlacement(Placement& placement, std::string& error);
+// partition, which is there, can be written to and is not in use (mounted). Reads the whole component and sets
+// the content. Writes nothing.
+[[nodiscard]] bool checkPlacement(Placement& placement, const KeepGoing& keepGoing, std::string& error);
 
-// Whether two paths lead to one and the same file or device. False when either is missing.
-[[nodiscard]] bool samePartition(const std::string& left, const std::string& right);
+// Whether the component's file still has the content that was checked.
+[[nodiscard]] bool checkUnchanged(const Placement& placement, const KeepGoing& keepGoing, std::string& error);
 
-// Copies the component to the start of the partition, block by block, and flushes it.
+// Copies the component to the start of the partition, block by block, and flushes it. Fails when the component
+// turns out not to be the one that was checked.
 [[nodiscard]] bool writePlacement(const Placement& placement, const KeepGoing& keepGoing, std::string& error);
 
-// Whether the partition holds the component, as read back from storage.
-[[nodiscard]] bool verifyPlacement(const Placement& placement, const KeepGoing& keepGoing,
-                                   std::string& error);
+// Whether the partition holds the content, as read back from storage.
+[[nodiscard]] bool verifyPartition(const std::string& partition, const PartContent& content,
+                                   const KeepGoing& keepGoing, std::string& error);
 
 }  // namespace kavro

@@ -1,11 +1,14 @@
 // Main processor: writes the slot that is not running, and the bootloader when asked, and switches the boot
 // slot.
 //
-// A run goes preUpgrade, upgrade, postUpgrade, activate. The slot counts as incomplete from before its first
-// byte is written until postUpgrade has verified all of it, so a run that is cut off anywhere leaves the
-// device with the running slot as the only one to start.
+// A run goes preUpgrade, upgrade, postUpgrade, activate. Until activate, the boot loader's state stays as it is,
+// so a run that is cut off anywhere leaves the device with the running slot as the one to start. What was
+// written is known from the record that postUpgrade makes when storage has been found to hold all of it; the
+// boot loader learns it with the activation, and from then on starts the slot with no other content.
+#include <algorithm>
 #include <array>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -14,7 +17,8 @@
 #include "common/flash_driver.h"
 #include "common/utility.h"
 #include "platform/config/platform_config.h"
-#include "platform/flash/file_boot_control.h"
+#include "platform/config/written_slot.h"
+#include "platform/flash/environment_boot_control.h"
 #include "platform/flash/operation.h"
 #include "platform/flash/partition.h"
 #include "platform/flash/slot_map.h"
@@ -23,17 +27,9 @@ namespace {
 
 constexpr int kFailed = -1;
 constexpr int kError = 1;
+constexpr int kNotice = 2;
 
-struct ComponentName {
-    const char* file;
-    std::string kavro::SlotPartitions::*partition;
-};
-
-constexpr std::array<ComponentName, 3> kSlotComponents = {{
-    {"Image", &kavro::SlotPartitions::kernel},
-    {"cv22_kavro_qz7.dtb", &kavro::SlotPartitions::deviceTree},
-    {"ext4", &kavro::SlotPartitions::rootFileSystem},
-}};
+constexpr kavro::PerSlotPart<const char*> kSlotComponents = {{"Image", "cv22_kavro_qz7.dtb", "ext4"}};
 constexpr const char* kBootloaderComponent = "bld_release.bin";
 
 enum class Stage { kIdle, kChecked, kWritten };
@@ -41,6 +37,10 @@ enum class Stage { kIdle, kChecked, kWritten };
 int report(const std::string& error) {
     printLog(kError, "UpgradeMpu: %s\n", error.c_str());
     return kFailed;
+}
+
+void notice(const std::string& text) {
+    printLog(kNotice, "UpgradeMpu: %s\n", text.c_str());
 }
 
 // Everything the driver knows. Shared with a running operation.
@@ -55,21 +55,32 @@ class MpuFlasher {
             report(error);
             return false;
         }
-        boot = std::make_unique<kavro::FileBootControl>(map.bootStateFile, map.slots);
+        boot = std::make_unique<kavro::EnvironmentBootControl>(map.bootEnvironmentConfig, map.slots);
         return true;
     }
 
-    int check(const std::string& directory, bool withLoader) {
-        stage = Stage::kIdle;
-        if (!usable) {
-            return report("the device's slots are not known");
-        }
+    // Says so when the running slot is on trial: nobody else in the log would.
+    void noticeTrial() {
         std::string error;
-        if (!place(directory, withLoader, error) || !checkPartitionsDistinct(error)) {
+        kavro::BootState state;
+        if (!boot->load(state, error)) {
+            report(error);
+        } else if (isRunningOnTrial(state)) {
+            notice("slot " + state.bootSlot + " is on trial, start " + state.starts + " of " +
+                   state.startLimit +
+                   ": without activate(false), which confirms it, the boot loader then starts slot " +
+                   map.target);
+        }
+    }
+
+    int check(const std::string& directory, bool withLoader) {
+        std::string error;
+        stage = Stage::kIdle;
+        if (!isUsable(error) || !checkDevice(error) || !place(directory, withLoader, error)) {
             return report(error);
         }
         for (kavro::Placement& placement : placements) {
-            if (!kavro::checkPlacement(placement, error)) {
+            if (!kavro::checkPlacement(placement, keepGoing(), error)) {
                 return report(error);
             }
         }
@@ -78,18 +89,13 @@ class MpuFlasher {
     }
 
     int write() {
+        std::string error;
         if (std::exchange(stage, Stage::kIdle) != Stage::kChecked) {
             return report("upgrade without a successful preUpgrade");
         }
-        std::string error;
-        if (!boot->beginWriting(map.target, error)) {
+        if (!kavro::removeWrittenSlot(map.writtenSlotFile, error) || !takeBackActivation(error) ||
+            !writeSlot(error) || !writeBootloader(error)) {
             return report(error);
-        }
-        for (const kavro::Placement& placement : placements) {
-            if (!kavro::writePlacement(placement, keepGoing(), error) ||
-                !kavro::verifyPlacement(placement, keepGoing(), error)) {
-                return report(error);
-            }
         }
         stage = Stage::kWritten;
         return 0;
@@ -98,39 +104,86 @@ class MpuFlasher {
     // Compares everything once more when all of it is written: a write must not have damaged what came before
     // it.
     int finish() {
+        std::string error;
         if (std::exchange(stage, Stage::kIdle) != Stage::kWritten) {
             return report("postUpgrade without a successful upgrade");
         }
-        std::string error;
         for (const kavro::Placement& placement : placements) {
-            if (!kavro::verifyPlacement(placement, keepGoing(), error)) {
+            if (!kavro::verifyPartition(placement.partition, placement.content, keepGoing(), error)) {
                 return report(error);
             }
         }
-        if (!boot->finishWriting(map.target, error)) {
+        kavro::WrittenSlot written;
+        written.slot = map.target;
+        for (std::size_t part = 0; part < written.content.size(); ++part) {
+            written.content[part] = placements[part].content;
+        }
+        return kavro::saveWrittenSlot(map.writtenSlotFile, written, error) ? 0 : report(error);
+    }
+
+    // The boot state is saved last. From then on the record only repeats it, and no longer counts.
+    int activate() {
+        std::string error;
+        kavro::WrittenSlot next;
+        if (!isUsable(error) || !findNext(next, error) || !verifySlot(next, error) ||
+            !boot->activate(next.slot, next.content, error)) {
             return report(error);
+        }
+        if (!kavro::removeWrittenSlot(map.writtenSlotFile, error)) {
+            notice(error);
         }
         return 0;
     }
 
-    int activate() {
+    // Another slot that was activated and not yet started stays the one to start.
+    int confirm() {
         std::string error;
-        if (!usable) {
-            return report("the device's slots are not known");
+        kavro::BootState state;
+        if (!isUsable(error) || !boot->load(state, error)) {
+            return report(error);
         }
-        return boot->activate(error) ? 0 : report(error);
+        if (!isRunningOnTrial(state)) {
+            return 0;
+        }
+        return boot->keepRunning(error) ? 0 : report(error);
     }
 
     kavro::OperationControl control;
 
   private:
+    bool isUsable(std::string& error) const {
+        if (!usable) {
+            error = "the device's slots are not known";
+        }
+        return usable;
+    }
+
+    [[nodiscard]] bool isRunningOnTrial(const kavro::BootState& state) const {
+        return state.onTrial && state.bootSlot == map.slots.running;
+    }
+
+    // What must be in order before the first write, whatever is written.
+    bool checkDevice(std::string& error) const {
+        kavro::BootState state;
+        std::vector<std::string> environment;
+        if (!boot->load(state, error) || !boot->places(environment, error) ||
+            !kavro::checkPartitionsDistinct(map, environment, error)) {
+            return false;
+        }
+        if (isRunningOnTrial(state)) {
+            notice("slot " + map.target + " is written while slot " + state.bootSlot +
+                   " is on trial: there is no slot to fall back to until it is complete");
+        }
+        return true;
+    }
+
     // Says which component goes where. The bootloader comes last: it has one partition only, so it is touched
     // when everything else has gone well.
     bool place(const std::string& directory, bool withLoader, std::string& error) {
         placements.clear();
-        for (const ComponentName& component : kSlotComponents) {
-            placements.push_back(
-                {directory + "/" + component.file, map.targetPartitions.*component.partition, 0});
+        const kavro::SlotPartitions& target = map.partitions.at(map.target);
+        for (std::size_t part = 0; part < kSlotComponents.size(); ++part) {
+            placements.push_back({directory + "/" + kSlotComponents[part], target[part], {}});
         }
         if (!withLoader) {
             return true;
@@ -139,26 +192,84 @@ class MpuFlasher {
             error = std::string(kavro::kPlatformConfigPath) + R"(: "mpu" names no "bootloader")";
             return false;
         }
-        placements.push_back({directory + "/" + kBootloaderComponent, map.bootloaderPartition, 0});
+        placements.push_back({directory + "/" + kBootloaderComponent, map.bootloaderPartition, {}});
         return true;
     }
 
-    // No partition may be written twice, and none of the running slot's at all.
-    bool checkPartitionsDistinct(std::string& error) const {
-        std::vector<std::string> others;
-        others.reserve(2 * kSlotComponents.size() + 1);
-        for (const ComponentName& component : kSlotComponents) {
-            others.push_back(map.runningPartitions.*component.partition);
+    // A slot that is half written must not be the one to start.
+    bool takeBackActivation(std::string& error) {
+        kavro::BootState state;
+        if (!boot->load(state, error)) {
+            return false;
         }
-        for (const kavro::Placement& placement : placements) {
-            for (const std::string& other : others) {
-                if (placement.partition == other || kavro::samePartition(placement.partition, other)) {
-                    error = std::string(kavro::kPlatformConfigPath) + ": " + placement.partition + " and " +
-                            other + " are the same partition";
-                    return false;
-                }
+        return state.bootSlot != map.target || boot->keepRunning(error);
+    }
+
+    bool writeSlot(std::string& error) {
+        return std::all_of(
+            placements.begin(), placements.begin() + kSlotComponents.size(),
+            [&](const kavro::Placement& placement) { return writeAndVerify(placement, error); });
+    }
+
+    bool writeBootloader(std::string& error) {
+        return std::all_of(placements.begin() + kSlotComponents.size(), placements.end(),
+                           [&](const kavro::Placement& placement) {
+                               return kavro::checkUnchanged(placement, keepGoing(), error) &&
+                                      writeAndVerify(placement, error);
+                           });
+    }
+
+    bool writeAndVerify(const kavro::Placement& placement, std::string& error) {
+        return kavro::writePlacement(placement, keepGoing(), error) &&
+               kavro::verifyPartition(placement.partition, placement.content, keepGoing(), error);
+    }
+
+    // The slot to activate: the one that was written, or else the one that does not start next now.
+    bool findNext(kavro::WrittenSlot& next, std::string& error) const {
+        kavro::BootState state;
+        std::optional<kavro::WrittenSlot> written;
+        if (!boot->load(state, error)) {
+            return false;
+        }
+        if (!kavro::readWrittenSlot(map.writtenSlotFile, written, error)) {
+            error += "; a new upgrade replaces it";
+            return false;
+        }
+        if (written && map.partitions.count(written->slot) == 0) {
+            error = map.writtenSlotFile + ": \"" + written->slot +
+                    "\" is none of the device's slots; a new upgrade " + "replaces the record";
+            return false;
+        }
+        if (written && !isActivated(*written, state)) {
+            next = *written;
+            return true;
+        }
+        next.slot = map.slots.other(state.bootSlot);
+        const auto known = state.content.find(next.slot);
+        if (known == state.content.end()) {
+            error = "slot " + next.slot +
+                    " cannot be activated: nothing was written to it since the last activation, " +
+                    "and the boot environment (" + map.bootEnvironmentConfig +
+                    ") does not say what it must hold";
+            return false;
+        }
+        next.content = known->second;
+        return true;
+    }
+
+    static bool isActivated(const kavro::WrittenSlot& written, const kavro::BootState& state) {
+        const auto known = state.content.find(written.slot);
+        return state.bootSlot == written.slot && known != state.content.end() &&
+               known->second == written.content;
+    }
+
+    bool verifySlot(const kavro::WrittenSlot& written, std::string& error) {
+        for (std::size_t part = 0; part < written.content.size(); ++part) {
+            if (!kavro::verifyPartition(map.partitions.at(written.slot)[part], written.content[part],
+                                        keepGoing(), error)) {
+                error.insert(0, "slot " + written.slot + " cannot be activated: ");
+                return false;
             }
-            others.push_back(placement.partition);
         }
         return true;
     }
@@ -171,7 +282,7 @@ class MpuFlasher {
     Stage stage = Stage::kIdle;
     kavro::SlotMap map;
     std::unique_ptr<kavro::BootControl> boot;
-    std::vector<kavro::Placement> placements;
+    std::vector<kavro::Placement> placements;  // the slot's parts in order, then the bootloader if asked for
 };
 
 }  // namespace
@@ -183,6 +294,9 @@ struct UpgradeMpu::Impl {
 UpgradeMpu::UpgradeMpu() : UpgradeLib("upgradeMpu"), impl(std::make_unique<Impl>()) {
     const COMMON_YR::CancelHold hold;
     initOk = impl->flasher->readDevice();
+    if (initOk) {
+        impl->flasher->noticeTrial();
+    }
 }
 
 UpgradeMpu::~UpgradeMpu() {
@@ -209,10 +323,7 @@ int UpgradeMpu::postUpgrade() {
     return kavro::runOperation(impl->flasher, [](MpuFlasher& flasher) { return flasher.finish(); });
 }
 
-// Switching off is not a thing that a slot can do: activate(false) changes nothing.
 int UpgradeMpu::activate(bool on) {
-    if (!on) {
-        return 0;
-    }
-    return kavro::runOperation(impl->flasher, [](MpuFlasher& flasher) { return flasher.activate(); });
+    return kavro::runOperation(
+        impl->flasher, [on](MpuFlasher& flasher) { return on ? flasher.activate() : flasher.confirm(); });
 }

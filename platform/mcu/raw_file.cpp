@@ -46,6 +46,8 @@ bool RawFile::flush() const {
 
 void RawFile::dropCache() const {
     ::posix_fadvise(descriptor.get(), 0, 0, POSIX_FADV_DONTNEED);
+    // A block device may keep more: what only root may give up, and only a block device has.
+    (void)::ioctl(descriptor.get(), BLKFLSBUF, 0);
 }
 
 std::string errnoText(const std::string& what, int errorNumber) {

@@ -1,62 +1,48 @@
-// chkFileMd5: the one place of the device's libraries that knows OpenSSL.
+#include "platform/utility/digest.h"
 
-#include <fcntl.h>
 #include <openssl/evp.h>
 
-#include <memory>
-#include <vector>
+#include <utility>
 
-#include "common/cancellation.h"
-#include "common/utility.h"
-#include "platform/utility/file_io.h"
+namespace kavro {
 
-namespace COMMON_YR {
-namespace {
+void Digest::Release::operator()(evp_md_ctx_st* state) const {
+    EVP_MD_CTX_free(state);
+}
 
-constexpr std::size_t kBlock = 256 << 10;
-constexpr std::size_t kMd5Bytes = 16;
+Digest::Digest(Kind kind) : context(EVP_MD_CTX_new()) {
+    const EVP_MD* const algorithm = kind == Kind::kMd5 ? EVP_md5() : EVP_sha256();
+    if (context != nullptr && EVP_DigestInit_ex(context.get(), algorithm, nullptr) != 1) {
+        context.reset();
+    }
+}
 
-struct ContextDeleter {
-    void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
-};
+Digest::~Digest() = default;
 
-// The md5 of what is left to read of the file; empty on failure.
-std::vector<unsigned char> md5Of(int fd, const CancelHold& hold) {
-    const std::unique_ptr<EVP_MD_CTX, ContextDeleter> context(EVP_MD_CTX_new());
-    if (context == nullptr || EVP_DigestInit_ex(context.get(), EVP_md5(), nullptr) != 1) {
+void Digest::add(const void* data, std::size_t size) {
+    if (context != nullptr && EVP_DigestUpdate(context.get(), data, size) != 1) {
+        context.reset();
+    }
+}
+
+std::vector<unsigned char> Digest::finish() {
+    const auto finished = std::move(context);
+    unsigned char bytes[EVP_MAX_MD_SIZE];
+    unsigned size = 0;
+    if (finished == nullptr || EVP_DigestFinal_ex(finished.get(), bytes, &size) != 1) {
         return {};
     }
-    std::vector<char> block(kBlock);
-    for (;;) {
-        const ssize_t count = kavro::readFully(fd, block.data(), block.size());
-        if (count < 0 ||
-            EVP_DigestUpdate(context.get(), block.data(), static_cast<std::size_t>(count)) != 1) {
-            return {};
-        }
-        if (static_cast<std::size_t>(count) < block.size()) {
-            break;
-        }
-        hold.checkpoint();
-    }
-    std::vector<unsigned char> digest(kMd5Bytes);
-    return EVP_DigestFinal_ex(context.get(), digest.data(), nullptr) == 1 ? digest
-                                                                          : std::vector<unsigned char>();
+    return {bytes, bytes + size};
 }
 
-}  // namespace
-
-bool chkFileMd5(const std::string& path, std::string md5Text) {
-    const CancelHold hold;
-    std::vector<unsigned char> expected;
-    if (!_xatoi(md5Text, expected) || expected.size() != kMd5Bytes) {
-        return false;
+std::string Digest::finishAsText() {
+    constexpr const char* kDigits = "0123456789abcdef";
+    std::string text;
+    for (const unsigned char byte : finish()) {
+        text += kDigits[byte >> 4];
+        text += kDigits[byte & 15];
     }
-    const kavro::FileDescriptor file = kavro::openToRead(path);
-    if (!file.valid()) {
-        return false;
-    }
-    posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
-    return md5Of(file.get(), hold) == expected;
+    return text;
 }
 
-}  // namespace COMMON_YR
+}  // namespace kavro

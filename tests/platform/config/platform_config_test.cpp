@@ -26,7 +26,8 @@ void expectDefaults(const PlatformConfig& config) {
     EXPECT_EQ(config.nodeAddress, "");
     EXPECT_TRUE(config.slots.empty());
     EXPECT_EQ(config.bootloaderPartition, "");
-    EXPECT_EQ(config.bootStateFile, "");
+    EXPECT_EQ(config.bootEnvironmentConfig, "");
+    EXPECT_EQ(config.writtenSlotFile, "");
     EXPECT_EQ(config.runningSlotFile, "");
     EXPECT_EQ(config.mcuFlashFile, "");
 }
@@ -48,21 +49,19 @@ TEST(PlatformConfig, every_member_is_read) {
         "node": {"address": "ipc:///x"},
         "mpu": {"slots": {"a": {"kernel": "ka", "dtb": "da", "rootfs": "ra"},
                           "b": {"kernel": "kb", "dtb": "db", "rootfs": "rb"}},
-                "bootloader": "bl", "boot_state": "bs", "running_slot": "rs"},
+                "bootloader": "bl", "boot_environment": "be", "written_slot": "ws", "running_slot": "rs"},
         "mcu": {"flash": "fl"}, "later": [1, 2]})");
 
     EXPECT_FALSE(config.logToSyslog);
     EXPECT_TRUE(config.logToStderr);
     EXPECT_EQ(config.nodeAddress, "ipc:///x");
     ASSERT_EQ(config.slots.size(), 2U);
-    EXPECT_EQ(config.slots.at("a").kernel, "ka");
-    EXPECT_EQ(config.slots.at("a").deviceTree, "da");
-    EXPECT_EQ(config.slots.at("a").rootFileSystem, "ra");
-    EXPECT_EQ(config.slots.at("b").kernel, "kb");
-    EXPECT_EQ(config.slots.at("b").deviceTree, "db");
-    EXPECT_EQ(config.slots.at("b").rootFileSystem, "rb");
+    EXPECT_EQ(config.slots.at("a"), (kavro::SlotPartitions{{"ka", "da", "ra"}}));
+    EXPECT_EQ(config.slots.at("b"), (kavro::SlotPartitions{{"kb", "db", "rb"}}));
+    EXPECT_TRUE(config.wrongMembers.empty());
     EXPECT_EQ(config.bootloaderPartition, "bl");
-    EXPECT_EQ(config.bootStateFile, "bs");
+    EXPECT_EQ(config.bootEnvironmentConfig, "be");
+    EXPECT_EQ(config.writtenSlotFile, "ws");
     EXPECT_EQ(config.runningSlotFile, "rs");
     EXPECT_EQ(config.mcuFlashFile, "fl");
 }
@@ -84,8 +83,17 @@ TEST(PlatformConfig, fault_tells_why_a_file_cannot_be_read) {
     EXPECT_EQ(read(std::string(2 << 20, ' ')).fault, "cannot be read: File too large");
 }
 
-TEST(PlatformConfig, fault_tells_of_text_that_is_no_object) {
-    for (const char* text : {"", "[]", "7", "null", "{ not json"}) {
+TEST(PlatformConfig, fault_tells_where_text_is_no_json) {
+    EXPECT_EQ(read("{ not json").fault, "is no JSON: line 1, column 3: Missing '}' or object member name");
+    EXPECT_EQ(read("{\n  \"log\": {}\n  \"mpu\": {}\n}").fault,
+              "is no JSON: line 3, column 3: Missing ',' or '}' in object declaration");
+    EXPECT_EQ(read("{}\n}").fault, "is no JSON: line 2, column 1: Extra non-whitespace after JSON value.");
+    EXPECT_EQ(read("").fault, "is no JSON: line 1, column 1: Syntax error: value, object or array expected.");
+    EXPECT_EQ(read(std::string(1000, '[')).fault, "is no JSON: it nests too deeply");
+}
+
+TEST(PlatformConfig, fault_tells_of_json_that_is_no_object) {
+    for (const char* text : {"[]", "7", "null"}) {
         SCOPED_TRACE(text);
         EXPECT_EQ(read(text).fault, "is no JSON object");
     }
@@ -106,8 +114,24 @@ TEST(PlatformConfig, text_that_is_no_object_gives_the_defaults) {
 
 TEST(PlatformConfig, members_of_the_wrong_type_give_their_defaults) {
     expectDefaults(read(R"({"log": {"syslog": "no", "stderr": 1}, "node": {"address": 5},
-        "mpu": {"slots": [1, 2], "bootloader": {}, "boot_state": [], "running_slot": null}, "mcu": {"flash": false}})"));
+        "mpu": {"slots": [1, 2], "bootloader": {}, "boot_environment": [], "written_slot": 1,
+                "running_slot": null},
+        "mcu": {"flash": false, "link": 3}})"));
     expectDefaults(read(R"({"log": [], "node": "x", "mpu": 4, "mcu": true})"));
+}
+
+TEST(PlatformConfig, members_of_the_wrong_type_are_named) {
+    const PlatformConfig config = read(R"({"log": {"syslog": "no", "file_bytes": 1.5}, "node": [],
+        "mpu": {"slots": {"a": 1, "b": {"kernel": 7, "dtb": "db", "rootfs": null}}, "bootloader": false}})");
+    EXPECT_EQ(
+        config.wrongMembers,
+        (std::vector<std::string>{"log.syslog must be true or false", "log.file_bytes must be an integer",
+                                  "node must be an object", "mpu.slots.a must be an object",
+                                  "mpu.slots.b.kernel must be a string", "mpu.bootloader must be a string"}));
+    EXPECT_EQ(kavro::wrongMemberOf(config, "mpu"), "mpu.slots.a must be an object");
+    EXPECT_EQ(kavro::wrongMemberOf(config, "node"), "node must be an object");
+    EXPECT_EQ(kavro::wrongMemberOf(config, "mcu"), "");
+    EXPECT_EQ(kavro::wrongMemberOf(config, "mp"), "");
 }
 
 TEST(PlatformConfig, one_wrong_member_does_not_spoil_its_neighbours) {
@@ -115,9 +139,8 @@ TEST(PlatformConfig, one_wrong_member_does_not_spoil_its_neighbours) {
         "mpu": {"slots": {"a": 1, "b": {"kernel": 7, "dtb": "db"}}}})");
     EXPECT_TRUE(config.logToSyslog);
     EXPECT_TRUE(config.logToStderr);
-    ASSERT_EQ(config.slots.size(), 1U);
-    EXPECT_EQ(config.slots.at("b").kernel, "");
-    EXPECT_EQ(config.slots.at("b").deviceTree, "db");
+    EXPECT_EQ(config.slots.at("a"), kavro::SlotPartitions());
+    EXPECT_EQ(config.slots.at("b"), (kavro::SlotPartitions{{"", "db", ""}}));
 }
 
 TEST(PlatformConfig, deeply_nested_text_gives_the_defaults_on_a_small_stack) {

@@ -1,4 +1,4 @@
-// The flash driver of the main processor on the emulated device's partitions, made small for these tests.
+// The flash driver of the main processor: what it checks, writes and compares.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,115 +10,29 @@
 #include <string>
 #include <thread>
 
-#include "common/flash_driver.h"
 #include "tests/platform/captured_log.h"
+#include "tests/platform/flash/mpu_device.h"
 #include "tests/platform/flash/small_stack.h"
-#include "tests/support/device.h"
 
 namespace {
 
-const std::string kConfig = "/etc/kavro/platform.json";
-const std::string kBootState = "/config/boot_state.json";
-const std::string kRunningSlot = "/run/kavro/running_slot";
-const std::string kPartitions = "/dev/disk/by-partlabel/";
-const std::string kFirmware = "/raw/upgrade";
+using testsupport::contentOf;
+using testsupport::kConfig;
+using testsupport::kEnvironmentConfig;
+using testsupport::kFirmware;
+using testsupport::kPartitionBytes;
+using testsupport::kPartitions;
+using testsupport::kRunningSlot;
+using testsupport::kWrittenSlot;
+using testsupport::releaseOf;
+using testsupport::Snapshot;
 
-const std::map<std::string, std::size_t> kPartitionBytes = {
-    {"kernel_a", 300000},  {"kernel_b", 300000},  {"dtb_a", 20000},       {"dtb_b", 20000},
-    {"rootfs_a", 4000000}, {"rootfs_b", 4000000}, {"bootloader", 100000},
-};
-
-// What a component holds; differs from component to component and from one release to another.
-std::string contentOf(std::size_t size, unsigned seed) {
-    std::string content(size, '\0');
-    for (std::size_t index = 0; index < size; ++index) {
-        content[index] = static_cast<char>(index * 13 + index / 251 + seed);
-    }
-    return content;
-}
-
-struct Release {
-    std::string kernel;
-    std::string deviceTree;
-    std::string rootFileSystem;
-    std::string bootloader;
-};
-
-Release releaseOf(unsigned number) {
-    return {contentOf(250001, number), contentOf(12345, number + 1), contentOf(3500007, number + 2),
-            contentOf(100000, number + 3)};
-}
-
-std::string stateJson(const std::string& boot, bool aComplete, bool bComplete, const std::string& pending) {
-    const auto text = [](bool value) { return std::string(value ? "true" : "false"); };
-    return R"({"boot_slot": ")" + boot + R"(", "complete": {"a": )" + text(aComplete) + R"(, "b": )" +
-           text(bComplete) + R"(}, "pending_slot": ")" + pending + R"("})";
-}
-
-std::string withoutSpaces(const std::string& text) {
-    std::string packed;
-    for (const char character : text) {
-        if (character != ' ' && character != '\n' && character != '\t') {
-            packed += character;
-        }
-    }
-    return packed;
-}
-
-using Snapshot = std::map<std::string, std::string>;
-
-class Mpu : public testing::Test {
+class Mpu : public testsupport::MpuDevice {
   protected:
-    void SetUp() override {
-        for (const auto& [name, bytes] : kPartitionBytes) {
-            testsupport::writeFile(kPartitions + name, contentOf(bytes, 200));
-        }
-        putRelease(releaseOf(1));
-    }
-
-    static void putRelease(const Release& release) {
-        testsupport::writeFile(kFirmware + "/Image", release.kernel);
-        testsupport::writeFile(kFirmware + "/cv22_kavro_qz7.dtb", release.deviceTree);
-        testsupport::writeFile(kFirmware + "/ext4", release.rootFileSystem);
-        testsupport::writeFile(kFirmware + "/bld_release.bin", release.bootloader);
-    }
-
-    static Snapshot partitions() {
-        Snapshot snapshot;
-        for (const auto& [name, bytes] : kPartitionBytes) {
-            snapshot[name] = testsupport::readFile(kPartitions + name);
-        }
-        return snapshot;
-    }
-
-    // The partitions as they must be when this is written into them: what lies behind a component stays.
-    static void overlay(Snapshot& snapshot, const std::string& name, const std::string& component) {
-        snapshot[name].replace(0, component.size(), component);
-    }
-    static void overlaySlot(Snapshot& snapshot, const std::string& slot, const Release& release) {
-        overlay(snapshot, "kernel_" + slot, release.kernel);
-        overlay(snapshot, "dtb_" + slot, release.deviceTree);
-        overlay(snapshot, "rootfs_" + slot, release.rootFileSystem);
-    }
-
-    static void expectState(const std::string& boot, bool aComplete, bool bComplete,
-                            const std::string& pending) {
-        EXPECT_EQ(withoutSpaces(testsupport::readFile(kBootState)),
-                  withoutSpaces(stateJson(boot, aComplete, bComplete, pending)));
-    }
-
-    static int install(UpgradeMpu& mpu, bool withLoader = false) {
-        if (mpu.preUpgrade(kFirmware, withLoader, true) < 0) {
-            return -1;
-        }
-        return mpu.upgrade() < 0 ? -2 : mpu.postUpgrade();
-    }
-
-    // preUpgrade must refuse, say why, and leave partitions and boot state bit for bit; no upgrade may
-    // follow.
+    // preUpgrade must refuse, say why, and leave partitions and environment bit for bit; no upgrade may follow.
     static void expectRefused(bool withLoader, std::initializer_list<std::string> reasons) {
         const Snapshot before = partitions();
-        const std::string stateBefore = testsupport::readFile(kBootState);
+        const Snapshot environmentBefore = environmentCopies();
         UpgradeMpu mpu;
         testsupport::clearCapturedLog();
         EXPECT_LT(mpu.preUpgrade(kFirmware, withLoader, true), 0);
@@ -126,7 +40,7 @@ class Mpu : public testing::Test {
         EXPECT_LT(mpu.upgrade(), 0);
         EXPECT_LT(mpu.postUpgrade(), 0);
         EXPECT_TRUE(partitions() == before) << "a partition was touched";
-        EXPECT_EQ(testsupport::readFile(kBootState), stateBefore);
+        EXPECT_TRUE(environmentCopies() == environmentBefore) << "the environment was touched";
     }
 
     static void expectUnusable(std::initializer_list<std::string> reasons) {
@@ -139,38 +53,56 @@ class Mpu : public testing::Test {
         EXPECT_LT(mpu.upgrade(), 0);
         EXPECT_LT(mpu.postUpgrade(), 0);
         EXPECT_LT(mpu.activate(true), 0);
+        EXPECT_LT(mpu.activate(false), 0);
     }
 
-    // Replaces one piece of the device's configuration.
-    static void editConfig(const std::string& from, const std::string& to) {
-        std::string text = testsupport::readFile(kConfig);
-        const std::size_t position = text.find(from);
-        ASSERT_NE(position, std::string::npos) << from << " in " << text;
-        testsupport::writeFile(kConfig, text.replace(position, from.size(), to));
+    // Replaces a partition by something else.
+    static void replacePartition(const std::string& name, const std::string& linkTarget) {
+        std::filesystem::remove(kPartitions + name);
+        std::filesystem::create_symlink(linkTarget, kPartitions + name);
     }
 };
 
 TEST_F(Mpu, release_is_written_to_the_slot_that_is_not_running) {
     Snapshot expected = partitions();
     overlaySlot(expected, "b", releaseOf(1));
+    const Snapshot environmentBefore = environmentCopies();
     UpgradeMpu mpu;
     EXPECT_TRUE(mpu.initOk);
     EXPECT_EQ(mpu.init(), 0);
     EXPECT_EQ(install(mpu), 0);
     EXPECT_TRUE(partitions() == expected);
-    expectState("a", true, true, "b");
+    expectRecord("b", releaseOf(1));
+    EXPECT_TRUE(environmentCopies() == environmentBefore) << "the environment was touched";
     EXPECT_TRUE(testsupport::nothingCaptured());
 }
 
 TEST_F(Mpu, slot_a_is_written_while_b_runs) {
     testsupport::writeFile(kRunningSlot, "b");
-    testsupport::writeFile(kBootState, stateJson("b", true, true, ""));
+    setEnvironment({{"boot_slot", "b"}});
     Snapshot expected = partitions();
     overlaySlot(expected, "a", releaseOf(1));
     UpgradeMpu mpu;
     EXPECT_EQ(install(mpu), 0);
     EXPECT_TRUE(partitions() == expected);
-    expectState("b", true, true, "a");
+    expectRecord("a", releaseOf(1));
+    expectEnvironment({{"boot_slot", "b"}});
+}
+
+TEST_F(Mpu, running_slot_may_be_named_by_a_kernel_command_line) {
+    testsupport::writeFile(kRunningSlot,
+                           "console=ttyS0,115200 xboot_slot=a boot_slot=b root=/dev/mmcblk0p7 rw\n");
+    setEnvironment({{"boot_slot", "b"}});
+    UpgradeMpu mpu;
+    EXPECT_EQ(install(mpu), 0);
+    expectRecord("a", releaseOf(1));
+}
+
+TEST_F(Mpu, command_line_that_names_no_slot_of_the_device_makes_the_driver_unusable) {
+    testsupport::writeFile(kRunningSlot, "console=ttyS0 boot_slot=c\n");
+    expectUnusable({kRunningSlot, "\"c\"", "is none of the device's slots"});
+    testsupport::writeFile(kRunningSlot, "console=ttyS0 root=/dev/mmcblk0p7\n");
+    expectUnusable({kRunningSlot, "is none of the device's slots"});
 }
 
 TEST_F(Mpu, bootloader_is_written_only_when_asked) {
@@ -180,14 +112,15 @@ TEST_F(Mpu, bootloader_is_written_only_when_asked) {
     UpgradeMpu mpu;
     EXPECT_EQ(install(mpu, true), 0);
     EXPECT_TRUE(partitions() == expected);
+    expectRecord("b", releaseOf(1));
 }
 
 TEST_F(Mpu, component_as_large_as_its_partition_is_written) {
-    testsupport::writeFile(kFirmware + "/Image", contentOf(kPartitionBytes.at("kernel_b"), 9));
+    const auto capacity = static_cast<std::size_t>(capacityOf("kernel_b"));
+    testsupport::writeFile(kFirmware + "/Image", contentOf(capacity, 9));
     UpgradeMpu mpu;
     EXPECT_EQ(install(mpu), 0);
-    EXPECT_TRUE(testsupport::readFile(kPartitions + "kernel_b") ==
-                contentOf(kPartitionBytes.at("kernel_b"), 9));
+    EXPECT_TRUE(testsupport::readFile(kPartitions + "kernel_b") == contentOf(capacity, 9));
 }
 
 TEST_F(Mpu, whole_sequence_fits_on_the_stack_of_a_flashing_job) {
@@ -196,7 +129,7 @@ TEST_F(Mpu, whole_sequence_fits_on_the_stack_of_a_flashing_job) {
         EXPECT_EQ(install(mpu, true), 0);
         EXPECT_EQ(mpu.activate(true), 0);
     });
-    expectState("b", true, true, "");
+    expectEnvironment({{"boot_slot", "b"}});
 }
 
 TEST_F(Mpu, missing_component_is_refused) {
@@ -237,36 +170,56 @@ TEST_F(Mpu, component_one_byte_too_large_leaves_every_partition_as_it_was) {
     for (const auto& [component, partition] : partitionOf) {
         SCOPED_TRACE(component);
         putRelease(releaseOf(1));
-        testsupport::writeFile(kFirmware + "/" + component, contentOf(kPartitionBytes.at(partition) + 1, 5));
+        testsupport::writeSparse(kFirmware + "/" + component,
+                                 static_cast<unsigned long>(capacityOf(partition)) + 1);
         expectRefused(true, {kFirmware + "/" + component, "too large for " + kPartitions + partition});
     }
 }
 
-TEST_F(Mpu, missing_partition_is_refused) {
-    std::filesystem::remove(kPartitions + "dtb_b");
-    UpgradeMpu mpu;
-    EXPECT_TRUE(mpu.initOk);
-    EXPECT_LT(mpu.preUpgrade(kFirmware, false, true), 0);
-    EXPECT_TRUE(testsupport::loggedWith(1, {kPartitions + "dtb_b", "the partition cannot be opened"}));
-    EXPECT_FALSE(testsupport::exists(kPartitions + "dtb_b")) << "a partition was created";
+TEST_F(Mpu, missing_partition_is_refused_whichever_it_is) {
+    for (const std::string name : {"dtb_b", "rootfs_a", "bootloader"}) {
+        SCOPED_TRACE(name);
+        std::filesystem::rename(kPartitions + name, kPartitions + "away");
+        UpgradeMpu mpu;
+        EXPECT_TRUE(mpu.initOk);
+        EXPECT_LT(mpu.preUpgrade(kFirmware, false, true), 0);
+        EXPECT_TRUE(testsupport::loggedWith(
+            1, {kConfig, "there is no partition " + kPartitions + name, "No such file or directory"}));
+        EXPECT_FALSE(testsupport::exists(kPartitions + name)) << "a partition was created";
+        std::filesystem::rename(kPartitions + "away", kPartitions + name);
+    }
 }
 
 TEST_F(Mpu, partition_that_is_neither_device_nor_file_is_refused) {
-    std::filesystem::remove(kPartitions + "dtb_b");
-    std::filesystem::create_symlink("/dev/null", kPartitions + "dtb_b");
-    expectRefused(false, {kPartitions + "dtb_b", "is neither a block device nor a file"});
+    replacePartition("dtb_b", "/dev/null");
+    UpgradeMpu mpu;
+    EXPECT_LT(mpu.preUpgrade(kFirmware, false, true), 0);
+    EXPECT_TRUE(testsupport::loggedWith(1, {kPartitions + "dtb_b", "is neither a block device nor a file"}));
 }
 
-TEST_F(Mpu, slots_that_share_a_partition_are_refused) {
-    std::filesystem::remove(kPartitions + "rootfs_b");
-    std::filesystem::create_symlink(kPartitions + "rootfs_a", kPartitions + "rootfs_b");
-    expectRefused(false,
-                  {kPartitions + "rootfs_b and " + kPartitions + "rootfs_a", "are the same partition"});
+TEST_F(Mpu, two_names_for_one_partition_are_refused) {
+    editConfig("partlabel/rootfs_b", "partlabel/rootfs_a");
+    expectRefused(false, {kConfig, "mpu.slots.a.rootfs", "mpu.slots.b.rootfs", "are the same partition"});
 }
 
-TEST_F(Mpu, bootloader_in_a_slots_partition_is_refused) {
-    editConfig("partlabel/bootloader", "partlabel/kernel_b");
-    expectRefused(true, {kPartitions + "kernel_b", "are the same partition"});
+TEST_F(Mpu, two_paths_to_one_partition_are_refused) {
+    replacePartition("rootfs_b", kPartitions + "rootfs_a");
+    UpgradeMpu mpu;
+    EXPECT_LT(mpu.preUpgrade(kFirmware, false, true), 0);
+    EXPECT_TRUE(testsupport::loggedWith(
+        1, {kConfig, "mpu.slots.a.rootfs (" + kPartitions + "rootfs_a)",
+            "mpu.slots.b.rootfs (" + kPartitions + "rootfs_b)", "are the same partition"}));
+}
+
+TEST_F(Mpu, bootloader_in_a_slots_partition_is_refused_even_when_it_is_not_written) {
+    editConfig("partlabel/bootloader", "partlabel/kernel_a");
+    expectRefused(false, {kConfig, "mpu.slots.a.kernel", "mpu.bootloader", "are the same partition"});
+}
+
+TEST_F(Mpu, partition_that_holds_the_boot_environment_is_refused) {
+    editConfig("partlabel/dtb_b", "partlabel/env_b");
+    expectRefused(false, {kConfig, kEnvironmentConfig + " (" + kPartitions + "env_b)", "mpu.slots.b.dtb",
+                          "are the same partition"});
 }
 
 TEST_F(Mpu, device_without_a_bootloader_partition_refuses_to_write_one) {
@@ -279,8 +232,8 @@ TEST_F(Mpu, device_without_a_bootloader_partition_refuses_to_write_one) {
 TEST_F(Mpu, is_unusable_without_configuration) {
     std::filesystem::remove(kConfig);
     expectUnusable({kConfig, "cannot be read: No such file or directory"});
-    testsupport::writeFile(kConfig, "{ not json");
-    expectUnusable({kConfig, "is no JSON object"});
+    testsupport::writeFile(kConfig, "{\n  not json");
+    expectUnusable({kConfig, "is no JSON: line 2, column 3: "});
     testsupport::writeFile(kConfig, "{}");
     expectUnusable({kConfig, "needs two \"slots\", there are 0"});
 }
@@ -299,9 +252,36 @@ TEST_F(Mpu, is_unusable_when_a_slot_lacks_a_partition) {
     expectUnusable({kConfig, "slot \"b\" names no \"rootfs\""});
 }
 
-TEST_F(Mpu, is_unusable_without_a_place_for_the_boot_state) {
-    editConfig("\"boot_state\"", "\"unused\"");
-    expectUnusable({kConfig, "names no \"boot_state\""});
+TEST_F(Mpu, is_unusable_when_a_member_has_the_wrong_type) {
+    const std::string good = testsupport::readFile(kConfig);
+    editConfig("\"/dev/disk/by-partlabel/rootfs_b\"", "7");
+    expectUnusable({kConfig, "mpu.slots.b.rootfs must be a string"});
+    testsupport::writeFile(kConfig, good);
+    editConfig("\"/etc/kavro/fw_env.config\"", "true");
+    expectUnusable({kConfig, "mpu.boot_environment must be a string"});
+    testsupport::writeFile(kConfig, good);
+    editConfig("\"/dev/disk/by-partlabel/bootloader\"", "[]");
+    expectUnusable({kConfig, "mpu.bootloader must be a string"});
+}
+
+TEST_F(Mpu, is_unusable_with_a_slot_name_that_no_variable_can_have) {
+    for (const std::string name : {"", "b c", "b=", "b.1", "\\u00fc"}) {
+        SCOPED_TRACE(name);
+        const std::string good = testsupport::readFile(kConfig);
+        editConfig("\"b\": {", "\"" + name + "\": {");
+        expectUnusable({kConfig, "the slot name", "letters, digits"});
+        testsupport::writeFile(kConfig, good);
+    }
+}
+
+TEST_F(Mpu, is_unusable_without_a_place_for_what_it_must_know) {
+    for (const std::string member : {"boot_environment", "written_slot", "running_slot"}) {
+        SCOPED_TRACE(member);
+        const std::string good = testsupport::readFile(kConfig);
+        editConfig("\"" + member + "\"", "\"unused\"");
+        expectUnusable({kConfig, "\"mpu\" names no \"" + member + "\""});
+        testsupport::writeFile(kConfig, good);
+    }
 }
 
 TEST_F(Mpu, is_unusable_when_the_running_slot_is_unknown) {
@@ -311,8 +291,6 @@ TEST_F(Mpu, is_unusable_when_the_running_slot_is_unknown) {
     expectUnusable({kRunningSlot, "\"\""});
     std::filesystem::remove(kRunningSlot);
     expectUnusable({kRunningSlot, "\"\""});
-    editConfig("\"running_slot\"", "\"unused\"");
-    expectUnusable({kConfig, "names no \"running_slot\""});
 }
 
 TEST_F(Mpu, becomes_usable_by_init_when_the_device_is_known) {
@@ -338,184 +316,115 @@ TEST_F(Mpu, operations_out_of_order_are_refused) {
     ASSERT_EQ(install(mpu), 0);
     EXPECT_LT(mpu.upgrade(), 0) << "twice";
     EXPECT_LT(mpu.postUpgrade(), 0) << "twice";
-    expectState("a", true, true, "b");
+    expectRecord("b", releaseOf(1));
 }
 
-TEST_F(Mpu, slot_is_incomplete_from_before_the_first_byte_until_it_is_verified) {
-    testsupport::writeFile(kBootState, stateJson("a", true, true, ""));
+TEST_F(Mpu, record_of_the_written_slot_is_gone_while_another_release_is_written) {
     UpgradeMpu mpu;
+    ASSERT_EQ(install(mpu), 0);
+    putRelease(releaseOf(50));
     ASSERT_EQ(mpu.preUpgrade(kFirmware, false, true), 0);
-    expectState("a", true, true, "");
+    expectRecord("b", releaseOf(1));
     ASSERT_EQ(mpu.upgrade(), 0);
-    expectState("a", true, false, "");
-    EXPECT_LT(mpu.activate(true), 0);
-    expectState("a", true, false, "");
+    expectNoRecord();
     ASSERT_EQ(mpu.postUpgrade(), 0);
-    expectState("a", true, true, "b");
+    expectRecord("b", releaseOf(50));
 }
 
-TEST_F(Mpu, component_that_changes_between_check_and_writing_fails) {
+TEST_F(Mpu, component_of_another_size_than_was_checked_fails) {
+    const Snapshot environmentBefore = environmentCopies();
     UpgradeMpu mpu;
     ASSERT_EQ(mpu.preUpgrade(kFirmware, false, true), 0);
-    testsupport::writeFile(kFirmware + "/ext4", contentOf(kPartitionBytes.at("rootfs_b") + 4096, 1));
+    testsupport::writeFile(kFirmware + "/ext4", contentOf(4096, 1));
     EXPECT_LT(mpu.upgrade(), 0);
-    EXPECT_TRUE(testsupport::loggedWith(1, {kFirmware + "/ext4", "changed its size after it was checked"}));
-    EXPECT_EQ(testsupport::sizeOf(kPartitions + "rootfs_b"),
-              static_cast<long>(kPartitionBytes.at("rootfs_b")));
+    EXPECT_TRUE(testsupport::loggedWith(1, {kFirmware + "/ext4", "changed after it was checked"}));
     EXPECT_LT(mpu.postUpgrade(), 0);
-    expectState("a", true, false, "");
+    expectNoRecord();
+    EXPECT_TRUE(environmentCopies() == environmentBefore);
+}
+
+TEST_F(Mpu, component_of_another_content_than_was_checked_fails) {
+    for (const std::string component : {"Image", "cv22_kavro_qz7.dtb", "ext4"}) {
+        SCOPED_TRACE(component);
+        putRelease(releaseOf(1));
+        UpgradeMpu mpu;
+        ASSERT_EQ(mpu.preUpgrade(kFirmware, false, true), 0);
+        std::string changed = testsupport::readFile(kFirmware + "/" + component);
+        changed.back() = static_cast<char>(changed.back() ^ 1);
+        testsupport::writeFile(kFirmware + "/" + component, changed);
+        testsupport::clearCapturedLog();
+        EXPECT_LT(mpu.upgrade(), 0);
+        EXPECT_TRUE(
+            testsupport::loggedWith(1, {kFirmware + "/" + component, "changed after it was checked"}));
+        expectNoRecord();
+    }
+}
+
+TEST_F(Mpu, bootloader_of_another_content_than_was_checked_is_not_written_at_all) {
+    const std::string before = partition("bootloader");
+    UpgradeMpu mpu;
+    ASSERT_EQ(mpu.preUpgrade(kFirmware, true, true), 0);
+    testsupport::writeFile(kFirmware + "/bld_release.bin", releaseOf(2).bootloader);
+    EXPECT_LT(mpu.upgrade(), 0);
+    EXPECT_TRUE(testsupport::loggedWith(1, {kFirmware + "/bld_release.bin", "changed after it was checked"}));
+    EXPECT_TRUE(partition("bootloader") == before);
 }
 
 TEST_F(Mpu, damage_after_writing_is_found_by_post_upgrade) {
-    for (const std::string name : {"kernel_b", "dtb_b", "rootfs_b"}) {
+    for (const std::string name : {"kernel_b", "dtb_b", "rootfs_b", "bootloader"}) {
         SCOPED_TRACE(name);
         UpgradeMpu mpu;
-        ASSERT_EQ(mpu.preUpgrade(kFirmware, false, true), 0);
+        ASSERT_EQ(mpu.preUpgrade(kFirmware, true, true), 0);
         ASSERT_EQ(mpu.upgrade(), 0);
-        std::string damaged = testsupport::readFile(kPartitions + name);
+        std::string damaged = partition(name);
         damaged[5000] = static_cast<char>(damaged[5000] ^ 1);
-        testsupport::writeFile(kPartitions + name, damaged);
+        putPartition(name, damaged);
+        testsupport::clearCapturedLog();
         EXPECT_LT(mpu.postUpgrade(), 0);
-        EXPECT_TRUE(testsupport::loggedWith(1, {kPartitions + name, "does not hold what was written"}));
-        expectState("a", true, false, "");
+        EXPECT_TRUE(testsupport::loggedWith(1, {kPartitions + name, "does not hold what it must"}));
+        expectNoRecord();
         EXPECT_LT(mpu.activate(true), 0);
     }
 }
 
-TEST_F(Mpu, boot_state_that_cannot_be_saved_stops_the_upgrade_before_the_first_byte) {
-    editConfig("/config/boot_state.json", "/nowhere/boot_state.json");
+TEST_F(Mpu, record_that_cannot_be_saved_is_a_failure) {
+    editConfig("/config/written_slot.json", "/nowhere/written_slot.json");
+    UpgradeMpu mpu;
+    ASSERT_EQ(mpu.preUpgrade(kFirmware, false, true), 0);
+    ASSERT_EQ(mpu.upgrade(), 0);
+    EXPECT_LT(mpu.postUpgrade(), 0);
+    EXPECT_TRUE(testsupport::loggedWith(1, {"/nowhere/written_slot.json", "cannot be saved"}));
+}
+
+TEST_F(Mpu, record_that_cannot_be_removed_stops_the_upgrade_before_the_first_byte) {
+    std::filesystem::create_directory(kWrittenSlot);
     const Snapshot before = partitions();
     UpgradeMpu mpu;
     ASSERT_EQ(mpu.preUpgrade(kFirmware, false, true), 0);
     EXPECT_LT(mpu.upgrade(), 0);
-    EXPECT_TRUE(testsupport::loggedWith(1, {"/nowhere/boot_state.json", "cannot be written"}));
+    EXPECT_TRUE(testsupport::loggedWith(1, {kWrittenSlot, "cannot be removed"}));
     EXPECT_TRUE(partitions() == before);
-}
-
-TEST_F(Mpu, activation_starts_the_written_slot) {
-    UpgradeMpu mpu;
-    ASSERT_EQ(install(mpu), 0);
-    EXPECT_EQ(mpu.activate(true), 0);
-    expectState("b", true, true, "");
-}
-
-TEST_F(Mpu, activation_after_a_restart_of_the_process_starts_the_written_slot) {
-    ASSERT_EQ(install(*std::make_unique<UpgradeMpu>()), 0);
-    EXPECT_EQ(UpgradeMpu().activate(true), 0);
-    expectState("b", true, true, "");
-}
-
-TEST_F(Mpu, activation_without_anything_written_starts_the_complete_other_slot) {
-    testsupport::writeFile(kBootState, stateJson("b", true, true, ""));
-    testsupport::writeFile(kRunningSlot, "b\n");
-    UpgradeMpu mpu;
-    EXPECT_EQ(mpu.activate(true), 0);
-    expectState("a", true, true, "");
-    EXPECT_EQ(mpu.activate(true), 0);
-    expectState("b", true, true, "");
-}
-
-TEST_F(Mpu, activation_of_an_incomplete_slot_is_refused) {
-    testsupport::writeFile(kBootState, stateJson("a", true, false, ""));
-    UpgradeMpu mpu;
-    EXPECT_LT(mpu.activate(true), 0);
-    EXPECT_TRUE(testsupport::loggedWith(1, {"slot b holds no complete image", kBootState}));
-    expectState("a", true, false, "");
-}
-
-TEST_F(Mpu, activate_false_changes_nothing) {
-    UpgradeMpu mpu;
-    ASSERT_EQ(install(mpu), 0);
-    EXPECT_EQ(mpu.activate(false), 0);
-    expectState("a", true, true, "b");
-}
-
-TEST_F(Mpu, second_upgrade_without_a_restart_takes_the_boot_slot_back_first) {
-    UpgradeMpu mpu;
-    ASSERT_EQ(install(mpu), 0);
-    ASSERT_EQ(mpu.activate(true), 0);
-    expectState("b", true, true, "");
-
-    putRelease(releaseOf(50));
-    ASSERT_EQ(mpu.preUpgrade(kFirmware, false, true), 0);
-    ASSERT_EQ(mpu.upgrade(), 0);
-    expectState("a", true, false, "");
-    ASSERT_EQ(mpu.postUpgrade(), 0);
-    EXPECT_EQ(mpu.activate(true), 0);
-    expectState("b", true, true, "");
-    Snapshot expected = partitions();
-    overlaySlot(expected, "b", releaseOf(50));
-    EXPECT_TRUE(partitions() == expected);
-}
-
-TEST_F(Mpu, second_upgrade_of_a_pending_slot_is_no_longer_pending_when_it_fails) {
-    UpgradeMpu mpu;
-    ASSERT_EQ(install(mpu), 0);
-    ASSERT_EQ(mpu.preUpgrade(kFirmware, false, true), 0);
-    std::filesystem::remove(kFirmware + "/ext4");
-    EXPECT_LT(mpu.upgrade(), 0);
-    expectState("a", true, false, "");
-}
-
-TEST_F(Mpu, missing_boot_state_means_that_only_the_running_slot_is_complete) {
-    std::filesystem::remove(kBootState);
-    UpgradeMpu mpu;
-    EXPECT_LT(mpu.activate(true), 0);
-    EXPECT_FALSE(testsupport::exists(kBootState));
-    EXPECT_FALSE(testsupport::loggedWith(1, {"damaged"}));
-    ASSERT_EQ(install(mpu), 0);
-    expectState("a", true, true, "b");
-}
-
-TEST_F(Mpu, damaged_boot_state_is_said_and_means_that_only_the_running_slot_is_complete) {
-    const std::string deep(100000, '[');
-    const std::vector<std::string> damages = {
-        "",
-        "{",
-        "[]",
-        "7",
-        deep,
-        "{" + std::string(R"("a":)") + deep,
-        stateJson("c", true, true, ""),
-        stateJson("a", true, true, "c"),
-        stateJson("a", true, true, "") + "x",
-        R"({"boot_slot": 1, "complete": {"a": true, "b": true}, "pending_slot": ""})",
-        R"({"boot_slot": "a", "complete": {"a": true}, "pending_slot": ""})",
-        R"({"boot_slot": "a", "complete": {"a": true, "b": 1}, "pending_slot": ""})",
-        R"({"boot_slot": "a", "complete": true, "pending_slot": ""})",
-        R"({"boot_slot": "a", "complete": {"a": true, "b": true}})",
-    };
-    UpgradeMpu mpu;
-    for (const std::string& damage : damages) {
-        SCOPED_TRACE(damage.substr(0, 100));
-        testsupport::clearCapturedLog();
-        testsupport::writeFile(kBootState, damage);
-        testsupport::runOnJobStack([&] { EXPECT_LT(mpu.activate(true), 0); });
-        EXPECT_TRUE(testsupport::loggedWith(1, {kBootState, "damaged"}));
-        EXPECT_EQ(testsupport::readFile(kBootState), damage);
-    }
-    ASSERT_EQ(install(mpu), 0);
-    EXPECT_EQ(mpu.activate(true), 0);
-    expectState("b", true, true, "");
 }
 
 TEST_F(Mpu, driver_may_be_destroyed_while_it_writes_on_another_thread) {
     constexpr unsigned long kLargeBytes = 2UL << 30;  // takes seconds to write
+    const Snapshot environmentBefore = environmentCopies();
+    std::filesystem::remove(kPartitions + "rootfs_b");
     testsupport::writeSparse(kPartitions + "rootfs_b", kLargeBytes);
     testsupport::writeSparse(kFirmware + "/ext4", kLargeBytes);
     auto mpu = std::make_unique<UpgradeMpu>();
     ASSERT_EQ(mpu->preUpgrade(kFirmware, false, true), 0);
     std::atomic<int> result{1};
     std::thread writer([&result, driver = mpu.get()] { result = driver->upgrade(); });
-    while (testsupport::readFile(kPartitions + "kernel_b").substr(0, 1000) !=
-           releaseOf(1).kernel.substr(0, 1000)) {
+    while (partition("kernel_b").substr(0, 1000) != releaseOf(1).kernel.substr(0, 1000)) {
         usleep(1000);
     }
     mpu.reset();
     writer.join();
     EXPECT_LT(result, 0);
     EXPECT_TRUE(testsupport::loggedWith(1, {"the work was given up"}));
-    expectState("a", true, false, "");
+    expectNoRecord();
+    EXPECT_TRUE(environmentCopies() == environmentBefore);
 }
 
 }  // namespace
