@@ -83,8 +83,7 @@ class Pack : public testing::Test {
         const std::string length = std::to_string(Trailer(request.output).payloadBytes);
         const ProgramResult cut = runProgram({"head", "-c", length, request.output.string()});
         writeFile(files / "payload.tar", cut.out);
-        const ProgramResult tar =
-            runProgram({"tar", "-xf", (files / "payload.tar").string(), "-C", directory.string()});
+        const ProgramResult tar = runProgram({"tar", "-xf", files / "payload.tar", "-C", directory.string()});
         EXPECT_EQ(tar.exitCode, 0) << tar.err;
         return directory;
     }
@@ -94,9 +93,9 @@ class Pack : public testing::Test {
         writeFile(files / "public.pem", Trailer(request.output).publicKey);
         for (const char* name : {"bld_release.bin", "cv22_kavro_qz7.dtb", "ext4", "Image",
                                  "mcu_flash_app.s19", "mcu_flash_drv.s19", "version_list.acs"}) {
-            const ProgramResult verified = runProgram(
-                {"openssl", "dgst", "-sha256", "-verify", (files / "public.pem").string(), "-signature",
-                 (directory / name).string() + ".sign", (directory / name).string()});
+            const ProgramResult verified =
+                runProgram({"openssl", "dgst", "-sha256", "-verify", files / "public.pem", "-signature",
+                            (directory / name).string() + ".sign", (directory / name).string()});
             EXPECT_EQ(verified.exitCode, 0) << name << ": " << verified.out << verified.err;
         }
     }
@@ -142,7 +141,7 @@ TEST_F(Pack, md5_and_length_of_the_trailer_are_those_of_the_archive) {
     const Trailer trailer(request.output);
     extract();
     EXPECT_EQ(fs::file_size(files / "payload.tar"), trailer.payloadBytes);
-    const ProgramResult md5sum = runProgram({"md5sum", (files / "payload.tar").string()});
+    const ProgramResult md5sum = runProgram({"md5sum", files / "payload.tar"});
     EXPECT_EQ(md5sum.out.substr(0, 32), trailer.md5);
 }
 
@@ -182,8 +181,8 @@ TEST_F(Pack, a_changed_component_does_not_verify) {
     const fs::path directory = extract();
     writeFile(files / "public.pem", Trailer(request.output).publicKey);
     writeFile(directory / "Image", "another kernel");
-    EXPECT_NE(runProgram({"openssl", "dgst", "-sha256", "-verify", (files / "public.pem").string(),
-                          "-signature", (directory / "Image.sign").string(), (directory / "Image").string()})
+    EXPECT_NE(runProgram({"openssl", "dgst", "-sha256", "-verify", files / "public.pem", "-signature",
+                          (directory / "Image.sign").string(), (directory / "Image").string()})
                   .exitCode,
               0);
 }
@@ -221,7 +220,7 @@ TEST_F(Pack, two_packs_with_an_rsa_key_are_equal_byte_for_byte) {
     fs::create_directory(request.componentDir);
     for (const char* name : {"mcu_flash_drv.s19", "mcu_flash_app.s19", "Image", "ext4", "cv22_kavro_qz7.dtb",
                              "bld_release.bin"}) {
-        writeFile(component(name), readFile(files / "components" / name));
+        writeFile(component(name), readFile(fs::path(files / "components") / name));
         fs::permissions(component(name), fs::perms::owner_all);
     }
     request.output = files / "second.pkg";
@@ -256,11 +255,11 @@ TEST_F(Pack, tar_options_of_the_environment_change_nothing) {
 TEST_F(Pack, paths_with_blanks_quotes_commands_and_newlines_are_taken_as_they_are) {
     const std::string awkward = "a b'c\"d$(touch pwned)`id`;*?\\\n-e:f";
     fs::create_directory(files / awkward);
-    request.componentDir = files / awkward / "comp onents\n";
+    request.componentDir = fs::path(files / awkward) / "comp onents\n";
     makeComponents(request.componentDir);
-    fs::rename(request.key, files / awkward / "my key.pem");
-    request.key = files / awkward / "my key.pem";
-    request.output = files / awkward / "out 'put'.pkg\n";
+    fs::rename(request.key, fs::path(files / awkward) / "my key.pem");
+    request.key = fs::path(files / awkward) / "my key.pem";
+    request.output = fs::path(files / awkward) / "out 'put'.pkg\n";
     pack();
     EXPECT_EQ(fs::file_size(request.output), kPackageBytes);
     EXPECT_EQ(namesIn(extract()).size(), 14U);
@@ -412,7 +411,7 @@ TEST_F(Pack, missing_key_is_refused) {
 
 TEST_F(Pack, directory_as_key_is_refused) {
     request.key = files.path();
-    expectRefusal(ExitCode::kRefused, files.path().string());
+    expectRefusal(ExitCode::kRefused, files.path());
 }
 
 TEST_F(Pack, text_that_is_no_key_is_refused) {
