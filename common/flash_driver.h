@@ -44,14 +44,18 @@ class KAVRO_EXPORT UpgradeLib : public COMMON_YR::InitOk {
         return 0;
     }
 
-    // Writes the firmware. After a failure the device still starts what it started before.
+    // Writes the firmware that preUpgrade has checked. After a failure the device still starts what it runs.
     virtual int upgrade() { return 0; }
 
-    // Finishes after writing: verifies what storage holds. The new firmware is not yet the one to start.
+    // Finishes after writing: verifies what storage holds, and remembers it over a restart. The new firmware is not
+    // yet the one to start.
     virtual int postUpgrade() { return 0; }
 
-    // For the MPU: activate(true) makes the written slot, or the other slot when none was written since the
-    // last activation, the one to start from. The switch lasts over a power cut once it returns 0.
+    // For the MPU. activate(true) makes the written slot, or the other slot when none was written since the last
+    // activation, the one to start from. It is refused when storage no longer holds what was written. A slot that
+    // does not run yet is on trial from then on: the boot loader goes back to the other slot unless it is confirmed
+    // within a few starts. activate(false), called from the new slot, confirms it; where the running slot is not on
+    // trial it changes nothing and returns 0. Either change lasts over a power cut once it returns 0.
     virtual int activate(bool on) {
         (void)on;
         return 0;
@@ -63,7 +67,8 @@ class KAVRO_EXPORT UpgradeLib : public COMMON_YR::InitOk {
 };
 
 // Main processor: kernel, device tree and root file system in one of two slots, and the bootloader.
-// initOk is set by the constructor when the device's slots are known.
+// initOk is set by the constructor when the device's slots are known. The constructor logs a notice when the running
+// slot is on trial.
 class KAVRO_EXPORT UpgradeMpu : public UpgradeLib {
   public:
     UpgradeMpu();

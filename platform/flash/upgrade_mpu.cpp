@@ -66,10 +66,10 @@ class MpuFlasher {
         if (!boot->load(state, error)) {
             report(error);
         } else if (isRunningOnTrial(state)) {
-            notice("slot " + state.bootSlot + " is on trial, start " + state.starts + " of " +
-                   state.startLimit +
-                   ": without activate(false), which confirms it, the boot loader then starts slot " +
-                   map.target);
+            const bool counted = !state.starts.empty() && !state.startLimit.empty();
+            notice("slot " + state.bootSlot + " is on trial" +
+                   (counted ? ", start " + state.starts + " of " + state.startLimit : "") +
+                   ": unless activate(false) confirms it, the boot loader goes back to slot " + map.target);
         }
     }
 
