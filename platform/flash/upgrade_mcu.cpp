@@ -3,7 +3,6 @@
 // Nothing reaches the microcontroller before both files are found good. Each operation opens the link for itself,
 // so that other programs can ask for the version before, between and after.
 #include <memory>
-#include <optional>
 #include <string>
 #include <utility>
 
@@ -14,7 +13,6 @@
 #include "platform/flash/operation.h"
 #include "platform/mcu/mcu_client.h"
 #include "platform/mcu/mcu_image.h"
-#include "platform/mcu/srecord.h"
 
 namespace {
 
@@ -30,22 +28,6 @@ int report(const std::string& error) {
     return kFailed;
 }
 
-// Reads one S-record file and has it checked. The error names the file.
-template <typename Check>
-bool readFirmware(const std::string& path, const Check& check, std::vector<kavro::Segment>& segments,
-                  std::string& error) {
-    std::optional<kavro::SRecordFile> file = kavro::readSRecords(path, error);
-    if (!file) {
-        return false;
-    }
-    if (!check(file->segments, error)) {
-        error.insert(0, path + ": ");
-        return false;
-    }
-    segments = std::move(file->segments);
-    return true;
-}
-
 // Everything the driver knows. Shared with a running operation.
 class McuFlasher {
   public:
@@ -58,12 +40,15 @@ class McuFlasher {
         std::string error;
         stage = Stage::kIdle;
         firmware = {};
-        if (!readFirmware(directory + "/" + kFlashDriverComponent, kavro::checkFlashDriver,
-                          firmware.flashDriver, error) ||
-            !readFirmware(directory + "/" + kApplicationComponent, kavro::checkApplication,
-                          firmware.application, error)) {
+        auto flashDriver = kavro::readFlashDriver(directory + "/" + kFlashDriverComponent, error);
+        if (!flashDriver) {
             return report(error);
         }
+        auto application = kavro::readApplication(directory + "/" + kApplicationComponent, error);
+        if (!application) {
+            return report(error);
+        }
+        firmware = {std::move(*flashDriver), std::move(*application)};
         const std::unique_ptr<kavro::McuClient> mcu = connect(error);
         if (mcu == nullptr || !mcu->probe(error)) {
             return report(error);

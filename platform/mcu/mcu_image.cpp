@@ -1,8 +1,8 @@
 #include "platform/mcu/mcu_image.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <limits>
+#include <utility>
 
 namespace kavro {
 namespace {
@@ -10,27 +10,33 @@ namespace {
 constexpr std::size_t kVersionOffset = kMcuMagicBytes;
 constexpr std::size_t kVersionBytes = 4;
 
-std::string hexAddress(std::uint64_t address) {
-    std::array<char, 20> text{};
-    std::snprintf(text.data(), text.size(), "0x%08llX", static_cast<unsigned long long>(address));
-    return text.data();
-}
-
-bool checkRange(const std::vector<Segment>& segments, std::uint32_t start, std::uint32_t bytes,
-                std::string& error) {
+bool checkRange(const std::vector<Segment>& segments, const AddressRange& range, std::string& error) {
     if (segments.empty()) {
         error = "holds no data";
         return false;
     }
     for (const Segment& segment : segments) {
-        if (segment.address < start || segment.end() > std::uint64_t{start} + bytes) {
-            error = "data at " + hexAddress(segment.address) + ".." + hexAddress(segment.end() - 1) +
-                    " is outside of " + hexAddress(start) + ".." +
-                    hexAddress(std::uint64_t{start} + bytes - 1);
+        error = outsideOf(range, segment.address, segment.end());
+        if (!error.empty()) {
             return false;
         }
     }
     return true;
+}
+
+// Reads a file of which all data must lie in the range, and has it checked.
+template <typename Check>
+std::optional<std::vector<Segment>> readChecked(const std::string& path, const AddressRange& range,
+                                                const Check& check, std::string& error) {
+    std::optional<SRecordFile> file = readSRecords(path, error, range);
+    if (!file) {
+        return std::nullopt;
+    }
+    if (!check(file->segments, error)) {
+        error.insert(0, path + ": ");
+        return std::nullopt;
+    }
+    return std::move(file->segments);
 }
 
 }  // namespace
@@ -65,7 +71,7 @@ std::optional<int> applicationVersion(const std::vector<Segment>& segments) {
 }
 
 bool checkApplication(const std::vector<Segment>& segments, std::string& error) {
-    if (!checkRange(segments, kMcuApplicationStart, kMcuApplicationBytes, error)) {
+    if (!checkRange(segments, kMcuApplicationMemory, error)) {
         return false;
     }
     if (!applicationVersion(segments)) {
@@ -76,7 +82,15 @@ bool checkApplication(const std::vector<Segment>& segments, std::string& error) 
 }
 
 bool checkFlashDriver(const std::vector<Segment>& segments, std::string& error) {
-    return checkRange(segments, kMcuRamStart, kMcuRamBytes, error);
+    return checkRange(segments, kMcuDriverMemory, error);
+}
+
+std::optional<std::vector<Segment>> readApplication(const std::string& path, std::string& error) {
+    return readChecked(path, kMcuApplicationMemory, checkApplication, error);
+}
+
+std::optional<std::vector<Segment>> readFlashDriver(const std::string& path, std::string& error) {
+    return readChecked(path, kMcuDriverMemory, checkFlashDriver, error);
 }
 
 }  // namespace kavro

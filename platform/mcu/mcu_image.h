@@ -27,6 +27,10 @@ inline constexpr std::uint8_t kMcuErasedByte = 0xFF;
 inline constexpr std::uint32_t kMcuRamStart = 0x20000000;
 inline constexpr std::uint32_t kMcuRamBytes = 0x00010000;
 
+// Where the data of the two files must lie.
+inline constexpr AddressRange kMcuApplicationMemory = {kMcuApplicationStart, kMcuApplicationBytes};
+inline constexpr AddressRange kMcuDriverMemory = {kMcuRamStart, kMcuRamBytes};
+
 // The application begins with a header of 16 bytes: magic (8), version (4, least significant byte first),
 // zero (4).
 inline constexpr std::size_t kMcuHeaderBytes = 16;
@@ -53,5 +57,10 @@ std::optional<int> applicationVersion(const std::vector<Segment>& segments);
 
 // Whether the segments are a flash driver: some data, all of it in RAM.
 [[nodiscard]] bool checkFlashDriver(const std::vector<Segment>& segments, std::string& error);
+
+// Reads an S-record file that must hold an application or a flash driver. Nothing, and a text with the file and, if
+// one is to blame, the number of the line, when it does not.
+std::optional<std::vector<Segment>> readApplication(const std::string& path, std::string& error);
+std::optional<std::vector<Segment>> readFlashDriver(const std::string& path, std::string& error);
 
 }  // namespace kavro

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <limits>
 
 #include "platform/mcu/raw_file.h"
@@ -17,7 +18,6 @@ constexpr std::size_t kMaxCountedBytes = 255;                    // what the byt
 constexpr std::size_t kMaxLineChars = 4 + 2 * kMaxCountedBytes;  // "St", the count, the counted bytes
 constexpr std::size_t kReadBlockBytes = 16384;
 constexpr std::size_t kMaxDataRecords = std::size_t{1} << 20;
-constexpr std::uint64_t kAddressSpace = std::uint64_t{1} << 32;
 
 enum class RecordKind { kHeader, kData, kCount, kEnd, kUnknown };
 
@@ -122,8 +122,9 @@ struct Piece {
 
 class Parser {
   public:
-    explicit Parser(std::size_t limit)
-        : dataLimit(std::min<std::size_t>(limit, std::numeric_limits<std::uint32_t>::max())) {}
+    Parser(const AddressRange& allowed, std::size_t limit)
+        : range(allowed),
+          dataLimit(std::min<std::size_t>(limit, std::numeric_limits<std::uint32_t>::max())) {}
 
     // Takes the next line. False with a reason when the file is refused.
     bool takeLine(const std::string& line, std::string& reason) {
@@ -243,8 +244,10 @@ class Parser {
         if (record.dataSize == 0) {
             return {};
         }
-        if (record.address + std::uint64_t{record.dataSize} > kAddressSpace) {
-            return "the data goes beyond the end of the address space";
+        const std::string outside =
+            outsideOf(range, record.address, record.address + std::uint64_t{record.dataSize});
+        if (!outside.empty()) {
+            return outside;
         }
         if (store.size() + record.dataSize > dataLimit || pieces.size() == kMaxDataRecords) {
             return "the file holds more data than the limit of " + std::to_string(dataLimit) + " bytes in " +
@@ -301,6 +304,7 @@ class Parser {
         }
     }
 
+    const AddressRange range;
     const std::size_t dataLimit;
     std::vector<std::uint8_t> bytes;  // of the record at hand
     std::vector<std::uint8_t> store;
@@ -319,7 +323,22 @@ std::string atLine(const std::string& path, std::uint32_t line, const std::strin
 
 }  // namespace
 
-std::optional<SRecordFile> readSRecords(const std::string& path, std::string& error, std::size_t dataLimit) {
+std::string hexAddress(std::uint64_t address) {
+    std::array<char, 20> text{};
+    std::snprintf(text.data(), text.size(), "0x%08llX", static_cast<unsigned long long>(address));
+    return text.data();
+}
+
+std::string outsideOf(const AddressRange& range, std::uint32_t address, std::uint64_t end) {
+    if (address >= range.start && end <= range.end()) {
+        return {};
+    }
+    return "data at " + hexAddress(address) + ".." + hexAddress(end - 1) + " is outside of " +
+           hexAddress(range.start) + ".." + hexAddress(range.end() - 1);
+}
+
+std::optional<SRecordFile> readSRecords(const std::string& path, std::string& error,
+                                        const AddressRange& range, std::size_t dataLimit) {
     LineReader reader;
     if (!reader.open(path)) {
         error = fileError(path, "cannot be opened", errno);
@@ -330,7 +349,7 @@ std::optional<SRecordFile> readSRecords(const std::string& path, std::string& er
         return std::nullopt;
     }
 
-    Parser parser(dataLimit);
+    Parser parser(range, dataLimit);
     std::string line;
     std::string reason;
     LineReader::Result state = LineReader::Result::kLine;

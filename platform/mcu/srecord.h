@@ -34,14 +34,29 @@ struct SRecordFile {
     std::uint32_t startAddress = 0;  // of the end record, 0 without one
 };
 
+// A part of the address space.
+struct AddressRange {
+    std::uint32_t start = 0;
+    std::uint64_t bytes = std::uint64_t{1} << 32;
+
+    [[nodiscard]] std::uint64_t end() const { return start + bytes; }
+};
+
+// As errors show an address: "0x00008000".
+std::string hexAddress(std::uint64_t address);
+
+// "" when the bytes from `address` up to `end` lie in the range, else the reason for an error's text.
+std::string outsideOf(const AddressRange& range, std::uint32_t address, std::uint64_t end);
+
 // The most data that a file may hold in total, unless a caller sets another limit: keeps the memory bounded.
 inline constexpr std::size_t kSRecordDataLimit = std::size_t{16} << 20;
 
 // Reads a file and checks every record: type, length, digits, checksum, count of records. A header may only
 // be the first record; nothing may follow a count but the end, and nothing the end; one of the two must be
-// there. Bytes given twice are refused. Lines end in LF or CR LF; empty lines mean nothing. Returns
-// nothing, and in error a text with the file and the number of the line, when something is wrong.
+// there. Bytes given twice or outside of the range are refused. Lines end in LF or CR LF; empty lines mean nothing.
+// Returns nothing, and in error a text with the file and the number of the line, when something is wrong.
 std::optional<SRecordFile> readSRecords(const std::string& path, std::string& error,
+                                        const AddressRange& range = {},
                                         std::size_t dataLimit = kSRecordDataLimit);
 
 }  // namespace kavro

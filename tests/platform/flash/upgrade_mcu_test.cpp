@@ -244,17 +244,18 @@ TEST_F(Mcu, overlapping_data_is_refused) {
     auto segments = applicationOf(9);
     segments.push_back({kavro::kMcuApplicationStart + 100, Bytes(4, 1)});
     testsupport::writeFile(kApplication, testsupport::sRecordFile(segments));
-    expectRefused({kApplication, "overlaps"});
+    expectRefused({kApplication + ": line 315: the data overlaps that of line 5"});
 }
 
 TEST_F(Mcu, data_outside_of_its_memory_is_refused) {
     auto segments = applicationOf(9);
     segments.push_back({0x00080000, Bytes(4, 1)});
     testsupport::writeFile(kApplication, testsupport::sRecordFile(segments));
-    expectRefused({kApplication, "data at 0x00080000..0x00080003 is outside of 0x00008000..0x0007FFFF"});
+    expectRefused(
+        {kApplication + ": line 315: data at 0x00080000..0x00080003 is outside of 0x00008000..0x0007FFFF"});
     putRelease(9);
     testsupport::writeFile(kDriver, testsupport::sRecordFile(applicationOf(9)));
-    expectRefused({kDriver, "is outside of 0x20000000..0x2000FFFF"});
+    expectRefused({kDriver + ": line 2: data at ", "is outside of 0x20000000..0x2000FFFF"});
 }
 
 TEST_F(Mcu, application_without_a_header_is_refused) {

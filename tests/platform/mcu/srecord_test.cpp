@@ -20,7 +20,7 @@ class SRecords : public testing::Test {
                                            std::size_t limit = kavro::kSRecordDataLimit) {
         testsupport::writeFile(path, text);
         error.clear();
-        return kavro::readSRecords(path, error, limit);
+        return kavro::readSRecords(path, error, {}, limit);
     }
 
     // The error must name the file and continue with `after`.
@@ -245,7 +245,22 @@ TEST_F(SRecords, overlapping_data_is_refused_with_both_lines) {
 
 TEST_F(SRecords, data_beyond_the_address_space_is_refused) {
     expectRefused(sRecord(3, 0xFFFFFFFF, {1, 2}) + "\n" + kEnd,
-                  "line 1: the data goes beyond the end of the address space");
+                  "line 1: data at 0xFFFFFFFF..0x100000000 is outside of 0x00000000..0xFFFFFFFF");
+}
+
+TEST_F(SRecords, data_outside_of_the_range_is_refused_with_its_line) {
+    const kavro::AddressRange range = {0x1000, 0x10};
+    const auto readIn = [&](std::uint32_t address, const Bytes& data) {
+        testsupport::writeFile(
+            path, kHeader + sRecord(1, 0x1004, {1}) + "\n" + sRecord(1, address, data) + "\n" + kEnd);
+        return kavro::readSRecords(path, error, range);
+    };
+    EXPECT_TRUE(readIn(0x1000, {1, 2})) << error;
+    EXPECT_TRUE(readIn(0x100F, {1})) << error;
+    EXPECT_FALSE(readIn(0x0FFF, {1, 2}));
+    EXPECT_EQ(error, path + ": line 3: data at 0x00000FFF..0x00001000 is outside of 0x00001000..0x0000100F");
+    EXPECT_FALSE(readIn(0x100F, {1, 2}));
+    EXPECT_EQ(error, path + ": line 3: data at 0x0000100F..0x00001010 is outside of 0x00001000..0x0000100F");
 }
 
 TEST_F(SRecords, more_data_than_the_limit_is_refused) {
