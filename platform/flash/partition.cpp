@@ -36,8 +36,9 @@ bool openToWrite(const std::string& partition, int flags, RawFile& file, std::st
     }
     const bool isUsed = exclusive != 0 && errno == EBUSY;
     return fail(partition,
-                isUsed ? "the partition is in use, mounted perhaps" : "the partition cannot be opened", errno,
-                error);
+                isUsed ? "the partition is in use: mounted, or part of the slot that runs"
+                       : "the partition cannot be opened",
+                errno, error);
 }
 
 bool openComponent(const Placement& placement, RawFile& file, std::string& error) {

@@ -1,4 +1,5 @@
 // The flash driver of the main processor: what it checks, writes and compares.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -195,6 +196,21 @@ TEST_F(Mpu, partition_that_is_neither_device_nor_file_is_refused) {
     UpgradeMpu mpu;
     EXPECT_LT(mpu.preUpgrade(kFirmware, false, true), 0);
     EXPECT_TRUE(testsupport::loggedWith(1, {kPartitions + "dtb_b", "is neither a block device nor a file"}));
+}
+
+// What a mount does, without the right to mount.
+TEST_F(Mpu, partition_in_use_is_refused) {
+    struct stat status {};
+    ASSERT_EQ(stat((kPartitions + "rootfs_b").c_str(), &status), 0);
+    if (!S_ISBLK(status.st_mode)) {
+        GTEST_SKIP() << "nobody can claim a file";
+    }
+    const int claim = open((kPartitions + "rootfs_b").c_str(), O_RDONLY | O_EXCL | O_CLOEXEC);
+    ASSERT_GE(claim, 0);
+    expectRefused(false, {kPartitions + "rootfs_b", "the partition is in use", "Device or resource busy"});
+    close(claim);
+    UpgradeMpu mpu;
+    EXPECT_EQ(install(mpu), 0);
 }
 
 TEST_F(Mpu, two_names_for_one_partition_are_refused) {
