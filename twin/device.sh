@@ -51,7 +51,7 @@ twin_write_platform() {
         "written_slot": "/config/written_slot.json",
         "running_slot": "/run/kavro/running_slot"
     },
-    "mcu": { "flash": "/dev/kavro-mcu/flash.bin", "link": "unix:/dev/kavro-mcu/link" }
+    "mcu": { "link": "unix:/dev/kavro-mcu/link" }
 }
 JSON
 }

@@ -89,9 +89,7 @@ PlatformConfig readPlatformConfig(const std::string& path) {
     mpu.read("written_slot", config.writtenSlotFile);
     mpu.read("running_slot", config.runningSlotFile);
 
-    const Section mcu = root.section("mcu");
-    mcu.read("flash", config.mcuFlashFile);
-    mcu.read("link", config.mcuLink);
+    root.section("mcu").read("link", config.mcuLink);
     return config;
 }
 

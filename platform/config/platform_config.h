@@ -16,7 +16,7 @@
 //         "written_slot": "/config/written_slot.json",
 //         "running_slot": "/run/kavro/running_slot"
 //       },
-//       "mcu": { "flash": "/dev/kavro-mcu/flash.bin", "link": "spidev:/dev/spidev1.0" }
+//       "mcu": { "link": "spidev:/dev/spidev1.0" }
 //     }
 //
 // Partitions are block devices on a device and image files in a twin.
@@ -48,7 +48,6 @@ struct PlatformConfig {
     std::string bootEnvironmentConfig;  // says where U-Boot's environment is, in the form of fw_env.config
     std::string writtenSlotFile;        // what is known about a slot that was written and not yet activated
     std::string runningSlotFile;        // names the slot that was started; written at boot
-    std::string mcuFlashFile;           // the emulated microcontroller's flash memory
     std::string mcuLink;                // "spidev:PATH" or "unix:PATH"
 };
 

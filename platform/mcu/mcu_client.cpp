@@ -258,11 +258,12 @@ bool McuClient::requestReset(std::string& error) {
 
 bool checkMcuConfig(const PlatformConfig& config, std::string& error) {
     if (config.mcuLink.empty()) {
-        error = platformConfigError(config, "\"mcu\" names no \"link\"");
+        const std::string wrong = wrongMemberOf(config, "mcu");
+        error = platformConfigError(config, wrong.empty() ? "mcu.link is missing" : wrong);
         return false;
     }
     if (!parseLinkAddress(config.mcuLink, error)) {
-        error = platformConfigError(config, "\"mcu\", \"link\": " + error);
+        error = platformConfigError(config, "mcu.link: " + error);
         return false;
     }
     return true;

@@ -29,7 +29,7 @@ void expectDefaults(const PlatformConfig& config) {
     EXPECT_EQ(config.bootEnvironmentConfig, "");
     EXPECT_EQ(config.writtenSlotFile, "");
     EXPECT_EQ(config.runningSlotFile, "");
-    EXPECT_EQ(config.mcuFlashFile, "");
+    EXPECT_EQ(config.mcuLink, "");
 }
 
 // Runs the function on a thread with the stack that job threads have.
@@ -50,7 +50,7 @@ TEST(PlatformConfig, every_member_is_read) {
         "mpu": {"slots": {"a": {"kernel": "ka", "dtb": "da", "rootfs": "ra"},
                           "b": {"kernel": "kb", "dtb": "db", "rootfs": "rb"}},
                 "bootloader": "bl", "boot_environment": "be", "written_slot": "ws", "running_slot": "rs"},
-        "mcu": {"flash": "fl"}, "later": [1, 2]})");
+        "mcu": {"link": "li"}, "later": [1, 2]})");
 
     EXPECT_FALSE(config.logToSyslog);
     EXPECT_TRUE(config.logToStderr);
@@ -63,7 +63,7 @@ TEST(PlatformConfig, every_member_is_read) {
     EXPECT_EQ(config.bootEnvironmentConfig, "be");
     EXPECT_EQ(config.writtenSlotFile, "ws");
     EXPECT_EQ(config.runningSlotFile, "rs");
-    EXPECT_EQ(config.mcuFlashFile, "fl");
+    EXPECT_EQ(config.mcuLink, "li");
 }
 
 TEST(PlatformConfig, missing_file_gives_the_defaults) {
@@ -116,7 +116,7 @@ TEST(PlatformConfig, members_of_the_wrong_type_give_their_defaults) {
     expectDefaults(read(R"({"log": {"syslog": "no", "stderr": 1}, "node": {"address": 5},
         "mpu": {"slots": [1, 2], "bootloader": {}, "boot_environment": [], "written_slot": 1,
                 "running_slot": null},
-        "mcu": {"flash": false, "link": 3}})"));
+        "mcu": {"link": 3}})"));
     expectDefaults(read(R"({"log": [], "node": "x", "mpu": 4, "mcu": true})"));
 }
 

@@ -186,7 +186,7 @@ TEST_F(Mcu, init_fails_when_the_configuration_names_no_usable_link) {
     UpgradeMcu driver;
     testsupport::writeFile(kConfig, "{}");
     EXPECT_LT(driver.init(), 0);
-    EXPECT_TRUE(testsupport::loggedWith(1, {"UpgradeMcu: ", kConfig, "\"mcu\" names no \"link\""}));
+    EXPECT_TRUE(testsupport::loggedWith(1, {"UpgradeMcu: ", kConfig, "mcu.link is missing"}));
     EXPECT_LT(driver.preUpgrade(kFirmware, true, false), 0);
     testsupport::writeFile(kConfig, R"({"mcu": {"link": "can:0"}})");
     EXPECT_LT(driver.init(), 0);

@@ -457,16 +457,19 @@ TEST(McuConfig, must_name_a_link_of_a_known_form) {
     kavro::PlatformConfig config;
     std::string error;
     EXPECT_FALSE(kavro::checkMcuConfig(config, error));
-    EXPECT_EQ(error, "/etc/kavro/platform.json: \"mcu\" names no \"link\"");
+    EXPECT_EQ(error, "/etc/kavro/platform.json: mcu.link is missing");
     EXPECT_EQ(kavro::connectMcu(config, error), nullptr);
     config.fault = "is no JSON object";
     EXPECT_FALSE(kavro::checkMcuConfig(config, error));
     EXPECT_EQ(error, "/etc/kavro/platform.json: is no JSON object");
     config.fault.clear();
+    config.wrongMembers = {"mpu.bootloader must be a string", "mcu.link must be a string"};
+    EXPECT_FALSE(kavro::checkMcuConfig(config, error));
+    EXPECT_EQ(error, "/etc/kavro/platform.json: mcu.link must be a string");
     config.mcuLink = "serial:/dev/ttyS0";
     EXPECT_FALSE(kavro::checkMcuConfig(config, error));
     EXPECT_EQ(error,
-              "/etc/kavro/platform.json: \"mcu\", \"link\": \"serial:/dev/ttyS0\" is neither "
+              "/etc/kavro/platform.json: mcu.link: \"serial:/dev/ttyS0\" is neither "
               "\"spidev:/dev/spidevB.C\" nor \"unix:PATH\"");
     for (const char* link : {"spidev:/dev/spidev1.0", "unix:/dev/kavro-mcu/link"}) {
         config.mcuLink = link;

@@ -70,8 +70,8 @@ TEST_F(McuCalls, fail_without_a_configured_link) {
     testsupport::writeFile(kConfig, "{}");
     EXPECT_LT(velGetMcuVersion(nullptr), 0);
     EXPECT_LT(velSpiDevCtrl(nullptr, false), 0);
-    EXPECT_TRUE(loggedWith(2, {"velGetMcuVersion: ", kConfig, "\"mcu\" names no \"link\""}));
-    EXPECT_TRUE(loggedWith(2, {"velSpiDevCtrl: ", kConfig, "\"mcu\" names no \"link\""}));
+    EXPECT_TRUE(loggedWith(2, {"velGetMcuVersion: ", kConfig, "mcu.link is missing"}));
+    EXPECT_TRUE(loggedWith(2, {"velSpiDevCtrl: ", kConfig, "mcu.link is missing"}));
     std::filesystem::remove(kConfig);
     EXPECT_LT(velGetMcuVersion(nullptr), 0);
     EXPECT_TRUE(loggedWith(2, {"velGetMcuVersion: ", kConfig, "cannot be read: No such file"}));
