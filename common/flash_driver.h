@@ -85,7 +85,9 @@ class KAVRO_EXPORT UpgradeMpu : public UpgradeLib {
 };
 
 // Companion microcontroller: the application and the flash driver that programs it, as two S-record files.
-// initOk is set by whoever called init() when that succeeded.
+// initOk is set by whoever called init() when that succeeded; init() only looks at the configuration. upgrade()
+// needs the programming link, which velSpiDevCtrl switches on, and leaves the microcontroller without an
+// application when it fails after the erasing. postUpgrade() follows within 5 s and starts the new one.
 class KAVRO_EXPORT UpgradeMcu : public UpgradeLib {
   public:
     UpgradeMcu();

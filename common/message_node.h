@@ -21,7 +21,8 @@ KAVRO_EXPORT int velPublishMsg(void* node, const void* message);
 // Closes the node and sets *node to null. Does nothing for a null pointer or a null handle.
 KAVRO_EXPORT void velDestroyNode(void** node);
 
-// Switches the link over which the microcontroller is flashed on or off. Returns zero or positive on success.
+// Switches the link over which the microcontroller is flashed on or off. Returns zero or positive on success. A
+// microcontroller that does not answer makes it and velGetMcuVersion fail, within a few seconds.
 KAVRO_EXPORT int velSpiDevCtrl(void* node, bool on);
 
 // The version of the firmware that the microcontroller runs, 0 or more; negative when it cannot be read, as
