@@ -161,6 +161,17 @@ TEST(FaultPlan, a_busy_microcontroller_refuses_with_its_own_code) {
     EXPECT_EQ(plan.nextRequest(kAnyService).refusal, 0x21);
 }
 
+TEST(FaultPlan, a_repeated_request_counts_but_is_not_refused) {
+    FaultPlan plan = planOf({"refuse=2:31", "drop=2", "lose@3e=3"});
+    EXPECT_FALSE(plan.nextRequest(kAnyService).refusal);
+    const Fate repeated = plan.nextRequest(kAnyService, true);
+    EXPECT_TRUE(repeated.drop);
+    EXPECT_FALSE(repeated.refusal);
+    const Fate second = plan.nextRequest(kAnyService);
+    EXPECT_EQ(second.refusal, 0x31);
+    EXPECT_TRUE(second.lose);
+}
+
 TEST(FaultPlan, blocks_are_counted_apart_from_requests) {
     FaultPlan plan = planOf({"corrupt=2", "power-loss=3", "drop=1"});
     EXPECT_EQ(plan.nextBlock(), BlockFault::kNone);

@@ -168,7 +168,7 @@ class FromSRecords : public testing::Test {
   protected:
     std::optional<Bytes> read(const std::string& text) {
         spill(path, text);
-        return readApplication(path, error);
+        return applicationImage(path, error);
     }
     kavro_test::TempDir directory;
     const std::string path = directory / "app.s19";

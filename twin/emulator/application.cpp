@@ -4,7 +4,6 @@
 
 #include <algorithm>
 
-#include "platform/mcu/srecord.h"
 #include "twin/emulator/flash_memory.h"
 
 namespace kavro::emulator {
@@ -70,17 +69,13 @@ Bytes minimalApplication(int version) {
     return application;
 }
 
-std::optional<Bytes> readApplication(const std::string& path, std::string& error) {
-    const std::optional<SRecordFile> file = readSRecords(path, error);
-    if (!file) {
+std::optional<Bytes> applicationImage(const std::string& path, std::string& error) {
+    const std::optional<std::vector<Segment>> segments = readApplication(path, error);
+    if (!segments) {
         return std::nullopt;
     }
-    if (!checkApplication(file->segments, error)) {
-        error.insert(0, path + ": ");
-        return std::nullopt;
-    }
-    Bytes application(file->segments.back().end() - kMcuApplicationStart, kMcuErasedByte);
-    for (const Segment& segment : file->segments) {
+    Bytes application(segments->back().end() - kMcuApplicationStart, kMcuErasedByte);
+    for (const Segment& segment : *segments) {
         std::copy(segment.bytes.begin(), segment.bytes.end(),
                   application.begin() + static_cast<long>(segment.address - kMcuApplicationStart));
     }

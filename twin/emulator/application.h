@@ -30,7 +30,7 @@ Bytes minimalApplication(int version);
 
 // The application of an S-record file as it lies in flash, gaps erased. Nothing, with the reason, when the
 // microcontroller could not run it.
-std::optional<Bytes> readApplication(const std::string& path, std::string& error);
+std::optional<Bytes> applicationImage(const std::string& path, std::string& error);
 
 // The content of a flash memory: boot loader and, unless it is empty, the application with its record.
 Bytes flashWith(const Bytes& application);

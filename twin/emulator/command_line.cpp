@@ -20,8 +20,9 @@ format    makes a flash memory with a boot loader and, on demand, a small applic
 version   prints the version of the application that would run
 
 A fault SPEC is KIND[@SERVICE]=FIRST[..[LAST]][:VALUE], for example lose=3, drop@36=5.., delay@31=1..2:200.
-Requests are counted from 1 since power on, with @SERVICE (two hexadecimal digits) only those of that service;
-power-loss and corrupt count the blocks that are written instead.
+Requests are counted from 1 since power on, with @SERVICE (two hexadecimal digits) only those of that service.
+A request that is sent again counts, but not for busy and refuse; power-loss and corrupt count the blocks that are
+written instead.
 )";
 
 constexpr const char* kExitCodes = R"(

@@ -16,26 +16,30 @@ constexpr std::size_t kHexDigitsOfByte = 2;
 
 enum class Value { kNone, kMilliseconds, kCount, kResponseCode };
 
+enum class Counted { kArrived, kCarriedOut, kBlocks };
+
 struct KindRow {
     FaultKind kind;
     std::string_view name;
     Value value;
-    bool ofBlocks;
+    Counted counted;
     const char* meaning;
 };
 
 constexpr KindRow kKinds[] = {
-    {FaultKind::kDrop, "drop", Value::kNone, false, "the request is not heard"},
-    {FaultKind::kLose, "lose", Value::kNone, false, "it is carried out, its answer is not sent"},
-    {FaultKind::kDamage, "damage", Value::kNone, false, "a bit of its answer is flipped"},
-    {FaultKind::kDelay, "delay", Value::kMilliseconds, false, "its answer is late by VALUE milliseconds"},
-    {FaultKind::kBusy, "busy", Value::kNone, false, "it is answered with busyRepeatRequest"},
-    {FaultKind::kPending, "pending", Value::kCount, false, "VALUE response-pending come before its answer"},
-    {FaultKind::kRefuse, "refuse", Value::kResponseCode, false,
+    {FaultKind::kDrop, "drop", Value::kNone, Counted::kArrived, "the request is not heard"},
+    {FaultKind::kLose, "lose", Value::kNone, Counted::kArrived, "it is carried out, its answer is not sent"},
+    {FaultKind::kDamage, "damage", Value::kNone, Counted::kArrived, "a bit of its answer is flipped"},
+    {FaultKind::kDelay, "delay", Value::kMilliseconds, Counted::kArrived,
+     "its answer is late by VALUE milliseconds"},
+    {FaultKind::kBusy, "busy", Value::kNone, Counted::kCarriedOut, "it is answered with busyRepeatRequest"},
+    {FaultKind::kPending, "pending", Value::kCount, Counted::kArrived,
+     "VALUE response-pending come before its answer"},
+    {FaultKind::kRefuse, "refuse", Value::kResponseCode, Counted::kCarriedOut,
      "it is answered with the negative response code VALUE (hex)"},
-    {FaultKind::kPowerLoss, "power-loss", Value::kNone, true,
+    {FaultKind::kPowerLoss, "power-loss", Value::kNone, Counted::kBlocks,
      "half of the block is written, then the power is gone"},
-    {FaultKind::kCorrupt, "corrupt", Value::kNone, true, "the block is written with a wrong bit"},
+    {FaultKind::kCorrupt, "corrupt", Value::kNone, Counted::kBlocks, "the block is written with a wrong bit"},
 };
 
 const KindRow& rowOf(FaultKind kind) {
@@ -88,7 +92,7 @@ bool readKind(std::string_view text, Fault& fault, std::string& problem) {
     if (!service) {
         return true;
     }
-    if (row->ofBlocks) {
+    if (row->counted == Counted::kBlocks) {
         problem = std::string(text) + " counts blocks and takes no service";
         return false;
     }
@@ -173,13 +177,26 @@ std::string faultKindsText() {
     return text;
 }
 
-Fate FaultPlan::nextRequest(std::uint8_t service) {
-    const std::size_t number = ++requests;
-    const std::size_t numberOfService = ++requestsOf[service];
+bool FaultPlan::strikes(const Fault& fault, std::uint8_t service, bool repeated) const {
+    const Counted counted = rowOf(fault.kind).counted;
+    if (counted == Counted::kBlocks || (fault.service && *fault.service != service)) {
+        return false;
+    }
+    const Count& count = fault.service ? requestsOf.at(service) : requests;
+    if (counted == Counted::kArrived) {
+        return applies(fault, count.arrived);
+    }
+    return !repeated && applies(fault, count.carriedOut);
+}
+
+Fate FaultPlan::nextRequest(std::uint8_t service, bool repeated) {
+    for (Count* count : {&requests, &requestsOf[service]}) {
+        ++count->arrived;
+        count->carriedOut += repeated ? 0 : 1;
+    }
     Fate fate;
     for (const Fault& fault : faults) {
-        if ((fault.service && *fault.service != service) ||
-            !applies(fault, fault.service ? numberOfService : number)) {
+        if (!strikes(fault, service, repeated)) {
             continue;
         }
         switch (fault.kind) {
@@ -216,7 +233,7 @@ BlockFault FaultPlan::nextBlock() {
     const std::size_t number = ++blocks;
     BlockFault result = BlockFault::kNone;
     for (const Fault& fault : faults) {
-        if (!rowOf(fault.kind).ofBlocks || !applies(fault, number)) {
+        if (rowOf(fault.kind).counted != Counted::kBlocks || !applies(fault, number)) {
             continue;
         }
         if (fault.kind == FaultKind::kPowerLoss) {

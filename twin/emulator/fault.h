@@ -49,20 +49,27 @@ struct Fate {
 };
 
 // All faults of one microcontroller, with the counting. power-loss and corrupt count blocks that are written,
-// all others requests as they arrive, repeated ones too.
+// busy and refuse requests that would be carried out, all others requests as they arrive, repeated ones too.
 class FaultPlan {
   public:
     explicit FaultPlan(std::vector<Fault> faultList) : faults(std::move(faultList)) {}
 
-    // Counts a request and tells what happens to it.
-    Fate nextRequest(std::uint8_t service);
+    // Counts a request and tells what happens to it. One that was answered before is repeated: it cannot be
+    // refused any more.
+    Fate nextRequest(std::uint8_t service, bool repeated = false);
     // Counts a block and tells what happens to it.
     BlockFault nextBlock();
 
   private:
+    struct Count {
+        std::size_t arrived = 0;
+        std::size_t carriedOut = 0;
+    };
+    [[nodiscard]] bool strikes(const Fault& fault, std::uint8_t service, bool repeated) const;
+
     std::vector<Fault> faults;
-    std::size_t requests = 0;
-    std::map<std::uint8_t, std::size_t> requestsOf;
+    Count requests;
+    std::map<std::uint8_t, Count> requestsOf;
     std::size_t blocks = 0;
 };
 

@@ -64,12 +64,13 @@ std::vector<Output> LinkEnd::take(const Frame& frame, Time now) {
         tell(line("unheard", frame, shown(frame.message) + " [it starts]"));
         return {};
     }
-    const Fate fate = faults.nextRequest(frame.message[0]);
+    const bool repeated = last && frame.sequence == last->sequence && frame.sequence != kFirstOfConversation;
+    const Fate fate = faults.nextRequest(frame.message[0], repeated);
     if (fate.drop) {
         tell(line("unheard", frame, shown(frame.message) + " [fault: drop]"));
         return {};
     }
-    if (last && frame.sequence == last->sequence && frame.sequence != kFirstOfConversation) {
+    if (repeated) {
         tell(line("request", frame, " again"));
         const Bytes answer = last->answer;
         return send(frame, answer, fate, now);

@@ -111,7 +111,7 @@ ExitCode run(const CommandLine& line) {
     if (!server.serve(end, goOn, signals.get(), kLockInterval, error)) {
         return fail(kFailure, error);
     }
-    tell(microcontroller.powerLost() ? "[fault: power-loss]" : "is switched off");
+    tell(microcontroller.powerLost() ? "has no power any more [fault: power-loss]" : "is switched off");
     return microcontroller.powerLost() ? kPowerLost : kInOrder;
 }
 
@@ -121,7 +121,7 @@ ExitCode format(const CommandLine& line) {
     if (line.version) {
         application = minimalApplication(*line.version);
     } else if (!line.application.empty()) {
-        const std::optional<kavro::Bytes> read = readApplication(line.application, error);
+        const std::optional<kavro::Bytes> read = applicationImage(line.application, error);
         if (!read) {
             return fail(kFailure, error);
         }

@@ -414,6 +414,7 @@ bool Microcontroller::writeBlock(std::uint32_t address, Bytes data) {
             break;
         case BlockFault::kCorrupt:
             data[data.size() / 2] ^= kAnyBit;
+            outside.tell("writes a wrong bit [fault: corrupt]");
             break;
         case BlockFault::kPowerLoss:
             data.resize(data.size() / 2);
