@@ -219,8 +219,7 @@ bool save(const std::string& config, const Variables& changes, std::string& erro
     }
     for (const auto& [name, value] : changes) {
         if (saved.get(name) != value) {
-            return fail(config, "the boot environment was saved, but does not hold " + name + "=" + value,
-                        error);
+            return fail(config, "the boot environment was saved, but holds another " + name, error);
         }
     }
     return true;

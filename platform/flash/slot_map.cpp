@@ -144,6 +144,7 @@ bool readSlotMap(const PlatformConfig& config, SlotMap& map, std::string& error)
 bool checkPartitionsDistinct(const SlotMap& map, const std::vector<std::string>& reserved,
                              std::string& error) {
     std::vector<NamedPartition> others;
+    others.reserve(reserved.size() + map.partitions.size() * kSlotParts.size() + 1);
     for (const std::string& path : reserved) {
         others.push_back({map.bootEnvironmentConfig, path});
     }
