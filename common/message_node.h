@@ -18,7 +18,8 @@ KAVRO_EXPORT void* getVelNode(int domain, const char* name, int queue, int flags
 // subscriber. Returns 0; negative when nothing was published, as with a null node.
 KAVRO_EXPORT int velPublishMsg(void* node, const void* message);
 
-// Closes the node and sets *node to null. Does nothing for a null pointer or a null handle.
+// Closes the node and sets *node to null. Does nothing for a null pointer or a null handle. Blocks until
+// what was published is on its way, for a second at most where a subscriber does not read.
 KAVRO_EXPORT void velDestroyNode(void** node);
 
 // Switches the link over which the microcontroller is flashed on or off. Returns zero or positive on success. A

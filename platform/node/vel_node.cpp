@@ -1,16 +1,6 @@
 // The message node, and the calls that reach the microcontroller.
-//
-// A node is a publishing socket of nng: whoever dials its address and subscribes gets every message as it was
-// given, without an envelope. Publishing hands the message to the socket's queues and returns; a subscriber
-// that does not read loses messages, and nobody else notices.
 #include "common/message_node.h"
 
-#include <fcntl.h>
-#include <nng/nng.h>
-#include <nng/protocol/pubsub0/pub.h>
-#include <sys/file.h>
-
-#include <cerrno>
 #include <memory>
 #include <optional>
 #include <string>
@@ -19,65 +9,12 @@
 #include "common/utility.h"
 #include "platform/config/platform_config.h"
 #include "platform/mcu/mcu_client.h"
-#include "platform/utility/file_descriptor.h"
+#include "platform/node/node_publisher.h"
 
 namespace {
 
-// Messages kept for one subscriber that is behind: about ten seconds of a busy upgrade.
-constexpr int kQueuedMessages = 256;
-
 constexpr int kFailed = -1;
 constexpr int kNotice = 2;
-
-const std::string kIpcScheme = "ipc://";
-constexpr mode_t kLockMode = 0644;
-
-// Claims an ipc address for one process at a time, by a lock on a file beside the socket. Without it, a
-// second process would make the first one unreachable: nng removes the socket's file when listening on it
-// failed. The lock ends with its process; the file stays. Returns 0 or an error number of nng.
-int claimAddress(const std::string& address, kavro::FileDescriptor& lock) {
-    if (address.rfind(kIpcScheme, 0) != 0) {
-        return 0;
-    }
-    const std::string path = address.substr(kIpcScheme.size()) + ".lock";
-    lock = kavro::FileDescriptor(::open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, kLockMode));
-    if (!lock.valid()) {
-        return NNG_ESYSERR + errno;
-    }
-    return ::flock(lock.get(), LOCK_EX | LOCK_NB) == 0 ? 0 : NNG_EADDRINUSE;
-}
-
-// Owns the socket of one node.
-class Node {
-  public:
-    Node() = default;
-    ~Node() {
-        nng_close(socket);  // the initial value is no socket, which nng_close() refuses
-    }
-    Node(const Node&) = delete;
-    Node& operator=(const Node&) = delete;
-
-    // Returns 0 or an error number of nng.
-    int listen(const std::string& address) {
-        int result = claimAddress(address, lock);
-        if (result == 0) {
-            result = nng_pub0_open(&socket);
-        }
-        if (result == 0) {
-            result = nng_socket_set_int(socket, NNG_OPT_SENDBUF, kQueuedMessages);
-        }
-        return result == 0 ? nng_listen(socket, address.c_str(), nullptr, 0) : result;
-    }
-
-    int publish(const void* message) const {
-        // nng_send() only copies from the buffer, its parameter just lacks the const.
-        return nng_send(socket, const_cast<void*>(message), kVelMsgBytes, NNG_FLAG_NONBLOCK);
-    }
-
-  private:
-    kavro::FileDescriptor lock;  // released after the socket is closed
-    nng_socket socket = NNG_SOCKET_INITIALIZER;
-};
 
 // Carries out one operation on the microcontroller; a failure is logged. The link is opened for each, since they are
 // rare and other programs need it, too.
@@ -105,10 +42,10 @@ void* getVelNode(int domain, const char* name, int queue, int flags, int timeout
         printLog(kNotice, "getVelNode(%s): %s\n", publisher, error.c_str());
         return nullptr;
     }
-    auto node = std::make_unique<Node>();
-    const int result = node->listen(address);
-    if (result != 0) {
-        printLog(kNotice, "getVelNode(%s): %s: %s\n", publisher, address.c_str(), nng_strerror(result));
+    auto node = std::make_unique<kavro::NodePublisher>();
+    const std::string error = node->listen(address);
+    if (!error.empty()) {
+        printLog(kNotice, "getVelNode(%s): %s: %s\n", publisher, address.c_str(), error.c_str());
         return nullptr;
     }
     return node.release();
@@ -119,7 +56,7 @@ int velPublishMsg(void* node, const void* message) {
         return kFailed;
     }
     const COMMON_YR::CancelHold hold;
-    return static_cast<const Node*>(node)->publish(message) == 0 ? 0 : kFailed;
+    return static_cast<kavro::NodePublisher*>(node)->publish(message) ? 0 : kFailed;
 }
 
 void velDestroyNode(void** node) {
@@ -127,7 +64,7 @@ void velDestroyNode(void** node) {
         return;
     }
     const COMMON_YR::CancelHold hold;
-    delete static_cast<Node*>(*node);
+    delete static_cast<kavro::NodePublisher*>(*node);
     *node = nullptr;
 }
 

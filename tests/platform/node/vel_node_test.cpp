@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <nng/nng.h>
 #include <nng/protocol/pubsub0/sub.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -293,6 +294,57 @@ int connectSilentSubscriber() {
     EXPECT_EQ(read(connection, answer.data(), answer.size()), 8);
     EXPECT_EQ(answer[5], 0x20) << "no publisher";
     return connection;
+}
+
+// Everything that arrives on a connection to its end.
+std::string readToEnd(int connection) {
+    std::string text;
+    std::array<char, 4096> block{};
+    ssize_t count = 0;
+    while ((count = read(connection, block.data(), block.size())) > 0) {
+        text.append(block.data(), static_cast<std::size_t>(count));
+    }
+    return text;
+}
+
+// On an ipc connection a message stands behind a 1 and its length.
+std::string frameOf(const Message& message) {
+    return std::string("\x01\0\0\0\0\0\0\0\x10", 9) + textOf(message);
+}
+
+TEST(VelNode, messages_that_are_queued_when_the_node_is_closed_arrive) {
+    constexpr unsigned char kMessages = 100;
+    for (int round = 0; round < 10; ++round) {
+        void* node = openNode();
+        ASSERT_NE(node, nullptr);
+        const int subscriber = connectSilentSubscriber();
+        pollfd arrival{subscriber, POLLIN, 0};
+        do {
+            ASSERT_EQ(velPublishMsg(node, messageOf(0).data()), 0);
+        } while (poll(&arrival, 1, 10) == 0);
+        std::string expected;
+        for (unsigned char number = 1; number <= kMessages; ++number) {
+            ASSERT_EQ(velPublishMsg(node, messageOf(number).data()), 0);
+            expected += frameOf(messageOf(number));
+        }
+        velDestroyNode(&node);
+        const std::string received = readToEnd(subscriber);
+        close(subscriber);
+        ASSERT_GT(received.size(), expected.size()) << "round " << round;
+        ASSERT_EQ(received.substr(received.size() - expected.size()), expected) << "round " << round;
+    }
+}
+
+TEST(VelNode, closing_does_not_wait_for_ever_for_a_subscriber_that_does_not_read) {
+    void* node = openNode();
+    ASSERT_NE(node, nullptr);
+    const int silent = connectSilentSubscriber();
+    for (int count = 0; count < 5000; ++count) {
+        ASSERT_EQ(velPublishMsg(node, messageOf(0).data()), 0);
+    }
+    velDestroyNode(&node);
+    EXPECT_EQ(node, nullptr);
+    close(silent);
 }
 
 TEST(VelNode, four_threads_publish_past_a_subscriber_that_does_not_read) {
