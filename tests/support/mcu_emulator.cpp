@@ -1,21 +1,16 @@
 #include "tests/support/mcu_emulator.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstring>
-#include <fstream>
-#include <sstream>
 #include <thread>
 #include <utility>
+
+#include "tests/support/device.h"
 
 namespace testsupport {
 namespace {
@@ -23,60 +18,9 @@ namespace {
 constexpr std::chrono::seconds kPatience{30};
 constexpr std::chrono::milliseconds kInterval{5};
 
-// A file of its own for what the program says.
+// Beside the flash memory, so that a test which empties the device's directories keeps it.
 std::string logOf(const std::string& flash) {
     return flash + ".log";
-}
-
-std::string contentOf(const std::string& path) {
-    const std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
-
-// Starts the program with its output and errors in a file. Returns its pid, 0 when it does not start.
-pid_t spawn(const std::vector<std::string>& arguments, const std::string& output) {
-    std::vector<char*> words;
-    const std::string program = MCU_EMULATOR;
-    words.push_back(const_cast<char*>(program.c_str()));
-    for (const std::string& argument : arguments) {
-        words.push_back(const_cast<char*>(argument.c_str()));
-    }
-    words.push_back(nullptr);
-
-    posix_spawn_file_actions_t files;
-    posix_spawn_file_actions_init(&files);
-    posix_spawn_file_actions_addopen(&files, STDOUT_FILENO, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                     0644);
-    posix_spawn_file_actions_adddup2(&files, STDOUT_FILENO, STDERR_FILENO);
-    // The test may have blocked signals that are to end the program.
-    posix_spawnattr_t attributes;
-    sigset_t none;
-    sigemptyset(&none);
-    posix_spawnattr_init(&attributes);
-    posix_spawnattr_setsigmask(&attributes, &none);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
-
-    pid_t pid = 0;
-    const int problem = ::posix_spawn(&pid, program.c_str(), &files, &attributes, words.data(), environ);
-    posix_spawnattr_destroy(&attributes);
-    posix_spawn_file_actions_destroy(&files);
-    if (problem != 0) {
-        ADD_FAILURE() << "cannot start " << program << ": " << std::strerror(problem);
-        return 0;
-    }
-    return pid;
-}
-
-// Runs the program to its end. Returns its exit code, negative when it has none.
-int runToEnd(const std::vector<std::string>& arguments, const std::string& output) {
-    const pid_t pid = spawn(arguments, output);
-    int status = 0;
-    if (pid == 0 || ::waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) {
-        return -1;
-    }
-    return WEXITSTATUS(status);
 }
 
 }  // namespace
@@ -89,27 +33,29 @@ McuEmulator::~McuEmulator() {
 }
 
 bool McuEmulator::format(int version) {
-    std::vector<std::string> arguments = {"format", flash};
+    std::vector<std::string> words = {MCU_EMULATOR, "format", flash};
     if (version != kNoApplication) {
-        arguments.insert(arguments.end(), {"--version", std::to_string(version)});
+        words.insert(words.end(), {"--version", std::to_string(version)});
     }
-    const int code = runToEnd(arguments, logOf(flash));
-    EXPECT_EQ(code, 0) << log();
-    return code == 0;
+    const ProgramResult result = runProgram(words);
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    return result.exitCode == 0;
 }
 
 bool McuEmulator::start(const std::vector<std::string>& faults) {
     stop();
-    if (contentOf(flash).rfind("KAVRO BOOT LOAD", 0) != 0 && !format()) {
+    if (readFile(flash).rfind("KAVRO BOOT LOAD", 0) != 0 && !format()) {
         return false;
     }
-    std::vector<std::string> arguments = {"run", "--flash", flash, "--listen", socket};
+    std::vector<std::string> words = {
+        "bash",     "-c",  "exec \"$@\" 2>\"$0\"", logOf(flash), MCU_EMULATOR, "run", "--flash", flash,
+        "--listen", socket};
     for (const std::string& fault : faults) {
-        arguments.insert(arguments.end(), {"--fault", fault});
+        words.insert(words.end(), {"--fault", fault});
     }
-    child = spawn(arguments, logOf(flash));
+    program = std::make_unique<Program>(words);
     const auto end = std::chrono::steady_clock::now() + kPatience;
-    while (child != 0 && !hasEnded() && std::chrono::steady_clock::now() < end) {
+    while (!program->hasEnded() && std::chrono::steady_clock::now() < end) {
         if (accepts()) {
             return true;
         }
@@ -119,51 +65,44 @@ bool McuEmulator::start(const std::vector<std::string>& faults) {
     return false;
 }
 
+// A killed one is left to the destructor of the program.
 int McuEmulator::stop() {
-    if (child == 0) {
-        return -1;
+    if (!program) {
+        return kNotRun;
     }
-    ::kill(child, SIGTERM);
+    if (!program->hasEnded()) {
+        ::kill(program->pid(), SIGTERM);
+    }
     const int code = waitForEnd();
-    if (child != 0) {
-        ::kill(child, SIGKILL);
-        reap(0);
-    }
+    program.reset();
     return code;
 }
 
 int McuEmulator::waitForEnd() {
     const auto end = std::chrono::steady_clock::now() + kPatience;
-    while (!hasEnded() && std::chrono::steady_clock::now() < end) {
+    while (program && std::chrono::steady_clock::now() < end) {
+        if (program->hasEnded()) {
+            return program->wait().exitCode;
+        }
         std::this_thread::sleep_for(kInterval);
     }
-    return child == 0 ? lastExitCode : -1;
+    return kNotRun;
 }
 
-bool McuEmulator::hasEnded() {
-    return child == 0 || reap(WNOHANG);
+bool McuEmulator::powerLost() {
+    return program && program->hasEnded() && program->wait().exitCode == kPowerLostCode;
 }
 
 std::optional<int> McuEmulator::version() const {
-    const std::string output = flash + ".version";
-    if (runToEnd({"version", flash}, output) != 0) {
+    const ProgramResult result = runProgram({MCU_EMULATOR, "version", flash});
+    if (result.exitCode != 0) {
         return std::nullopt;
     }
-    return std::stoi(contentOf(output));
+    return std::stoi(result.out);
 }
 
 std::string McuEmulator::log() const {
-    return contentOf(logOf(flash));
-}
-
-bool McuEmulator::reap(int options) {
-    int status = 0;
-    if (::waitpid(child, &status, options) != child) {
-        return false;
-    }
-    child = 0;
-    lastExitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return true;
+    return readFile(logOf(flash));
 }
 
 bool McuEmulator::accepts() const {

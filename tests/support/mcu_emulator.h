@@ -9,11 +9,12 @@
 // A flash memory that no emulator has made, as the one that an older device left behind, counts as none.
 #pragma once
 
-#include <sys/types.h>
-
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "tests/support/program.h"
 
 namespace testsupport {
 
@@ -22,6 +23,7 @@ class McuEmulator {
     static constexpr int kDefaultVersion = 7;
     static constexpr int kNoApplication = -1;
     static constexpr int kPowerLostCode = 3;
+    static constexpr int kNotRun = -1;
 
     explicit McuEmulator(std::string flashFile = "/dev/kavro-mcu/flash.bin",
                          std::string socketPath = "/dev/kavro-mcu/link");
@@ -38,16 +40,14 @@ class McuEmulator {
     // False, with a failure of the test, when it does not come up.
     bool start(const std::vector<std::string>& faults = {});
 
-    // Powers it off and waits for its end. Returns its exit code; negative when it did not run or was killed.
+    // Powers it off and waits for its end. Returns its exit code, kNotRun when it did not run.
     int stop();
 
-    // Waits until it has ended by itself, at most 30 s. Returns its exit code, negative when it did not.
+    // Waits until it has ended by itself, at most 30 s. Returns its exit code, kNotRun when it runs on or has not run.
     int waitForEnd();
 
-    // Whether it has ended by itself since the start.
-    bool hasEnded();
-    // Whether it has ended because a power-loss fault struck.
-    bool powerLost() { return hasEnded() && lastExitCode == kPowerLostCode; }
+    // Whether a power-loss fault struck and has ended it.
+    bool powerLost();
 
     // The version of the application that would run at the next start; nothing when there is none.
     [[nodiscard]] std::optional<int> version() const;
@@ -57,16 +57,15 @@ class McuEmulator {
 
     const std::string& flashFile() const { return flash; }
     const std::string& socketPath() const { return socket; }
-    pid_t pid() const { return child; }  // 0 unless it runs
+    // 0 unless it was started.
+    [[nodiscard]] int pid() const { return program ? program->pid() : 0; }
 
   private:
-    bool reap(int options);
     bool accepts() const;
 
     const std::string flash;
     const std::string socket;
-    pid_t child = 0;
-    int lastExitCode = -1;
+    std::unique_ptr<Program> program;  // from a start to the next stop
 };
 
 }  // namespace testsupport

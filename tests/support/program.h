@@ -27,11 +27,10 @@ class Program {
     std::string outputSoFar() const;
     // Waits until the output holds a text; false when the program ended or two minutes passed before it did.
     bool waitForOutput(const std::string& text);
+    bool hasEnded();
     ProgramResult wait();
 
   private:
-    bool hasEnded();
-
     kavro_test::TempDir files;
     int child = -1;
     int status = 0;

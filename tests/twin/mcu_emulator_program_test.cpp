@@ -15,19 +15,19 @@
 
 #include "tests/support/device.h"
 #include "tests/support/hex_text.h"
+#include "tests/support/program.h"
 #include "tests/support/temp_dir.h"
-#include "tests/tools/tool_support.h"
 
 namespace {
 
 using testsupport::bytesOf;
 using testsupport::exists;
 using testsupport::hexOf;
+using testsupport::Program;
+using testsupport::ProgramResult;
 using testsupport::readFile;
+using testsupport::runProgram;
 using testsupport::writeFile;
-using tool_test::Program;
-using tool_test::ProgramResult;
-using tool_test::runProgram;
 
 constexpr int kPatienceMs = 30000;
 
