@@ -12,8 +12,6 @@
 # shellcheck source=disks.sh
 source "${BASH_SOURCE[0]%/*}/disks.sh"
 
-TWIN_MCU_FLASH_BYTES=524288
-TWIN_MCU_APPLICATION_OFFSET=32768
 TWIN_ENVIRONMENT_BYTES=0x4000
 declare -A TWIN_PARTITION_SIZE=(
     [kernel_a]=32M [dtb_a]=1M [rootfs_a]=96M [kernel_b]=32M [dtb_b]=1M [rootfs_b]=96M [bootloader]=4M
@@ -105,15 +103,8 @@ twin_little_endian_32() {
     printf '\\x%02x\\x%02x\\x%02x\\x%02x' $(($1 & 255)) $(($1 >> 8 & 255)) $(($1 >> 16 & 255)) $(($1 >> 24 & 255))
 }
 
-# twin_make_mcu_flash FILE VERSION: erased flash memory with the header of an application and nothing behind it.
-twin_make_mcu_flash() {
-    head -c "$TWIN_MCU_FLASH_BYTES" /dev/zero | tr '\0' '\377' >"$1"
-    # shellcheck disable=SC2059  # the version's bytes are written as escapes
-    printf "KAVROMCU$(twin_little_endian_32 "$2")\\0\\0\\0\\0" |
-        dd of="$1" bs=16 seek=$((TWIN_MCU_APPLICATION_OFFSET / 16)) conv=notrunc status=none
-}
-
-# twin_make_state plain|block DIR HW MPU MCU BLD: a device that has started from slot a and holds no firmware yet.
+# twin_make_state plain|block DIR HW MPU MCU BLD: a device that has started from slot a and holds no firmware yet. Its
+# microcontroller is not there yet.
 twin_make_state() {
     local dir=$2
     mkdir -p "$dir"/{config,firmware,raw,etc-kavro,tmp,partitions,mcu,run}
@@ -127,7 +118,6 @@ twin_make_state() {
     twin_environment_config >"$dir/etc-kavro/fw_env.config"
     twin_write_versions "$dir/etc-kavro/version.json" "${@:3}"
     twin_make_environment "$dir"
-    twin_make_mcu_flash "$dir/mcu/flash.bin" "$5"
     printf 'a\n' >"$dir/run/running_slot"
 }
 
