@@ -24,11 +24,11 @@ bool checkRange(const std::vector<Segment>& segments, const AddressRange& range,
     return true;
 }
 
-// Reads a file of which all data must lie in the range, and has it checked.
+// Reads a file of which all data must lie in the range, and so cannot be more than that, and has it checked.
 template <typename Check>
 std::optional<std::vector<Segment>> readChecked(const std::string& path, const AddressRange& range,
                                                 const Check& check, std::string& error) {
-    std::optional<SRecordFile> file = readSRecords(path, error, range);
+    std::optional<SRecordFile> file = readSRecords(path, error, range, static_cast<std::size_t>(range.bytes));
     if (!file) {
         return std::nullopt;
     }

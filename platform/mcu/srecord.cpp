@@ -244,7 +244,7 @@ class Parser {
         if (record.dataSize == 0) {
             return {};
         }
-        const std::string outside =
+        std::string outside =
             outsideOf(range, record.address, record.address + std::uint64_t{record.dataSize});
         if (!outside.empty()) {
             return outside;
