@@ -1,7 +1,6 @@
 // printLog: to syslog, standard error and a file, as platform.json says.
 
 #include <sys/syslog.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -17,6 +16,7 @@
 #include "platform/utility/file_io.h"
 #include "platform/utility/format_text.h"
 #include "platform/utility/log_file.h"
+#include "platform/utility/time_stamp.h"
 
 namespace {
 
@@ -66,19 +66,6 @@ std::string_view withoutLineEnd(std::string_view text) {
     return text.substr(0, last == std::string_view::npos ? 0 : last + 1);
 }
 
-// "2026-11-21 10:30:59.123 "
-std::string timestamp() {
-    constexpr long kNsPerMs = 1000000;
-    timespec now = {};
-    clock_gettime(CLOCK_REALTIME, &now);
-    tm local = {};
-    localtime_r(&now.tv_sec, &local);
-    char text[64];
-    const std::size_t length = strftime(text, sizeof text, "%F %T", &local);
-    snprintf(text + length, sizeof text - length, ".%03ld ", now.tv_nsec / kNsPerMs);
-    return text;
-}
-
 void logToSyslog(const LevelRow& level, std::string_view text) {
     do {
         const std::string_view piece = text.substr(0, kSyslogPiece);
@@ -89,7 +76,7 @@ void logToSyslog(const LevelRow& level, std::string_view text) {
 
 // A line break inside the text (a path may hold one) would look like the start of a line of its own.
 std::string asOneLine(const LevelRow& level, std::string_view text) {
-    std::string line = timestamp() + "[" + level.tag + "] ";
+    std::string line = kavro::timeStamp() + " [" + level.tag + "] ";
     line.reserve(line.size() + text.size() + 1);
     for (const char character : text) {
         if (character == '\n') {

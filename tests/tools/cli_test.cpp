@@ -44,6 +44,7 @@ INSTANTIATE_TEST_SUITE_P(
                                {"pack", "--version", "1.1.1", "-k", "x", "-o", "y", "/"}},
                     UsageError{"install_without_a_package", {"install"}},
                     UsageError{"status_with_an_argument", {"status", "x"}},
+                    UsageError{"watch_of_no_lines", {"watch", "--count", "0"}},
                     UsageError{"two_commands", {"status", "activate"}},
                     UsageError{"pack_with_two_directories",
                                {"pack", "--version", "1.1.1.1", "-k", "x", "-o", "y", "/", "/"}}),
@@ -89,7 +90,8 @@ TEST_P(CommandHelp, has_an_example) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Cli, CommandHelp,
-                         testing::Values("pack", "init", "install", "status", "activate", "rollback"));
+                         testing::Values("pack", "init", "install", "status", "watch", "activate", "confirm",
+                                         "rollback"));
 
 TEST(Cli, pack_writes_a_package_and_says_what_is_in_it) {
     const TemporaryDirectory files;

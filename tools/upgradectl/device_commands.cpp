@@ -1,6 +1,7 @@
 #include "tools/upgradectl/device_commands.h"
 
 #include <algorithm>
+#include <memory>
 #include <string>
 
 #include "tools/upgradectl/error_log.h"
@@ -106,6 +107,20 @@ void activate(const OwnOutput& output) {
     throw ToolError(ExitCode::kOther, "the device could not be switched to the installed software",
                     "check what /etc/kavro/platform.json names as boot state, then try again",
                     loggedErrors());
+}
+
+void confirm(const OwnOutput& output) {
+    const std::unique_ptr<UpgradeMpu>& driver = UpgradeProc::getInstance()->mpu;
+    if (driver == nullptr || !driver->initOk) {
+        throw ToolError(ExitCode::kOther, "the main processor's flash driver is not ready",
+                        "mend what the device: lines say", loggedErrors());
+    }
+    if (driver->activate(false) < 0) {
+        throw ToolError(ExitCode::kOther, "the running slot could not be confirmed",
+                        "mend what the device: lines say, then try again before the device is restarted",
+                        loggedErrors());
+    }
+    output.writeLine("the running slot is confirmed");
 }
 
 }  // namespace upgradectl

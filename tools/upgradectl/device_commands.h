@@ -1,4 +1,4 @@
-// The commands that ask or change the device at once: init, status, activate.
+// The commands that ask or change the device at once: init, status, activate, confirm.
 #pragma once
 
 #include "tools/upgradectl/own_output.h"
@@ -15,5 +15,8 @@ void showStatus(const OwnOutput& output, bool consume);
 
 // Activates what was installed. Throws ToolError.
 void activate(const OwnOutput& output);
+
+// Ends the trial of the running software, if it is on one. Throws ToolError.
+void confirm(const OwnOutput& output);
 
 }  // namespace upgradectl

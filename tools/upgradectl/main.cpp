@@ -13,6 +13,7 @@
 #include "tools/upgradectl/pack.h"
 #include "tools/upgradectl/package_version.h"
 #include "tools/upgradectl/tool_error.h"
+#include "tools/upgradectl/watch.h"
 
 namespace {
 
@@ -128,6 +129,39 @@ void addActivate(CLI::App& app, Action& chosen) {
     command->callback([&chosen] { chosen = [] { upgradectl::activate(upgradectl::OwnOutput()); }; });
 }
 
+void addConfirm(CLI::App& app, Action& chosen) {
+    CLI::App* command = app.add_subcommand("confirm", "Tell that the running software is good");
+    command->footer(
+        "After an activation the boot loader starts the new software on trial, and goes back to the old one "
+        "when it\n"
+        "is not confirmed within a few starts. Harmless without a trial.\n\n"
+        "Example:\n"
+        "  upgradectl confirm\n");
+    command->callback([&chosen] { chosen = [] { upgradectl::confirm(upgradectl::OwnOutput()); }; });
+}
+
+void addWatch(CLI::App& app, Action& chosen) {
+    CLI::App* command = app.add_subcommand("watch", "Follow the runs of another process");
+    command->footer(
+        "Prints the changes of state that are published and the changes of stage that are logged from now "
+        "on, until\n"
+        "Ctrl-C.\n\n"
+        "Example:\n"
+        "  upgradectl watch --until-end\n");
+    const auto request = std::make_shared<upgradectl::WatchRequest>();
+    command->add_option("--address", request->address,
+                        "Where the message node listens (default: as /etc/kavro/platform.json says)");
+    command->add_option("--count", request->lines, "End after so many lines")->check(CLI::PositiveNumber);
+    command->add_flag("--until-end", request->untilEnd,
+                      "End with a run; the exit code is 4 when it failed, 1 when it ended before flashing");
+    command->callback([request, &chosen] {
+        chosen = [request] {
+            const upgradectl::Interrupts interrupts;
+            upgradectl::watch(*request, interrupts);
+        };
+    });
+}
+
 void addRollback(CLI::App& app, Action& chosen) {
     CLI::App* command = app.add_subcommand("rollback", "Go back to the kept package and activate it");
     command->footer(
@@ -184,7 +218,8 @@ ExitCode runCommandLine(int argc, char** argv) {
     app.footer(kExitCodes);
     app.failure_message(failureMessage);
     Action chosen;
-    for (const auto add : {addPack, addInit, addInstall, addStatus, addActivate, addRollback}) {
+    for (const auto add :
+         {addPack, addInit, addInstall, addStatus, addWatch, addActivate, addConfirm, addRollback}) {
         add(app, chosen);
     }
     try {
