@@ -1,4 +1,4 @@
-// The least an application does: it installs a package, and activates it after the next restart.
+// The least an application does: it confirms what runs, activates what was installed, installs what it is given.
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -31,6 +31,10 @@ int main(int argc, char** argv) {
     if (UPGRADE_init(packageDirectory) != 0) {
         std::puts("the device is not fit for upgrades; the system log says why");
         return 1;
+    }
+    // New software is on trial until then: the boot loader goes back to the old one after a few starts.
+    if (UpgradeProc::getInstance()->mpu->activate(false) < 0) {
+        std::puts("the running software could not be confirmed; the system log says why");
     }
     if (UPGRADE_isUpgraded()) {  // installed before the restart
         return UPGRADE_activate() == 0 ? 0 : 1;
