@@ -6,6 +6,7 @@
 set -euo pipefail
 
 build=$1 app=$2
+export KAVRO_TWIN_PROGRAMS=$build/twin
 root=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/../.." && pwd)
 twin=$root/twin/twin
 work=$build/twins/minimal_app
@@ -39,7 +40,7 @@ grep -q '^stage ' "$work/progress.txt" || die "no progress is shown"
 [[ -e $device/config/upgraded ]] || die "no upgrade awaits activation"
 "$twin" compare "$device" b "$work/release"
 
-"$twin" restart "$device"
+"$twin" boot "$device"
 run_app || die "the activation failed"
 [[ ! -e $device/config/upgraded ]] || die "the upgrade still awaits activation"
-"$twin" restart "$device" | grep 'slot b'
+"$twin" boot "$device" | grep 'slot b'
