@@ -1,4 +1,4 @@
-// The least an application does: it confirms what runs, activates what was installed, installs what it is given.
+// The least an application does: it confirms what runs, activates what was installed, installs what it gets.
 #include <atomic>
 #include <chrono>
 #include <cstdio>

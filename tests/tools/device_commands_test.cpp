@@ -87,6 +87,50 @@ TEST(Activate, when_nothing_complete_was_flashed_fails_and_keeps_the_marker) {
     EXPECT_TRUE(exists(kMarker));
 }
 
+std::string environmentVariable(const std::string& name) {
+    return runProgram({"fw_printenv", "-c", "/etc/kavro/fw_env.config", name}).out;
+}
+
+TEST(Confirm, ends_the_trial_of_the_running_slot) {
+    for (const char* setting : {"upgrade_available 1", "bootcount 2"}) {
+        const ProgramResult set =
+            runProgram({"sh", "-c", std::string("fw_setenv -c /etc/kavro/fw_env.config ") + setting});
+        ASSERT_EQ(set.exitCode, 0) << set.err;
+    }
+    const ProgramResult result = upgradectl({"confirm"});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(result.out, "the running slot is confirmed\n");
+    EXPECT_EQ(environmentVariable("upgrade_available"), "upgrade_available=0\n");
+    EXPECT_EQ(environmentVariable("bootcount"), "bootcount=0\n");
+}
+
+TEST(Confirm, without_a_trial_changes_nothing) {
+    const std::string before =
+        readFile("/dev/disk/by-partlabel/env_a") + readFile("/dev/disk/by-partlabel/env_b");
+    const ProgramResult result = upgradectl({"confirm"});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(readFile("/dev/disk/by-partlabel/env_a") + readFile("/dev/disk/by-partlabel/env_b"), before);
+}
+
+TEST(Confirm, without_a_boot_environment_fails_and_says_why) {
+    writeFile("/dev/disk/by-partlabel/env_a", std::string(0x4000, 'x'));
+    writeFile("/dev/disk/by-partlabel/env_b", std::string(0x4000, 'x'));
+    const ProgramResult result = upgradectl({"confirm"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.out, "");
+    EXPECT_TRUE(contains(result.err, "the running slot could not be confirmed\n  device: ")) << result.err;
+    EXPECT_TRUE(contains(result.err, "/etc/kavro/fw_env.config")) << result.err;
+}
+
+TEST(Confirm, without_a_driver_fails_and_says_why) {
+    writeFile("/etc/kavro/platform.json", "{}");
+    const ProgramResult result = upgradectl({"confirm"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.out, "");
+    EXPECT_TRUE(contains(result.err, "flash driver is not ready\n  device: ")) << result.err;
+    EXPECT_TRUE(contains(result.err, "/etc/kavro/platform.json")) << result.err;
+}
+
 TEST(PackedPackage, is_read_by_the_device_field_for_field) {
     makeComponents("/tmp/components");
     makeRsaKey("/tmp/key.pem", 4096);
