@@ -61,10 +61,16 @@ std::optional<std::size_t> readNumber(std::string_view text) {
 
 // Exactly two hexadecimal digits.
 std::optional<std::uint8_t> readByte(std::string_view text) {
-    if (text.size() != kHexDigitsOfByte || hexDigit(text[0]) < 0 || hexDigit(text[1]) < 0) {
-        return std::nullopt;
+    unsigned byte = 0;
+    for (const char character : text) {
+        const int digit = hexDigit(character);
+        if (digit < 0) {
+            return std::nullopt;
+        }
+        byte = byte << 4 | static_cast<unsigned>(digit);
     }
-    return static_cast<std::uint8_t>(hexDigit(text[0]) << 4 | hexDigit(text[1]));
+    return text.size() == kHexDigitsOfByte ? std::optional<std::uint8_t>(static_cast<std::uint8_t>(byte))
+                                           : std::nullopt;
 }
 
 // Cuts off what stands behind the first `separator`; nothing when there is none.
