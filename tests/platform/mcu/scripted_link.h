@@ -20,6 +20,7 @@ struct Script {
 
     std::vector<kavro::Frame> requests;  // so far, repeated ones included
     std::deque<kavro::Bytes> arriving;
+    kavro::Bytes noise;  // arrives whenever nothing else does
     bool broken = false;
 
     [[nodiscard]] std::vector<kavro::Bytes> messages() const {
@@ -55,7 +56,7 @@ class ScriptedLink : public kavro::ByteLink {
             return std::nullopt;
         }
         if (script->arriving.empty()) {
-            return kavro::Bytes{};
+            return script->noise;
         }
         kavro::Bytes block = script->arriving.front();
         script->arriving.pop_front();

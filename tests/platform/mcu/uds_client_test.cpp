@@ -188,6 +188,13 @@ TEST_F(Client, noise_before_an_answer_is_survived) {
     EXPECT_EQ(mcu->requests.size(), 2U);
 }
 
+// As when nothing is connected to a bus whose lines are pulled up.
+TEST_F(Client, a_link_that_carries_nothing_but_ones_is_no_answer) {
+    mcu->answer = [](const Frame&) { return Blocks{}; };
+    mcu->noise = Bytes(64, 0xFF);
+    expectFailure("TesterPresent: no answer in 5 tries of 500 ms each");
+}
+
 TEST_F(Client, a_pending_answer_is_awaited) {
     answerBy([](const Frame& request, int) {
         const Bytes pending = wire(request.sequence, refusal(kRequest, 0x78));
