@@ -23,6 +23,13 @@ twin_why_no_block_devices() {
     fi
 }
 
+# twin_take_own_mounts COMMAND...: the mounts of this script, which is COMMAND, are its own from its next start on: nobody
+# else holds on to them, and they go with it, however it ends.
+twin_take_own_mounts() {
+    [[ -n ${KAVRO_OWN_MOUNTS-} ]] || KAVRO_OWN_MOUNTS=1 exec unshare --mount -- "$@"
+    unset KAVRO_OWN_MOUNTS
+}
+
 # No reserve for root and few files: small to make. The inode tables need no clearing, an image is zeros.
 twin_make_disks() {
     local dir=$1 name

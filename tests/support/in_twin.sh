@@ -11,9 +11,9 @@ set -euo pipefail
 # shellcheck source=../../twin/device.sh
 source "${BASH_SOURCE[0]%/*}/../../twin/device.sh"
 
+given=("$@")
 state_root=$1
 shift
-given=("$@")
 visible=()
 extra=()
 form=plain
@@ -40,18 +40,14 @@ for argument in "${@:2}"; do
     fi
 done
 
-# Nothing must be left on the host, not even by a case that was killed: the mounts are in a name space of this process,
-# the loop devices are held by it.
+# Nothing must be left on the host, not even by a case that was killed: both mounts and loop devices are this process's.
 if [[ $form == block ]]; then
     why=$(twin_why_no_block_devices)
     if [[ -n $why ]]; then
         printf 'not run: %s\n' "$why"
         exit 77
     fi
-    if [[ -z ${KAVRO_OWN_MOUNTS-} ]]; then
-        KAVRO_OWN_MOUNTS=1 exec unshare --mount -- "$0" "$state_root" "${given[@]}"
-    fi
-    unset KAVRO_OWN_MOUNTS
+    twin_take_own_mounts "$0" "${given[@]}"
 fi
 
 mkdir -p "$state_root"

@@ -828,6 +828,7 @@ if [[ $1 == --block ]]; then
         printf 'not run: %s\n' "$why"
         exit "$not_run"
     fi
+    twin_take_own_mounts "$0" "$@"
     shift
 fi
 declare -F "test_$1" >/dev/null || die "there is no case '$1'"
