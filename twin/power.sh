@@ -20,7 +20,7 @@ mcu_is_on() {
 
 # Of a microcontroller whose last run is over, just now.
 wait_until_mcu_is_off() {
-    [[ ! -e $state/mcu/flash.bin ]] || flock --timeout 10 "$state/mcu/flash.bin" true ||
+    [[ ! -e $state/mcu/flash.bin ]] || flock --timeout 60 "$state/mcu/flash.bin" true ||
         fail "the microcontroller of $state does not switch off: see $state/mcu/log"
 }
 
@@ -34,7 +34,7 @@ start_emulator() {
         exec setsid "$mcu_emulator" run --flash flash.bin --listen link --until-unlocked ../supply "$@"
     ) </dev/null >"$state/mcu/log" 2>&1 &
     local emulator=$! tries
-    for ((tries = 0; tries < 600; tries++)); do
+    for ((tries = 0; tries < 3000; tries++)); do
         [[ ! -S $state/mcu/link ]] || return 0
         kill -0 "$emulator" 2>/dev/null || break
         sleep 0.02
