@@ -21,12 +21,13 @@ namespace {
 
 // What storage does from its `from`th call on (1 the first), and to which files it does it.
 struct Storage {
-    enum class Failure { kNone, kPowerCut, kError, kLostWrite, kWrongWrite };
+    enum class Failure { kNone, kPowerCut, kError, kFlushError, kLostWrite, kWrongWrite };
     Failure failure = Failure::kNone;
     int from = 1;
     int error = EIO;
     std::string onlyTo;  // a path; empty: to all
     int calls = 0;
+    std::set<std::string> flushed;
     std::set<std::string> dropped;  // whose cached content was let go
 };
 Storage storage;
@@ -50,8 +51,8 @@ void countCall(int fd) {
     storage.calls += fd > STDERR_FILENO ? 1 : 0;
 }
 
-bool failsWithError(int fd) {
-    if (strikes(Storage::Failure::kError, fd)) {
+bool failsWithError(int fd, Storage::Failure failure = Storage::Failure::kError) {
+    if (strikes(failure, fd)) {
         errno = storage.error;
         return true;
     }
@@ -106,7 +107,11 @@ ssize_t write(int fd, const void* data, size_t length) {
 int fsync(int fd) {
     countCall(fd);
     cutPower(fd);
-    return failsWithError(fd) ? -1 : static_cast<int>(syscall(SYS_fsync, fd));
+    storage.flushed.insert(pathOf(fd));
+    if (failsWithError(fd) || failsWithError(fd, Storage::Failure::kFlushError)) {
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_fsync, fd));
 }
 
 int rename(const char* from, const char* to) noexcept {
@@ -314,14 +319,23 @@ TEST_F(MpuInterruption, storage_that_fails_anywhere_in_an_activation_leaves_the_
     }
 }
 
-TEST_F(MpuInterruption, flush_of_the_environment_that_fails_is_a_failure) {
+TEST_F(MpuInterruption, save_of_the_environment_that_fails_is_a_failure_however_it_fails) {
     ASSERT_EQ(installOnce(false), 0);
-    storage = {};
-    storage.failure = Failure::kError;
-    storage.onlyTo = storageOf(copiesNewestFirst().second);
-    testsupport::clearCapturedLog();
-    EXPECT_LT(activateOnce(), 0);
-    EXPECT_TRUE(testsupport::loggedWith(1, {kEnvironmentConfig, "the boot environment cannot be saved"}));
+    for (const Failure failure :
+         {Failure::kError, Failure::kFlushError, Failure::kLostWrite, Failure::kWrongWrite}) {
+        SCOPED_TRACE(static_cast<int>(failure));
+        const Snapshot copies = environmentCopies();
+        storage = {};
+        storage.failure = failure;
+        storage.onlyTo = storageOf(copiesNewestFirst().second);
+        testsupport::clearCapturedLog();
+        EXPECT_LT(activateOnce(), 0);
+        EXPECT_TRUE(testsupport::loggedWith(1, {kEnvironmentConfig, "the boot environment"}));
+        storage = {};
+        putPartition("env_a", copies.at("env_a"));
+        putPartition("env_b", copies.at("env_b"));
+    }
+    EXPECT_EQ(activateOnce(), 0);
 }
 
 TEST_F(MpuInterruption, full_storage_is_a_failure_that_is_named) {
@@ -352,13 +366,14 @@ TEST_F(MpuInterruption, write_that_is_lost_or_wrong_is_found) {
     }
 }
 
-TEST_F(MpuInterruption, cached_content_is_let_go_before_it_is_compared) {
+TEST_F(MpuInterruption, partitions_are_flushed_and_cached_content_is_let_go_before_it_is_compared) {
     UpgradeMpu mpu;
     ASSERT_EQ(mpu.preUpgrade(kFirmware, true, true), 0);
     ASSERT_EQ(mpu.upgrade(), 0);
     const std::set<std::string> slot = {storageOf("kernel_b"), storageOf("dtb_b"), storageOf("rootfs_b")};
     std::set<std::string> all = slot;
     all.insert(storageOf("bootloader"));
+    EXPECT_EQ(storage.flushed, all);
     EXPECT_EQ(storage.dropped, all);
     storage.dropped.clear();
     ASSERT_EQ(mpu.postUpgrade(), 0);
