@@ -124,7 +124,7 @@ twin_make_state() {
 # twin_namespace DIR: fills the array TWIN_NAMESPACE with the arguments of bwrap that put DIR's device together.
 # The caller's own uid is kept: as uid 0 of a user name space tar could not restore the owners of files.
 twin_namespace() {
-    local dir=$1 path
+    local dir=$1 path name
     TWIN_NAMESPACE=(--unshare-pid --unshare-ipc --die-with-parent --tmpfs / --ro-bind /usr /usr)
     for path in "${TWIN_HOST_SYSTEM[@]}"; do
         if [[ -L $path ]]; then
@@ -148,8 +148,10 @@ twin_namespace() {
         --dev-bind "$dir/partitions" /dev/disk/by-partlabel
         --dev-bind "$dir/mcu" /dev/kavro-mcu
         --unsetenv TMPDIR)
-    for path in "$dir"/partitions/*; do
-        [[ ! -L $path ]] || TWIN_NAMESPACE+=(--dev-bind "$(readlink "$path")" "$(readlink "$path")")
+    twin_is_block "$dir" || return 0
+    for name in "${!TWIN_PARTITION_SIZE[@]}"; do
+        path=$(readlink "$dir/partitions/$name")
+        TWIN_NAMESPACE+=(--dev-bind "$path" "$path")
     done
 }
 

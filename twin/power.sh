@@ -6,7 +6,7 @@
 #   STATE/mcu/link        its end of the link       STATE/power_up   locked while one run switches it on
 #   STATE/mcu/log         what it has heard and answered since it has power
 
-mcu_emulator=${KAVRO_TWIN_PROGRAMS:-$(dirname -- "$twin_home")/build/release/twin}/mcu-emulator
+mcu_emulator=$(realpath -m -- "${KAVRO_TWIN_PROGRAMS:-$twin_home/../build/release/twin}")/mcu-emulator
 
 need_mcu_emulator() {
     [[ -x $mcu_emulator ]] ||

@@ -273,6 +273,13 @@ test_nothing_of_the_host_is_written() {
     [[ -e device/tmp/$name ]] || die "the program inside wrote nothing at all"
 }
 
+test_a_link_that_a_program_makes_lends_nothing_of_the_host() {
+    new_twin
+    mkdir precious
+    on_device ln -s "$PWD/precious" /dev/disk/by-partlabel/precious
+    ! on_device test -e "$PWD/precious" || die "the directory behind the link is on the device"
+}
+
 test_the_source_tree_is_read_only_inside() {
     new_twin
     on_device test -x "$twin" || die "the source tree is not visible"
@@ -387,6 +394,12 @@ test_runs_side_by_side_share_one_microcontroller() {
     fails_with "runs already" "$twin" run device --no-mcu -- true
     touch device/raw/go
     wait
+}
+
+test_the_emulator_may_be_named_by_a_relative_path() {
+    new_twin
+    ln -s "$KAVRO_TWIN_PROGRAMS" programs
+    KAVRO_TWIN_PROGRAMS=programs on_device test -S /dev/kavro-mcu/link
 }
 
 test_a_run_may_leave_the_microcontroller_without_power() {
