@@ -36,6 +36,7 @@ constexpr const char* kPresent0 = "01 02 3E 05 6F C2 84 BE 00";
 constexpr const char* kPresent0Answer = "01 02 7E 05 6A 8D FD 4E 00";
 constexpr const char* kVersion1 = "09 01 22 F1 89 8F C1 F2 3B 00";
 constexpr const char* kVersion1Is8 = "05 01 62 F1 89 01 01 06 08 56 12 42 D9 00";
+constexpr const char* kPendingVersion1 = "09 01 7F 22 78 3A 28 39 3F 00";
 constexpr const char* kLinkOn1 = "0A 01 31 01 02 01 4A 79 26 F7 00";
 constexpr const char* kLinkOn1Answer = "0A 01 71 01 02 01 77 21 32 6C 00";
 constexpr const char* kProgramming2 = "08 02 10 02 01 7E 09 58 00";
@@ -200,10 +201,18 @@ TEST_F(Emulator, a_program_that_goes_away_in_the_middle_does_no_harm) {
     EXPECT_EQ(wire.ask(kPresent0), kPresent0Answer);
 }
 
+TEST_F(Emulator, what_a_program_did_not_wait_for_does_not_reach_the_next_one) {
+    Program program(runWords({"--fault", "pending@22=1:3"}));
+    connect(wire);
+    EXPECT_EQ(wire.ask(kVersion1), kPendingVersion1);
+    connect(wire);
+    EXPECT_EQ(wire.ask(kPresent0), kPresent0Answer);
+}
+
 TEST_F(Emulator, a_late_answer_arrives) {
     Program program(runWords({"--fault", "delay=1:200", "--fault", "pending=1:1"}));
     connect(wire);
-    EXPECT_EQ(wire.ask(kVersion1), "09 01 7F 22 78 3A 28 39 3F 00");
+    EXPECT_EQ(wire.ask(kVersion1), kPendingVersion1);
     EXPECT_EQ(wire.receive(), kVersion1Is8);
 }
 

@@ -332,6 +332,13 @@ TEST_F(Mcu, the_timeout_counts_from_the_answer) {
     EXPECT_EQ(ask(kSession), "62 F1 86 02");
 }
 
+TEST_F(Mcu, without_the_link_no_session_lasts) {
+    driverGood();
+    EXPECT_EQ(ask(kLinkOff), "71 02 02 01");
+    EXPECT_EQ(ask(kSession), "62 F1 86 01");
+    EXPECT_EQ(ask(kEraseAll), "7F 31 7F");
+}
+
 TEST_F(Mcu, the_link_outlasts_the_session) {
     programming();
     wait(60000);
