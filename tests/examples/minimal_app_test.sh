@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The example of the README at work: it installs a package on a device, and activates it when it is started again
-# after a restart.
+# The example of the README at work: it installs a package on a device, activates it when it is started again
+# after a restart, and confirms it after the next.
 #
 #   minimal_app_test.sh BUILD_DIR MINIMAL_APP
 set -euo pipefail
@@ -44,3 +44,12 @@ grep -q '^stage ' "$work/progress.txt" || die "no progress is shown"
 run_app || die "the activation failed"
 [[ ! -e $device/config/upgraded ]] || die "the upgrade still awaits activation"
 "$twin" boot "$device" | grep 'slot b'
+on_trial() {
+    [[ $("$twin" show "$device") == *"trial             $1"* ]]
+}
+
+on_trial "start 1 of" || die "slot b is not on trial"
+status=0
+run_app || status=$? # confirms, and then lacks a package
+((status == 2)) || die "in slot b it ends with $status, not 2"
+on_trial none || die "slot b is not confirmed"
