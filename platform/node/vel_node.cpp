@@ -71,17 +71,15 @@ void velDestroyNode(void** node) {
 int velSpiDevCtrl(void* node, bool on) {
     (void)node;
     const COMMON_YR::CancelHold hold;
-    const bool done = askMcu("velSpiDevCtrl", [on](kavro::McuClient& mcu, std::string& error) {
-        return mcu.setLink(on, error);
-    });
+    const bool done = askMcu(
+        "velSpiDevCtrl", [on](kavro::McuClient& mcu, std::string& error) { return mcu.setLink(on, error); });
     return done ? 0 : kFailed;
 }
 
 int velGetMcuVersion(void* node) {
     (void)node;
     const COMMON_YR::CancelHold hold;
-    const std::optional<int> version =
-        askMcu("velGetMcuVersion",
-               [](kavro::McuClient& mcu, std::string& error) { return mcu.version(error); });
+    const std::optional<int> version = askMcu(
+        "velGetMcuVersion", [](kavro::McuClient& mcu, std::string& error) { return mcu.version(error); });
     return version.value_or(kFailed);
 }
