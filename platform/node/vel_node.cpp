@@ -14,17 +14,18 @@
 namespace {
 
 constexpr int kFailed = -1;
+constexpr int kError = 1;
 constexpr int kNotice = 2;
 
-// Carries out one operation on the microcontroller; a failure is logged. The link is opened for each, since they are
+// Carries out one operation on the microcontroller; a failure is logged at the level. The link is opened for each, since they are
 // rare and other programs need it, too.
 template <typename Operation>
-auto askMcu(const char* caller, const Operation& operation) {
+auto askMcu(const char* caller, int level, const Operation& operation) {
     std::string error;
     const std::unique_ptr<kavro::McuClient> mcu = kavro::connectMcu(kavro::readPlatformConfig(), error);
     const auto result = mcu != nullptr ? operation(*mcu, error) : decltype(operation(*mcu, error)){};
     if (!result) {
-        printLog(kNotice, "%s: %s\n", caller, error.c_str());
+        printLog(level, "%s: %s\n", caller, error.c_str());
     }
     return result;
 }
@@ -71,15 +72,18 @@ void velDestroyNode(void** node) {
 int velSpiDevCtrl(void* node, bool on) {
     (void)node;
     const COMMON_YR::CancelHold hold;
-    const bool done = askMcu(
-        "velSpiDevCtrl", [on](kavro::McuClient& mcu, std::string& error) { return mcu.setLink(on, error); });
+    // Without the link there is no programming; left on, it does no harm.
+    const bool done =
+        askMcu("velSpiDevCtrl", on ? kError : kNotice,
+               [on](kavro::McuClient& mcu, std::string& error) { return mcu.setLink(on, error); });
     return done ? 0 : kFailed;
 }
 
 int velGetMcuVersion(void* node) {
     (void)node;
     const COMMON_YR::CancelHold hold;
-    const std::optional<int> version = askMcu(
-        "velGetMcuVersion", [](kavro::McuClient& mcu, std::string& error) { return mcu.version(error); });
+    const std::optional<int> version =
+        askMcu("velGetMcuVersion", kNotice,
+               [](kavro::McuClient& mcu, std::string& error) { return mcu.version(error); });
     return version.value_or(kFailed);
 }

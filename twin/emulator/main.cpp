@@ -108,7 +108,7 @@ ExitCode run(const CommandLine& line) {
     const auto goOn = [&] {
         return !microcontroller.powerLost() && !signalled(signals) && !unlocked(lockFile);
     };
-    if (!server.serve(end, goOn, signals.get(), kLockInterval, error)) {
+    if (!server.appear(error) || !server.serve(end, goOn, signals.get(), kLockInterval, error)) {
         return fail(kFailure, error);
     }
     tell(microcontroller.powerLost() ? "has no power any more [fault: power-loss]" : "is switched off");

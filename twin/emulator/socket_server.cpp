@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "platform/mcu/raw_file.h"
@@ -18,6 +19,7 @@ namespace kavro::emulator {
 namespace {
 
 constexpr int kWaitingConnections = 8;
+constexpr const char* kUnfinished = ".new";  // a socket that is not listened on yet
 constexpr std::size_t kReadBytes = 4096;
 
 Time now() {
@@ -28,8 +30,15 @@ FileDescriptor newSocket() {
     return FileDescriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
 }
 
-// Removes a socket on which nobody listens any more.
-bool removeStale(const std::string& path, const sockaddr_un& address, std::string& error) {
+sockaddr_un addressOf(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    return address;
+}
+
+// Whether nothing is there, or a socket on which nobody listens any more.
+bool isReplaceable(const std::string& path, std::string& error) {
     struct stat status {};
     if (::lstat(path.c_str(), &status) != 0) {
         return true;
@@ -39,12 +48,9 @@ bool removeStale(const std::string& path, const sockaddr_un& address, std::strin
         return false;
     }
     const FileDescriptor probe = newSocket();
+    const sockaddr_un address = addressOf(path);
     if (::connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
         error = fileError(path, "is in use by another program", 0);
-        return false;
-    }
-    if (::unlink(path.c_str()) != 0) {
-        error = fileError(path, "cannot be replaced", errno);
         return false;
     }
     return true;
@@ -59,19 +65,18 @@ SocketServer::~SocketServer() {
 }
 
 bool SocketServer::listen(const std::string& path, std::string& error) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.empty() || path.size() >= sizeof address.sun_path) {
-        error = fileError(
-            path,
-            "is no path for a socket: 1 to " + std::to_string(sizeof address.sun_path - 1) + " characters",
-            0);
+    const std::string unfinished = path + kUnfinished;
+    const std::size_t longest = sizeof(sockaddr_un::sun_path) - 1 - std::strlen(kUnfinished);
+    if (path.empty() || path.size() > longest) {
+        error =
+            fileError(path, "is no path for a socket: 1 to " + std::to_string(longest) + " characters", 0);
         return false;
     }
-    path.copy(address.sun_path, path.size());
-    if (!removeStale(path, address, error)) {
+    if (!isReplaceable(path, error)) {
         return false;
     }
+    (void)::unlink(unfinished.c_str());
+    const sockaddr_un address = addressOf(unfinished);
     FileDescriptor made = newSocket();
     if (!made.valid() ||
         ::bind(made.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
@@ -80,7 +85,17 @@ bool SocketServer::listen(const std::string& path, std::string& error) {
         return false;
     }
     listener = std::move(made);
-    socketPath = path;
+    socketPath = unfinished;
+    finalPath = path;
+    return true;
+}
+
+bool SocketServer::appear(std::string& error) {
+    if (std::rename(socketPath.c_str(), finalPath.c_str()) != 0) {
+        error = fileError(finalPath, "cannot be replaced", errno);
+        return false;
+    }
+    socketPath = finalPath;
     return true;
 }
 

@@ -21,8 +21,12 @@ class SocketServer {
     SocketServer(const SocketServer&) = delete;
     SocketServer& operator=(const SocketServer&) = delete;
 
-    // Makes the socket. One that a program which has ended left behind is replaced.
+    // Makes the socket, under another name beside the path; one that a program which has ended left behind at
+    // the path does no harm.
     [[nodiscard]] bool listen(const std::string& path, std::string& error);
+
+    // Puts the socket in its place: whoever finds it there can connect, and be answered.
+    [[nodiscard]] bool appear(std::string& error);
 
     // Takes frames to this end of the link until goOn, which is asked before each wait, returns false. It waits
     // at most `atMost`, less when the descriptor `wake` becomes readable.
@@ -38,7 +42,8 @@ class SocketServer {
     [[nodiscard]] bool busy() const { return !outputs.empty(); }
     [[nodiscard]] int waitTime(Milliseconds atMost) const;
 
-    std::string socketPath;
+    std::string socketPath;  // where it is now
+    std::string finalPath;
     FileDescriptor listener;
     FileDescriptor connection;
     std::deque<std::uint8_t> received;  // and not yet looked at
