@@ -28,7 +28,7 @@ openssl genpkey -quiet -algorithm RSA -out "$work/key.pem"
 "$root/twin/demo/make_release.sh" "$work/release" 1 105 8 3
 "$build/tools/upgradectl/upgradectl" pack --output "$work/release.pkg" --key "$work/key.pem" --version 1.105.8.3 \
     "$work/release"
-"$twin" create "$device"
+"$twin" create "$device" --plain
 
 status=0
 run_app || status=$?

@@ -348,7 +348,7 @@ test_a_small_disk_fills_up() {
 
 test_twins_side_by_side_do_not_see_each_other() {
     new_twin
-    "$twin" create other
+    "$twin" create other --plain
     on_device touch /tmp/mine /config/mine
     equal "what the other sees" "$("$twin" run other -- sh -c 'ls /tmp /config | grep mine || echo none')" none
 }
@@ -364,6 +364,7 @@ test_an_ordinary_user_can_run_it() {
     setpriv --reuid 65534 --regid 65534 --clear-groups bash -euc '
         cd "$3"
         "$1" create "$2"
+        test -f "$2/partitions/kernel_a"
         ! "$1" create "$2-block" --block 2>err.txt
         grep -q "only root" err.txt
         "$1" run "$2" -- fw_setenv boot_slot b
@@ -688,6 +689,15 @@ raw.img 2147483648"
 
 loop_devices() {
     losetup --noheadings --output BACK-FILE | grep -c "^$PWD/device/" || true
+}
+
+# on block devices
+test_a_device_is_of_block_devices_where_they_are_possible() {
+    "$twin" create device >out.txt
+    grep -q "twin detach" out.txt || die "it does not say what is left on the host: $(cat out.txt)"
+    [[ -b device/partitions/kernel_a ]] || die "its partitions are no block devices"
+    equal "form that is remembered" "$(head -n 1 device/created-with)" --block
+    "$twin" remove device
 }
 
 # on block devices
