@@ -8,6 +8,7 @@
 #   upgrade_available                 1 while that slot is on trial: activated, not confirmed
 #   bootcount, bootlimit              starts on trial so far, and how many there may be; without a limit, any number
 #   slot_NAME_kernel, _dtb, _rootfs   "BYTES SHA256" of what the first bytes of the partition must be
+#   slots_unchecked                   1 in a device that was made without software: a slot that is not known is started
 
 boot_parts=(kernel dtb rootfs)
 declare -A boot_defaults=([boot_slot]=a [upgrade_available]=0 [bootcount]=0 [bootlimit]=3)
@@ -17,7 +18,6 @@ declare -A boot_magic_at=([kernel]=56 [dtb]=0 [rootfs]=1080)
 declare -A boot_magic=([kernel]=41524d64 [dtb]=d00dfeed [rootfs]=53ef)
 
 declare -A environment=() slot_verdict=()
-environment_is_default=false
 
 other_slot() {
     if [[ $1 == a ]]; then printf 'b\n'; else printf 'a\n'; fi
@@ -57,7 +57,6 @@ save() {
 use_defaults() {
     local name defaults=()
     printf 'Loading environment... *** Warning - bad CRC, using default environment\n'
-    environment_is_default=true
     for name in boot_slot upgrade_available bootcount bootlimit; do
         defaults+=("$name=${boot_defaults[$name]}")
     done
@@ -104,24 +103,35 @@ check_parts() {
     done
 }
 
-# A new device's environment knows nothing of its slots, nor does a default one: but that one stands for an unknown
-# past, so the slot must at least look like one.
-check_slot() {
+# known_parts SLOT: prints of how many parts the environment says what they must be.
+known_parts() {
     local part known=0
     for part in "${boot_parts[@]}"; do
         [[ -z ${environment[slot_$1_$part]-} ]] || known=$((known + 1))
     done
+    printf '%d\n' "$known"
+}
+
+# Nobody has activated a slot of which the environment says nothing while it knows the other one. When it knows neither,
+# it is a default one that stands for an unknown past: the slot must at least look like one.
+check_slot() {
+    local known other
+    known=$(known_parts "$1")
+    other=$(known_parts "$(other_slot "$1")")
     if ((known == ${#boot_parts[@]})); then
         check_parts "$1" part_is_expected "is not what the environment expects" || return 1
         printf 'Slot %s: kernel, dtb and rootfs are as expected\n' "$1"
     elif ((known)); then
         printf 'Slot %s: the environment knows only a part of it\n' "$1"
         return 1
-    elif "$environment_is_default"; then
+    elif [[ ${environment[slots_unchecked]-} == 1 ]]; then
+        printf 'Slot %s: not checked, the environment does not know its content\n' "$1"
+    elif ((other)); then
+        printf 'Slot %s: was never activated, the environment does not know its content\n' "$1"
+        return 1
+    else
         check_parts "$1" part_looks_startable "cannot be started" || return 1
         printf 'Slot %s: kernel, dtb and rootfs can be started; the environment does not know their content\n' "$1"
-    else
-        printf 'Slot %s: not checked, the environment does not know its content\n' "$1"
     fi
 }
 

@@ -42,12 +42,21 @@ start_emulator() {
     fail "the microcontroller does not start: $(tail -n 3 "$state/mcu/log")"
 }
 
+# An emulator whose last run is over needs a moment to notice it: neither its faults nor what it holds in memory are for
+# the next one. Nobody but a run that holds the supply keeps it from being locked here.
+wait_for_last_run() {
+    flock --exclusive --nonblock "$supply" || return 0
+    flock --unlock "$supply"
+    wait_until_mcu_is_off
+}
+
 # switch_mcu_on [--fault SPEC]...: `supply` is open. Until this process ends, and every other that has switched it on.
 switch_mcu_on() {
     need_mcu_emulator
     exec {power_up}>>"$state/power_up"
-    flock --shared "$supply"
     flock "$power_up"
+    wait_for_last_run
+    flock --shared "$supply"
     if mcu_is_on; then
         (($# == 0)) || fail "the microcontroller runs already, for another 'twin run': too late for its faults"
     else

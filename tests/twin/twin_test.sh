@@ -116,6 +116,7 @@ test_a_new_device_has_the_given_versions() {
     equal "environment" "$(on_device fw_printenv | sort)" "boot_slot=a
 bootcount=0
 bootlimit=3
+slots_unchecked=1
 upgrade_available=0"
     runs a
 }
@@ -409,6 +410,19 @@ test_a_run_may_leave_the_microcontroller_without_power() {
     fails_with "needs a microcontroller" "$twin" run device --no-mcu --mcu-fault drop=1 -- true
 }
 
+# The emulator notices the end of a run a moment later.
+test_a_run_right_after_another_has_a_microcontroller_of_its_own() {
+    new_twin
+    local round
+    for round in 1 2 3 4 5; do
+        on_device true
+        "$twin" run device --mcu-fault drop=1.. -- true || die "round $round: the run before still holds it"
+        echo "of the run before" >>device/mcu/log
+        on_device true
+        ! grep -q "of the run before" device/mcu/log || die "round $round: it is the one with the fault"
+    done
+}
+
 test_a_fault_that_does_not_exist_is_refused_before_the_program_runs() {
     new_twin
     fails_with "does not start: ." "$twin" run device --mcu-fault nonsense=1 -- touch /raw/note
@@ -520,6 +534,17 @@ test_a_confirmed_slot_is_not_counted() {
     equal "bootcount" "$(variable bootcount)" 0
 }
 
+test_a_slot_that_nobody_has_activated_is_no_fall_back() {
+    new_twin
+    set_environment slots_unchecked=0
+    fill_slot a
+    write_at kernel_a 3 X
+    ! "$twin" boot device >boot.txt 2>err.txt || die "it starts"
+    says "Slot a: kernel is not what the environment expects" \
+        "Slot b: was never activated, the environment does not know its content"
+    equal "boot_slot" "$(variable boot_slot)" a
+}
+
 test_a_slot_on_trial_stays_when_the_other_cannot_start() {
     new_twin
     fill_slot a
@@ -623,6 +648,17 @@ test_a_damaged_environment_is_replaced_by_the_default_one() {
 bootcount=0
 bootlimit=3
 upgrade_available=0"
+}
+
+test_a_default_environment_takes_no_slot_unseen_at_any_start() {
+    new_twin
+    make_startable a
+    damage_environment env_a env_b
+    boot
+    runs a
+    write_at kernel_a 56 XXXX
+    ! "$twin" boot device >boot.txt 2>err.txt || die "it starts"
+    says "Slot a: kernel cannot be started" "Slot b: kernel cannot be started"
 }
 
 test_a_default_environment_starts_the_slot_that_can_be_started() {
