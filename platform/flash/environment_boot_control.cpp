@@ -5,6 +5,7 @@
 #include <libuboot.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <memory>
@@ -197,6 +198,12 @@ class FlushedCopies {
     std::vector<RawFile> files;
 };
 
+// The boot loader takes anything else for no limit: a slot on trial would never be given up.
+bool isPositiveNumber(const std::string& text) {
+    const auto isDigit = [](char character) { return character >= '0' && character <= '9'; };
+    return std::all_of(text.begin(), text.end(), isDigit) && text.find_first_not_of('0') != std::string::npos;
+}
+
 // Changes all of these variables, in one save.
 bool save(const std::string& config, const Variables& changes, std::string& error) {
     std::vector<Copy> copies;
@@ -270,7 +277,7 @@ bool EnvironmentBootControl::activate(const std::string& slot, const SlotContent
     if (!load(state, error)) {
         return false;
     }
-    if (state.startLimit.empty()) {
+    if (!isPositiveNumber(state.startLimit)) {
         changes[kStartLimit] = kDefaultStartLimit;
     }
     return save(config, changes, error);

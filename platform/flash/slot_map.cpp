@@ -86,6 +86,12 @@ std::string runningSlotIn(const std::string& text) {
 
 bool readRunningSlot(const PlatformConfig& config, SlotMap& map, std::string& error) {
     const std::string running = runningSlotIn(COMMON_YR::readFile2String(config.runningSlotFile.c_str()));
+    if (running.empty()) {
+        error = config.runningSlotFile +
+                ": does not tell the running slot: it is missing, not readable or empty. It is to be written "
+                "at each start";
+        return false;
+    }
     if (config.slots.count(running) == 0) {
         error =
             config.runningSlotFile + ": the running slot \"" + running + "\" is none of the device's slots";

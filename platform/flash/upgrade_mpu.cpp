@@ -170,6 +170,13 @@ class MpuFlasher {
             !kavro::checkPartitionsDistinct(map, environment, error)) {
             return false;
         }
+        if (!state.onTrial && state.bootSlot != map.slots.running) {
+            error =
+                map.bootEnvironmentConfig + ": the boot environment starts slot " + state.bootSlot +
+                ", which is not on trial, but slot " + map.slots.running +
+                " is said to be running: it is not clear which one may be written. Restart the device first";
+            return false;
+        }
         if (isRunningOnTrial(state)) {
             notice("slot " + map.target + " is written while slot " + state.bootSlot +
                    " is on trial: there is no slot to fall back to until it is complete");

@@ -105,8 +105,7 @@ void activate(const OwnOutput& output) {
                         "install one: upgradectl install PACKAGE", loggedErrors());
     }
     throw ToolError(ExitCode::kOther, "the device could not be switched to the installed software",
-                    "check what /etc/kavro/platform.json names as boot state, then try again",
-                    loggedErrors());
+                    "mend what the device: lines say, then try again", loggedErrors());
 }
 
 void confirm(const OwnOutput& output) {

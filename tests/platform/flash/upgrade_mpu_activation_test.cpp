@@ -78,10 +78,13 @@ TEST_F(MpuActivation, is_one_save) {
 }
 
 TEST_F(MpuActivation, sets_a_limit_of_starts_where_there_is_none) {
-    setEnvironment({{"bootlimit", ""}});
-    writeSlotB(1);
-    ASSERT_EQ(UpgradeMpu().activate(true), 0);
-    expectEnvironment({{"boot_slot", "b"}, {"upgrade_available", "1"}, {"bootlimit", "3"}});
+    for (const std::string limit : {"", "0", "00", "-1", "many", "3 "}) {
+        SCOPED_TRACE(limit);
+        setEnvironment({{"boot_slot", "a"}, {"upgrade_available", "0"}, {"bootlimit", limit}});
+        writeSlotB(1);
+        ASSERT_EQ(UpgradeMpu().activate(true), 0);
+        expectEnvironment({{"boot_slot", "b"}, {"upgrade_available", "1"}, {"bootlimit", "3"}});
+    }
 }
 
 TEST_F(MpuActivation, lasts_over_a_restart_between_writing_and_activation) {

@@ -304,9 +304,22 @@ TEST_F(Mpu, is_unusable_when_the_running_slot_is_unknown) {
     testsupport::writeFile(kRunningSlot, "c\n");
     expectUnusable({kRunningSlot, "\"c\""});
     testsupport::writeFile(kRunningSlot, "");
-    expectUnusable({kRunningSlot, "\"\""});
+    expectUnusable({kRunningSlot, "missing, not readable or empty"});
     std::filesystem::remove(kRunningSlot);
-    expectUnusable({kRunningSlot, "\"\""});
+    expectUnusable({kRunningSlot, "missing, not readable or empty"});
+}
+
+// Which of the two may be written nobody knows then.
+TEST_F(Mpu, running_slot_that_the_boot_loader_cannot_have_started_is_refused) {
+    setEnvironment({{"boot_slot", "b"}});
+    const Snapshot before = partitions();
+    const Snapshot environmentBefore = environmentCopies();
+    UpgradeMpu mpu;
+    EXPECT_LT(mpu.preUpgrade(kFirmware, false, true), 0);
+    EXPECT_TRUE(testsupport::loggedWith(1, {"starts slot b", "slot a is said to be running"}));
+    EXPECT_LT(mpu.upgrade(), 0);
+    EXPECT_TRUE(partitions() == before);
+    EXPECT_TRUE(environmentCopies() == environmentBefore);
 }
 
 TEST_F(Mpu, becomes_usable_by_init_when_the_device_is_known) {
