@@ -4,7 +4,9 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <limits>
 #include <utility>
 
 #include "platform/utility/file_io.h"
@@ -19,7 +21,9 @@ constexpr long long kToleratedLimits = 2;
 
 }  // namespace
 
-LogFile::LogFile(std::string path, long long limitBytes) : name(std::move(path)), limit(limitBytes) {}
+LogFile::LogFile(std::string path, long long limitBytes)
+    : name(std::move(path)),
+      limit(std::min(limitBytes, std::numeric_limits<long long>::max() / kToleratedLimits)) {}
 
 void LogFile::append(std::string_view line) {
     if (name.empty() || !follow()) {

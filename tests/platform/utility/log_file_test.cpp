@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <limits>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -124,6 +125,14 @@ TEST(LogFile, of_several_processes_keeps_the_newest_lines_when_full) {
     while (wait(nullptr) > 0) {
     }
     EXPECT_GT(slurp(kOlderLog).size(), static_cast<std::size_t>(kBytes) * 3 / 4);
+}
+
+TEST(LogFile, of_the_largest_limit_keeps_every_line) {
+    configure(kLog, std::numeric_limits<long long>::max());
+    for (int count = 0; count < 3; ++count) {
+        printLog(3, "line %d\n", count);
+    }
+    EXPECT_EQ(linesOf(kLog).size(), 3U);
 }
 
 // A directory in the place of the older file.
