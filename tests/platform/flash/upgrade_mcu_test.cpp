@@ -11,10 +11,10 @@
 #include "platform/mcu/mcu_image.h"
 #include "platform/utility/file_descriptor.h"
 #include "tests/platform/captured_log.h"
-#include "tests/platform/flash/small_stack.h"
 #include "tests/platform/mcu/mcu_test_support.h"
 #include "tests/support/device.h"
 #include "tests/support/mcu_emulator.h"
+#include "tests/support/small_stack.h"
 
 namespace {
 
@@ -147,7 +147,7 @@ TEST_F(Mcu, flash_driver_of_several_sections_is_loaded) {
 }
 
 TEST_F(Mcu, whole_sequence_fits_on_the_stack_of_a_flashing_job) {
-    testsupport::runOnJobStack([&] { EXPECT_EQ(install(), 0); });
+    ASSERT_TRUE(testsupport::runOnSmallStack([&] { EXPECT_EQ(install(), 0); }));
     EXPECT_EQ(velGetMcuVersion(nullptr), 9);
 }
 

@@ -8,7 +8,7 @@
 
 #include "tests/platform/captured_log.h"
 #include "tests/platform/flash/mpu_device.h"
-#include "tests/platform/flash/small_stack.h"
+#include "tests/support/small_stack.h"
 
 namespace {
 
@@ -160,7 +160,9 @@ TEST_F(MpuActivation, with_a_damaged_record_is_refused_until_the_next_upgrade) {
           R"({"slot": "b", )" + parts + R"({"bytes": "1"}})", R"({"slot": "b", )" + parts + "7}"}) {
         SCOPED_TRACE(record.substr(0, 100));
         testsupport::writeFile(kWrittenSlot, record);
-        testsupport::runOnJobStack([] { expectActivationRefused({kWrittenSlot, "a new upgrade replaces"}); });
+        ASSERT_TRUE(testsupport::runOnSmallStack([] {
+            expectActivationRefused({kWrittenSlot, "a new upgrade replaces"});
+        }));
     }
     writeSlotB(1);
     EXPECT_EQ(UpgradeMpu().activate(true), 0);

@@ -13,7 +13,7 @@
 
 #include "tests/platform/captured_log.h"
 #include "tests/platform/flash/mpu_device.h"
-#include "tests/platform/flash/small_stack.h"
+#include "tests/support/small_stack.h"
 
 namespace {
 
@@ -126,10 +126,10 @@ TEST_F(Mpu, component_as_large_as_its_partition_is_written) {
 
 TEST_F(Mpu, whole_sequence_fits_on_the_stack_of_a_flashing_job) {
     UpgradeMpu mpu;
-    testsupport::runOnJobStack([&] {
+    ASSERT_TRUE(testsupport::runOnSmallStack([&] {
         EXPECT_EQ(install(mpu, true), 0);
         EXPECT_EQ(mpu.activate(true), 0);
-    });
+    }));
     expectEnvironment({{"boot_slot", "b"}});
 }
 
