@@ -1,0 +1,55 @@
+// The command lines of the commands that ask the device, or switch it.
+#include <CLI/CLI.hpp>
+#include <memory>
+
+#include "tools/upgradectl/command_line.h"
+#include "tools/upgradectl/device_commands.h"
+#include "tools/upgradectl/own_output.h"
+
+namespace upgradectl {
+
+void addInit(CLI::App& app, Action& chosen) {
+    CLI::App* command = app.add_subcommand("init", "Do what the device's application does after each start");
+    command->footer(
+        "Restores the factory package, where there is one, checks the partitions and writes the current "
+        "versions.\n"
+        "Prints the directory for packages.\n\n"
+        "Example:\n"
+        "  upgradectl init\n");
+    command->callback([&chosen] { chosen = [] { initDevice(OwnOutput()); }; });
+}
+
+void addStatus(CLI::App& app, Action& chosen) {
+    CLI::App* command =
+        app.add_subcommand("status", "Tell versions, state, outcome of the last run and packages");
+    command->footer(
+        "The outcome of the last run stays recorded for the device's application, which reads it once.\n\n"
+        "Example:\n"
+        "  upgradectl status\n");
+    const auto consume = std::make_shared<bool>(false);
+    command->add_flag("--consume", *consume,
+                      "Remove the record of the last run's outcome, as its reader does");
+    command->callback([consume, &chosen] { chosen = [consume] { showStatus(OwnOutput(), *consume); }; });
+}
+
+void addActivate(CLI::App& app, Action& chosen) {
+    CLI::App* command =
+        app.add_subcommand("activate", "Make the installed software the one that starts next");
+    command->footer(
+        "Example:\n"
+        "  upgradectl activate\n");
+    command->callback([&chosen] { chosen = [] { activate(OwnOutput()); }; });
+}
+
+void addConfirm(CLI::App& app, Action& chosen) {
+    CLI::App* command = app.add_subcommand("confirm", "Tell that the running software is good");
+    command->footer(
+        "After an activation the boot loader starts the new software on trial, and goes back to the old one "
+        "when it\n"
+        "is not confirmed within a few starts. Harmless without a trial.\n\n"
+        "Example:\n"
+        "  upgradectl confirm\n");
+    command->callback([&chosen] { chosen = [] { confirm(OwnOutput()); }; });
+}
+
+}  // namespace upgradectl

@@ -1,0 +1,57 @@
+#include "tools/upgradectl/command_line.h"
+
+#include <CLI/CLI.hpp>
+#include <string>
+#include <vector>
+
+namespace upgradectl {
+
+namespace {
+
+constexpr const char* kExitCodes =
+    "Exit codes:\n"
+    "  0  done\n"
+    "  1  the machine or the device is not in order (room, permissions, partitions)\n"
+    "  2  wrong command line\n"
+    "  3  the package, or what it is to be made of, was refused; nothing was flashed\n"
+    "  4  flashing failed\n"
+    "  5  given up in time; nothing was flashed\n";
+
+// What CLI11 says of a command line without a command does not name the word that was taken for one.
+std::string wrongCommandLine(const CLI::App& app, const CLI::Error& error) {
+    if (!app.get_subcommands().empty()) {
+        return error.what();
+    }
+    const std::vector<std::string> words = app.remaining();
+    if (words.empty()) {
+        return "a command is missing";
+    }
+    const bool isOption = words.front().rfind('-', 0) == 0;
+    return "'" + words.front() + "' is no " + (isOption ? "option" : "command");
+}
+
+// In the form of every other failure.
+std::string failureMessage(const CLI::App* app, const CLI::Error& error) {
+    std::string help = "upgradectl";
+    for (const CLI::App* command : app->get_subcommands()) {
+        help = "upgradectl " + command->get_name();
+    }
+    return "upgradectl: " + wrongCommandLine(*app, error) + "\n  next: " + help + " --help\n";
+}
+
+}  // namespace
+
+void describeCommandLine(CLI::App& app, Action& chosen) {
+    app.name("upgradectl");
+    app.description("Makes upgrade packages and upgrades the device");
+    app.set_version_flag("--version", "upgradectl " UPGRADECTL_VERSION);
+    app.require_subcommand(1);
+    app.footer(kExitCodes);
+    app.failure_message(failureMessage);
+    for (const auto add :
+         {addPack, addInit, addInstall, addStatus, addWatch, addActivate, addConfirm, addRollback}) {
+        add(app, chosen);
+    }
+}
+
+}  // namespace upgradectl

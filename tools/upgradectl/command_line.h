@@ -1,0 +1,28 @@
+// The command line of upgradectl as one description, from which it is parsed and its manual pages are made.
+#pragma once
+
+#include <functional>
+
+namespace CLI {
+class App;
+}
+
+namespace upgradectl {
+
+// What a command line asks for. Throws ToolError.
+using Action = std::function<void()>;
+
+// Enters all commands and options into app. Parsing sets chosen, which must outlive app, unless it fails.
+void describeCommandLine(CLI::App& app, Action& chosen);
+
+// One function for each command, in the file of its kind.
+void addPack(CLI::App& app, Action& chosen);
+void addInit(CLI::App& app, Action& chosen);
+void addInstall(CLI::App& app, Action& chosen);
+void addStatus(CLI::App& app, Action& chosen);
+void addWatch(CLI::App& app, Action& chosen);
+void addActivate(CLI::App& app, Action& chosen);
+void addConfirm(CLI::App& app, Action& chosen);
+void addRollback(CLI::App& app, Action& chosen);
+
+}  // namespace upgradectl

@@ -1,0 +1,64 @@
+// The command line of pack.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "tools/upgradectl/command_line.h"
+#include "tools/upgradectl/interrupts.h"
+#include "tools/upgradectl/pack.h"
+#include "tools/upgradectl/package_version.h"
+
+namespace upgradectl {
+
+namespace {
+
+void runPack(const PackRequest& request) {
+    const Interrupts interrupts;
+    const PackSummary summary = pack(request, interrupts);
+    std::printf("package   %s\n", request.output.c_str());
+    std::printf("version   %s\n", formatVersion(request.version).c_str());
+    std::printf("payload   %u bytes, md5 %s\n", summary.payloadBytes, summary.md5.c_str());
+    std::printf("signed    %s\n", summary.keyDescription.c_str());
+}
+
+}  // namespace
+
+void addPack(CLI::App& app, Action& chosen) {
+    CLI::App* command = app.add_subcommand("pack", "Make a signed upgrade package out of components");
+    command->footer(
+        "The directory holds bld_release.bin, cv22_kavro_qz7.dtb, ext4, Image, mcu_flash_app.s19,\n"
+        "mcu_flash_drv.s19 and, if wanted, version_list.acs, which is made otherwise.\n"
+        "SOURCE_DATE_EPOCH sets the times in the package.\n\n"
+        "Example:\n"
+        "  upgradectl pack --key signing.pem --version 1.105.8.3 --output camera.pkg components/\n");
+
+    struct Options {
+        PackRequest request;
+        std::string version, stamp;
+    };
+    const auto options = std::make_shared<Options>();
+    command->add_option("COMPONENT_DIR", options->request.componentDir, "Directory of the components")
+        ->required();
+    command->add_option("-o,--output", options->request.output, "Package to write")->required();
+    command->add_option("-k,--key", options->request.key, "Private key (PEM, RSA or EC)")->required();
+    command->add_option("--version", options->version, "Versions as HW.MPU.MCU.BLD, each 0 to 999")
+        ->required();
+    CLI::Option* stamp =
+        command->add_option("--stamp", options->stamp, "Stamp, up to 14 bytes (default: UTC time)");
+    command->add_option("--ident", options->request.ident, "Identifier, up to 40 bytes, such as a commit");
+    command->add_option("--branch", options->request.branch, "Branch text; devices keep 127 bytes");
+    command->add_option("--user", options->request.user, "User text, needs --branch; devices keep 127 bytes");
+
+    command->callback([options, stamp, &chosen] {
+        chosen = [options, stamp] {
+            options->request.version = parseVersion(options->version);
+            if (stamp->count() > 0) {
+                options->request.stamp = options->stamp;
+            }
+            runPack(options->request);
+        };
+    });
+}
+
+}  // namespace upgradectl
