@@ -3,13 +3,18 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "tools/upgradectl/archive_walk.h"
 #include "tools/upgradectl/package_trailer.h"
 
 namespace upgradectl {
+
+// Faults are whole sentences without a full stop that name what they are about. What they quote from the package is
+// escaped; what stands in a trailer or in the name of an archive's entry is not.
 
 struct ComponentCheck {
     std::string name;
@@ -18,18 +23,34 @@ struct ComponentCheck {
     std::string fault;   // what a device would refuse it for; empty when it is in order
 };
 
+// One of the things that are checked of a package as a whole.
+struct PartCheck {
+    std::string name;  // "trailer", "key", "trusted key", "md5", "archive"
+    std::vector<std::string> faults;
+};
+
 struct PackageCheck {
-    PackageTrailer trailer;
+    PackageTrailer trailer;        // as far as it can be read
+    std::string keyDescription;    // "EC, 256 bits"; empty when the package holds no usable key
+    std::string keyDigest;         // SHA-256 of the key in DER form, lower-case hexadecimal digits; or empty
+    std::vector<PartCheck> parts;  // in the order above; the trusted key only when one was given
     std::vector<ComponentCheck> components;  // the seven, in the order of kComponentNames
-    std::vector<std::string> faults;         // of the package as a whole; empty when it is in order
+    std::vector<std::string> faults;         // of the package as a whole: those of all parts
 
     bool inOrder() const;
 };
 
-// Reads a package once, in fixed memory, without writing anything. With a trusted key (PEM, public) a package that
-// carries another one has that as a fault. Throws ToolError (refused) when the file is no package, so that there
-// is nothing to check: another size, no regular file, unreadable, a trailer that makes no sense.
+// Called with each entry of the archive, in their order.
+using EntryListener = std::function<void(const ArchiveEntry&)>;
+
+// Reads a package once, in fixed memory, without writing anything. Whatever a device would refuse is a fault, and so is
+// what a device may take or not, such as two entries of one name. With a trusted key (PEM, public) a package that
+// carries another one has that as a fault.
+//
+// Throws ToolError: refused when the file is no package, so that there is nothing to check (another size, no regular
+// file, unreadable); usage when the trusted key's file holds no public key; other when a file cannot be read.
 PackageCheck checkPackage(const std::filesystem::path& package,
-                          const std::optional<std::filesystem::path>& trustedKey = std::nullopt);
+                          const std::optional<std::filesystem::path>& trustedKey = std::nullopt,
+                          const EntryListener& listener = {});
 
 }  // namespace upgradectl

@@ -2,7 +2,9 @@
 
 #include <array>
 #include <cstdio>
+#include <utility>
 
+#include "tools/upgradectl/escaped_text.h"
 #include "tools/upgradectl/tool_error.h"
 
 namespace upgradectl {
@@ -11,6 +13,9 @@ namespace {
 
 // Everything but the public key, the branch text and the user text.
 constexpr std::size_t kFixedBytes = 130;
+constexpr std::size_t kHexNumberBytes = 8;
+constexpr std::size_t kMd5Bytes = 32;
+constexpr std::size_t kVersionDigits = 3;
 
 void requireLength(const char* option, const std::string& text, std::size_t limit) {
     if (text.size() <= limit) {
@@ -70,6 +75,133 @@ std::string encodeTrailer(const PackageTrailer& trailer) {
     block += hexNumber(trailer.branch.size()) + trailer.branch;
     block += hexNumber(trailer.user.size()) + trailer.user;
     return padded(block, kTrailerBytes);
+}
+
+namespace {
+
+constexpr const char* kHexDigits = "0123456789abcdefABCDEF";
+constexpr const char* kDigits = "0123456789";
+
+// A NUL is no digit either.
+bool consistsOf(const std::string& text, const char* characters) {
+    return text.find_first_not_of(characters) == std::string::npos;
+}
+
+// Takes the fields off a block, one after the other. Each step returns false when what is behind it has lost its place.
+class TrailerDecoder {
+  public:
+    explicit TrailerDecoder(const std::string& trailerBlock) : block(trailerBlock) {}
+
+    TrailerReading decode() {
+        PackageTrailer& trailer = reading.trailer;
+        (void)(takePayloadBytes() && takeMd5() && takeCounted("public key", trailer.publicKey) &&
+               takePadded("stamp", kStampBytes, trailer.stamp) &&
+               takePadded("ident", kIdentBytes, trailer.ident) && takeVersions() &&
+               takeCounted("branch text", trailer.branch) && takeCounted("user text", trailer.user) &&
+               takeUnusedEnd());
+        return std::move(reading);
+    }
+
+  private:
+    void fault(const std::string& text) { reading.faults.push_back(text); }
+
+    bool take(const std::string& what, std::size_t size, std::string& field) {
+        if (size > block.size() - position) {
+            fault("the trailer is too short for its " + what + " of " + std::to_string(size) + " bytes");
+            return false;
+        }
+        field = block.substr(position, size);
+        position += size;
+        return true;
+    }
+
+    bool takeNumber(const std::string& what, std::uint32_t& number) {
+        std::string digits;
+        if (!take(what, kHexNumberBytes, digits)) {
+            return false;
+        }
+        if (!consistsOf(digits, kHexDigits)) {
+            fault("the " + what + " in the trailer is '" + escaped(digits) +
+                  "', which is no hexadecimal number");
+            return false;
+        }
+        number = static_cast<std::uint32_t>(std::stoul(digits, nullptr, 16));
+        return true;
+    }
+
+    bool takeCounted(const std::string& what, std::string& field) {
+        std::uint32_t size = 0;
+        return takeNumber("length of the " + what, size) && take(what, size, field);
+    }
+
+    // The place of what follows does not depend on this number.
+    bool takePayloadBytes() {
+        std::uint32_t& bytes = reading.trailer.payloadBytes;
+        if (!takeNumber("length of the payload", bytes)) {
+            return true;
+        }
+        reading.payloadKnown = bytes <= kMaxPayloadBytes;
+        if (!reading.payloadKnown) {
+            fault("the trailer states a payload of " + std::to_string(bytes) + " bytes, a package holds " +
+                  std::to_string(kMaxPayloadBytes) + " at most");
+        }
+        return true;
+    }
+
+    bool takeMd5() {
+        std::string digits;
+        if (!take("md5", kMd5Bytes, digits)) {
+            return false;
+        }
+        if (consistsOf(digits, kHexDigits)) {
+            reading.trailer.md5 = digits;
+        } else {
+            fault("the md5 in the trailer is '" + escaped(digits) + "', which is no hexadecimal number");
+        }
+        return true;
+    }
+
+    bool takePadded(const std::string& what, std::size_t size, std::string& field) {
+        if (!take(what, size, field)) {
+            return false;
+        }
+        field.erase(field.find_last_not_of('\0') + 1);
+        return true;
+    }
+
+    bool takeVersions() {
+        PackageVersion& version = reading.trailer.version;
+        for (int* number : {&version.hw, &version.mpu, &version.mcu, &version.bld}) {
+            std::string digits;
+            if (!take("versions", kVersionDigits, digits)) {
+                return false;
+            }
+            if (consistsOf(digits, kDigits)) {
+                *number = std::stoi(digits);
+            } else {
+                fault("a version in the trailer is '" + escaped(digits) +
+                      "', which is no number of three digits");
+            }
+        }
+        return true;
+    }
+
+    bool takeUnusedEnd() {
+        if (block.find_first_not_of('\0', position) != std::string::npos) {
+            fault("the unused end of the trailer does not consist of NULs");
+        }
+        return true;
+    }
+
+    const std::string& block;
+    std::size_t position = 0;
+    TrailerReading reading;
+};
+
+}  // namespace
+
+TrailerReading decodeTrailer(const std::string& block) {
+    return TrailerDecoder(block).decode();
 }
 
 }  // namespace upgradectl

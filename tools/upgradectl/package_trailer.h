@@ -18,6 +18,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "tools/upgradectl/package_version.h"
 
@@ -46,5 +47,16 @@ void requireTrailerFits(const PackageTrailer& trailer);
 
 // The kTrailerBytes bytes. trailer must fit.
 std::string encodeTrailer(const PackageTrailer& trailer);
+
+struct TrailerReading {
+    PackageTrailer trailer;  // what cannot be read is as it is by default
+    bool payloadKnown = false;
+    std::vector<std::string>
+        faults;  // whole sentences without a full stop; empty when every field is in order
+};
+
+// The fields of the kTrailerBytes bytes. Stricter than a device, which overlooks an unreadable branch or user text and
+// what stands behind them: nothing else tells that a trailer was damaged.
+TrailerReading decodeTrailer(const std::string& block);
 
 }  // namespace upgradectl

@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <functional>
 #include <system_error>
+#include <utility>
 
 #include "tools/upgradectl/tool_error.h"
 
@@ -29,6 +30,7 @@ struct Release {
 };
 using Bio = std::unique_ptr<BIO, Release<BIO_free>>;
 using DigestContext = std::unique_ptr<EVP_MD_CTX, Release<EVP_MD_CTX_free>>;
+using KeyContext = std::unique_ptr<EVP_PKEY_CTX, Release<EVP_PKEY_CTX_free>>;
 using Key = std::unique_ptr<EVP_PKEY, Release<EVP_PKEY_free>>;
 
 // The oldest reason that OpenSSL has queued, which is the one nearest to the cause; clears the queue.
@@ -81,14 +83,8 @@ void forEachBlock(const std::filesystem::path& file,
     }
 }
 
-std::string hexText(const unsigned char* bytes, std::size_t count) {
-    static constexpr char kDigits[] = "0123456789abcdef";
-    std::string text;
-    for (std::size_t i = 0; i < count; ++i) {
-        text += kDigits[bytes[i] >> 4U];
-        text += kDigits[bytes[i] & 0xFU];
-    }
-    return text;
+const unsigned char* bytesOf(const std::string& text) {
+    return reinterpret_cast<const unsigned char*>(text.data());
 }
 
 // Never asks at the terminal: pack runs in build scripts. Notes that a password was wanted.
@@ -100,6 +96,11 @@ int refusePassword(char* /*buffer*/, int /*size*/, int /*writing*/, void* wanted
 bool isSupported(const EVP_PKEY* key) {
     const int type = EVP_PKEY_get_base_id(key);
     return type == EVP_PKEY_RSA || type == EVP_PKEY_EC;
+}
+
+std::string describe(const EVP_PKEY* key) {
+    return std::string(EVP_PKEY_get0_type_name(key)) + ", " + std::to_string(EVP_PKEY_get_bits(key)) +
+           " bits";
 }
 
 Key loadKey(const std::filesystem::path& file) {
@@ -126,22 +127,50 @@ Key loadKey(const std::filesystem::path& file) {
 
 }  // namespace
 
-std::string fileDigest(const std::filesystem::path& file, Digest digest) {
-    const EVP_MD* algorithm = digest == Digest::kMd5 ? EVP_md5() : EVP_sha256();
-    const DigestContext context(EVP_MD_CTX_new());
-    if (context == nullptr || EVP_DigestInit_ex(context.get(), algorithm, nullptr) != 1) {
-        throw openSslFailure("compute a digest");
-    }
-    forEachBlock(file, [&](const void* data, std::size_t count) {
-        return EVP_DigestUpdate(context.get(), data, count);
-    });
+struct DigestStream::Impl {
+    DigestContext context;
+    bool valid;
+};
 
+DigestStream::DigestStream(Digest digest) : impl(new Impl{DigestContext(EVP_MD_CTX_new()), false}) {
+    const EVP_MD* algorithm = digest == Digest::kMd5 ? EVP_md5() : EVP_sha256();
+    impl->valid = impl->context != nullptr && EVP_DigestInit_ex(impl->context.get(), algorithm, nullptr) == 1;
+}
+
+DigestStream::~DigestStream() = default;
+DigestStream::DigestStream(DigestStream&& other) noexcept = default;
+DigestStream& DigestStream::operator=(DigestStream&& other) noexcept = default;
+
+void DigestStream::update(const void* data, std::size_t size) {
+    impl->valid = impl->valid && EVP_DigestUpdate(impl->context.get(), data, size) == 1;
+}
+
+std::string DigestStream::finish() {
     std::array<unsigned char, EVP_MAX_MD_SIZE> value{};
     unsigned int length = 0;
-    if (EVP_DigestFinal_ex(context.get(), value.data(), &length) != 1) {
+    if (!impl->valid || EVP_DigestFinal_ex(impl->context.get(), value.data(), &length) != 1) {
         throw openSslFailure("compute a digest");
     }
-    return hexText(value.data(), length);
+    return {value.begin(), value.begin() + length};
+}
+
+std::string hexText(const std::string& bytes) {
+    static constexpr char kDigits[] = "0123456789abcdef";
+    std::string text;
+    for (const char character : bytes) {
+        const auto byte = static_cast<unsigned char>(character);
+        text += {kDigits[byte >> 4U], kDigits[byte & 0xFU]};
+    }
+    return text;
+}
+
+std::string fileDigest(const std::filesystem::path& file, Digest digest) {
+    DigestStream stream(digest);
+    forEachBlock(file, [&](const void* data, std::size_t count) {
+        stream.update(data, count);
+        return 1;
+    });
+    return hexText(stream.finish());
 }
 
 struct PrivateKey::Impl {
@@ -163,8 +192,7 @@ std::string PrivateKey::publicKeyPem() const {
 }
 
 std::string PrivateKey::description() const {
-    return std::string(EVP_PKEY_get0_type_name(impl->key.get())) + ", " +
-           std::to_string(EVP_PKEY_get_bits(impl->key.get())) + " bits";
+    return describe(impl->key.get());
 }
 
 std::string PrivateKey::sign(const std::filesystem::path& file) const {
@@ -188,6 +216,69 @@ std::string PrivateKey::sign(const std::filesystem::path& file) const {
     }
     signature.resize(length);
     return signature;
+}
+
+struct PublicKey::Impl {
+    Key key;
+};
+
+std::optional<PublicKey> PublicKey::parse(const std::string& pem, std::string& fault) {
+    if (pem.find("PRIVATE KEY-----") != std::string::npos) {
+        fault = "holds a private key where a public one belongs";
+        return std::nullopt;
+    }
+    const Bio bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+    bool passwordWanted = false;
+    Key key(PEM_read_bio_PUBKEY(bio.get(), nullptr, refusePassword, &passwordWanted));
+    ERR_clear_error();
+    if (key == nullptr) {
+        fault = "holds no public key in PEM format";
+        return std::nullopt;
+    }
+    if (!isSupported(key.get())) {
+        fault = "holds a key that is neither RSA nor EC";
+        return std::nullopt;
+    }
+    return PublicKey(std::unique_ptr<Impl>(new Impl{std::move(key)}));
+}
+
+PublicKey::PublicKey(std::unique_ptr<Impl> key) : impl(std::move(key)) {}
+PublicKey::~PublicKey() = default;
+PublicKey::PublicKey(PublicKey&& other) noexcept = default;
+PublicKey& PublicKey::operator=(PublicKey&& other) noexcept = default;
+
+std::string PublicKey::description() const {
+    return describe(impl->key.get());
+}
+
+std::string PublicKey::digest() const {
+    unsigned char* der = nullptr;
+    const int length = i2d_PUBKEY(impl->key.get(), &der);
+    if (length < 0) {
+        throw openSslFailure("write the public key");
+    }
+    DigestStream stream(Digest::kSha256);
+    stream.update(der, static_cast<std::size_t>(length));
+    OPENSSL_free(der);
+    return hexText(stream.finish());
+}
+
+bool PublicKey::isSameAs(const PublicKey& other) const {
+    const bool same = EVP_PKEY_eq(impl->key.get(), other.impl->key.get()) == 1;
+    ERR_clear_error();
+    return same;
+}
+
+bool PublicKey::verifies(const std::string& sha256, const std::string& signature) const {
+    const KeyContext context(EVP_PKEY_CTX_new(impl->key.get(), nullptr));
+    if (context == nullptr || EVP_PKEY_verify_init(context.get()) != 1 ||
+        EVP_PKEY_CTX_set_signature_md(context.get(), EVP_sha256()) != 1) {
+        throw openSslFailure("check a signature");
+    }
+    const bool good = EVP_PKEY_verify(context.get(), bytesOf(signature), signature.size(), bytesOf(sha256),
+                                      sha256.size()) == 1;
+    ERR_clear_error();
+    return good;
 }
 
 }  // namespace upgradectl

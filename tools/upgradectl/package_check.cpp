@@ -1,0 +1,476 @@
+#include "tools/upgradectl/package_check.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cerrno>
+#include <fstream>
+#include <sstream>
+#include <system_error>
+#include <utility>
+
+#include "platform/utility/file_descriptor.h"
+#include "tools/upgradectl/components.h"
+#include "tools/upgradectl/escaped_text.h"
+#include "tools/upgradectl/signing.h"
+#include "tools/upgradectl/tool_error.h"
+
+namespace upgradectl {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::size_t kReadBlockBytes = 65536;
+constexpr std::size_t kTarBlockBytes = 512;
+constexpr std::size_t kMostSignatureBytes =
+    2048;  // that of an RSA key of 16384 bits, the longest that OpenSSL uses
+constexpr std::size_t kMostNameBytes = 255;    // of one file, in the file systems of a device
+constexpr std::size_t kMostArchiveFaults = 8;  // an archive has room for a quarter of a million
+constexpr const char* kSignatureSuffix = ".sign";
+constexpr const char* kPublicKeyBegin = "-----BEGIN PUBLIC KEY-----";
+
+std::string quoted(const std::string& text) {
+    return "'" + escaped(text) + "'";
+}
+
+std::string reasonOf(int error) {
+    return std::error_code(error, std::generic_category()).message();
+}
+
+// --- the trusted key ------------------------------------------------------------------------------------------------
+
+std::string readKeyFile(const fs::path& file) {
+    constexpr std::streamsize kMostBytes = 65536;
+    std::ifstream stream(file, std::ios::binary);
+    std::string text(kMostBytes, '\0');
+    stream.read(text.data(), kMostBytes);
+    if (!stream.is_open() || stream.bad() || fs::is_directory(file)) {
+        throw ToolError(ExitCode::kOther,
+                        "the trusted key '" + file.string() + "' cannot be read: " + reasonOf(errno),
+                        "give a readable file with the public key");
+    }
+    text.resize(static_cast<std::size_t>(stream.gcount()));
+    return text;
+}
+
+PublicKey loadTrustedKey(const fs::path& file) {
+    std::string fault;
+    std::optional<PublicKey> key = PublicKey::parse(readKeyFile(file), fault);
+    if (!key) {
+        throw ToolError(ExitCode::kUsage, "the trusted key '" + file.string() + "' " + fault,
+                        "give the public key: openssl pkey -in KEY -pubout -out FILE");
+    }
+    return std::move(*key);
+}
+
+// --- the file -------------------------------------------------------------------------------------------------------
+
+ToolError noPackage(const fs::path& file, const std::string& fault) {
+    return {ExitCode::kRefused, "the package '" + file.string() + "' " + fault,
+            "give a package that 'upgradectl pack' made, and transfer it again if it came from elsewhere"};
+}
+
+kavro::FileDescriptor openPackage(const fs::path& file) {
+    kavro::FileDescriptor descriptor(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    struct stat status = {};
+    if (!descriptor.valid() || fstat(descriptor.get(), &status) != 0) {
+        throw noPackage(file, "cannot be read: " + reasonOf(errno));
+    }
+    if (!S_ISREG(status.st_mode)) {
+        throw noPackage(file, "is no regular file");
+    }
+    if (static_cast<std::uint64_t>(status.st_size) != kPackageBytes) {
+        throw noPackage(file, "has " + std::to_string(status.st_size) + " bytes, a package has exactly " +
+                                  std::to_string(kPackageBytes));
+    }
+    return descriptor;
+}
+
+// Reads until size bytes are there, the file ends or an error comes; -1 then.
+long readAt(int descriptor, char* data, std::size_t size, std::uint64_t offset) {
+    std::size_t filled = 0;
+    while (filled < size) {
+        const ssize_t count =
+            pread(descriptor, data + filled, size - filled, static_cast<off_t>(offset + filled));
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count < 0) {
+            return -1;
+        }
+        if (count == 0) {
+            break;
+        }
+        filled += static_cast<std::size_t>(count);
+    }
+    return static_cast<long>(filled);
+}
+
+std::string readTrailerBlock(int descriptor, const fs::path& file) {
+    std::string block(kTrailerBytes, '\0');
+    if (readAt(descriptor, block.data(), block.size(), kMaxPayloadBytes) !=
+        static_cast<long>(kTrailerBytes)) {
+        throw noPackage(file, "cannot be read: " + reasonOf(errno));
+    }
+    return block;
+}
+
+// Hands out the payload block by block and takes its md5 on the way.
+class Payload {
+  public:
+    Payload(int packageDescriptor, std::uint64_t payloadBytes)
+        : descriptor(packageDescriptor), bytes(payloadBytes) {}
+
+    // As an ArchiveSource.
+    long next(const void*& data) {
+        const std::size_t wanted = std::min<std::uint64_t>(block.size(), bytes - position);
+        const long count = readAt(descriptor, block.data(), wanted, position);
+        if (count != static_cast<long>(wanted)) {
+            failed = true;
+            return -1;
+        }
+        position += wanted;
+        md5.update(block.data(), wanted);
+        data = block.data();
+        return count;
+    }
+
+    // Reads what is left.
+    void drain() {
+        const void* data = nullptr;
+        while (!failed && next(data) > 0) {
+        }
+    }
+
+    bool unreadable() const { return failed; }
+    std::string md5Text() { return hexText(md5.finish()); }
+
+  private:
+    const int descriptor;
+    const std::uint64_t bytes;
+    std::uint64_t position = 0;
+    bool failed = false;
+    std::vector<char> block = std::vector<char>(kReadBlockBytes);
+    DigestStream md5{Digest::kMd5};
+};
+
+// --- the archive ----------------------------------------------------------------------------------------------------
+
+// One of the 14 files of the archive.
+struct RequiredFile {
+    std::size_t component;
+    bool isSignature;
+};
+
+struct FoundComponent {
+    DigestStream digest{Digest::kSha256};
+    std::string sha256;  // its bytes; empty until the whole component was read
+    std::string signature;
+    std::uint64_t bytes = 0;
+    bool found = false;
+    bool signatureFound = false;
+    std::string fault;  // the first
+};
+
+// Names "./Image" and "Image" are one file.
+std::string plainName(const ArchiveEntry& entry) {
+    std::string name = entry.name;
+    while (name.rfind("./", 0) == 0) {
+        name.erase(0, 2);
+    }
+    if (entry.type == "directory" && !name.empty() && name.back() == '/') {
+        name.pop_back();
+    }
+    return name;
+}
+
+std::optional<RequiredFile> requiredFile(const std::string& name) {
+    for (std::size_t index = 0; index < kComponentNames.size(); ++index) {
+        const std::string component = kComponentNames[index];
+        if (name == component || name == component + kSignatureSuffix) {
+            return RequiredFile{index, name != component};
+        }
+    }
+    return std::nullopt;
+}
+
+// Why a device could not unpack an entry of this name or would stumble over it; "" when there is no reason.
+std::string nameFault(const std::string& name) {
+    if (name.find('/') != std::string::npos || name == "." || name == "..") {
+        return "which does not lie at the archive's top level";
+    }
+    if (name.find(',') != std::string::npos) {
+        return "and a device takes a name with a comma for two";
+    }
+    if (name.size() > kMostNameBytes) {
+        return "which is a longer name than a device can store";
+    }
+    return name.empty() ? "which is no name" : "";
+}
+
+// Takes up what the archive holds of the seven components and their signatures.
+class ComponentReader : public ArchiveVisitor {
+  public:
+    ComponentReader(std::uint64_t payload, const EntryListener& entryListener)
+        : payloadBytes(payload), listener(entryListener) {}
+
+    bool begin(const ArchiveEntry& entry) override {
+        if (listener) {
+            listener(entry);
+        }
+        const std::string name = plainName(entry);
+        if (name.empty() && entry.type == "directory") {
+            return false;  // the directory that the archive was made of
+        }
+        current = requiredFile(name);
+        const std::string fault = entryFault(entry, name);
+        if (!fault.empty()) {
+            blame(entry.name, fault);
+            return false;
+        }
+        return current && claim(entry);
+    }
+
+    void contents(const void* data, std::size_t size) override {
+        FoundComponent& component = found[current->component];
+        if (current->isSignature) {
+            component.signature.append(static_cast<const char*>(data), size);
+        } else {
+            component.digest.update(data, size);
+        }
+    }
+
+    void end() override {
+        if (!current->isSignature) {
+            FoundComponent& component = found[current->component];
+            component.sha256 = component.digest.finish();
+        }
+    }
+
+    std::vector<std::string> takeFaults() {
+        if (moreFaults > 0) {
+            faults.push_back("the archive has " + std::to_string(moreFaults) + " more such entries");
+        }
+        return std::move(faults);
+    }
+
+    std::array<FoundComponent, kComponentNames.size()> found;
+
+  private:
+    std::string entryFault(const ArchiveEntry& entry, const std::string& name) const {
+        if (entry.type != "file") {
+            return "which is no regular file (" + entry.type + ")";
+        }
+        if (entry.bytes > payloadBytes) {
+            return "which claims to be larger than the payload, with " + std::to_string(entry.bytes) +
+                   " bytes";
+        }
+        if (!entry.ownerFits) {
+            return "whose owner is no number that a device knows";
+        }
+        return nameFault(name);
+    }
+
+    // A fault is that of the component it concerns, or of the archive.
+    void blame(const std::string& name, const std::string& fault) {
+        const std::string text = "the archive holds " + quoted(name) + ", " + fault;
+        if (current) {
+            std::string& first = found[current->component].fault;
+            first = first.empty() ? text : first;
+        } else if (faults.size() < kMostArchiveFaults) {
+            faults.push_back(text);
+        } else {
+            ++moreFaults;
+        }
+    }
+
+    // Each of the required files is taken once.
+    bool claim(const ArchiveEntry& entry) {
+        FoundComponent& component = found[current->component];
+        bool& seen = current->isSignature ? component.signatureFound : component.found;
+        if (seen) {
+            blame(entry.name, "which it has more than once");
+            return false;
+        }
+        seen = true;
+        if (!current->isSignature) {
+            component.bytes = entry.bytes;
+            return true;
+        }
+        if (entry.bytes > kMostSignatureBytes) {
+            blame(entry.name,
+                  "which is too large for a signature, with " + std::to_string(entry.bytes) + " bytes");
+            return false;
+        }
+        return true;
+    }
+
+    const std::uint64_t payloadBytes;
+    const EntryListener& listener;
+    std::optional<RequiredFile> current;
+    std::vector<std::string> faults;
+    std::size_t moreFaults = 0;
+};
+
+// --- the verdict ----------------------------------------------------------------------------------------------------
+
+// What is wrong with a component when nothing was wrong with its entries.
+std::string componentFault(const std::string& name, const FoundComponent& component, const PublicKey* key) {
+    if (!component.found) {
+        return quoted(name) + " is missing from the archive";
+    }
+    if (component.sha256.empty()) {
+        return quoted(name) + " cannot be read whole";
+    }
+    if (component.bytes == 0) {
+        return quoted(name) + " is empty";
+    }
+    if (!component.signatureFound) {
+        return quoted(name) + " has no signature: " + quoted(name + kSignatureSuffix) +
+               " is missing from the archive";
+    }
+    if (key == nullptr) {
+        return quoted(name) + " cannot be checked without a key";
+    }
+    if (!key->verifies(component.sha256, component.signature)) {
+        return quoted(name) + " has a signature that does not verify with the package's key";
+    }
+    return {};
+}
+
+std::vector<ComponentCheck> judgeComponents(const ComponentReader& archive, const PublicKey* key) {
+    std::vector<ComponentCheck> checks;
+    for (std::size_t index = 0; index < kComponentNames.size(); ++index) {
+        const FoundComponent& component = archive.found[index];
+        const std::string name = kComponentNames[index];
+        checks.push_back({name, component.bytes, hexText(component.sha256),
+                          component.fault.empty() ? componentFault(name, component, key) : component.fault});
+    }
+    return checks;
+}
+
+bool equalIgnoringCase(const std::string& left, const std::string& right) {
+    return std::equal(left.begin(), left.end(), right.begin(), right.end(),
+                      [](unsigned char a, unsigned char b) { return std::tolower(a) == std::tolower(b); });
+}
+
+class PackageChecker {
+  public:
+    PackageChecker(const fs::path& packageFile, const EntryListener& entryListener)
+        : file(packageFile), descriptor(openPackage(packageFile)), listener(entryListener) {}
+
+    PackageCheck run(const PublicKey* trustedKey) {
+        TrailerReading reading = decodeTrailer(readTrailerBlock(descriptor.get(), file));
+        check.trailer = std::move(reading.trailer);
+        addPart("trailer", std::move(reading.faults));
+        checkKey();
+        if (trustedKey != nullptr) {
+            checkTrust(*trustedKey);
+        }
+        checkPayload(reading.payloadKnown);
+        return std::move(check);
+    }
+
+  private:
+    void addPart(const std::string& name, std::vector<std::string> faults) {
+        check.faults.insert(check.faults.end(), faults.begin(), faults.end());
+        check.parts.push_back({name, std::move(faults)});
+    }
+
+    void checkKey() {
+        const std::string& pem = check.trailer.publicKey;
+        std::string fault = "holds no public key in PEM format";
+        // OpenSSL would find a key behind any other text, too.
+        if (pem.rfind(kPublicKeyBegin, 0) == 0 || pem.find("PRIVATE KEY-----") != std::string::npos) {
+            key = PublicKey::parse(pem, fault);
+        }
+        if (!key) {
+            addPart("key", {"the trailer " + fault});
+            return;
+        }
+        check.keyDescription = key->description();
+        check.keyDigest = key->digest();
+        addPart("key", {});
+    }
+
+    void checkTrust(const PublicKey& trustedKey) {
+        std::vector<std::string> faults;
+        if (!key || !key->isSameAs(trustedKey)) {
+            faults.push_back("the package does not carry the trusted key (" + trustedKey.description() +
+                             ", sha256 " + trustedKey.digest() + ")");
+        }
+        addPart("trusted key", std::move(faults));
+    }
+
+    void checkPayload(bool payloadKnown) {
+        const std::uint64_t bytes = payloadKnown ? check.trailer.payloadBytes : 0;
+        Payload payload(descriptor.get(), bytes);
+        ComponentReader archive(bytes, listener);
+        std::string fault = "its length is unknown";
+        if (payloadKnown) {
+            fault = walkArchive([&payload](const void*& data) { return payload.next(data); }, archive);
+            payload.drain();
+        }
+        if (payload.unreadable()) {
+            throw ToolError(ExitCode::kOther, "the package '" + file.string() + "' cannot be read to its end",
+                            "check the storage that it lies on");
+        }
+        checkMd5(payloadKnown, payload);
+        checkArchive(bytes, fault, archive);
+        check.components = judgeComponents(archive, key ? &*key : nullptr);
+    }
+
+    void checkMd5(bool payloadKnown, Payload& payload) {
+        std::vector<std::string> faults;
+        const std::string md5 = payload.md5Text();
+        if (!payloadKnown) {
+            faults.emplace_back("the md5 cannot be checked, since the payload's length is unknown");
+        } else if (!equalIgnoringCase(md5, check.trailer.md5)) {
+            faults.push_back("the payload has the md5 " + md5 + ", the trailer states " +
+                             (check.trailer.md5.empty() ? "none" : check.trailer.md5));
+        }
+        addPart("md5", std::move(faults));
+    }
+
+    void checkArchive(std::uint64_t bytes, const std::string& fault, ComponentReader& archive) {
+        std::vector<std::string> faults = archive.takeFaults();
+        if (bytes % kTarBlockBytes != 0) {
+            faults.push_back("the payload of " + std::to_string(bytes) +
+                             " bytes is no whole number of tar blocks of 512 bytes");
+        }
+        if (!fault.empty()) {
+            faults.push_back("the payload cannot be read as a plain tar archive: " + escaped(fault));
+        }
+        addPart("archive", std::move(faults));
+    }
+
+    const fs::path& file;
+    const kavro::FileDescriptor descriptor;
+    const EntryListener& listener;
+    std::optional<PublicKey> key;
+    PackageCheck check;
+};
+
+}  // namespace
+
+bool PackageCheck::inOrder() const {
+    return faults.empty() &&
+           std::all_of(components.begin(), components.end(),
+                       [](const ComponentCheck& component) { return component.fault.empty(); });
+}
+
+PackageCheck checkPackage(const fs::path& package, const std::optional<fs::path>& trustedKey,
+                          const EntryListener& listener) {
+    std::optional<PublicKey> trusted;
+    if (trustedKey) {
+        trusted = loadTrustedKey(*trustedKey);
+    }
+    return PackageChecker(package, listener).run(trusted ? &*trusted : nullptr);
+}
+
+}  // namespace upgradectl
