@@ -10,6 +10,7 @@
 #include <string>
 
 #include "tests/support/device.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 
@@ -17,17 +18,6 @@ using testsupport::TestPackage;
 
 class TestPackageFile : public testing::Test {
   protected:
-    TestPackageFile() : directory("/tmp/test_package_test.XXXXXX") {
-        if (mkdtemp(directory.data()) == nullptr) {
-            throw std::runtime_error("no directory in /tmp");
-        }
-        package = directory + "/a.pkg";
-    }
-    ~TestPackageFile() override {
-        std::error_code ignored;
-        std::filesystem::remove_all(directory, ignored);
-    }
-
     bool shell(const std::string& command) const {
         const std::string line = "cd " + directory + " && " + command;
         return system(line.c_str()) == 0;
@@ -45,8 +35,9 @@ class TestPackageFile : public testing::Test {
         testsupport::writeFile(directory + "/key", built.trailer().key);
     }
 
-    std::string directory;
-    std::string package;
+    kavro_test::TempDir work{"/tmp"};
+    const std::string directory = work.path();
+    const std::string package = work / "a.pkg";
 };
 
 TEST_F(TestPackageFile, has_exactly_the_size_of_a_package_without_occupying_it) {

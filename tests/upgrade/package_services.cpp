@@ -1,8 +1,10 @@
 #include "tests/upgrade/package_services.h"
 
 #include <dlfcn.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -13,6 +15,7 @@
 #include <utility>
 
 #include "common/utility.h"
+#include "tests/support/device.h"
 #include "tests/support/fake_services.h"
 #include "tests/support/shell_recorder.h"
 
@@ -128,6 +131,32 @@ bool CancellableThread::join() {
 void* CancellableThread::run(void* self) {
     static_cast<CancellableThread*>(self)->work();
     return nullptr;
+}
+
+Stock::Stock() : processes(testsupport::processPids()), descriptors(testsupport::descriptorTargets()) {}
+
+void Stock::expectNothingLeft() const {
+    EXPECT_TRUE(testsupport::children().empty());
+    EXPECT_TRUE(testsupport::newProcesses(processes).empty());
+    EXPECT_EQ(testsupport::descriptorTargets(), descriptors);
+}
+
+std::chrono::microseconds durationOf(const std::function<void()>& work) {
+    const auto begin = std::chrono::steady_clock::now();
+    work();
+    return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - begin);
+}
+
+void letCommandHang(const std::string& name) {
+    shell("mkdir /tmp/bin && printf '#!/bin/sh\\nsleep 500 & touch /tmp/started; sleep 500\\n' > /tmp/bin/" +
+          name + " && chmod +x /tmp/bin/" + name);
+    setenv("PATH", "/tmp/bin:/usr/bin:/bin", 1);
+}
+
+void awaitHangingCommand() {
+    while (!testsupport::exists("/tmp/started")) {
+        usleep(1000);
+    }
 }
 
 std::vector<std::string> awkwardPaths(const std::string& directory) {

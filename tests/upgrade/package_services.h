@@ -4,6 +4,7 @@
 
 #include <pthread.h>
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
@@ -46,6 +47,26 @@ class CancellableThread {
     std::function<void()> work;
     pthread_t thread{};
 };
+
+// What a process may leave behind when a thread of it is cancelled: children, other processes and descriptors.
+class Stock {
+  public:
+    // Takes what there is now.
+    Stock();
+    // Fails the test when there is more.
+    void expectNothingLeft() const;
+
+  private:
+    std::vector<int> processes;
+    std::vector<std::string> descriptors;
+};
+
+std::chrono::microseconds durationOf(const std::function<void()>& work);
+
+// From now on a command of that name starts another process and never ends; both keep running until killed.
+void letCommandHang(const std::string& name);
+// Waits until it has started.
+void awaitHangingCommand();
 
 // Paths that a shell or a command might take apart, below a directory; none of them exists.
 std::vector<std::string> awkwardPaths(const std::string& directory);

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -663,12 +664,8 @@ class CancelledProcessing : public PackageProcessing {
         restorePackage();
         ASSERT_EQ(process(), 0);  // whatever is opened once and for all
         restorePackage();
-        const auto begin = std::chrono::steady_clock::now();
-        ASSERT_EQ(process(), 0);
-        duration =
-            std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - begin);
-        before = testsupport::processPids();
-        descriptors = testsupport::descriptorTargets();
+        duration = package_services::durationOf([&] { ASSERT_EQ(process(), 0); });
+        stock.emplace();
     }
     void restorePackage() const {
         std::filesystem::copy_file("/firmware/kept.pkg", kPackage,
@@ -683,15 +680,9 @@ class CancelledProcessing : public PackageProcessing {
         thread.cancel();
         return thread.join();
     }
-    void expectNothingLeft() const {
-        EXPECT_TRUE(testsupport::children().empty());
-        EXPECT_TRUE(testsupport::newProcesses(before).empty());
-        EXPECT_EQ(testsupport::descriptorTargets(), descriptors);
-    }
 
     std::chrono::microseconds duration{};  // of an undisturbed run
-    std::vector<int> before;
-    std::vector<std::string> descriptors;
+    std::optional<package_services::Stock> stock;
 };
 
 TEST_F(CancelledProcessing, cancel_at_any_moment_leaves_nothing_behind) {
@@ -702,7 +693,7 @@ TEST_F(CancelledProcessing, cancel_at_any_moment_leaves_nothing_behind) {
         SCOPED_TRACE(moment);
         restorePackage();
         cancelled += cancelledAfter(moment * static_cast<unsigned>(duration.count()) / kMoments) ? 1 : 0;
-        expectNothingLeft();
+        stock->expectNothingLeft();
     }
     EXPECT_GT(cancelled, 10);
     restorePackage();
@@ -722,7 +713,7 @@ TEST_F(CancelledProcessing, cancel_at_every_log_line_leaves_nothing_behind) {
         });
         thread.join();
         fake::log().onLine({});
-        expectNothingLeft();
+        stock->expectNothingLeft();
         restorePackage();
         EXPECT_EQ(process(), 0);
     }
@@ -739,24 +730,17 @@ TEST_F(CancelledProcessing, no_line_is_logged_while_a_cancel_could_act) {
 }
 
 TEST_F(CancelledProcessing, cancel_during_tar_ends_it_and_what_it_started) {
-    package_services::shell(
-        "mkdir /tmp/bin && printf '#!/bin/sh\\nsleep 500 & touch /tmp/started; sleep 500\\n' > /tmp/bin/tar "
-        "&& "
-        "chmod +x /tmp/bin/tar");
     package.writeTo(kPackage);
-    before = testsupport::processPids();
-    descriptors = testsupport::descriptorTargets();
-    setenv("PATH", "/tmp/bin:/usr/bin:/bin", 1);
+    stock.emplace();
+    package_services::letCommandHang("tar");
     package_services::CancellableThread thread([] {
         UPGADE_PKG_OUT_T result;
         UPGRADE_proc_upgrade_pkg(result, {kPackage, kUnpackDir}, false);
     });
-    while (!testsupport::exists("/tmp/started")) {
-        usleep(1000);
-    }
+    package_services::awaitHangingCommand();
     thread.cancel();
     EXPECT_TRUE(thread.join());
-    expectNothingLeft();
+    stock->expectNothingLeft();
 }
 
 TEST_F(CancelledProcessing, held_off_cancel_lets_the_package_be_processed) {

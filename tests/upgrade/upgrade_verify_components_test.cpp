@@ -7,6 +7,7 @@
 #include <chrono>
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -600,22 +601,12 @@ TEST_F(ComponentVerification, names_in_the_listing_never_reach_the_shell) {
 class CancelledVerification : public ComponentVerification {
   protected:
     void takeStock() {
-        const auto begin = std::chrono::steady_clock::now();
-        ASSERT_EQ(verify(), 0);
-        duration =
-            std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - begin);
-        before = testsupport::processPids();
-        descriptors = testsupport::descriptorTargets();
-    }
-    void expectNothingLeft() const {
-        EXPECT_TRUE(testsupport::children().empty());
-        EXPECT_TRUE(testsupport::newProcesses(before).empty());
-        EXPECT_EQ(testsupport::descriptorTargets(), descriptors);
+        duration = package_services::durationOf([] { ASSERT_EQ(verify(), 0); });
+        stock.emplace();
     }
 
     std::chrono::microseconds duration{};  // of an undisturbed run
-    std::vector<int> before;
-    std::vector<std::string> descriptors;
+    std::optional<package_services::Stock> stock;
 };
 
 TEST_F(CancelledVerification, cancel_at_any_moment_leaves_nothing_behind) {
@@ -628,7 +619,7 @@ TEST_F(CancelledVerification, cancel_at_any_moment_leaves_nothing_behind) {
         usleep(moment * static_cast<unsigned>(duration.count()) / kMoments);
         thread.cancel();
         cancelled += thread.join() ? 1 : 0;
-        expectNothingLeft();
+        stock->expectNothingLeft();
     }
     EXPECT_GT(cancelled, 10);
     EXPECT_EQ(verify(), 0);
@@ -641,25 +632,19 @@ TEST_F(CancelledVerification, cancel_at_a_log_line_leaves_nothing_behind) {
         package_services::CancellableThread thread([&] { verify(components); });
         thread.join();
         fake::log().onLine({});
-        expectNothingLeft();
+        stock->expectNothingLeft();
     }
     EXPECT_EQ(verify(), 0);
 }
 
 TEST_F(CancelledVerification, cancel_during_openssl_ends_it_and_what_it_started) {
     takeStock();
-    package_services::shell(
-        "mkdir /tmp/bin && printf '#!/bin/sh\\nsleep 500 & touch /tmp/started; sleep 500\\n' > "
-        "/tmp/bin/openssl && "
-        "chmod +x /tmp/bin/openssl");
-    setenv("PATH", "/tmp/bin:/usr/bin:/bin", 1);
+    package_services::letCommandHang("openssl");
     package_services::CancellableThread thread([] { verify(); });
-    while (!testsupport::exists("/tmp/started")) {
-        usleep(1000);
-    }
+    package_services::awaitHangingCommand();
     thread.cancel();
     EXPECT_TRUE(thread.join());
-    expectNothingLeft();
+    stock->expectNothingLeft();
 }
 
 TEST_F(CancelledVerification, no_line_is_logged_while_a_cancel_could_act) {
@@ -679,7 +664,7 @@ TEST_F(CancelledVerification, verifying_leaves_no_descriptor_open) {
     for (int i = 0; i < 5; ++i) {
         EXPECT_EQ(verify(), 0);
     }
-    expectNothingLeft();
+    stock->expectNothingLeft();
 }
 
 }  // namespace

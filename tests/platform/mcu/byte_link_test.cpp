@@ -14,6 +14,7 @@
 
 #include "platform/utility/file_descriptor.h"
 #include "tests/platform/mcu/mcu_test_support.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 
@@ -56,8 +57,8 @@ class UnixLink : public testing::Test {
         EXPECT_EQ(error, reason);
     }
 
-    testsupport::TemporaryDirectory directory;
-    const std::string path = directory.file("link");
+    kavro_test::TempDir directory;
+    const std::string path = directory / "link";
     const std::string lockPath = path + ".lock";
     std::string error;
 };
@@ -158,7 +159,7 @@ TEST_F(UnixLink, to_one_who_does_not_accept_is_not_opened) {
 }
 
 TEST_F(UnixLink, without_a_directory_for_its_lock_is_not_opened) {
-    const std::string nowhere = directory.file("nowhere/link");
+    const std::string nowhere = directory / "nowhere/link";
     EXPECT_EQ(kavro::openByteLink("unix:" + nowhere, error), nullptr);
     EXPECT_EQ(error, nowhere + ".lock: cannot be opened: No such file or directory");
 }

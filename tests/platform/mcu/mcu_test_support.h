@@ -1,40 +1,15 @@
-// S-records and microcontroller applications made to measure, and a directory that goes away with its object.
+// S-records and microcontroller applications made to measure.
 #pragma once
-
-#include <gtest/gtest.h>
 
 #include <array>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "platform/mcu/mcu_image.h"
 
 namespace testsupport {
-
-class TemporaryDirectory {
-  public:
-    TemporaryDirectory() : path(testing::TempDir() + "/kavro-test-XXXXXX") {
-        if (mkdtemp(path.data()) == nullptr) {
-            std::perror("mkdtemp");
-            std::abort();
-        }
-    }
-    ~TemporaryDirectory() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path, ignored);
-    }
-    TemporaryDirectory(const TemporaryDirectory&) = delete;
-    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-
-    [[nodiscard]] std::string file(const std::string& name) const { return path + "/" + name; }
-
-  private:
-    std::string path;
-};
 
 using Bytes = std::vector<std::uint8_t>;
 

@@ -17,6 +17,7 @@
 #include "platform/utility/file_descriptor.h"
 #include "tests/platform/mcu/mcu_test_support.h"
 #include "tests/support/device.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 
@@ -119,8 +120,8 @@ class SpidevLink : public testing::Test {
         }
     }
 
-    testsupport::TemporaryDirectory directory;
-    const std::string path = directory.file("spidev1.0");
+    kavro_test::TempDir directory;
+    const std::string path = directory / "spidev1.0";
     Bus theBus;
     std::string error;
 };

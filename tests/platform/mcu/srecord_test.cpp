@@ -5,6 +5,7 @@
 
 #include "tests/platform/mcu/mcu_test_support.h"
 #include "tests/support/device.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 
@@ -29,8 +30,8 @@ class SRecords : public testing::Test {
         EXPECT_EQ(error, path + ": " + after);
     }
 
-    testsupport::TemporaryDirectory directory;
-    const std::string path = directory.file("file.s19");
+    kavro_test::TempDir directory;
+    const std::string path = directory / "file.s19";
     std::string error;
 };
 
@@ -110,11 +111,11 @@ TEST_F(SRecords, output_of_objcopy_is_read_back_byte_for_byte) {
     for (unsigned index = 0; index < 100001; ++index) {
         content += static_cast<char>(index * 31 + index / 256);
     }
-    testsupport::writeFile(directory.file("content.bin"), content);
+    testsupport::writeFile(directory / "content.bin", content);
     const std::string command = "objcopy -I binary -O srec --change-addresses 0x8000 " +
-                                directory.file("content.bin") + " " + directory.file("content.s19");
+                                (directory / "content.bin") + " " + (directory / "content.s19");
     ASSERT_EQ(std::system(command.c_str()), 0);
-    const auto file = kavro::readSRecords(directory.file("content.s19"), error);
+    const auto file = kavro::readSRecords(directory / "content.s19", error);
     ASSERT_TRUE(file) << error;
     ASSERT_EQ(file->segments.size(), 1U);
     EXPECT_EQ(file->segments[0].address, 0x8000U);
@@ -122,16 +123,16 @@ TEST_F(SRecords, output_of_objcopy_is_read_back_byte_for_byte) {
 }
 
 TEST_F(SRecords, missing_file_is_refused) {
-    EXPECT_FALSE(kavro::readSRecords(directory.file("none"), error));
-    EXPECT_EQ(error, directory.file("none") + ": cannot be opened: No such file or directory");
+    EXPECT_FALSE(kavro::readSRecords(directory / "none", error));
+    EXPECT_EQ(error, (directory / "none") + ": cannot be opened: No such file or directory");
 }
 
 TEST_F(SRecords, directory_and_fifo_are_refused) {
-    EXPECT_FALSE(kavro::readSRecords(directory.file(""), error));
-    EXPECT_EQ(error, directory.file("") + ": is no regular file");
-    ASSERT_EQ(mkfifo(directory.file("fifo").c_str(), 0600), 0);
-    EXPECT_FALSE(kavro::readSRecords(directory.file("fifo"), error));
-    EXPECT_EQ(error, directory.file("fifo") + ": is no regular file");
+    EXPECT_FALSE(kavro::readSRecords(directory / "", error));
+    EXPECT_EQ(error, (directory / "") + ": is no regular file");
+    ASSERT_EQ(mkfifo((directory / "fifo").c_str(), 0600), 0);
+    EXPECT_FALSE(kavro::readSRecords(directory / "fifo", error));
+    EXPECT_EQ(error, (directory / "fifo") + ": is no regular file");
 }
 
 TEST_F(SRecords, empty_file_is_refused) {

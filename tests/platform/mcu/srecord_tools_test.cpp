@@ -8,6 +8,7 @@
 #include "platform/mcu/srecord.h"
 #include "tests/platform/mcu/mcu_test_support.h"
 #include "tests/support/device.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 
@@ -64,7 +65,7 @@ class SRecordTools : public testing::Test {
     void makeFile(const std::vector<Segment>& segments, const Form& form) {
         std::string command = "srec_cat";
         for (const Segment& segment : segments) {
-            const std::string binary = directory.file(std::to_string(segment.address) + ".bin");
+            const std::string binary = directory / std::to_string(segment.address) + ".bin";
             testsupport::writeFile(binary, std::string(segment.bytes.begin(), segment.bytes.end()));
             command += " " + binary + " -binary -offset " + std::to_string(segment.address);
         }
@@ -86,8 +87,8 @@ class SRecordTools : public testing::Test {
         }
     }
 
-    testsupport::TemporaryDirectory directory;
-    const std::string path = directory.file("file.s19");
+    kavro_test::TempDir directory;
+    const std::string path = directory / "file.s19";
     std::mt19937 random{20240229};
     std::string error;
 };
@@ -106,7 +107,7 @@ TEST_F(SRecordTools, files_that_srec_cat_writes_are_read_byte_for_byte) {
 }
 
 TEST_F(SRecordTools, srec_cmp_finds_no_difference_after_reading_and_writing) {
-    const std::string again = directory.file("again.s19");
+    const std::string again = directory / "again.s19";
     for (int round = 0; round < 20; ++round) {
         Form form = randomForm();
         form.withStart = true;  // srec_cmp compares the start addresses, too
