@@ -6,7 +6,7 @@
 #   STATE/mcu/link        its end of the link       STATE/power_up   locked while one run switches it on
 #   STATE/mcu/log         what it has heard and answered since it has power
 
-mcu_emulator=$(realpath -m -- "${KAVRO_TWIN_PROGRAMS:-$twin_home/../build/release/twin}")/mcu-emulator
+mcu_emulator=$(realpath -m -- "${KAVRO_TWIN_PROGRAMS:-$twin_programs}")/mcu-emulator
 
 need_mcu_emulator() {
     [[ -x $mcu_emulator ]] ||
@@ -58,7 +58,7 @@ switch_mcu_on() {
     wait_for_last_run
     flock --shared "$supply"
     if mcu_is_on; then
-        (($# == 0)) || fail "the microcontroller runs already, for another 'twin run': too late for its faults"
+        (($# == 0)) || fail "the microcontroller runs already, for another '$twin_name run': too late for its faults"
     else
         start_emulator "$@"
     fi

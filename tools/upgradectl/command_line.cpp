@@ -18,11 +18,11 @@ constexpr const char* kExitCodes =
     "  5  given up in time; nothing was flashed\n";
 
 // What CLI11 says of a command line without a command does not name the word that was taken for one.
-std::string wrongCommandLine(const CLI::App& app, const CLI::Error& error) {
-    if (!app.get_subcommands().empty()) {
+std::string wrongCommandLine(const CLI::App& command, const CLI::Error& error) {
+    if (command.get_require_subcommand_min() == 0) {
         return error.what();
     }
-    const std::vector<std::string> words = app.remaining();
+    const std::vector<std::string> words = command.remaining();
     if (words.empty()) {
         return "a command is missing";
     }
@@ -32,11 +32,13 @@ std::string wrongCommandLine(const CLI::App& app, const CLI::Error& error) {
 
 // In the form of every other failure.
 std::string failureMessage(const CLI::App* app, const CLI::Error& error) {
+    const CLI::App* command = app;
     std::string help = "upgradectl";
-    for (const CLI::App* command : app->get_subcommands()) {
-        help = "upgradectl " + command->get_name();
+    while (!command->get_subcommands().empty()) {
+        command = command->get_subcommands().back();
+        help += " " + command->get_name();
     }
-    return "upgradectl: " + wrongCommandLine(*app, error) + "\n  next: " + help + " --help\n";
+    return "upgradectl: " + wrongCommandLine(*command, error) + "\n  next: " + help + " --help\n";
 }
 
 }  // namespace
@@ -49,7 +51,7 @@ void describeCommandLine(CLI::App& app, Action& chosen) {
     app.footer(kExitCodes);
     app.failure_message(failureMessage);
     for (const auto add :
-         {addPack, addInit, addInstall, addStatus, addWatch, addActivate, addConfirm, addRollback}) {
+         {addPack, addInit, addInstall, addStatus, addWatch, addActivate, addConfirm, addRollback, addTwin}) {
         add(app, chosen);
     }
 }
