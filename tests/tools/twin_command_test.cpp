@@ -1,9 +1,10 @@
 // `upgradectl twin` against a script that tells how it was called, and against the twin's own.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <fstream>
 #include <regex>
+#include <string>
+#include <vector>
 
 #include "tests/tools/tool_support.h"
 
