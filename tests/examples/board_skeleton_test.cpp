@@ -31,7 +31,7 @@ size_t countContaining(const std::vector<std::string>& paths, const std::string&
 
 }  // namespace
 
-TEST(BoardSkeleton, is_all_that_the_library_needs_of_a_board) {
+TEST(BoardSkeleton, is_loaded_in_the_place_of_our_services) {
     const std::vector<std::string> paths = loadedLibraries();
     EXPECT_EQ(countContaining(paths, "/libupgrade.so"), 1U);
     EXPECT_GE(countContaining(paths, KAVRO_BOARD_DIR), 1U);
