@@ -42,6 +42,8 @@ INSTANTIATE_TEST_SUITE_P(
                     UsageError{"pack_without_version", {"pack", "-k", "x", "-o", "y", "/"}},
                     UsageError{"pack_with_a_bad_version",
                                {"pack", "--version", "1.1.1", "-k", "x", "-o", "y", "/"}},
+                    UsageError{"inspect_without_a_package", {"inspect"}},
+                    UsageError{"verify_without_a_package", {"verify", "--json"}},
                     UsageError{"install_without_a_package", {"install"}},
                     UsageError{"status_with_an_argument", {"status", "x"}},
                     UsageError{"watch_of_no_lines", {"watch", "--count", "0"}},
@@ -90,8 +92,8 @@ TEST_P(CommandHelp, has_an_example) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Cli, CommandHelp,
-                         testing::Values("pack", "init", "install", "status", "watch", "activate", "confirm",
-                                         "rollback"));
+                         testing::Values("pack", "inspect", "verify", "init", "install", "status", "watch",
+                                         "activate", "confirm", "rollback"));
 
 TEST(Cli, pack_writes_a_package_and_says_what_is_in_it) {
     const TemporaryDirectory files;

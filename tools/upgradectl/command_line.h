@@ -17,6 +17,8 @@ void describeCommandLine(CLI::App& app, Action& chosen);
 
 // One function for each command, in the file of its kind.
 void addPack(CLI::App& app, Action& chosen);
+void addInspect(CLI::App& app, Action& chosen);
+void addVerify(CLI::App& app, Action& chosen);
 void addInit(CLI::App& app, Action& chosen);
 void addInstall(CLI::App& app, Action& chosen);
 void addStatus(CLI::App& app, Action& chosen);

@@ -177,18 +177,6 @@ struct FoundComponent {
     std::string fault;  // the first
 };
 
-// Names "./Image" and "Image" are one file.
-std::string plainName(const ArchiveEntry& entry) {
-    std::string name = entry.name;
-    while (name.rfind("./", 0) == 0) {
-        name.erase(0, 2);
-    }
-    if (entry.type == "directory" && !name.empty() && name.back() == '/') {
-        name.pop_back();
-    }
-    return name;
-}
-
 std::optional<RequiredFile> requiredFile(const std::string& name) {
     for (std::size_t index = 0; index < kComponentNames.size(); ++index) {
         const std::string component = kComponentNames[index];
@@ -223,7 +211,7 @@ class ComponentReader : public ArchiveVisitor {
         if (listener) {
             listener(entry);
         }
-        const std::string name = plainName(entry);
+        const std::string name = unpackedName(entry);
         if (name.empty() && entry.type == "directory") {
             return false;  // the directory that the archive was made of
         }
@@ -462,6 +450,17 @@ bool PackageCheck::inOrder() const {
     return faults.empty() &&
            std::all_of(components.begin(), components.end(),
                        [](const ComponentCheck& component) { return component.fault.empty(); });
+}
+
+std::string unpackedName(const ArchiveEntry& entry) {
+    std::string name = entry.name;
+    while (name.rfind("./", 0) == 0) {
+        name.erase(0, 2);
+    }
+    if (entry.type == "directory" && !name.empty() && name.back() == '/') {
+        name.pop_back();
+    }
+    return name;
 }
 
 PackageCheck checkPackage(const fs::path& package, const std::optional<fs::path>& trustedKey,

@@ -40,6 +40,10 @@ struct PackageCheck {
     bool inOrder() const;
 };
 
+// The name of the file that a device unpacks an entry to: "Image" for "./Image", "" for the directory that the archive was
+// made of.
+std::string unpackedName(const ArchiveEntry& entry);
+
 // Called with each entry of the archive, in their order.
 using EntryListener = std::function<void(const ArchiveEntry&)>;
 

@@ -1,0 +1,204 @@
+// inspect and verify as they are called.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include <memory>
+
+#include "tests/support/device.h"
+#include "tests/support/test_package.h"
+#include "tests/tools/tool_support.h"
+
+namespace {
+
+using namespace tool_test;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+using testsupport::SigningKey;
+using testsupport::TestPackage;
+using testsupport::Trailer;
+using testsupport::writeFile;
+
+constexpr int kRefused = 3;
+
+Json::Value parsed(const std::string& text) {
+    Json::CharReaderBuilder builder;
+    Json::CharReaderBuilder::strictMode(&builder.settings_);
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    Json::Value root;
+    std::string errors;
+    EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &root, &errors)) << errors << text;
+    return root;
+}
+
+class PackageCommands : public testing::Test {
+  protected:
+    ProgramResult run(const std::vector<std::string>& words) {
+        package.writeTo(file);
+        std::vector<std::string> all = words;
+        all.push_back(file);
+        return upgradectl(all);
+    }
+
+    void expectRefusalInWords(const ProgramResult& result) const {
+        EXPECT_EQ(result.exitCode, kRefused);
+        EXPECT_THAT(result.err,
+                    StartsWith("upgradectl: the package '" + file + "' is not in order\n  next: "));
+    }
+
+    const TemporaryDirectory files;
+    const std::string file = files / "release.pkg";
+    TestPackage package;
+};
+
+TEST_F(PackageCommands, inspect_shows_trailer_and_archive) {
+    package.setVersions(1, 105, 8, 3);
+    const ProgramResult result = run({"inspect"});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(result.err, "");
+    for (const std::string& line :
+         {"package   " + file,
+          "payload   " + std::to_string(package.payloadBytes()) + " bytes, md5 " + package.trailer().md5,
+          "gap       " + std::to_string(134213632 - package.payloadBytes()) + " bytes",
+          std::string("key       EC, 256 bits, sha256 "), std::string("stamp     20260101120000"),
+          std::string("ident     0123456789abcdef0123456789abcdef01234567"),
+          std::string("version   V01.105.008.003 (hw 1, mpu 105, mcu 8, bld 3)"),
+          std::string("branch    main"), std::string("user      builder"), std::string("  ext4.sign")}) {
+        EXPECT_THAT(result.out, HasSubstr(line));
+    }
+    EXPECT_THAT(result.out, Not(HasSubstr("fault")));
+}
+
+TEST_F(PackageCommands, inspect_as_json_has_every_member) {
+    package.setVersions(1, 105, 8, 3);
+    const Json::Value root = parsed(run({"inspect", "--json"}).out);
+    EXPECT_EQ(root["package"], file);
+    EXPECT_EQ(root["in_order"], true);
+    EXPECT_EQ(root["payload_bytes"].asUInt(), package.payloadBytes());
+    EXPECT_EQ(root["gap_bytes"].asUInt(), 134213632 - package.payloadBytes());
+    EXPECT_EQ(root["md5"], package.trailer().md5);
+    EXPECT_EQ(root["key"]["pem"], SigningKey::shared().publicKey());
+    EXPECT_EQ(root["key"]["description"], "EC, 256 bits");
+    EXPECT_EQ(root["key"]["sha256"].asString().size(), 64U);
+    EXPECT_EQ(root["stamp"], "20260101120000");
+    EXPECT_EQ(root["ident"], "0123456789abcdef0123456789abcdef01234567");
+    EXPECT_EQ(root["versions"]["hw"], 1);
+    EXPECT_EQ(root["versions"]["mpu"], 105);
+    EXPECT_EQ(root["versions"]["mcu"], 8);
+    EXPECT_EQ(root["versions"]["bld"], 3);
+    EXPECT_EQ(root["branch"], "main");
+    EXPECT_EQ(root["user"], "builder");
+    ASSERT_EQ(root["files"].size(), 14U);
+    EXPECT_EQ(root["files"][0]["name"], "Image");
+    EXPECT_EQ(root["files"][0]["type"], "file");
+    EXPECT_EQ(root["files"][0]["bytes"].asUInt(), package.files().at("Image").size());
+    EXPECT_EQ(root["files"][0]["sha256"].asString().size(), 64U);
+    EXPECT_FALSE(root["files"][1].isMember("sha256"));
+}
+
+TEST_F(PackageCommands, inspect_shows_a_damaged_package_and_says_what_is_wrong) {
+    package.corruptSignature("ext4").editTrailer([](Trailer& trailer) { trailer.payloadLength[0] = 'x'; });
+    const ProgramResult result = run({"inspect"});
+    expectRefusalInWords(result);
+    EXPECT_THAT(result.out, AllOf(HasSubstr("branch    main\n"),
+                                  HasSubstr("fault     the length of the payload in the trailer is 'x")));
+}
+
+TEST_F(PackageCommands, inspect_never_prints_control_characters_of_a_package) {
+    package.addFile("\x1b[2J\xff", "").editTrailer([](Trailer& trailer) {
+        trailer.branch = "\x1b]2;\x07";
+        trailer.user = "\nuser\r";
+        trailer.stamp = "\x1b[31m         ";
+        trailer.ident = std::string("\0ident", 6) + std::string(34, '\0');
+        trailer.branchLength = testsupport::hexText(trailer.branch.size());
+        trailer.userLength = testsupport::hexText(trailer.user.size());
+    });
+    const ProgramResult plain = run({"inspect"});
+    EXPECT_THAT(plain.out, AllOf(HasSubstr("branch    \\x1b]2;\\x07\n"),
+                                 HasSubstr("user      \\x0auser\\x0d\n"), HasSubstr("stamp     \\x1b[31m"),
+                                 HasSubstr("ident     \\x00ident\n"), HasSubstr("  \\x1b[2J\\xff\n")));
+    const ProgramResult json = run({"inspect", "--json"});
+    EXPECT_EQ(parsed(json.out)["user"], "\nuser\r");
+    for (const std::string& text : {plain.out, plain.err, json.out, json.err}) {
+        EXPECT_EQ(text.find_first_of("\x1b\x07\r\xff"), std::string::npos) << text;
+    }
+}
+
+TEST_F(PackageCommands, verify_tells_each_check_on_a_line) {
+    const ProgramResult result = run({"verify"});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(result.out,
+              "trailer             ok\n"
+              "key                 ok\n"
+              "md5                 ok\n"
+              "archive             ok\n"
+              "bld_release.bin     ok\n"
+              "cv22_kavro_qz7.dtb  ok\n"
+              "ext4                ok\n"
+              "Image               ok\n"
+              "mcu_flash_app.s19   ok\n"
+              "mcu_flash_drv.s19   ok\n"
+              "version_list.acs    ok\n");
+}
+
+TEST_F(PackageCommands, verify_refuses_a_damaged_package_and_says_why) {
+    package.corruptSignature("ext4").omit("Image");
+    const ProgramResult result = run({"verify"});
+    expectRefusalInWords(result);
+    EXPECT_THAT(result.out,
+                AllOf(HasSubstr("\next4                'ext4' has a signature that does not verify"),
+                      HasSubstr("\nImage               'Image' is missing"),
+                      HasSubstr("\nmd5                 ok\n")));
+}
+
+TEST_F(PackageCommands, verify_as_json_lists_the_checks) {
+    package.corruptSignature("ext4");
+    const ProgramResult result = run({"verify", "--json"});
+    expectRefusalInWords(result);
+    const Json::Value root = parsed(result.out);
+    EXPECT_EQ(root["package"], file);
+    EXPECT_EQ(root["in_order"], false);
+    ASSERT_EQ(root["checks"].size(), 11U);
+    for (const Json::Value& check : root["checks"]) {
+        const bool good = check["name"] != "ext4";
+        EXPECT_EQ(check["ok"], good) << check;
+        EXPECT_EQ(check["faults"].size(), good ? 0U : 1U) << check;
+    }
+}
+
+TEST_F(PackageCommands, verify_takes_the_trusted_key_and_no_other) {
+    writeFile(files / "trusted.pem", SigningKey::shared().publicKey());
+    const ProgramResult good = run({"verify", "--trusted-key", files / "trusted.pem"});
+    EXPECT_EQ(good.exitCode, 0) << good.err;
+    EXPECT_THAT(good.out, HasSubstr("trusted key         ok\n"));
+
+    writeFile(files / "trusted.pem", SigningKey().publicKey());
+    const ProgramResult bad = run({"verify", "--trusted-key", files / "trusted.pem"});
+    expectRefusalInWords(bad);
+    EXPECT_THAT(bad.out, HasSubstr("trusted key         the package does not carry the trusted key"));
+}
+
+TEST_F(PackageCommands, an_empty_name_of_the_trusted_key_is_not_taken_for_none) {
+    EXPECT_EQ(run({"verify", "--trusted-key", ""}).exitCode, 1);
+}
+
+TEST_F(PackageCommands, a_private_key_as_the_trusted_one_is_a_wrong_command_line) {
+    writeFile(files / "trusted.pem", SigningKey::shared().privateKey());
+    const ProgramResult result = run({"verify", "--trusted-key", files / "trusted.pem"});
+    EXPECT_EQ(result.exitCode, 2);
+    EXPECT_THAT(result.err, HasSubstr("holds a private key"));
+}
+
+TEST_F(PackageCommands, what_is_no_package_is_refused_with_nothing_printed) {
+    package.setTotalSize(5000);
+    for (const char* command : {"inspect", "verify"}) {
+        const ProgramResult result = run({command, "--json"});
+        EXPECT_EQ(result.exitCode, kRefused);
+        EXPECT_EQ(result.out, "");
+        EXPECT_THAT(result.err, HasSubstr("has 5000 bytes, a package has exactly 134217728\n  next: "));
+    }
+}
+
+}  // namespace

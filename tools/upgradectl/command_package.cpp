@@ -1,0 +1,88 @@
+// The command lines of inspect and verify, which look into a package.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "tools/upgradectl/command_line.h"
+#include "tools/upgradectl/package_check.h"
+#include "tools/upgradectl/package_view.h"
+#include "tools/upgradectl/tool_error.h"
+
+namespace upgradectl {
+
+namespace {
+
+// The exit code is for scripts, the text for those who did not look at what was printed.
+void requireInOrder(const std::string& package, const PackageCheck& check) {
+    if (!check.inOrder()) {
+        throw ToolError(ExitCode::kRefused, "the package '" + package + "' is not in order",
+                        "use a package that 'upgradectl pack' made, and transfer it again");
+    }
+}
+
+void runInspect(const std::string& package, bool json) {
+    Inspection inspection;
+    inspection.package = package;
+    inspection.check = checkPackage(package, std::nullopt, [&inspection](const ArchiveEntry& entry) {
+        inspection.entries.push_back(entry);
+    });
+    std::fputs((json ? inspectionJson(inspection) : inspectionText(inspection)).c_str(), stdout);
+    requireInOrder(package, inspection.check);
+}
+
+void runVerify(const std::string& package, const std::optional<std::filesystem::path>& trustedKey,
+               bool json) {
+    const PackageCheck check = checkPackage(package, trustedKey);
+    std::fputs((json ? verificationJson(package, check) : verificationText(check)).c_str(), stdout);
+    requireInOrder(package, check);
+}
+
+}  // namespace
+
+void addInspect(CLI::App& app, Action& chosen) {
+    CLI::App* command = app.add_subcommand("inspect", "Show what is in a package");
+    command->footer(
+        "Reads the package only, on any machine. Of a damaged package it shows what can be read, says what "
+        "is "
+        "wrong and\n"
+        "ends with exit code 3.\n\n"
+        "Example:\n"
+        "  upgradectl inspect camera.pkg\n");
+    const auto package = std::make_shared<std::string>();
+    const auto json = std::make_shared<bool>(false);
+    command->add_option("PACKAGE", *package, "Package file")->required();
+    command->add_flag("--json", *json, "Print one JSON object");
+    command->callback(
+        [package, json, &chosen] { chosen = [package, json] { runInspect(*package, *json); }; });
+}
+
+void addVerify(CLI::App& app, Action& chosen) {
+    CLI::App* command = app.add_subcommand("verify", "Check whether a device would take a package");
+    command->footer(
+        "Checks trailer, key, md5, archive and the signature of each component, on any machine. A package "
+        "comes "
+        "with the\n"
+        "key that its signatures are checked by: only --trusted-key tells whose package it is.\n\n"
+        "Example:\n"
+        "  upgradectl verify --trusted-key release.pem camera.pkg\n");
+    const auto package = std::make_shared<std::string>();
+    const auto trustedKey = std::make_shared<std::string>();
+    const auto json = std::make_shared<bool>(false);
+    command->add_option("PACKAGE", *package, "Package file")->required();
+    CLI::Option* trusted = command->add_option("--trusted-key", *trustedKey,
+                                               "Public key (PEM): refuse a package that carries another one");
+    command->add_flag("--json", *json, "Print one JSON object");
+    command->callback([=, &chosen] {
+        chosen = [=] {
+            // A script's empty variable is a key that cannot be read, and not none.
+            const bool given = trusted->count() > 0;
+            runVerify(*package, given ? std::optional<std::filesystem::path>(*trustedKey) : std::nullopt,
+                      *json);
+        };
+    });
+}
+
+}  // namespace upgradectl

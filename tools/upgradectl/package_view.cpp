@@ -1,0 +1,213 @@
+#include "tools/upgradectl/package_view.h"
+
+#include <json/json.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <iomanip>
+#include <map>
+#include <sstream>
+
+#include "tools/upgradectl/escaped_text.h"
+
+namespace upgradectl {
+
+namespace {
+
+constexpr int kLabelColumns = 10;
+constexpr int kCheckColumns = 20;
+constexpr int kTypeColumns = 15;
+constexpr int kSizeColumns = 10;
+constexpr int kDigestColumns = 66;
+
+std::string line(const std::string& label, const std::string& value) {
+    std::ostringstream text;
+    text << std::left << std::setw(kLabelColumns) << label << (value.empty() ? "-" : value) << "\n";
+    return text.str();
+}
+
+std::string bytesText(std::uint64_t bytes) {
+    return std::to_string(bytes) + " bytes";
+}
+
+std::string keyText(const PackageCheck& check) {
+    return check.keyDescription.empty() ? "" : check.keyDescription + ", sha256 " + check.keyDigest;
+}
+
+std::string versionText(const PackageVersion& version) {
+    return formatVersion(version) + " (hw " + std::to_string(version.hw) + ", mpu " +
+           std::to_string(version.mpu) + ", mcu " + std::to_string(version.mcu) + ", bld " +
+           std::to_string(version.bld) + ")";
+}
+
+// What lies between payload and trailer; none when the payload's length cannot be.
+std::uint64_t gapBytes(const PackageTrailer& trailer) {
+    return kMaxPayloadBytes - std::min<std::uint64_t>(kMaxPayloadBytes, trailer.payloadBytes);
+}
+
+// The digests of the components, by their place among the entries: the first of a name is the one that was read.
+std::map<std::size_t, std::string> digestsByEntry(const Inspection& inspection) {
+    std::map<std::size_t, std::string> digests;
+    for (const ComponentCheck& component : inspection.check.components) {
+        const auto entry = std::find_if(
+            inspection.entries.begin(), inspection.entries.end(), [&](const ArchiveEntry& candidate) {
+                return unpackedName(candidate) == component.name && candidate.type == "file";
+            });
+        if (entry != inspection.entries.end() && !component.sha256.empty()) {
+            digests[static_cast<std::size_t>(entry - inspection.entries.begin())] = component.sha256;
+        }
+    }
+    return digests;
+}
+
+std::string entriesText(const Inspection& inspection) {
+    const std::map<std::size_t, std::string> digests = digestsByEntry(inspection);
+    std::ostringstream text;
+    const auto row = [&text](const std::string& type, const std::string& bytes, const std::string& digest,
+                             const std::string& name) {
+        text << std::left << std::setw(kTypeColumns) << type << std::right << std::setw(kSizeColumns) << bytes
+             << "  " << std::left << std::setw(kDigestColumns) << digest << name << "\n";
+    };
+    row("type", "bytes", "sha256", "name");
+    for (std::size_t index = 0; index < inspection.entries.size(); ++index) {
+        const ArchiveEntry& entry = inspection.entries[index];
+        const auto digest = digests.find(index);
+        row(entry.type, std::to_string(entry.bytes), digest == digests.end() ? "" : digest->second,
+            escaped(entry.name));
+    }
+    return text.str();
+}
+
+// Whatever was checked, under its name.
+std::vector<PartCheck> allChecks(const PackageCheck& check) {
+    std::vector<PartCheck> all = check.parts;
+    for (const ComponentCheck& component : check.components) {
+        const bool good = component.fault.empty();
+        all.push_back({component.name, good ? std::vector<std::string>() : std::vector{component.fault}});
+    }
+    return all;
+}
+
+std::string faultsText(const PackageCheck& check) {
+    std::string text;
+    for (const PartCheck& part : allChecks(check)) {
+        for (const std::string& fault : part.faults) {
+            text += line("fault", fault);
+        }
+    }
+    return text;
+}
+
+std::string jsonText(const Json::Value& root) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "  ";
+    return Json::writeString(builder, root) + "\n";
+}
+
+Json::Value jsonList(const std::vector<std::string>& texts) {
+    Json::Value list(Json::arrayValue);
+    for (const std::string& text : texts) {
+        list.append(text);
+    }
+    return list;
+}
+
+Json::Value jsonKey(const PackageCheck& check) {
+    Json::Value key(Json::objectValue);
+    key["description"] = check.keyDescription;
+    key["sha256"] = check.keyDigest;
+    return key;
+}
+
+Json::Value jsonVersion(const PackageVersion& version) {
+    Json::Value numbers(Json::objectValue);
+    numbers["hw"] = version.hw;
+    numbers["mpu"] = version.mpu;
+    numbers["mcu"] = version.mcu;
+    numbers["bld"] = version.bld;
+    return numbers;
+}
+
+Json::Value jsonEntries(const Inspection& inspection) {
+    const std::map<std::size_t, std::string> digests = digestsByEntry(inspection);
+    Json::Value entries(Json::arrayValue);
+    for (std::size_t index = 0; index < inspection.entries.size(); ++index) {
+        Json::Value entry(Json::objectValue);
+        entry["name"] = inspection.entries[index].name;
+        entry["type"] = inspection.entries[index].type;
+        entry["bytes"] = Json::UInt64(inspection.entries[index].bytes);
+        const auto digest = digests.find(index);
+        if (digest != digests.end()) {
+            entry["sha256"] = digest->second;
+        }
+        entries.append(entry);
+    }
+    return entries;
+}
+
+// What inspect and verify have in common.
+Json::Value jsonCommon(const std::string& package, const PackageCheck& check) {
+    Json::Value root(Json::objectValue);
+    root["package"] = package;
+    root["in_order"] = check.inOrder();
+    root["versions"] = jsonVersion(check.trailer.version);
+    root["key"] = jsonKey(check);
+    Json::Value checks(Json::arrayValue);
+    for (const PartCheck& part : allChecks(check)) {
+        Json::Value row(Json::objectValue);
+        row["name"] = part.name;
+        row["ok"] = part.faults.empty();
+        row["faults"] = jsonList(part.faults);
+        checks.append(row);
+    }
+    root["checks"] = checks;
+    return root;
+}
+
+}  // namespace
+
+std::string inspectionText(const Inspection& inspection) {
+    const PackageTrailer& trailer = inspection.check.trailer;
+    return line("package", inspection.package) +
+           line("payload",
+                bytesText(trailer.payloadBytes) + ", md5 " + (trailer.md5.empty() ? "-" : trailer.md5)) +
+           line("gap", bytesText(gapBytes(trailer))) + line("key", keyText(inspection.check)) +
+           line("stamp", escaped(trailer.stamp)) + line("ident", escaped(trailer.ident)) +
+           line("version", versionText(trailer.version)) + line("branch", escaped(trailer.branch)) +
+           line("user", escaped(trailer.user)) + "\n" + entriesText(inspection) +
+           (inspection.check.inOrder() ? "" : "\n" + faultsText(inspection.check));
+}
+
+std::string inspectionJson(const Inspection& inspection) {
+    const PackageTrailer& trailer = inspection.check.trailer;
+    Json::Value root = jsonCommon(inspection.package, inspection.check);
+    root["payload_bytes"] = trailer.payloadBytes;
+    root["gap_bytes"] = Json::UInt64(gapBytes(trailer));
+    root["md5"] = trailer.md5;
+    root["key"]["pem"] = trailer.publicKey;
+    root["stamp"] = trailer.stamp;
+    root["ident"] = trailer.ident;
+    root["branch"] = trailer.branch;
+    root["user"] = trailer.user;
+    root["files"] = jsonEntries(inspection);
+    return jsonText(root);
+}
+
+std::string verificationText(const PackageCheck& check) {
+    std::ostringstream text;
+    for (const PartCheck& part : allChecks(check)) {
+        std::string verdict;
+        for (const std::string& fault : part.faults) {
+            verdict += (verdict.empty() ? "" : "; ") + fault;
+        }
+        text << std::left << std::setw(kCheckColumns) << part.name << (verdict.empty() ? "ok" : verdict)
+             << "\n";
+    }
+    return text.str();
+}
+
+std::string verificationJson(const std::string& package, const PackageCheck& check) {
+    return jsonText(jsonCommon(package, check));
+}
+
+}  // namespace upgradectl
