@@ -28,9 +28,10 @@ function(kavro_target target)
   endif()
 endfunction()
 
-# A shared library of the device: a soname, and no symbol left undefined.
+# A shared library of the device: a soname, and no symbol left undefined. Its name is that of an installed one too.
 function(kavro_shared_library target)
   add_library(${target} SHARED ${ARGN})
+  add_library(kavro-upgrade::${target} ALIAS ${target})
   kavro_target(${target})
   set_target_properties(${target} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION 1)
   target_link_options(${target} PRIVATE -Wl,-z,defs -Wl,--as-needed)
