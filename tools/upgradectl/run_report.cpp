@@ -41,6 +41,12 @@ std::string percent(double part, double whole) {
     return formatNumber("%.2f%%", std::clamp(share, 0.0, 1.0) * 100);
 }
 
+// The same for the width of a bar, which is seen also when next to nothing was taken.
+std::string barWidth(double part, double whole) {
+    constexpr double kThinnest = 0.002;
+    return percent(std::max(part, kThinnest * whole), whole);
+}
+
 std::string formatUtc(std::time_t time, const char* format) {
     std::tm utc{};
     std::array<char, 64> text{};
@@ -64,7 +70,7 @@ Html heading(const char* text) {
     return htmlElement("h2", htmlText(text));
 }
 
-Html columnHead(const char* text) {
+Html columnHead(const std::string& text) {
     return htmlElement("th", {{"scope", "col"}}, htmlText(text));
 }
 
@@ -76,11 +82,11 @@ Html cell(const Html& content) {
     return htmlElement("td", content);
 }
 
-Html span(const char* cssClass, const std::string& text) {
+Html span(const std::string& cssClass, const std::string& text) {
     return htmlElement("span", {{"class", cssClass}}, htmlText(text));
 }
 
-Html paragraph(const char* cssClass, const std::string& text) {
+Html paragraph(const std::string& cssClass, const std::string& text) {
     return htmlElement("p", {{"class", cssClass}}, htmlText(text));
 }
 
@@ -96,7 +102,7 @@ Html table(const char* cssClass, std::initializer_list<const char*> columns, con
     return htmlElement("table", {{"class", cssClass}}, content);
 }
 
-Html rectangle(const char* cssClass, const std::string& x, const std::string& width) {
+Html rectangle(const std::string& cssClass, const std::string& x, const std::string& width) {
     return htmlEmptyElement(
         "rect", {{"class", cssClass}, {"x", x}, {"y", "0"}, {"width", width}, {"height", "100%"}});
 }
@@ -123,7 +129,6 @@ struct OutcomeRow {
     const char* here;  // at the stage in which the run ended
     const char* shape;
 };
-constexpr const char* kDisc = "M12 2a10 10 0 1 0 0 20a10 10 0 1 0 0-20z";
 constexpr OutcomeRow kOutcomes[] = {
     {static_cast<int>(ExitCode::kOk), "good", "Succeeded", "",
      "M12 2a10 10 0 1 0 0 20a10 10 0 1 0 0-20zM7 12.5l3.5 3.5l6.5-7.5"},
@@ -153,7 +158,8 @@ Html outcomePanel(const RunRecord& record) {
     const OutcomeRow& outcome = outcomeOf(record);
     const Html icon = htmlElement("svg", {{"viewBox", "0 0 24 24"}, {"aria-hidden", "true"}},
                                   htmlEmptyElement("path", {{"class", "icon"}, {"d", outcome.shape}}));
-    Html words = span("word", outcome.word) + paragraph("", record.outcome + ".");
+    Html words = htmlElement("h1", {{"class", outcome.cssClass}}, htmlText(outcome.word)) +
+                 paragraph("", record.outcome + ".");
     if (!record.nextStep.empty()) {
         words += htmlElement("p", htmlElement("strong", htmlText("Next: ")) + htmlText(record.nextStep));
     }
@@ -207,7 +213,7 @@ Html errorsOf(const RunRecord& record) {
 }
 
 Html head(const RunRecord& record) {
-    return htmlElement("header", htmlElement("h1", htmlText("upgradectl " + record.command)) +
+    return htmlElement("header", paragraph("mono faint", "upgradectl " + record.command) +
                                      outcomePanel(record) + facts(record) + errorsOf(record));
 }
 
@@ -215,6 +221,8 @@ Html head(const RunRecord& record) {
 
 constexpr const char* kVersionParts[] = {"hw", "mpu", "mcu", "bld"};
 constexpr const char* kVersionMeanings[] = {"hardware", "main processor", "microcontroller", "boot loader"};
+// A negative version is that of what is about to be written: it stays when the writing does not come to its end.
+constexpr const char* kUnfinished = "unfinished";
 
 // "V01.105.008.003" has "105" at 1; nothing where the text has another form.
 std::string versionPart(const std::string& version, std::size_t part) {
@@ -227,21 +235,21 @@ std::string versionPart(const std::string& version, std::size_t part) {
         begin = dot + 1;
     }
     const std::string digits = version.substr(begin, version.find('.', begin) - begin);
+    if (digits.rfind('-', 0) == 0) {
+        return kUnfinished;
+    }
     return digits.substr(std::min(digits.find_first_not_of('0'), digits.empty() ? 0 : digits.size() - 1));
 }
 
 Html versionRow(const RunRecord& record, std::size_t part) {
     const std::string before = versionPart(record.versionBefore, part);
     const std::string after = versionPart(record.versionAfter, part);
-    const bool known = !before.empty() && !after.empty();
-    const bool changed = known && before != after;
-    const Html row = rowHead(htmlText(kVersionParts[part]) +
-                             span("faint small", std::string(" ") + kVersionMeanings[part])) +
-                     cell(htmlText(orNotKnown(versionPart(record.packageVersion, part)))) +
-                     cell(htmlText(orNotKnown(before))) + cell(htmlText(orNotKnown(after))) +
-                     cell(htmlText(!known    ? ""
-                                   : changed ? "changed"
-                                             : "same"));
+    const bool changed = !before.empty() && !after.empty() && before != after;
+    const Html name = htmlElement("code", htmlText(kVersionParts[part])) + htmlText(" ") +
+                      span("faint small", kVersionMeanings[part]);
+    const Html row = rowHead(name) + cell(htmlText(orNotKnown(before))) +
+                     cell(htmlText(orNotKnown(after)) + (changed ? span("note", "changed") : Html{})) +
+                     cell(htmlText(orNotKnown(versionPart(record.packageVersion, part))));
     return htmlElement("tr", {{"class", changed ? "changed" : ""}}, row);
 }
 
@@ -250,7 +258,7 @@ Html versions(const RunRecord& record) {
     for (std::size_t part = 0; part < std::size(kVersionParts); ++part) {
         rows += versionRow(record, part);
     }
-    return heading("Versions") + table("short", {"Part", "Package", "Before", "After", "Change"}, rows);
+    return heading("Versions") + table("versions short", {"Part", "Before", "After", "Package"}, rows);
 }
 
 // --- Stages ---------------------------------------------------------------------------------------------------------
@@ -266,7 +274,7 @@ Html stageTimes(const StageSpan& stage) {
                 span("faint", " of " + formatNumber("%.0f s", stage.expectedSeconds));
     html += strip(
         6, words,
-        rectangle(stage.overLong() ? "late" : "bar", "0", percent(stage.seconds, stage.expectedSeconds)));
+        rectangle(stage.overLong() ? "late" : "bar", "0", barWidth(stage.seconds, stage.expectedSeconds)));
     if (stage.overLong()) {
         html += span("note failed", "over-long, " + formatNumber("%.1f times the expected",
                                                                  stage.seconds / stage.expectedSeconds));
@@ -289,8 +297,8 @@ Html stageRow(const RunRecord& record, const StageSpan& stage) {
     }
     const std::string when =
         "from " + formatSeconds(stage.begin) + " to " + formatSeconds(stage.begin + stage.seconds);
-    const Html bar = rectangle(ended ? "late" : "bar", percent(stage.begin, record.seconds),
-                               percent(stage.seconds, record.seconds));
+    const Html bar = rectangle(ended ? std::string("end ") + outcome.cssClass : "bar",
+                               percent(stage.begin, record.seconds), barWidth(stage.seconds, record.seconds));
     return htmlElement("tr", {{"class", ended ? "ended" : ""}},
                        rowHead(name) + cell(strip(14, when, bar)) + cell(stageTimes(stage)));
 }
@@ -347,32 +355,44 @@ Html lane(const ProcessorRow& row, const std::optional<FlashingSpan>& flashing, 
             std::string(row.name) + ": " + formatSeconds(flashing->seconds) + ", " + wordOf(flashing->end);
         for (std::size_t i = 0; i < flashing->steps.size(); ++i) {
             const FlashingStep& step = flashing->steps[i];
-            bars += rectangle(stepClass(i).c_str(), percent(step.begin - axis.begin, axis.seconds),
-                              percent(step.seconds, axis.seconds));
+            bars += rectangle(stepClass(i), percent(step.begin - axis.begin, axis.seconds),
+                              barWidth(step.seconds, axis.seconds));
         }
     }
     return htmlElement("strong", {{"aria-hidden", "true"}}, htmlText(row.shortName)) + strip(20, words, bars);
 }
 
-Html stepItem(const FlashingStep& step, std::size_t index) {
+Html stepItem(const FlashingStep& step, std::size_t index, bool failed) {
     const Html swatch = htmlElement("svg", {{"width", "10"}, {"height", "10"}, {"aria-hidden", "true"}},
-                                    rectangle(stepClass(index).c_str(), "0", "100%"));
-    return htmlElement(
-        "li", swatch + htmlElement("span", htmlText(step.name)) + span("time", formatSeconds(step.seconds)));
+                                    rectangle(stepClass(index), "0", "100%"));
+    Html name = htmlText(step.name);
+    if (failed) {
+        name += htmlText(": ") + htmlElement("strong", {{"class", "failed"}}, htmlText("failed"));
+    }
+    return htmlElement("li", swatch + htmlElement("span", name) + span("time", formatSeconds(step.seconds)));
+}
+
+Html stepList(const FlashingSpan& flashing) {
+    Html items;
+    for (std::size_t i = 0; i < flashing.steps.size(); ++i) {
+        const bool last = i + 1 == flashing.steps.size();
+        items += stepItem(flashing.steps[i], i, last && flashing.end == FlashingSpan::End::kFailed);
+    }
+    return htmlElement("ul", {{"class", "steps"}}, items);
 }
 
 Html processorDetails(const ProcessorRow& row, const std::optional<FlashingSpan>& flashing) {
-    Html title = htmlText(std::string(row.name) + ": ");
+    const Html name = htmlText(std::string(row.name) + ": ");
     if (!flashing) {
-        return htmlElement("div", htmlElement("h3", title + span("faint", "not flashed")));
+        return htmlElement("div", htmlElement("h3", name + span("faint", "not flashed")));
     }
-    Html steps;
-    for (std::size_t i = 0; i < flashing->steps.size(); ++i) {
-        steps += stepItem(flashing->steps[i], i);
+    Html details = htmlElement("h3", name + span(classOf(flashing->end), wordOf(flashing->end)) +
+                                         htmlText(", " + formatSeconds(flashing->seconds)));
+    details += stepList(*flashing);
+    if (!flashing->error.empty()) {
+        details += paragraph("mono", flashing->error);
     }
-    title += span(classOf(flashing->end), wordOf(flashing->end)) +
-             htmlText(", " + formatSeconds(flashing->seconds));
-    return htmlElement("div", htmlElement("h3", title) + htmlElement("ul", {{"class", "steps"}}, steps));
+    return htmlElement("div", details);
 }
 
 Html flashing(const RunRecord& record) {
@@ -453,10 +473,10 @@ const char* levelWord(int level) {
 Html logItem(const RunRecord& record, std::size_t index) {
     const LoggedLine& line = record.log[index];
     const char* level = levelWord(line.level);
-    const Html meta = htmlElement("span", {{"class", "meta"}},
-                                  htmlText(formatNumber("%7.3f s ", line.seconds)) + span("level", level) +
-                                      htmlText(" " + line.thread + " "));
-    return htmlElement("li", {{"id", lineId(index)}, {"class", level}}, meta + span("text", line.text));
+    const Html content = span("time", formatNumber("%.3f s", line.seconds)) + htmlText(" ") +
+                         span("level", level) + htmlText(" ") + span("thread", line.thread) + htmlText(" ") +
+                         span("text", line.text);
+    return htmlElement("li", {{"id", lineId(index)}, {"class", level}}, content);
 }
 
 Html log(const RunRecord& record) {

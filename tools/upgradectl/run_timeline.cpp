@@ -43,7 +43,7 @@ struct StepRow {
 };
 constexpr StepRow kSteps[] = {
     {Processor::kMicrocontroller, "[result INPROGRESS_MCU]", "switch the link on"},
-    {Processor::kMicrocontroller, "UPGRADE_Mcu start", "program, start and ask its version"},
+    {Processor::kMicrocontroller, "UPGRADE_Mcu start", "program and start it"},
 };
 
 const ThreadRow& threadOf(Processor processor) {
@@ -68,6 +68,13 @@ FlashingSpan::End endIn(const std::string& line, const char* resultText) {
     const std::string number = line.substr(at + std::char_traits<char>::length(resultText));
     return std::strtol(number.c_str(), nullptr, 10) < 0 ? FlashingSpan::End::kFailed
                                                         : FlashingSpan::End::kDone;
+}
+
+std::string firstError(const std::vector<const LoggedLine*>& lines) {
+    constexpr int kErrorLevel = 1;
+    const auto error = std::find_if(lines.begin(), lines.end(),
+                                    [](const LoggedLine* line) { return line->level == kErrorLevel; });
+    return error == lines.end() ? std::string() : (*error)->text;
 }
 
 bool wasLeftAlone(const RunRecord& record, const ThreadRow& row) {
@@ -148,6 +155,7 @@ std::optional<FlashingSpan> flashingSpan(const RunRecord& record, Processor proc
         const FlashingSpan::End end = endIn(line->text, row.resultText);
         span.end = end == FlashingSpan::End::kUnknown ? span.end : end;
     }
+    span.error = firstError(lines);
     setDurations(span);
     return span;
 }

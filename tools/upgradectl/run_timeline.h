@@ -18,7 +18,8 @@ struct StageSpan {
     double seconds = 0;
     double expectedSeconds = 0;
 
-    bool overLong() const { return seconds > expectedSeconds; }
+    // Markedly longer than expected: some stages take what is expected of them, to the hundredth of a second.
+    bool overLong() const { return seconds > 1.5 * expectedSeconds; }
 };
 
 // All stages, in their order, whether or not the run reached them. Without any stage in the record none is reached.
@@ -39,6 +40,7 @@ struct FlashingSpan {
     double seconds = 0;
     std::vector<FlashingStep> steps;  // they cover the span
     End end = End::kUnknown;
+    std::string error;  // the first that the processor's thread logged; empty without any
 };
 
 // From the begin of flashing, when both processors' threads are started, to the last line of the processor's thread.
