@@ -83,21 +83,13 @@ std::string pemText(bool (*writeKey)(BIO*, EVP_PKEY*), void* key) {
     return {text, static_cast<unsigned long>(length)};
 }
 
-// The bytes that a damaged file shows to whoever looks for what it should be.
-std::string deviceTree() {
-    return std::string("\xd0\x0d\xfe\xed", 4) + std::string(60, '\0');
-}
-
-std::string kernelImage() {
-    constexpr unsigned long kMagicOffset = 56;
-    std::string image(4096, 'K');
-    return image.replace(kMagicOffset, 4, "ARM\x64");
-}
-
-std::string rootFileSystem() {
-    constexpr unsigned long kMagicOffset = 1080;
-    std::string image(16384, 'R');
-    return image.replace(kMagicOffset, 2, "\x53\xef");
+// The lowest bytes of a number, least significant first.
+std::string littleEndian(unsigned long number, unsigned long size) {
+    std::string bytes;
+    for (unsigned long index = 0; index < size; ++index) {
+        bytes += static_cast<char>(number >> (8 * index) & 0xffU);
+    }
+    return bytes;
 }
 
 std::string byteText(unsigned value) {
@@ -201,6 +193,30 @@ std::string SigningKey::sign(const std::string& bytes) const {
     return signature;
 }
 
+std::string kernelImage(unsigned long size) {
+    constexpr unsigned long kMemorySizeOffset = 16;
+    constexpr unsigned long kMagicOffset = 56;
+    std::string image(size, 'K');
+    image.replace(kMemorySizeOffset, 8, littleEndian(size, 8));
+    return image.replace(kMagicOffset, 4, "ARM\x64");
+}
+
+std::string deviceTree(unsigned long size) {
+    const std::string stated = littleEndian(size, 4);
+    std::string tree(size, '\0');
+    tree.replace(0, 4, "\xd0\x0d\xfe\xed");
+    return tree.replace(4, 4, std::string(stated.rbegin(), stated.rend()));
+}
+
+std::string rootFileSystem(unsigned long size) {
+    constexpr unsigned long kSuperblock = 1024;
+    constexpr unsigned long kBlockBytes = 1024;
+    std::string image(size, 'R');
+    image.replace(kSuperblock, kBlockBytes, kBlockBytes, '\0');
+    image.replace(kSuperblock + 4, 4, littleEndian(size / kBlockBytes, 4));
+    return image.replace(kSuperblock + 56, 2, "\x53\xef");
+}
+
 std::string srecords(unsigned long address, const std::string& bytes) {
     constexpr unsigned long kBytesPerRecord = 32;
     std::string text = srecord('0', 2, 0, "test");
@@ -221,9 +237,9 @@ std::string mcuApplication(int version) {
 
 TestPackage::TestPackage() {
     components["bld_release.bin"] = std::string(2048, 'B');
-    components["cv22_kavro_qz7.dtb"] = deviceTree();
-    components["ext4"] = rootFileSystem();
-    components["Image"] = kernelImage();
+    components["cv22_kavro_qz7.dtb"] = deviceTree(64);
+    components["ext4"] = rootFileSystem(16384);
+    components["Image"] = kernelImage(4096);
     components["mcu_flash_drv.s19"] = srecords(kMcuRamAddress, std::string(256, 'D'));
     setVersions(1, 2, 3, 4);
 }

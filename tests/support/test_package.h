@@ -77,6 +77,11 @@ class SigningKey {
     std::string publicPem;
 };
 
+// Components of so many bytes with the headers by which they are known. A kernel has at least 64 bytes, a device tree 40,
+// a file system 2048.
+std::string kernelImage(unsigned long size);
+std::string deviceTree(unsigned long size);
+std::string rootFileSystem(unsigned long size);
 // A text of S-records (S0, S3..., S7) that puts the bytes at the address.
 std::string srecords(unsigned long address, const std::string& bytes);
 // A microcontroller application that reports the version.

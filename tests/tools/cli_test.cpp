@@ -118,4 +118,28 @@ TEST(Cli, refused_component_ends_with_exit_code_3_and_the_next_step) {
     EXPECT_TRUE(contains(result.err, "components/Image' is missing\n  next: ")) << result.err;
 }
 
+TEST(Cli, every_fault_is_told_and_force_makes_a_warning_of_it) {
+    const TemporaryDirectory files;
+    makeComponents(files / "components");
+    makeEcKey(files / "key.pem");
+    const std::string dtb = files / "components/cv22_kavro_qz7.dtb";
+    const std::string kernel = files / "components/Image";
+    std::filesystem::resize_file(dtb, 100);
+    std::filesystem::resize_file(kernel, 10);
+    std::vector<std::string> words = {"pack",      "-k", files / "key.pem", "--version",
+                                      "1.105.8.3", "-o", files / "out.pkg", files / "components"};
+    const ProgramResult refused = upgradectl(words);
+    EXPECT_EQ(refused.exitCode, 3);
+    EXPECT_TRUE(contains(refused.err, "upgradectl: the component '" + dtb + "' states")) << refused.err;
+    EXPECT_TRUE(contains(refused.err, "\nupgradectl: the component '" + kernel + "' is no")) << refused.err;
+
+    words.emplace_back("--force");
+    const ProgramResult forced = upgradectl(words);
+    EXPECT_EQ(forced.exitCode, 0) << forced.err;
+    EXPECT_EQ(forced.err, "upgradectl: warning: the component '" + dtb +
+                              "' states a device tree of 200 bytes, the file has 100 bytes\n"
+                              "upgradectl: warning: the component '" +
+                              kernel + "' is no arm64 kernel image: 'ARM\\x64' is not at offset 56\n");
+}
+
 }  // namespace

@@ -7,6 +7,7 @@
 #include <csignal>
 #include <functional>
 #include <optional>
+#include <ostream>
 
 #include "tests/support/device.h"
 #include "tests/support/test_package.h"
@@ -17,9 +18,12 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace tool_test;
+using testsupport::deviceTree;
+using testsupport::kernelImage;
 using testsupport::mcuApplication;
 using testsupport::namesIn;
 using testsupport::readFile;
+using testsupport::rootFileSystem;
 using testsupport::srecords;
 using testsupport::writeFile;
 using upgradectl::ExitCode;
@@ -289,14 +293,14 @@ TEST_F(Pack, relative_paths_are_taken_from_the_working_directory) {
 TEST_F(Pack, linked_components_are_packed_as_files) {
     fs::rename(component("Image"), files / "kernel");
     fs::create_symlink(files / "kernel", component("Image"));
-    fs::remove(component("ext4"));
-    fs::create_hard_link(component("bld_release.bin"), component("ext4"));
+    fs::remove(component("bld_release.bin"));
+    fs::create_hard_link(component("ext4"), component("bld_release.bin"));
     pack();
     const fs::path directory = extract();
     EXPECT_FALSE(fs::is_symlink(directory / "Image"));
     EXPECT_EQ(readFile(directory / "Image"), readFile(files / "kernel"));
     EXPECT_EQ(fs::hard_link_count(directory / "ext4"), 1U);
-    EXPECT_EQ(readFile(directory / "ext4"), readFile(component("bld_release.bin")));
+    EXPECT_EQ(readFile(directory / "bld_release.bin"), readFile(component("ext4")));
 }
 
 class MissingComponent : public Pack, public testing::WithParamInterface<const char*> {};
@@ -349,43 +353,140 @@ TEST_F(Pack, missing_component_directory_is_refused) {
     expectRefusal(ExitCode::kRefused, "nowhere' is no directory");
 }
 
-TEST_F(Pack, another_mcu_version_than_the_applications_is_refused) {
-    request.version.mcu = 9;
-    expectRefusal(ExitCode::kRefused, "mcu_flash_app.s19' carries version 8, the package 9");
+// --- what the components must be like -------------------------------------------------------------------------------
+
+struct WrongComponent {
+    const char* name;
+    const char* component;
+    std::string bytes;
+    const char* fault;
+    const char* next;
+};
+
+void PrintTo(const WrongComponent& wrong, std::ostream* out) {
+    *out << wrong.name;
 }
 
-TEST_F(Pack, mcu_application_that_is_no_s_record_file_is_refused) {
-    writeFile(component("mcu_flash_app.s19"), "not S-records\n");
-    expectRefusal(ExitCode::kRefused, "mcu_flash_app.s19' holds no valid S-records");
+std::string replaced(std::string bytes, std::size_t offset, const std::string& by) {
+    return bytes.replace(offset, by.size(), by);
 }
 
-TEST_F(Pack, mcu_application_with_a_wrong_checksum_is_refused) {
-    std::string records = mcuApplication(8);
-    const std::size_t digit = records.find('\n') - 1;
+std::string withWrongChecksum(std::string records) {
+    const std::size_t digit = records.find("\r\n", records.find("S3")) - 1;
     records[digit] = records[digit] == '0' ? '1' : '0';
-    writeFile(component("mcu_flash_app.s19"), records);
-    expectRefusal(ExitCode::kRefused, "mcu_flash_app.s19' holds no valid S-records");
+    return records;
 }
 
-TEST_F(Pack, mcu_application_without_its_header_is_refused) {
-    writeFile(component("mcu_flash_app.s19"), srecords(0x8000, "code without a header in front"));
-    expectRefusal(ExitCode::kRefused, "mcu_flash_app.s19' is no application");
+const std::vector<WrongComponent> kWrongComponents = {
+    {"kernel_without_its_magic", "Image", std::string(70000, 'k'),
+     "Image' is no arm64 kernel image: 'ARM\\x64' is not at offset 56", "arch/arm64/boot/Image"},
+    {"kernel_shorter_than_its_header", "Image", "MZ", "Image' is no arm64 kernel image", ""},
+    {"kernel_larger_than_its_memory", "Image", kernelImage(4096) + "x",
+     "Image' has 4097 bytes, but its header asks for a memory of 4096 bytes only", ""},
+    {"device_tree_as_source", "cv22_kavro_qz7.dtb", "/dts-v1/; / { };",
+     "cv22_kavro_qz7.dtb' is no device tree blob: it does not begin with D0 0D FE ED", "dtc"},
+    {"device_tree_cut_off", "cv22_kavro_qz7.dtb", deviceTree(200).substr(0, 199),
+     "cv22_kavro_qz7.dtb' states a device tree of 200 bytes, the file has 199 bytes", ""},
+    {"device_tree_without_its_header", "cv22_kavro_qz7.dtb", deviceTree(39),
+     "cv22_kavro_qz7.dtb' states a device tree of 39 bytes, its header alone has 40 bytes", ""},
+    {"file_system_of_another_kind", "ext4", "hsqs" + std::string(300000, '\0'),
+     "ext4' is no ext4 file system: 53 EF is not at offset 1080", "mke2fs"},
+    {"file_system_shorter_than_its_superblock", "ext4", "x", "ext4' is no ext4 file system", ""},
+    {"file_system_cut_off", "ext4", rootFileSystem(16384).substr(0, 16383),
+     "ext4' states a file system of 16 blocks of 1024 bytes, the file has 16383 bytes", ""},
+    {"file_system_with_more_blocks_than_32_bits_count", "ext4",
+     replaced(replaced(rootFileSystem(16384), 1024 + 96, "\x80"), 1024 + 336, "\x01"),
+     "ext4' states a file system of 4294967312 blocks of 1024 bytes", ""},
+    {"file_system_with_large_blocks", "ext4", replaced(rootFileSystem(16384), 1024 + 24, "\x02"),
+     "ext4' states a file system of 16 blocks of 4096 bytes", ""},
+    {"file_system_with_a_damaged_superblock", "ext4", replaced(rootFileSystem(16384), 1024 + 24, "\x07"),
+     "ext4' has a damaged superblock: 16 blocks of 2^17 bytes", ""},
+    {"mcu_application_of_another_version", "mcu_flash_app.s19", mcuApplication(9),
+     "mcu_flash_app.s19' carries version 9, the package 8", "give --version with"},
+    {"mcu_application_that_is_no_s_record_file", "mcu_flash_app.s19", "not S-records\n",
+     "mcu_flash_app.s19' is no application of the microcontroller: line 1: the record does not begin with "
+     "'S'",
+     ""},
+    {"mcu_application_with_a_wrong_checksum", "mcu_flash_app.s19", withWrongChecksum(mcuApplication(8)),
+     "mcu_flash_app.s19' is no application of the microcontroller: line 2: the checksum is wrong", ""},
+    {"mcu_application_without_its_header", "mcu_flash_app.s19",
+     srecords(0x8000, "code without a header in front"),
+     "mcu_flash_app.s19' is no application of the microcontroller: no valid application header at 0x00008000",
+     ""},
+    {"mcu_application_at_a_wrong_address", "mcu_flash_app.s19", srecords(0, "KAVROMCU"),
+     "mcu_flash_app.s19' is no application of the microcontroller: line 2: data at 0x00000000..0x00000007 is "
+     "outside",
+     "--change-addresses 0x8000,"},
+    {"mcu_flash_driver_that_is_no_s_record_file", "mcu_flash_drv.s19", "S",
+     "mcu_flash_drv.s19' is no flash driver of the microcontroller: line 1: the record is cut short", ""},
+    {"mcu_flash_driver_outside_of_ram", "mcu_flash_drv.s19", mcuApplication(8),
+     "mcu_flash_drv.s19' is no flash driver of the microcontroller: line 2: data at 0x00008000..0x0000801F "
+     "is outside",
+     "--change-addresses 0x20000000,"},
+};
+
+class WrongFormat : public Pack, public testing::WithParamInterface<WrongComponent> {};
+
+TEST_P(WrongFormat, is_refused_with_what_is_wrong_and_packed_by_force_with_a_warning) {
+    writeFile(component(GetParam().component), GetParam().bytes);
+    expectRefusal(ExitCode::kRefused, GetParam().fault, GetParam().next);
+    expectRefusal(ExitCode::kRefused, GetParam().fault, "--force");
+    request.force = true;
+    const upgradectl::PackSummary summary = pack();
+    ASSERT_EQ(summary.warnings.size(), 1U);
+    EXPECT_NE(summary.warnings.front().find(GetParam().fault), std::string::npos) << summary.warnings.front();
+    EXPECT_EQ(readFile(extract() / GetParam().component), GetParam().bytes);
 }
 
-TEST_F(Pack, mcu_application_at_a_wrong_address_is_refused_with_the_option_that_moves_it) {
-    writeFile(component("mcu_flash_app.s19"), srecords(0, "KAVROMCU"));
-    expectRefusal(ExitCode::kRefused, "mcu_flash_app.s19' is no application", "--change-addresses 0x8000,");
+INSTANTIATE_TEST_SUITE_P(Pack, WrongFormat, testing::ValuesIn(kWrongComponents),
+                         [](const testing::TestParamInfo<WrongComponent>& test) {
+                             return std::string(test.param.name);
+                         });
+
+TEST_F(Pack, a_kernel_that_does_not_state_its_memory_is_packed) {
+    writeFile(component("Image"), replaced(kernelImage(4096), 16, std::string(8, '\0')));
+    EXPECT_TRUE(pack().warnings.empty());
 }
 
-TEST_F(Pack, mcu_flash_driver_that_is_no_s_record_file_is_refused) {
-    writeFile(component("mcu_flash_drv.s19"), "not S-records\n");
-    expectRefusal(ExitCode::kRefused, "mcu_flash_drv.s19' holds no valid S-records");
+TEST_F(Pack, a_file_system_and_a_device_tree_with_room_behind_them_are_packed) {
+    writeFile(component("ext4"), rootFileSystem(16384) + std::string(5000, '\0'));
+    writeFile(component("cv22_kavro_qz7.dtb"), deviceTree(200) + std::string(50, '\0'));
+    EXPECT_TRUE(pack().warnings.empty());
 }
 
-TEST_F(Pack, mcu_flash_driver_outside_ram_is_refused) {
-    writeFile(component("mcu_flash_drv.s19"), mcuApplication(8));
-    expectRefusal(ExitCode::kRefused, "mcu_flash_drv.s19' is no flash driver",
-                  "--change-addresses 0x20000000,");
+TEST_F(Pack, all_faults_of_all_components_are_told_at_once) {
+    fs::remove(component("bld_release.bin"));
+    writeFile(component("cv22_kavro_qz7.dtb"), "");
+    writeFile(component("ext4"), "no file system");
+    writeFile(component("Image"), "no kernel");
+    try {
+        pack();
+        FAIL() << "packed";
+    } catch (const ToolError& error) {
+        EXPECT_NE(std::string(error.what()).find("bld_release.bin' is missing"), std::string::npos);
+        ASSERT_EQ(error.further().size(), 3U);
+        const std::vector<std::string> parts = {"dtb' is empty", "ext4' is no ext4",
+                                                "Image' is no arm64 kernel"};
+        for (std::size_t index = 0; index < parts.size(); ++index) {
+            const ToolError& other = error.further()[index];
+            EXPECT_NE(std::string(other.what()).find(parts[index]), std::string::npos) << other.what();
+            EXPECT_NE(other.next(), "");
+        }
+    }
+}
+
+TEST_F(Pack, a_missing_or_an_empty_component_is_refused_by_force_too) {
+    request.force = true;
+    writeFile(component("Image"), "");
+    expectRefusal(ExitCode::kRefused, "Image' is empty");
+    fs::remove(component("Image"));
+    expectRefusal(ExitCode::kRefused, "Image' is missing");
+}
+
+TEST_F(Pack, components_larger_than_a_package_are_refused_by_force_too) {
+    request.force = true;
+    fs::resize_file(component("ext4"), kPackageBytes);
+    expectRefusal(ExitCode::kRefused, "the components come to");
 }
 
 TEST_F(Pack, components_larger_than_a_package_are_refused) {
@@ -395,7 +496,7 @@ TEST_F(Pack, components_larger_than_a_package_are_refused) {
 
 TEST_F(Pack, components_that_fit_only_without_signatures_and_headers_are_refused) {
     // The sum of the sizes is within the limit, the archive is not.
-    const std::uintmax_t others = 5000 + 13 + 70000 + fs::file_size(component("mcu_flash_app.s19")) +
+    const std::uintmax_t others = 5000 + 200 + 70000 + fs::file_size(component("mcu_flash_app.s19")) +
                                   fs::file_size(component("mcu_flash_drv.s19"));
     const std::string list = "1\n";
     writeFile(component("version_list.acs"), list);

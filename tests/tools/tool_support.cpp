@@ -23,9 +23,9 @@ void makeComponents(const fs::path& directory) {
     constexpr std::uint32_t kRamStart = 0x20000000;
     fs::create_directories(directory);
     testsupport::writeFile(directory / "bld_release.bin", std::string(5000, 'b'));
-    testsupport::writeFile(directory / "cv22_kavro_qz7.dtb", "a device tree");
-    testsupport::writeFile(directory / "ext4", std::string(300000, 'e'));
-    testsupport::writeFile(directory / "Image", std::string(70000, 'k'));
+    testsupport::writeFile(directory / "cv22_kavro_qz7.dtb", testsupport::deviceTree(200));
+    testsupport::writeFile(directory / "ext4", testsupport::rootFileSystem(300000));
+    testsupport::writeFile(directory / "Image", testsupport::kernelImage(70000));
     testsupport::writeFile(directory / "mcu_flash_app.s19", testsupport::mcuApplication(8));
     testsupport::writeFile(directory / "mcu_flash_drv.s19",
                            testsupport::srecords(kRamStart, "the flash driver's code"));

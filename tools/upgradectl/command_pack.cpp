@@ -16,6 +16,9 @@ namespace {
 void runPack(const PackRequest& request) {
     const Interrupts interrupts;
     const PackSummary summary = pack(request, interrupts);
+    for (const std::string& warning : summary.warnings) {
+        std::fprintf(stderr, "upgradectl: warning: %s\n", warning.c_str());
+    }
     std::printf("package   %s\n", request.output.c_str());
     std::printf("version   %s\n", formatVersion(request.version).c_str());
     std::printf("payload   %u bytes, md5 %s\n", summary.payloadBytes, summary.md5.c_str());
@@ -29,7 +32,13 @@ void addPack(CLI::App& app, Action& chosen) {
     command->footer(
         "The directory holds bld_release.bin, cv22_kavro_qz7.dtb, ext4, Image, mcu_flash_app.s19,\n"
         "mcu_flash_drv.s19 and, if wanted, version_list.acs, which is made otherwise.\n"
-        "SOURCE_DATE_EPOCH sets the times in the package.\n\n"
+        "Refused are a kernel, device tree, file system or microcontroller's file that is not one, unless "
+        "--force "
+        "is given.\n"
+        "SOURCE_DATE_EPOCH sets the times in the package. With it and an RSA key the same components give "
+        "the same "
+        "package,\n"
+        "byte for byte; an EC signature is another one each time.\n\n"
         "Example:\n"
         "  upgradectl pack --key signing.pem --version 1.105.8.3 --output camera.pkg components/\n");
 
@@ -49,6 +58,8 @@ void addPack(CLI::App& app, Action& chosen) {
     command->add_option("--ident", options->request.ident, "Identifier, up to 40 bytes, such as a commit");
     command->add_option("--branch", options->request.branch, "Branch text; devices keep 127 bytes");
     command->add_option("--user", options->request.user, "User text, needs --branch; devices keep 127 bytes");
+    command->add_flag("--force", options->request.force,
+                      "Only warn of a component that is not in the format which a device needs");
 
     command->callback([options, stamp, &chosen] {
         chosen = [options, stamp] {

@@ -24,14 +24,17 @@ struct Component {
     std::filesystem::path path;  // absolute
 };
 
-// The components in a directory, in the order of kComponentNames; the version list only if there is one.
-// Throws ToolError (refused) when another one is missing, is no regular file (links are followed) or cannot
-// be read.
-std::vector<Component> findComponents(const std::filesystem::path& directory);
+struct ComponentFault {
+    std::string text;        // one sentence without a full stop that names the file
+    std::string next;        // what to do about it
+    bool forceable = false;  // a package can be made all the same
+};
 
-// Throws ToolError (refused) unless the microcontroller's files are S-records and its application carries the
-// version of the package.
-void checkMcuComponents(const std::vector<Component>& components, const PackageVersion& version);
+// The components in a directory, in the order of kComponentNames; the version list only if there is one. Every
+// other one that is missing, is no regular file (links are followed), is empty or cannot be read is added to the faults
+// instead. Throws ToolError (refused) when there is no such directory.
+std::vector<Component> findComponents(const std::filesystem::path& directory,
+                                      std::vector<ComponentFault>& faults);
 
 // The text of a version list: the versions of the package, then name and SHA-256 of each component.
 std::string makeVersionList(const std::vector<Component>& components, const PackageVersion& version);

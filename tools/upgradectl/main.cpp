@@ -17,6 +17,9 @@ void report(const ToolError& error) {
         std::fprintf(stderr, "  device: %s\n", line.c_str());
     }
     std::fprintf(stderr, "  next: %s\n", error.next().c_str());
+    for (const ToolError& other : error.further()) {
+        report(other);
+    }
 }
 
 // CLI11 has exit codes of its own; help and version are no failures.

@@ -1,12 +1,15 @@
 #include "tools/upgradectl/pack.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tools/upgradectl/archive.h"
+#include "tools/upgradectl/component_formats.h"
 #include "tools/upgradectl/components.h"
 #include "tools/upgradectl/output_file.h"
 #include "tools/upgradectl/package_trailer.h"
@@ -80,6 +83,36 @@ void requirePayloadFits(std::uint64_t bytes) {
     }
 }
 
+// The first fault, and the others along with it. faults must not be empty.
+ToolError refusal(const std::vector<ComponentFault>& faults) {
+    ToolError error(ExitCode::kRefused, faults.front().text, faults.front().next);
+    for (auto fault = faults.begin() + 1; fault != faults.end(); ++fault) {
+        error.add({ExitCode::kRefused, fault->text, fault->next});
+    }
+    return error;
+}
+
+// The components that go into the package. Those of them that are not what they should be are told in warnings.
+std::vector<Component> checkedComponents(const PackRequest& request, std::vector<std::string>& warnings) {
+    std::vector<ComponentFault> faults;
+    std::vector<Component> components = findComponents(request.componentDir, faults);
+    for (const Component& component : components) {
+        if (const std::optional<ComponentFault> fault = formatFault(component, request.version)) {
+            faults.push_back(*fault);
+        }
+    }
+    const bool packable = std::all_of(faults.begin(), faults.end(), [&request](const ComponentFault& fault) {
+        return request.force && fault.forceable;
+    });
+    if (!packable) {
+        throw refusal(faults);
+    }
+    for (const ComponentFault& fault : faults) {
+        warnings.push_back(fault.text);
+    }
+    return components;
+}
+
 std::uint64_t totalSize(const std::vector<Component>& components) {
     std::uint64_t total = 0;
     for (const Component& component : components) {
@@ -133,10 +166,10 @@ void completeComponents(std::vector<Component>& components, const fs::path& dire
 PackSummary writePackage(const PackRequest& request, const Interrupts& interrupts) {
     const PrivateKey key(request.key);
     PackageTrailer trailer = describe(request, key);
-    std::vector<Component> components = findComponents(request.componentDir);
+    std::vector<std::string> warnings;
+    std::vector<Component> components = checkedComponents(request, warnings);
     requireApart(request, components);
     requirePayloadFits(totalSize(components));
-    checkMcuComponents(components, request.version);
     OutputFile output(request.output);
 
     const StagingDirectory staging;
@@ -152,7 +185,7 @@ PackSummary writePackage(const PackRequest& request, const Interrupts& interrupt
     output.writeAt(kMaxPayloadBytes, encodeTrailer(trailer));
     throwIfInterrupted(interrupts);
     output.commit();
-    return {trailer.payloadBytes, trailer.md5, key.description()};
+    return {trailer.payloadBytes, trailer.md5, key.description(), std::move(warnings)};
 }
 
 }  // namespace

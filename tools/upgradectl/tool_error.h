@@ -34,10 +34,15 @@ class ToolError : public std::runtime_error {
     const std::string& next() const { return nextStep; }
     const std::vector<std::string>& details() const { return deviceWords; }
 
+    // Failures of the same exit code that were found along with this one, and are told behind it.
+    const std::vector<ToolError>& further() const { return others; }
+    void add(ToolError other) { others.push_back(std::move(other)); }
+
   private:
     ExitCode code;
     std::string nextStep;
     std::vector<std::string> deviceWords;
+    std::vector<ToolError> others;
 };
 
 }  // namespace upgradectl
