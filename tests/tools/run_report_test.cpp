@@ -135,7 +135,7 @@ std::string faultOfMarkup(const std::string& page) {
 TEST(RunReport, tells_outcome_next_step_begin_and_duration_in_words) {
     const std::string words = wordsOf(renderRunReport(goodRun()));
     EXPECT_TRUE(
-        contains(words, "Succeeded installed &#39;/firmware/release.pkg&#39;, it awaits activation."));
+        contains(words, "Succeeded Installed &#39;/firmware/release.pkg&#39;, it awaits activation."));
     EXPECT_TRUE(contains(words, "Next: upgradectl activate, then restart the device"));
     EXPECT_TRUE(contains(words, "2001-09-09 01:46:40 UTC"));
     EXPECT_TRUE(contains(words, "Duration 5.0 s"));

@@ -64,9 +64,17 @@ std::string orNotKnown(const std::string& text) {
     return text.empty() ? kNotKnown : text;
 }
 
+// The outcome begins with a small letter, as it follows the program's name elsewhere.
+std::string asSentence(std::string text) {
+    if (!text.empty() && text.front() >= 'a' && text.front() <= 'z') {
+        text.front() = static_cast<char>(text.front() - 'a' + 'A');
+    }
+    return text + ".";
+}
+
 // --- Small pieces of a page -----------------------------------------------------------------------------------------
 
-Html heading(const char* text) {
+Html heading(const std::string& text) {
     return htmlElement("h2", htmlText(text));
 }
 
@@ -159,7 +167,7 @@ Html outcomePanel(const RunRecord& record) {
     const Html icon = htmlElement("svg", {{"viewBox", "0 0 24 24"}, {"aria-hidden", "true"}},
                                   htmlEmptyElement("path", {{"class", "icon"}, {"d", outcome.shape}}));
     Html words = htmlElement("h1", {{"class", outcome.cssClass}}, htmlText(outcome.word)) +
-                 paragraph("", record.outcome + ".");
+                 paragraph("", asSentence(record.outcome));
     if (!record.nextStep.empty()) {
         words += htmlElement("p", htmlElement("strong", htmlText("Next: ")) + htmlText(record.nextStep));
     }
@@ -203,7 +211,7 @@ Html errorsOf(const RunRecord& record) {
     }
     const std::string title =
         count == 1 ? "One error was logged" : std::to_string(count) + " errors were logged";
-    Html html = htmlElement("h3", htmlText(title)) + htmlElement("ul", {{"class", "errors"}}, links);
+    Html html = heading(title) + htmlElement("ul", {{"class", "errors"}}, links);
     if (count > kErrorsInHead) {
         html +=
             htmlElement("p", htmlText("The rest is in ") +
@@ -347,19 +355,28 @@ const char* classOf(FlashingSpan::End end) {
 }
 
 // Both processors' lanes have the same axis: the stage in which they are flashed.
-Html lane(const ProcessorRow& row, const std::optional<FlashingSpan>& flashing, const StageSpan& axis) {
+Html laneBars(const FlashingSpan& flashing, const StageSpan& axis) {
     Html bars;
-    std::string words = std::string(row.name) + ": not flashed";
-    if (flashing) {
-        words =
-            std::string(row.name) + ": " + formatSeconds(flashing->seconds) + ", " + wordOf(flashing->end);
-        for (std::size_t i = 0; i < flashing->steps.size(); ++i) {
-            const FlashingStep& step = flashing->steps[i];
-            bars += rectangle(stepClass(i), percent(step.begin - axis.begin, axis.seconds),
-                              barWidth(step.seconds, axis.seconds));
-        }
+    for (std::size_t i = 0; i < flashing.steps.size(); ++i) {
+        const FlashingStep& step = flashing.steps[i];
+        bars += rectangle(stepClass(i), percent(step.begin - axis.begin, axis.seconds),
+                          barWidth(step.seconds, axis.seconds));
     }
-    return htmlElement("strong", {{"aria-hidden", "true"}}, htmlText(row.shortName)) + strip(20, words, bars);
+    if (flashing.end == FlashingSpan::End::kFailed) {
+        const double end = flashing.begin + flashing.seconds - axis.begin;
+        bars += rectangle("late", percent(end, axis.seconds), "4");
+    }
+    return bars;
+}
+
+Html lane(const ProcessorRow& row, const std::optional<FlashingSpan>& flashing, const StageSpan& axis) {
+    const std::string name = std::string(row.name) + ": ";
+    const Html label = htmlElement("strong", {{"aria-hidden", "true"}}, htmlText(row.shortName));
+    if (!flashing) {
+        return label + strip(20, name + "not flashed", {});
+    }
+    const std::string words = name + formatSeconds(flashing->seconds) + ", " + wordOf(flashing->end);
+    return label + strip(20, words, laneBars(*flashing, axis));
 }
 
 Html stepItem(const FlashingStep& step, std::size_t index, bool failed) {
@@ -399,7 +416,7 @@ Html flashing(const RunRecord& record) {
     const StageSpan axis = stageSpans(record).at(UPGRADE_STAGE_FLASHING_START);
     if (!axis.reached) {
         return heading("Flashing") +
-               paragraph("", "The run did not come to flashing: neither processor was flashed.");
+               paragraph("", "The run ended before flashing: neither processor was flashed.");
     }
     Html lanes;
     Html details;
