@@ -45,6 +45,7 @@ INSTANTIATE_TEST_SUITE_P(
                     UsageError{"inspect_without_a_package", {"inspect"}},
                     UsageError{"verify_without_a_package", {"verify", "--json"}},
                     UsageError{"install_without_a_package", {"install"}},
+                    UsageError{"install_in_two_forms", {"install", "--plain", "--json", "x"}},
                     UsageError{"status_with_an_argument", {"status", "x"}},
                     UsageError{"watch_of_no_lines", {"watch", "--count", "0"}},
                     UsageError{"two_commands", {"status", "activate"}},
@@ -92,8 +93,8 @@ TEST_P(CommandHelp, has_an_example) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Cli, CommandHelp,
-                         testing::Values("pack", "inspect", "verify", "init", "install", "status", "watch",
-                                         "activate", "confirm", "rollback"));
+                         testing::Values("pack", "inspect", "verify", "init", "install", "status", "versions",
+                                         "watch", "activate", "confirm", "rollback"));
 
 TEST(Cli, pack_writes_a_package_and_says_what_is_in_it) {
     const TemporaryDirectory files;

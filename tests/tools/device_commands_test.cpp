@@ -1,5 +1,9 @@
 #include <gtest/gtest.h>
+#include <json/reader.h>
 
+#include <sstream>
+
+#include "tests/support/mcu_emulator.h"
 #include "tests/tools/device_support.h"
 #include "upgrade/upgrade_proc_pkg.h"
 
@@ -72,6 +76,73 @@ TEST(Status, without_factory_versions_fails_and_still_tells_the_rest) {
     EXPECT_TRUE(contains(result.err, "'/etc/kavro/version.json' cannot be read")) << result.err;
 }
 
+Json::Value parsed(const std::string& text) {
+    std::istringstream source(text);
+    Json::Value value;
+    std::string errors;
+    EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), source, &value, &errors)) << text << errors;
+    return value;
+}
+
+TEST(Status, tells_a_program_the_same) {
+    writeFile(kMarker, "");
+    writeFile(kLastRun, "upgrade_success");
+    writeFile("/firmware/current.pkg", "short");
+    const ProgramResult result = upgradectl({"status", "--json"});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(parsed(result.out), parsed(R"({
+        "factory_version": "V01.104.007.002",
+        "current_version": "V01.104.007.002",
+        "state": "installed",
+        "last_run": "upgrade_success",
+        "packages": [
+            {"path": "/firmware/current.pkg", "bytes": 5, "whole": false},
+            {"path": "/firmware/rollback.pkg", "bytes": null, "whole": false},
+            {"path": "/firmware/recv.tar.xz", "bytes": null, "whole": false}
+        ]})"))
+        << result.out;
+}
+
+TEST(Status, tells_a_program_what_is_not_known_as_null) {
+    writeFile(kLastRun, "DAMAGED");
+    std::filesystem::remove("/etc/kavro/version.json");
+    const ProgramResult result = upgradectl({"status", "--json"});
+    EXPECT_EQ(result.exitCode, 1);
+    const Json::Value status = parsed(result.out);
+    EXPECT_TRUE(status.isMember("factory_version") && status["factory_version"].isNull()) << result.out;
+    EXPECT_TRUE(status.isMember("last_run") && status["last_run"].isNull()) << result.out;
+}
+
+TEST(Versions, of_device_microcontroller_and_kept_packages_are_told) {
+    testsupport::McuEmulator mcu;
+    ASSERT_TRUE(mcu.start());
+    TestPackage().setVersions(1, 103, 6, 2).writeTo("/firmware/rollback.pkg");
+    writeFile("/firmware/current.pkg", "short");
+    const ProgramResult result = upgradectl({"versions"});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(result.out,
+              "factory version         V01.104.007.002\n"
+              "current version         V01.104.007.002\n"
+              "microcontroller         7\n"
+              "/firmware/current.pkg   unknown\n"
+              "/firmware/rollback.pkg  V01.103.006.002\n");
+    EXPECT_EQ(parsed(upgradectl({"versions", "--json"}).out), parsed(R"({
+        "factory_version": "V01.104.007.002",
+        "current_version": "V01.104.007.002",
+        "microcontroller": 7,
+        "packages": [
+            {"path": "/firmware/current.pkg", "version": null},
+            {"path": "/firmware/rollback.pkg", "version": "V01.103.006.002"}
+        ]})"));
+}
+
+TEST(Versions, of_a_microcontroller_that_does_not_answer_are_not_told) {
+    const ProgramResult result = upgradectl({"versions"});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_TRUE(contains(result.out, "microcontroller         no answer\n")) << result.out;
+    EXPECT_TRUE(contains(result.out, "/firmware/rollback.pkg  -\n")) << result.out;
+}
+
 TEST(Activate, without_an_installed_package_fails_and_says_so) {
     const ProgramResult result = upgradectl({"activate"});
     EXPECT_EQ(result.exitCode, 1);
@@ -120,6 +191,15 @@ TEST(Confirm, without_a_boot_environment_fails_and_says_why) {
     EXPECT_EQ(result.out, "");
     EXPECT_TRUE(contains(result.err, "the running slot could not be confirmed\n  device: ")) << result.err;
     EXPECT_TRUE(contains(result.err, "/etc/kavro/fw_env.config")) << result.err;
+}
+
+TEST(Confirm, needs_nothing_of_the_microcontroller) {
+    std::string platform = readFile("/etc/kavro/platform.json");
+    const std::size_t link = platform.find("unix:/dev/kavro-mcu/link");
+    ASSERT_NE(link, std::string::npos);
+    writeFile("/etc/kavro/platform.json", platform.erase(link, 5));
+    EXPECT_EQ(upgradectl({"init"}).exitCode, 1);
+    EXPECT_EQ(upgradectl({"confirm"}).exitCode, 0);
 }
 
 TEST(Confirm, without_a_driver_fails_and_says_why) {

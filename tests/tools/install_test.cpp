@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
+#include <json/reader.h>
 
+#include <algorithm>
 #include <csignal>
+#include <sstream>
+#include <vector>
 
 #include "tests/support/mcu_emulator.h"
 #include "tests/tools/device_support.h"
@@ -51,22 +55,68 @@ TEST_F(Install, a_packed_release_is_installed_activated_and_rolled_back) {
     const ProgramResult back = upgradectl({"rollback"});
     EXPECT_EQ(back.exitCode, 0) << back.err;
     EXPECT_TRUE(contains(back.out, "stage FLASHING_START")) << back.out;
-    EXPECT_TRUE(contains(back.out, "rolled back, versions now V01.104.008.002")) << back.out;
+    EXPECT_TRUE(contains(back.out, "rolled back to V01.105.008.003, which runs after the next restart"))
+        << back.out;
     EXPECT_EQ(readFile(kLastRun), "rollback_success");
 }
 
-TEST_F(Install, stages_are_shown_in_order_and_commands_of_the_library_stay_silent) {
+// The events of one kind, by their member of the same name.
+std::vector<std::string> eventNames(const std::vector<Json::Value>& events, const std::string& kind) {
+    std::vector<std::string> names;
+    for (const Json::Value& event : events) {
+        if (event["event"] == kind) {
+            names.push_back(event[kind].asString());
+        }
+    }
+    return names;
+}
+
+std::vector<Json::Value> eventsIn(const std::string& text) {
+    std::vector<Json::Value> events;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream source(line);
+        Json::Value event;
+        std::string errors;
+        EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), source, &event, &errors))
+            << line << errors;
+        events.push_back(event);
+    }
+    return events;
+}
+
+void makePublicKey(const char* path) {
+    const ProgramResult result =
+        runProgram({"openssl", "pkey", "-in", "/tmp/key.pem", "-pubout", "-out", path});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+}
+
+TEST_F(Install, tells_a_program_every_change_once_and_in_order_and_writes_a_report) {
     packRelease();
-    const ProgramResult result = upgradectl({"install", kPackage});
+    makePublicKey("/tmp/public.pem");
+    const ProgramResult result = upgradectl(
+        {"install", "--json", "--trusted-key", "/tmp/public.pem", "--report", "/tmp/report.html", kPackage});
     EXPECT_EQ(result.exitCode, 0) << result.err;
-    const std::size_t init = result.out.find("stage INIT");
-    const std::size_t flashing = result.out.find("stage FLASHING_START");
-    const std::size_t done = result.out.find("stage DONE");
-    EXPECT_LT(init, flashing);
-    EXPECT_LT(flashing, done);
-    EXPECT_NE(done, std::string::npos) << result.out;
-    EXPECT_FALSE(contains(result.out, "Image")) << result.out;
-    EXPECT_FALSE(contains(result.out, "Verified OK")) << result.out;
+    const std::vector<Json::Value> events = eventsIn(result.out);  // nothing else, as from tar or openssl
+    ASSERT_GT(events.size(), 10U);
+    EXPECT_EQ(events.front()["event"], "begin");
+    EXPECT_EQ(events.front()["package_version"], "V01.105.008.003");
+    EXPECT_EQ(events.front()["current_version"], "V01.104.007.002");
+    EXPECT_EQ(eventNames(events, "stage"),
+              (std::vector<std::string>{"INIT", "START", "PROC_PKG_DONE", "VERIFY_PKG_DONE", "SET_FLAG_DONE",
+                                        "FLASHING_START", "BACKUP_PACKAGE", "DONE"}));
+    EXPECT_EQ(eventNames(events, "state"),
+              (std::vector<std::string>{"NONE", "START", "INPROGRESS_MPU", "INPROGRESS_MCU", "FINISH"}));
+    EXPECT_EQ(events.back()["event"], "end");
+    EXPECT_EQ(events.back()["result"], "done");
+    EXPECT_TRUE(std::is_sorted(events.begin(), events.end(), [](const Json::Value& a, const Json::Value& b) {
+        return a["seconds"].asDouble() < b["seconds"].asDouble();
+    })) << result.out;
+
+    const std::string report = readFile("/tmp/report.html");
+    for (const char* part : {"FLASHING_START", "aUpgrade_MCU", "mcu_flash_app.s19", "awaits activation"}) {
+        EXPECT_TRUE(contains(report, part)) << part;
+    }
 }
 
 TEST_F(Install, on_a_terminal_one_line_is_drawn_again_and_again) {
@@ -76,6 +126,7 @@ TEST_F(Install, on_a_terminal_one_line_is_drawn_again_and_again) {
     EXPECT_EQ(result.exitCode, 0) << result.out << result.err;
     EXPECT_TRUE(contains(result.out, "\r\x1b[K[")) << result.out;
     EXPECT_TRUE(contains(result.out, "100 %  DONE")) << result.out;
+    EXPECT_TRUE(contains(result.out, "0:00 left")) << result.out;
     EXPECT_FALSE(contains(result.out, "stage DONE")) << result.out;
 }
 
@@ -141,6 +192,71 @@ TEST_F(Install, closed_standard_output_does_not_end_the_run) {
         runProgram({"bash", "-c", "\"$@\" >&-", "bash", UPGRADECTL, "install", kPackage});
     EXPECT_EQ(result.exitCode, 0) << result.err;
     EXPECT_TRUE(exists(kMarker));
+}
+
+TEST_F(Install, another_key_than_the_trusted_one_is_refused_before_a_run_begins_and_reported) {
+    packRelease();
+    makeEcKey("/tmp/key.pem");
+    makePublicKey("/tmp/other.pem");
+    const ProgramResult result = upgradectl(
+        {"install", "--json", "--trusted-key", "/tmp/other.pem", "--report", "/tmp/report.html", kPackage});
+    expectFailure(result, 3, "'/tmp/release.pkg' was refused, nothing was flashed: ");
+    EXPECT_TRUE(contains(result.err, "key")) << result.err;
+    EXPECT_FALSE(exists(kLastRun));
+    const std::vector<Json::Value> events = eventsIn(result.out);
+    ASSERT_EQ(events.size(), 1U);
+    EXPECT_EQ(events[0]["result"], "refused");
+    EXPECT_EQ(events[0]["exit_code"], 3);
+    EXPECT_TRUE(contains(readFile("/tmp/report.html"), "was refused, nothing was flashed"));
+}
+
+TEST_F(Install, with_a_trusted_key_that_cannot_be_read_does_not_begin) {
+    packRelease();
+    const ProgramResult result = upgradectl({"install", "--trusted-key", "/tmp/nowhere.pem", kPackage});
+    EXPECT_NE(result.exitCode, 0);
+    EXPECT_TRUE(contains(result.err, "/tmp/nowhere.pem")) << result.err;
+    EXPECT_FALSE(exists(kLastRun));
+}
+
+struct ReportPlace {
+    const char* path;
+    int exitCode;
+    const char* why;
+};
+
+TEST_F(Install, a_report_where_none_can_be_is_refused_before_anything_is_done) {
+    TestPackage().writeTo(kPackage);
+    std::filesystem::create_directory("/tmp/directory");
+    std::filesystem::create_directory_symlink("/raw", "/tmp/link");
+    constexpr ReportPlace kPlaces[] = {
+        {"/raw/report.html", 2, "/raw belongs to the device's upgrades"},
+        {"/tmp/link/report.html", 2, "/raw belongs to the device's upgrades"},
+        {"/firmware/current.pkg", 2, "/firmware belongs to the device's upgrades"},
+        {"/config/upgraded", 2, "/config belongs to the device's upgrades"},
+        {"/dev/disk/by-partlabel/kernel_b", 2, "/dev belongs to the device's upgrades"},
+        {kPackage, 2, "which a run reads or writes itself"},
+        {"/tmp/upgrade.cfg", 2, "which a run reads or writes itself"},
+        {"/tmp/directory", 1, "'/tmp/directory' exists and is no regular file"},
+        {"/tmp/nowhere/report.html", 1, "'/tmp/nowhere/report.html' cannot be created"},
+    };
+    for (const ReportPlace& place : kPlaces) {
+        expectFailure(upgradectl({"install", "--report", place.path, kPackage}), place.exitCode, place.why);
+    }
+    EXPECT_FALSE(exists(kLastRun));
+    EXPECT_EQ(sizeOf(kPackage), 134217728);
+}
+
+TEST_F(Install, without_platform_json_tells_what_both_drivers_lack) {
+    TestPackage().writeTo(kPackage);
+    std::filesystem::remove("/etc/kavro/platform.json");
+    const ProgramResult result = upgradectl({"install", kPackage});
+    expectFailure(result, 1, "the flash drivers are not ready\n");
+    EXPECT_TRUE(contains(result.err, "device: UpgradeMcu: /etc/kavro/platform.json: cannot be read"))
+        << result.err;
+    EXPECT_TRUE(contains(result.err, "device: UpgradeMpu: /etc/kavro/platform.json: cannot be read"))
+        << result.err;
+    EXPECT_EQ(result.err.find("UpgradeMcu:"), result.err.rfind("UpgradeMcu:")) << result.err;
+    EXPECT_FALSE(exists(kLastRun));
 }
 
 TEST_F(Install, a_missing_package_is_refused) {
@@ -240,7 +356,10 @@ TEST_F(Rollback, while_an_installed_package_awaits_activation_changes_nothing) {
 
 TEST_F(Rollback, of_a_damaged_package_is_refused_before_flashing) {
     TestPackage().setVersions(1, 103, 6, 2).flipPayloadByte(1000).writeTo("/firmware/rollback.pkg");
-    expectFailure(upgradectl({"rollback"}), 3, "'/firmware/rollback.pkg' is damaged");
+    const ProgramResult result = upgradectl({"rollback", "--report", "/tmp/report.html"});
+    expectFailure(result, 3, "'/firmware/rollback.pkg' is damaged");
+    EXPECT_TRUE(contains(result.err, "next: install a package instead")) << result.err;
+    EXPECT_TRUE(contains(readFile("/tmp/report.html"), "is damaged"));
 }
 
 TEST_F(Rollback, can_be_given_up_before_flashing) {

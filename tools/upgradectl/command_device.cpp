@@ -4,6 +4,7 @@
 
 #include "tools/upgradectl/command_line.h"
 #include "tools/upgradectl/device_commands.h"
+#include "tools/upgradectl/device_status.h"
 #include "tools/upgradectl/own_output.h"
 
 namespace upgradectl {
@@ -27,9 +28,27 @@ void addStatus(CLI::App& app, Action& chosen) {
         "Example:\n"
         "  upgradectl status\n");
     const auto consume = std::make_shared<bool>(false);
+    const auto json = std::make_shared<bool>(false);
     command->add_flag("--consume", *consume,
                       "Remove the record of the last run's outcome, as its reader does");
-    command->callback([consume, &chosen] { chosen = [consume] { showStatus(OwnOutput(), *consume); }; });
+    command->add_flag("--json", *json, "Print a JSON object");
+    command->callback(
+        [consume, json, &chosen] { chosen = [consume, json] { showStatus(OwnOutput(), *consume, *json); }; });
+}
+
+void addVersions(CLI::App& app, Action& chosen) {
+    CLI::App* command =
+        app.add_subcommand("versions", "Tell what the device was made with, runs and keeps packages of");
+    command->footer(
+        "A version is that of hardware, main processor, microcontroller and boot loader. The microcontroller "
+        "is "
+        "asked\n"
+        "itself, beside that.\n\n"
+        "Example:\n"
+        "  upgradectl versions\n");
+    const auto json = std::make_shared<bool>(false);
+    command->add_flag("--json", *json, "Print a JSON object");
+    command->callback([json, &chosen] { chosen = [json] { showVersions(OwnOutput(), *json); }; });
 }
 
 void addActivate(CLI::App& app, Action& chosen) {

@@ -50,8 +50,8 @@ void describeCommandLine(CLI::App& app, Action& chosen) {
     app.require_subcommand(1);
     app.footer(kExitCodes);
     app.failure_message(failureMessage);
-    for (const auto add : {addPack, addInspect, addVerify, addInit, addInstall, addStatus, addWatch,
-                           addActivate, addConfirm, addRollback, addTwin}) {
+    for (const auto add : {addPack, addInspect, addVerify, addInit, addInstall, addStatus, addVersions,
+                           addWatch, addActivate, addConfirm, addRollback, addTwin}) {
         add(app, chosen);
     }
 }

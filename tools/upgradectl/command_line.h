@@ -22,6 +22,7 @@ void addVerify(CLI::App& app, Action& chosen);
 void addInit(CLI::App& app, Action& chosen);
 void addInstall(CLI::App& app, Action& chosen);
 void addStatus(CLI::App& app, Action& chosen);
+void addVersions(CLI::App& app, Action& chosen);
 void addWatch(CLI::App& app, Action& chosen);
 void addActivate(CLI::App& app, Action& chosen);
 void addConfirm(CLI::App& app, Action& chosen);

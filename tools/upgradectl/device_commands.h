@@ -1,4 +1,4 @@
-// The commands that ask or change the device at once: init, status, activate, confirm.
+// The commands that change the device at once: init, activate, confirm.
 #pragma once
 
 #include "tools/upgradectl/own_output.h"
@@ -8,10 +8,6 @@ namespace upgradectl {
 // Does what the device's application does once after each start, and says where packages go. Throws
 // ToolError.
 void initDevice(const OwnOutput& output);
-
-// Tells versions, state, outcome of the last run and packages. The outcome stays recorded for the application
-// unless consume is set. Throws ToolError, after telling what is known, when a version cannot be read.
-void showStatus(const OwnOutput& output, bool consume);
 
 // Activates what was installed. Throws ToolError.
 void activate(const OwnOutput& output);

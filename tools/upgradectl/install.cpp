@@ -1,16 +1,14 @@
 #include "tools/upgradectl/install.h"
 
-#include <algorithm>
 #include <string>
-#include <vector>
 
-#include "tools/upgradectl/error_log.h"
+#include "tools/upgradectl/device_log.h"
+#include "tools/upgradectl/package_reading.h"
 #include "tools/upgradectl/package_trailer.h"
-#include "tools/upgradectl/run_view.h"
-#include "tools/upgradectl/run_watch.h"
+#include "tools/upgradectl/path_relation.h"
+#include "tools/upgradectl/run_failure.h"
 #include "tools/upgradectl/tool_error.h"
 #include "upgrade/upgrade_api.h"
-#include "upgrade/upgrade_proc_pkg.h"
 
 namespace upgradectl {
 
@@ -18,77 +16,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// What a failure in each stage means, and what to do about it.
-struct StageFailure {
-    int stage;
-    ExitCode code;
-    const char* what;  // follows the package's name
-    const char* next;
-};
-
-constexpr StageFailure kStageFailures[] = {
-    {UPGRADE_STAGE_INIT, ExitCode::kOther,
-     "could not be copied to /firmware, or the device is not ready for a run",
-     "check that /firmware has room for two packages and that /raw can be written; a failed copy has "
-     "emptied /firmware"},
-    {UPGRADE_STAGE_START, ExitCode::kRefused, "is damaged", "transfer the package again"},
-    {UPGRADE_STAGE_PROC_PKG_DONE, ExitCode::kRefused,
-     "lacks a component or has a signature that does not verify",
-     "use a package that 'upgradectl pack' made, and transfer it again"},
-    {UPGRADE_STAGE_VERIFY_PKG_DONE, ExitCode::kOther, "could not be compared with the installed versions",
-     "check /config/upgrade_config.json"},
-    {UPGRADE_STAGE_FLASHING_START, ExitCode::kFlashFailed, "could not be flashed",
-     "mend what the device: lines say, then install it again before the device is restarted"},
-    {UPGRADE_STAGE_BACKUP_PACKAGE, ExitCode::kFlashFailed,
-     "was flashed but could not be kept as /firmware/rollback.pkg",
-     "make room in /firmware, then install it again"},
-};
-
-constexpr StageFailure kUnpackFailure = {
-    UPGRADE_STAGE_START, ExitCode::kOther, "is whole, but could not be unpacked to /raw/upgrade",
-    "check that /raw has room for its components; if it has, use a package that 'upgradectl pack' made"};
-
-const StageFailure& failureOf(const RunOutcome& outcome) {
-    // Flashing that fails at once may be over before its stage was seen.
-    const bool flashing = outcome.giveUp == GiveUp::kTooLate;
-    const int stage = std::max(outcome.highestStage, flashing ? int{UPGRADE_STAGE_FLASHING_START} : 0);
-    const StageFailure* found = &kStageFailures[0];
-    for (const StageFailure& row : kStageFailures) {
-        if (row.stage <= stage) {
-            found = &row;
-        }
-    }
-    return *found;
-}
-
 ToolError refused(const fs::path& package, const std::string& fault, const std::string& next) {
     return {ExitCode::kRefused, "the package '" + package.string() + "' " + fault, next};
-}
-
-// After a failure in the stage START, which has cut the copied package down to its payload: whether that is
-// what the trailer says, so that not the package is to blame.
-bool hasWholePayload(const std::string& package) {
-    _UPGRADE_PKG_T info;
-    return read_info_form_pkg(info, package) == 0 && COMMON_YR::chkFileMd5(UpgradeProc::upgradePkg, info.md5);
-}
-
-// A run that failed, by the stage in which it did.
-ToolError runFailure(const RunOutcome& outcome, const std::string& package) {
-    if (outcome.giveUp == GiveUp::kInTime) {
-        return {ExitCode::kGivenUp, "the installation of '" + package + "' was given up, nothing was flashed",
-                "start it again whenever you like"};
-    }
-    const std::vector<std::string> deviceWords = loggedErrors();
-    const bool startFailed = outcome.highestStage == UPGRADE_STAGE_START;
-    const StageFailure& failure =
-        startFailed && hasWholePayload(package) ? kUnpackFailure : failureOf(outcome);
-    return {failure.code, "the package '" + package + "' " + failure.what, failure.next, deviceWords};
-}
-
-bool isBelow(const fs::path& path, const fs::path& directory) {
-    std::error_code ignored;
-    const std::string name = fs::weakly_canonical(path, ignored).string();
-    return name.rfind(directory.string() + "/", 0) == 0;
 }
 
 // A run overwrites or removes these before it is done with the package it installs.
@@ -132,47 +61,48 @@ void requireNothingAwaitsActivation() {
     }
 }
 
-std::string currentVersion() {
-    std::string version = "unknown";
-    UPGRADE_get_cur_ver_str(version);
-    return version;
-}
-
-}  // namespace
-
-void install(const fs::path& package, const OwnOutput& output, const Interrupts& interrupts) {
-    const fs::path absolute = fs::absolute(package);
-    requirePackage(absolute);
-    const std::unique_ptr<RunView> view = makeRunView(output);
-    const RunOutcome outcome =
-        watchRun([&] { return UPGRADE_main_proc_fun(absolute.string()); }, *view, interrupts);
+RunEnd installed(const RunOutcome& outcome, const fs::path& package) {
     if (outcome.result < 0) {
-        throw runFailure(outcome, package.string());
+        throw installFailure(outcome, package.string());
     }
-    output.writeLine("installed '" + package.string() + "', it awaits activation");
-    output.writeLine("  next: upgradectl activate, then restart the device");
+    return {ExitCode::kOk, "installed '" + package.string() + "', it awaits activation",
+            "upgradectl activate, then restart the device"};
 }
 
-void rollback(const OwnOutput& output, const Interrupts& interrupts) {
-    requireNothingAwaitsActivation();
-    const std::unique_ptr<RunView> view = makeRunView(output);
-    const RunOutcome outcome = watchRun(UPGRADE_rollback_mpu, *view, interrupts);
+// version: of the rollback package, read before the run that replaces it.
+RunEnd rolledBack(const RunOutcome& outcome, const std::string& version) {
     if (outcome.result == COMMON_YR::kErrNoFile) {
         throw ToolError(ExitCode::kRefused,
                         "the rollback package '" + UpgradeProc::rollbackPkg + "' is missing or damaged",
                         "install a package instead", loggedErrors());
     }
-    const bool runFailed =
-        outcome.highestStage != UPGRADE_STAGE_IDLE && outcome.highestStage != UPGRADE_STAGE_DONE;
-    if (outcome.result < 0 && runFailed) {
-        throw runFailure(outcome, UpgradeProc::rollbackPkg);
+    const bool runSucceeded = outcome.stage() == UPGRADE_STAGE_IDLE || outcome.stage() == UPGRADE_STAGE_DONE;
+    if (outcome.result < 0 && !runSucceeded) {
+        throw rollbackFailure(outcome);
     }
     if (outcome.result < 0) {
         throw ToolError(ExitCode::kOther, "the rolled back software could not be activated",
-                        "run 'upgradectl activate'", loggedErrors());
+                        "mend what the device: lines say, then run 'upgradectl activate'", loggedErrors());
     }
-    output.writeLine("rolled back, versions now " + currentVersion());
-    output.writeLine("  next: restart the device");
+    return {ExitCode::kOk, "rolled back to " + version + ", which runs after the next restart",
+            "restart the device"};
+}
+
+}  // namespace
+
+void install(const fs::path& package, const RunOptions& options, const Interrupts& interrupts) {
+    const fs::path absolute = fs::absolute(package);
+    performRun({"install", package, [&] { requirePackage(absolute); },
+                [&] { return UPGRADE_main_proc_fun(absolute.string()); },
+                [&](const RunOutcome& outcome) { return installed(outcome, package); }},
+               options, interrupts);
+}
+
+void rollback(const RunOptions& options, const Interrupts& interrupts) {
+    const std::string version = readPackageVersion(UpgradeProc::rollbackPkg);
+    performRun({"rollback", UpgradeProc::rollbackPkg, requireNothingAwaitsActivation, UPGRADE_rollback_mpu,
+                [&](const RunOutcome& outcome) { return rolledBack(outcome, version); }},
+               options, interrupts);
 }
 
 }  // namespace upgradectl

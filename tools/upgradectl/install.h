@@ -4,16 +4,16 @@
 #include <filesystem>
 
 #include "tools/upgradectl/interrupts.h"
-#include "tools/upgradectl/own_output.h"
+#include "tools/upgradectl/run_session.h"
 
 namespace upgradectl {
 
 // Installs a package and shows the run. Throws ToolError: refused, flashing failed, given up.
 // UPGRADE_init is not called: it belongs to the start of the device, and a run does not depend on it.
-void install(const std::filesystem::path& package, const OwnOutput& output, const Interrupts& interrupts);
+void install(const std::filesystem::path& package, const RunOptions& options, const Interrupts& interrupts);
 
 // Rolls back to the kept package and activates it, by a run that is shown or, when the microcontroller
 // already runs its version, at once. Throws ToolError.
-void rollback(const OwnOutput& output, const Interrupts& interrupts);
+void rollback(const RunOptions& options, const Interrupts& interrupts);
 
 }  // namespace upgradectl

@@ -8,18 +8,13 @@
 #include <cstdlib>
 #include <system_error>
 
+#include "tools/upgradectl/path_relation.h"
+
 namespace upgradectl {
 
 namespace {
 
 namespace fs = std::filesystem;
-
-// A link as destination stays one: what it points to is replaced.
-fs::path resolved(const fs::path& destination) {
-    std::error_code error;
-    const fs::path path = fs::weakly_canonical(fs::absolute(destination), error);
-    return error ? fs::absolute(destination) : path;
-}
 
 mode_t currentUmask() {
     const mode_t mask = umask(0);
@@ -36,7 +31,7 @@ ToolError OutputFile::failure(const char* step) const {
             "check the directory, its permissions and the room there"};
 }
 
-OutputFile::OutputFile(const fs::path& wanted) : destination(resolved(wanted)) {
+OutputFile::OutputFile(const fs::path& wanted) : destination(resolved(wanted)) {  // a link stays one
     std::error_code ignored;
     const fs::file_status status = fs::status(destination, ignored);
     if (fs::exists(status) && !fs::is_regular_file(status)) {

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdio>
 
+#include "tools/upgradectl/run_events.h"
 #include "upgrade/upgrade_api.h"
 
 namespace upgradectl {
@@ -27,10 +29,32 @@ const char* stageName(int stage) {
     return COMMON_YR::getKeyString(stage, UpgradeProc::stageNames);
 }
 
+std::string minutes(double seconds) {
+    const long whole = std::lround(std::max(seconds, 0.0));
+    return formatted("%ld:%02ld", whole / 60, whole % 60);
+}
+
 std::string bar(int progress, int columns) {
     const int filled = std::clamp(columns * progress / kWholeProgress, 0, columns);
     return "[" + std::string(static_cast<std::size_t>(filled), '#') +
            std::string(static_cast<std::size_t>(columns - filled), '.') + "] ";
+}
+
+// What a terminal's line says, from the whole text to what is left of it on the narrowest terminal.
+std::array<std::string, 4> statusTexts(const RunStatus& status) {
+    const std::string percent = formatted("%3d %%", status.progress);
+    const std::string stage = formatted("  %-15s", stageName(status.stage));
+    const std::string passed = formatted("  %5s", minutes(status.seconds).c_str());
+    const std::string left =
+        formatted("  %5s left", status.remaining ? minutes(*status.remaining).c_str() : "--:--");
+    return {percent + stage + passed + left, percent + stage + left, percent + stage, percent};
+}
+
+void writeEnd(const OwnOutput& output, const RunEnd& end) {
+    if (end.code == ExitCode::kOk) {  // a failure is told on standard error
+        output.writeLine(end.message);
+        output.writeLine("  next: " + end.next);
+    }
 }
 
 class TerminalView : public RunView {
@@ -38,13 +62,26 @@ class TerminalView : public RunView {
     explicit TerminalView(const OwnOutput& target) : output(target) {}
 
     void show(const RunStatus& status) override {
-        output.write(kStartOfLine + terminalLine(status, output.columns()));
+        const std::string line = terminalLine(status, output.columns());
+        if (line != drawn) {
+            output.write(kStartOfLine + line);
+        }
+        drawn = line;
     }
-    void notice(const std::string& text) override { output.write(kStartOfLine + text + "\n"); }
-    void finish() override { output.write("\n"); }
+    void notice(const std::string& text, double /*seconds*/) override {
+        output.write(kStartOfLine + text + "\n");
+        drawn.clear();
+    }
+    void end(const RunEnd& end) override {
+        if (!drawn.empty()) {
+            output.write("\n");
+        }
+        writeEnd(output, end);
+    }
 
   private:
     const OwnOutput& output;
+    std::string drawn;
 };
 
 class PlainView : public RunView {
@@ -60,7 +97,8 @@ class PlainView : public RunView {
         last = status;
         shown = true;
     }
-    void notice(const std::string& text) override { output.writeLine(text); }
+    void notice(const std::string& text, double /*seconds*/) override { output.writeLine(text); }
+    void end(const RunEnd& end) override { writeEnd(output, end); }
 
   private:
     const OwnOutput& output;
@@ -71,16 +109,17 @@ class PlainView : public RunView {
 }  // namespace
 
 std::string terminalLine(const RunStatus& status, int columns) {
-    const int seconds = static_cast<int>(status.seconds);
-    const std::string text = formatted("%3d %%  %-15s %d:%02d", status.progress, stageName(status.stage),
-                                       seconds / 60, seconds % 60);
     // The last column stays free: some terminals wrap when it is written.
-    const int room = columns - static_cast<int>(text.size()) - 1;
-    const int barColumns = std::min(room - static_cast<int>(bar(0, 0).size()), kMostBarColumns);
+    const int room = std::max(columns - 1, 0);
+    const std::array<std::string, 4> texts = statusTexts(status);
+    const auto width = [](const std::string& text) { return static_cast<int>(text.size()); };
+    const int barColumns = std::min(room - width(texts.front()) - width(bar(0, 0)), kMostBarColumns);
     if (barColumns >= kLeastBarColumns) {
-        return bar(status.progress, barColumns) + text;
+        return bar(status.progress, barColumns) + texts.front();
     }
-    return text.substr(0, static_cast<std::size_t>(std::max(columns - 1, 0)));
+    const auto fits = [&](const std::string& text) { return width(text) <= room; };
+    const auto* const text = std::find_if(texts.begin(), texts.end() - 1, fits);
+    return text->substr(0, static_cast<std::size_t>(room));
 }
 
 std::string plainLine(const RunStatus& status) {
@@ -88,11 +127,16 @@ std::string plainLine(const RunStatus& status) {
                      stageName(status.stage), COMMON_YR::getKeyString(status.state, UpgradeProc::stateNames));
 }
 
-std::unique_ptr<RunView> makeRunView(const OwnOutput& output) {
-    if (output.isTerminal()) {
-        return std::make_unique<TerminalView>(output);
+std::unique_ptr<RunView> makeRunView(const OwnOutput& output, OutputForm form) {
+    switch (form) {
+        case OutputForm::kTerminal:
+            return std::make_unique<TerminalView>(output);
+        case OutputForm::kPlain:
+            return std::make_unique<PlainView>(output);
+        case OutputForm::kJson:
+            return makeRunEvents(output);
     }
-    return std::make_unique<PlainView>(output);
+    return nullptr;
 }
 
 }  // namespace upgradectl

@@ -2,93 +2,140 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <thread>
 
 #include "common/utility.h"
+#include "tools/upgradectl/device_log.h"
 #include "upgrade/upgrade_api.h"
 
 namespace upgradectl {
 
 namespace {
 
-constexpr useconds_t kPollMicroseconds = 100000;
+constexpr useconds_t kPollMicroseconds = 50000;
 constexpr double kMsPerSecond = 1000.0;
+
+// The answers of UPGRADE_get_giveup_sts.
+enum class GiveUp : int { kNothing = 0, kInTime = 1, kTooLate = 2 };
+
+GiveUp giveUpAnswer() {
+    return static_cast<GiveUp>(UPGRADE_get_giveup_sts());
+}
+
+// Shows a run: its changes as they were logged, and what passes between them.
+class Watcher {
+  public:
+    Watcher(RunView& target, const Clock& source) : view(target), clock(source) {}
+
+    void look() {
+        const double now = clock.seconds();
+        for (const LoggedChange& change : takeLoggedChanges()) {
+            if (tracker.change(change.stage, change.state, clock.secondsAt(change.ms))) {
+                view.show(tracker.status());
+            }
+        }
+        // Not the progress of a stage whose change is yet to be shown.
+        const int progress = UPGRADE_get_progress();
+        if (hasBegun() && UPGRADE_get_stage() == tracker.status().stage) {
+            tracker.advance(progress, now);
+            view.show(tracker.status());
+        }
+    }
+
+    void notice(const std::string& text) {
+        look();
+        view.notice(text, clock.seconds());
+    }
+
+    bool hasBegun() const { return !tracker.stages().empty(); }
+    const RunTracker& run() const { return tracker; }
+
+  private:
+    RunView& view;
+    const Clock& clock;
+    RunTracker tracker;
+};
 
 // Turns interrupts into a request to give the run up, and tells what became of it.
 class GiveUpRequest {
   public:
-    GiveUpRequest(const Interrupts& source, RunView& target) : interrupts(source), view(target) {}
+    GiveUpRequest(const Interrupts& source, Watcher& target) : interrupts(source), watcher(target) {}
 
-    // stage: of the run; none has begun while it is IDLE, and a request made then would be forgotten at its
-    // begin.
-    void poll(int stage) {
-        if (interrupts.count() == answered || stage == UPGRADE_STAGE_IDLE) {
+    // Does nothing before a run has begun: a request would be forgotten at its begin.
+    void poll() {
+        if (interrupts.count() == answered || !watcher.hasBegun()) {
             return;
         }
         if (!announced) {
-            view.notice("giving up...");
+            watcher.notice("giving up...");
             announced = true;
         }
         UPGRADE_set_giveup_upgrade_flag();
-        answer(static_cast<GiveUp>(UPGRADE_get_giveup_sts()));
+        if (giveUpAnswer() == GiveUp::kTooLate) {
+            tellTooLate();
+        }
+    }
+
+    // After the run. Whether it was given up.
+    bool finish(int result) {
+        if (interrupts.count() == 0) {
+            return false;
+        }
+        const bool inTime = result < 0 && announced && giveUpAnswer() == GiveUp::kInTime;
+        if (!inTime && !toldTooLate) {
+            watcher.notice("too late to give up: the run was over");
+        }
+        return inTime;
     }
 
   private:
-    void answer(GiveUp status) {
-        if (status == GiveUp::kNothing) {
-            return;
-        }
-        // In time: the failure that the run ends with says so.
-        if (status == GiveUp::kTooLate) {
-            view.notice("too late to give up: flashing has begun and goes on. Do not switch the device off");
-        }
+    // In time: the failure that the run ends with says so.
+    void tellTooLate() {
+        watcher.notice("too late to give up: flashing has begun and goes on. Do not switch the device off");
         answered = interrupts.count();
+        toldTooLate = true;
     }
 
     const Interrupts& interrupts;
-    RunView& view;
+    Watcher& watcher;
     int answered = 0;
     bool announced = false;
+    bool toldTooLate = false;
 };
-
-RunStatus currentStatus(double startTick) {
-    return {UPGRADE_get_stage(), UpgradeProc::getInstance()->state, UPGRADE_get_progress(),
-            (glbGetCurTickMs() - startTick) / kMsPerSecond};
-}
 
 }  // namespace
 
-RunOutcome watchRun(const std::function<int()>& run, RunView& view, const Interrupts& interrupts) {
+Clock::Clock() : start(glbGetCurTickMs()) {}
+
+double Clock::seconds() const {
+    return secondsAt(glbGetCurTickMs());
+}
+
+double Clock::secondsAt(double ms) const {
+    return (ms - start) / kMsPerSecond;
+}
+
+RunOutcome watchRun(const std::function<int()>& run, RunView& view, const Interrupts& interrupts,
+                    const Clock& clock) {
     RunOutcome outcome;
     std::atomic<bool> over{false};
-    GiveUpRequest request(interrupts, view);
-    const double start = glbGetCurTickMs();
+    Watcher watcher(view, clock);
+    GiveUpRequest request(interrupts, watcher);
     std::thread runner([&] {
         outcome.result = run();
         over = true;
     });
     while (!over) {
-        const RunStatus status = currentStatus(start);
-        outcome.highestStage = std::max(outcome.highestStage, status.stage);
-        if (status.stage != UPGRADE_STAGE_IDLE) {
-            view.show(status);
-        }
-        request.poll(status.stage);
+        watcher.look();
+        request.poll();
         usleep(kPollMicroseconds);
     }
     runner.join();
-
-    // A failed run is reset to IDLE before it returns; a good one stays at its last stage.
-    if (UPGRADE_get_stage() != UPGRADE_STAGE_IDLE) {
-        outcome.highestStage = UPGRADE_get_stage();
-        view.show(currentStatus(start));
-    }
-    view.finish();
-    if (outcome.result < 0) {
-        outcome.giveUp = static_cast<GiveUp>(UPGRADE_get_giveup_sts());
-    }
+    watcher.look();
+    outcome.givenUp = request.finish(outcome.result);
+    outcome.stages = watcher.run().stages();
+    outcome.states = watcher.run().states();
     return outcome;
 }
 

@@ -1,0 +1,16 @@
+// The commands that ask the device: status and versions. With json they print one object, whose member names
+// docs/upgradectl.md lists; programs depend on them.
+#pragma once
+
+#include "tools/upgradectl/own_output.h"
+
+namespace upgradectl {
+
+// Tells versions, state, outcome of the last run and packages. The outcome stays recorded for the application
+// unless consume is set. Throws ToolError, after telling what is known, when a version cannot be read.
+void showStatus(const OwnOutput& output, bool consume, bool json);
+
+// Tells the versions of what the device was made with and runs, and of the packages it keeps. Throws as showStatus.
+void showVersions(const OwnOutput& output, bool json);
+
+}  // namespace upgradectl

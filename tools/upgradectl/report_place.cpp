@@ -1,0 +1,45 @@
+#include "tools/upgradectl/report_place.h"
+
+#include <string>
+
+#include "platform/config/platform_config.h"
+#include "tools/upgradectl/output_file.h"
+#include "tools/upgradectl/path_relation.h"
+#include "upgrade/upgrade_api.h"
+
+namespace upgradectl {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// A run wipes the work area, and the packages' directory when they do not fit into it; the others hold what the device
+// needs to know of itself.
+constexpr const char* kTakenDirectories[] = {"/raw", "/firmware", "/config", "/etc/kavro", "/dev"};
+
+constexpr const char* kPublicKey = "/tmp/pubkey";  // of the package, for checking its signatures
+
+ToolError taken(const fs::path& report, const std::string& why) {
+    return {ExitCode::kUsage, "the report cannot be '" + report.string() + "', " + why,
+            "give a file elsewhere, for example /tmp/report.html"};
+}
+
+}  // namespace
+
+void requirePlaceForReport(const fs::path& report, const std::vector<fs::path>& inputs) {
+    for (const char* directory : kTakenDirectories) {
+        if (isBelow(report, directory)) {
+            throw taken(report, std::string("since ") + directory + " belongs to the device's upgrades");
+        }
+    }
+    std::vector<fs::path> others = {UpgradeProc::tmpCfg, kPublicKey, kavro::readPlatformConfig().logFile};
+    others.insert(others.end(), inputs.begin(), inputs.end());
+    for (const fs::path& other : others) {
+        if (!other.empty() && resolved(report) == resolved(other)) {
+            throw taken(report, "which a run reads or writes itself");
+        }
+    }
+    const OutputFile tried(report);
+}
+
+}  // namespace upgradectl

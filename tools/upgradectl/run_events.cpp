@@ -1,0 +1,103 @@
+#include "tools/upgradectl/run_events.h"
+
+#include "tools/upgradectl/json_text.h"
+#include "upgrade/upgrade_api.h"
+
+namespace upgradectl {
+
+namespace {
+
+struct ResultRow {
+    ExitCode code;
+    const char* result;
+};
+
+constexpr ResultRow kResults[] = {
+    {ExitCode::kOk, "done"},          {ExitCode::kOther, "failed"},
+    {ExitCode::kUsage, "usage"},      {ExitCode::kRefused, "refused"},
+    {ExitCode::kGivenUp, "given_up"}, {ExitCode::kFlashFailed, "flash_failed"},
+};
+
+const char* resultOf(ExitCode code) {
+    for (const ResultRow& row : kResults) {
+        if (row.code == code) {
+            return row.result;
+        }
+    }
+    return "failed";
+}
+
+class RunEvents : public RunView {
+  public:
+    explicit RunEvents(const OwnOutput& target) : output(target) {}
+
+    void begin(const RunBegin& run) override {
+        Json::Value event;
+        event["command"] = run.command;
+        event["package"] = run.package;
+        event["package_version"] = textOrNull(run.packageVersion);
+        event["current_version"] = textOrNull(run.currentVersion);
+        write("begin", run.seconds, event);
+    }
+
+    void show(const RunStatus& status) override {
+        if (isFirst || status.stage != last.stage) {
+            writeName("stage", COMMON_YR::getKeyString(status.stage, UpgradeProc::stageNames), status);
+        }
+        if (isFirst || status.state != last.state) {
+            writeName("state", COMMON_YR::getKeyString(status.state, UpgradeProc::stateNames), status);
+        }
+        if (isFirst || status.progress != last.progress) {
+            writeProgress(status);
+        }
+        last = status;
+        isFirst = false;
+    }
+
+    void notice(const std::string& text, double seconds) override {
+        Json::Value event;
+        event["text"] = text;
+        write("notice", seconds, event);
+    }
+
+    void end(const RunEnd& end) override {
+        Json::Value event;
+        event["result"] = resultOf(end.code);
+        event["exit_code"] = static_cast<int>(end.code);
+        event["message"] = end.message;
+        event["next"] = end.next;
+        write("end", end.seconds, event);
+    }
+
+  private:
+    void writeName(const char* kind, const char* name, const RunStatus& status) {
+        Json::Value event;
+        event[kind] = name;
+        write(kind, status.seconds, event);
+    }
+
+    void writeProgress(const RunStatus& status) {
+        Json::Value event;
+        event["percent"] = status.progress;
+        event["remaining_seconds"] = status.remaining ? Json::Value(*status.remaining) : Json::Value();
+        write("progress", status.seconds, event);
+    }
+
+    void write(const char* kind, double seconds, Json::Value& event) {
+        event["event"] = kind;
+        event["seconds"] = seconds;
+        output.writeLine(jsonLine(event));
+    }
+
+    const OwnOutput& output;
+    RunStatus last;
+    bool isFirst = true;
+};
+
+}  // namespace
+
+std::unique_ptr<RunView> makeRunEvents(const OwnOutput& output) {
+    return std::make_unique<RunEvents>(output);
+}
+
+}  // namespace upgradectl

@@ -1,0 +1,100 @@
+#include "tools/upgradectl/run_failure.h"
+
+#include "tools/upgradectl/device_log.h"
+#include "upgrade/upgrade_api.h"
+#include "upgrade/upgrade_proc_pkg.h"
+
+namespace upgradectl {
+
+namespace {
+
+// What a failure in each stage means, and what to do about it.
+struct StageFailure {
+    int stage;
+    ExitCode code;
+    const char* what;  // follows the package's name
+    const char* nextOfInstall;
+    const char* nextOfRollback;
+};
+
+// A rollback that has begun to flash has already dropped the rollback package, but works on a copy of it.
+constexpr StageFailure kStageFailures[] = {
+    {UPGRADE_STAGE_INIT, ExitCode::kOther,
+     "could not be copied to /firmware, or the device is not ready for a run",
+     "check that /firmware has room for two packages and that /raw can be written; a failed copy has "
+     "emptied /firmware",
+     "check that /firmware has room for two more packages and that /raw can be written; a failed copy has "
+     "emptied /firmware, then install a package instead"},
+    {UPGRADE_STAGE_START, ExitCode::kRefused, "is damaged", "transfer the package again",
+     "install a package instead"},
+    {UPGRADE_STAGE_PROC_PKG_DONE, ExitCode::kRefused,
+     "lacks a component or has a signature that does not verify",
+     "use a package that 'upgradectl pack' made, and transfer it again", "install a package instead"},
+    {UPGRADE_STAGE_VERIFY_PKG_DONE, ExitCode::kOther, "could not be compared with the installed versions",
+     "check /config/upgrade_config.json", "check /config/upgrade_config.json"},
+    {UPGRADE_STAGE_FLASHING_START, ExitCode::kFlashFailed, "could not be flashed",
+     "mend what the device: lines say, then install it again before the device is restarted",
+     "mend what the device: lines say, then install its copy, /firmware/recv.tar.xz, before the device is "
+     "restarted"},
+    {UPGRADE_STAGE_BACKUP_PACKAGE, ExitCode::kFlashFailed,
+     "was flashed but could not be kept as /firmware/rollback.pkg",
+     "make room in /firmware, then install it again",
+     "make room in /firmware, then install its copy, /firmware/recv.tar.xz"},
+};
+
+constexpr StageFailure kUnpackFailure = {
+    UPGRADE_STAGE_START, ExitCode::kOther, "is whole, but could not be unpacked to /raw/upgrade",
+    "check that /raw has room for its components; if it has, use a package that 'upgradectl pack' made",
+    "check that /raw has room for its components; if it has, install a package instead"};
+
+const StageFailure& failureIn(int stage) {
+    const StageFailure* found = &kStageFailures[0];
+    for (const StageFailure& row : kStageFailures) {
+        if (row.stage <= stage) {
+            found = &row;
+        }
+    }
+    return *found;
+}
+
+// After a failure in the stage START, which has cut the copied package down to its payload: whether that is
+// what the trailer says, so that not the package is to blame.
+bool hasWholePayload(const std::string& package) {
+    _UPGRADE_PKG_T info;
+    return read_info_form_pkg(info, package) == 0 && COMMON_YR::chkFileMd5(UpgradeProc::upgradePkg, info.md5);
+}
+
+const StageFailure& failureOf(const RunOutcome& outcome, const std::string& package) {
+    const bool startFailed = outcome.stage() == UPGRADE_STAGE_START;
+    return startFailed && hasWholePayload(package) ? kUnpackFailure : failureIn(outcome.stage());
+}
+
+ToolError failed(const StageFailure& failure, const std::string& package, const char* next) {
+    return {failure.code, "the package '" + package + "' " + failure.what, next, loggedErrors()};
+}
+
+ToolError givenUp(const std::string& what) {
+    return {ExitCode::kGivenUp, what + " was given up, nothing was flashed",
+            "start it again whenever you like"};
+}
+
+}  // namespace
+
+ToolError installFailure(const RunOutcome& outcome, const std::string& package) {
+    if (outcome.givenUp) {
+        return givenUp("the installation of '" + package + "'");
+    }
+    const StageFailure& failure = failureOf(outcome, package);
+    return failed(failure, package, failure.nextOfInstall);
+}
+
+ToolError rollbackFailure(const RunOutcome& outcome) {
+    const std::string& package = UpgradeProc::rollbackPkg;
+    if (outcome.givenUp) {
+        return givenUp("going back to '" + package + "'");
+    }
+    const StageFailure& failure = failureOf(outcome, package);
+    return failed(failure, package, failure.nextOfRollback);
+}
+
+}  // namespace upgradectl

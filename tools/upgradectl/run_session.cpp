@@ -1,0 +1,191 @@
+#include "tools/upgradectl/run_session.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <exception>
+#include <memory>
+#include <utility>
+
+#include "tools/upgradectl/device_log.h"
+#include "tools/upgradectl/flash_drivers.h"
+#include "tools/upgradectl/package_check.h"
+#include "tools/upgradectl/package_reading.h"
+#include "tools/upgradectl/report_place.h"
+#include "tools/upgradectl/run_report.h"
+#include "upgrade/upgrade_api.h"
+
+namespace upgradectl {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+OutputForm formOf(const RunOptions& options, const OwnOutput& output) {
+    if (options.json) {
+        return OutputForm::kJson;
+    }
+    return options.plain || !output.isTerminal() ? OutputForm::kPlain : OutputForm::kTerminal;
+}
+
+std::string currentVersion() {
+    std::string version;
+    UPGRADE_get_cur_ver_str(version);
+    return version;
+}
+
+std::vector<std::string> faultsOf(const PackageCheck& check) {
+    std::vector<std::string> faults = check.faults;
+    for (const ComponentCheck& component : check.components) {
+        if (!component.fault.empty()) {
+            faults.push_back(component.fault);
+        }
+    }
+    return faults;
+}
+
+ToolError untrusted(const fs::path& package, const fs::path& key, const PackageCheck& check) {
+    constexpr std::size_t kMostFaults = 3;
+    const std::vector<std::string> faults = faultsOf(check);
+    std::string text = "the package '" + package.string() + "' was refused, nothing was flashed";
+    for (std::size_t i = 0; i < std::min(faults.size(), kMostFaults); ++i) {
+        text += (i == 0 ? ": " : "; ") + faults[i];
+    }
+    if (faults.size() > kMostFaults) {
+        text += "; and " + std::to_string(faults.size() - kMostFaults) + " more";
+    }
+    return {ExitCode::kRefused, text,
+            "use a whole package that is signed with the key of '" + key.string() +
+                "'; 'upgradectl verify' tells all that is wrong with this one"};
+}
+
+std::vector<LoggedLine> logSince(const Clock& clock) {
+    const DeviceLog log = loggedLines();
+    std::vector<LoggedLine> lines;
+    lines.reserve(log.lines.size() + 1);
+    for (const DeviceLine& line : log.lines) {
+        lines.push_back({clock.secondsAt(line.ms), line.level, line.thread, line.text});
+    }
+    if (log.dropped > 0) {
+        constexpr int kNotice = 2;
+        lines.push_back(
+            {clock.seconds(), kNotice, "", std::to_string(log.dropped) + " more lines were not kept"});
+    }
+    return lines;
+}
+
+// From the first check to the last line that is shown.
+class RunSession {
+  public:
+    RunSession(const RunKind& which, const RunOptions& wanted, const Interrupts& source)
+        : kind(which),
+          options(wanted),
+          interrupts(source),
+          view(makeRunView(output, formOf(wanted, output))) {
+        record.command = kind.command;
+        record.package = kind.package.string();
+        record.begun = std::time(nullptr);
+    }
+
+    void perform() {
+        if (options.report) {
+            requirePlaceForReport(*options.report, {kind.package, options.trustedKey.value_or("")});
+        }
+        RunEnd result;
+        std::exception_ptr failure;
+        try {
+            result = kind.judge(checkAndRun());
+        } catch (const ToolError& error) {
+            result = {error.exitCode(), error.what(), error.next()};
+            failure = std::current_exception();
+        } catch (const std::exception& error) {
+            result = {ExitCode::kOther, error.what(), "check the memory and the storage of this machine"};
+            failure = std::current_exception();
+        }
+        end(result);
+        if (failure) {
+            std::rethrow_exception(failure);
+        }
+    }
+
+  private:
+    RunOutcome checkAndRun() {
+        kind.require();
+        requireFlashDrivers();
+        record.packageVersion = readPackageVersion(kind.package);
+        checkComponents();
+        requireNotGivenUp();
+        record.versionBefore = currentVersion();
+        view->begin(
+            {kind.command, record.package, record.packageVersion, record.versionBefore, clock.seconds()});
+        RunOutcome outcome = watchRun(kind.run, *view, interrupts, clock);
+        record.stages = outcome.stages;
+        record.states = outcome.states;
+        return outcome;
+    }
+
+    // Without a trusted key a package that cannot be read is the run's own concern.
+    void checkComponents() {
+        if (!options.trustedKey && !options.report) {
+            return;
+        }
+        try {
+            const PackageCheck check = checkPackage(kind.package, options.trustedKey);
+            record.components = check.components;
+            if (options.trustedKey && !check.inOrder()) {
+                throw untrusted(kind.package, *options.trustedKey, check);
+            }
+        } catch (const ToolError&) {
+            if (options.trustedKey) {
+                throw;
+            }
+        }
+    }
+
+    void requireNotGivenUp() const {
+        if (interrupts.count() > 0) {
+            throw ToolError(ExitCode::kGivenUp, "given up before the run began, nothing was flashed",
+                            "start it again whenever you like");
+        }
+    }
+
+    void end(RunEnd result) {
+        result.seconds = clock.seconds();
+        view->end(result);
+        if (options.report) {
+            report(result);
+        }
+    }
+
+    // The result of the run stands, whatever becomes of its report.
+    void report(const RunEnd& result) {
+        record.seconds = result.seconds;
+        record.exitCode = static_cast<int>(result.code);
+        record.outcome = result.message;
+        record.nextStep = result.next;
+        if (!record.versionBefore.empty()) {  // otherwise nothing was run
+            record.versionAfter = currentVersion();
+        }
+        record.log = logSince(clock);
+        try {
+            writeRunReport(*options.report, record);
+        } catch (const std::exception& error) {
+            std::fprintf(stderr, "upgradectl: warning: there is no report: %s\n", error.what());
+        }
+    }
+
+    const RunKind& kind;
+    const RunOptions& options;
+    const Interrupts& interrupts;
+    const OwnOutput output;
+    const Clock clock;
+    const std::unique_ptr<RunView> view;
+    RunRecord record;
+};
+
+}  // namespace
+
+void performRun(const RunKind& kind, const RunOptions& options, const Interrupts& interrupts) {
+    RunSession(kind, options, interrupts).perform();
+}
+
+}  // namespace upgradectl
