@@ -41,7 +41,7 @@ TEST_F(Install, a_packed_release_is_installed_activated_and_rolled_back) {
     EXPECT_EQ(first.exitCode, 0) << first.err;
     EXPECT_TRUE(contains(first.out, "stage DONE, state FINISH")) << first.out;
     EXPECT_TRUE(exists(kMarker));
-    EXPECT_EQ(readFile("/dev/disk/by-partlabel/kernel_b").substr(0, 70000), std::string(70000, 'k'));
+    EXPECT_EQ(readFile("/dev/disk/by-partlabel/kernel_b").rfind(readFile("/tmp/components/Image"), 0), 0U);
 
     const ProgramResult activated = upgradectl({"activate"});
     EXPECT_EQ(activated.exitCode, 0) << activated.err;
