@@ -21,14 +21,16 @@ namespace COMMON_YR {
 
 // Carries a pointer for the runner's user; the runner never looks at it.
 struct UpProc {
+    // Takes the pointer, which stays the caller's.
     explicit UpProc(void* pointer = nullptr) : userPointer(pointer) {}
-    void* userPointer;
+    void* userPointer;  // may be null
 };
 
 // Carries the runner that a thread belongs to.
 struct PrivProc {
+    // Takes the runner, which must outlive the thread.
     explicit PrivProc(void* pointer = nullptr) : owner(pointer) {}
-    void* owner;
+    void* owner;  // an AsyncProc; null for none
 };
 
 // In is copied at submission. Out is default-initialised on the job's stack, so a job that leaves an int
@@ -39,8 +41,8 @@ struct PrivProc {
 template <typename In, typename Out>
 class KAVRO_EXPORT AsyncProc : public UpProc {
   public:
-    using Process = int (*)(In&, Out&);
-    using Callback = void (*)(int result, Out&);
+    using Process = int (*)(In&, Out&);           // a job's work, as process()
+    using Callback = void (*)(int result, Out&);  // what is told of a job's end, on its thread
 
     // Names the runner (its threads are "NAME_AMon" and "NAME_JOB") and starts its monitor. With neither a
     // name nor a user pointer there is no monitor: jobs run, but stay listed for ever.

@@ -37,6 +37,7 @@ class CancelHold {
 // does not reap). The call inside must not be in a destructor or a noexcept function.
 class CancelWindow {
   public:
+    // Opens the hold, if it is the outermost one.
     explicit CancelWindow(const CancelHold& hold) { pthread_setcancelstate(hold.previous, nullptr); }
     ~CancelWindow() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); }
     CancelWindow(const CancelWindow&) = delete;

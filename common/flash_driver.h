@@ -15,6 +15,7 @@
 
 namespace COMMON_YR {
 
+// Whether an object can be used, for those that cannot say so when they are made.
 struct InitOk {
     bool initOk = false;  // whether the object is usable
 };
@@ -24,6 +25,7 @@ struct InitOk {
 // The interface of a flash driver. Its operations are inline so that a driver library stands on its own.
 class KAVRO_EXPORT UpgradeLib : public COMMON_YR::InitOk {
   public:
+    // driverName is for logs.
     explicit UpgradeLib(std::string driverName = {}) : name(std::move(driverName)) {}
     virtual ~UpgradeLib() = default;
     UpgradeLib(const UpgradeLib&) = delete;
@@ -63,7 +65,7 @@ class KAVRO_EXPORT UpgradeLib : public COMMON_YR::InitOk {
 
     std::string name;    // the driver's own name, for logs
     std::string fwPath;  // set by setFwPath
-    int reserved = -1;
+    int reserved = -1;   // not used
 };
 
 // Main processor: kernel, device tree and root file system in one of two slots, and the bootloader.

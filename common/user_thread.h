@@ -46,12 +46,13 @@ class KAVRO_EXPORT UserThreadBase {
     // The thread's name as /proc shows it, of which the kernel keeps 15 bytes. Takes effect at the next
     // start.
     void setName(std::string threadName);
+    // The whole name as it was set.
     const std::string& getName() const;
 
-    static constexpr int kStopWaitMs = 1050;
+    static constexpr int kStopWaitMs = 1050;  // how long a destructor waits for its thread
 
   protected:
-    std::string name;
+    std::string name;         // of the thread, from its next start on
     unsigned long stackSize;  // bytes
     int priority;             // -1: inherited from the starting thread
 

@@ -25,10 +25,10 @@ namespace COMMON_YR {
 
 // One row of a name table. A table is a constant array whose last row has the key kMapKeyEnd and the text "".
 struct MapKeyString {
-    int key;
-    const char* text;
+    int key;           // any but kMapKeyEnd
+    const char* text;  // never null
 };
-inline constexpr int kMapKeyEnd = -99999999;
+inline constexpr int kMapKeyEnd = -99999999;  // the key of a name table's last row
 
 // The result of file operations on a file that does not exist.
 inline constexpr int kErrNoFile = -2989;
@@ -36,9 +36,9 @@ inline constexpr int kErrNoFile = -2989;
 // One row of a partition check: where the file system is mounted, the capacity in bytes that the device is
 // built with, and the least capacity that it can work with.
 struct UpgradePartsLimit {
-    std::string path;
-    long long nominalBytes;
-    long long minimumBytes;
+    std::string path;        // of the file system, or of anything in it
+    long long nominalBytes;  // less is told
+    long long minimumBytes;  // less is a failure
 };
 
 // Runs a shell command line (printf-style, of any length) with /bin/sh and waits for it. The command has no

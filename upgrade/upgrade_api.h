@@ -46,14 +46,15 @@ enum UpgradeState : int {
     UPGRADE_STATE_FAIL = 6,
 };
 
+// The id of a status message.
 inline constexpr uint32_t UPGRADE_STATUS_MSG_ID = 0x1065;
 
 // The message that is published on the device's message node, little-endian.
 struct UpgradeStatusMsg {
-    uint32_t id;
-    uint32_t length;  // of what follows the id
-    uint32_t kind;
-    int32_t state;
+    uint32_t id;      // UPGRADE_STATUS_MSG_ID
+    uint32_t length;  // of what follows the id: 12
+    uint32_t kind;    // 2
+    int32_t state;    // an UpgradeState, or 5
 };
 static_assert(sizeof(UpgradeStatusMsg) == kVelMsgBytes, "the message node carries messages of this size");
 
@@ -65,6 +66,7 @@ static_assert(sizeof(UpgradeStatusMsg) == kVelMsgBytes, "the message node carrie
 // reads them between runs only, or through the status queries.
 class KAVRO_EXPORT UpgradeProc {
   public:
+    // The names of the stages, as they are logged.
     static constexpr COMMON_YR::MapKeyString stageNames[] = {
         {UPGRADE_STAGE_IDLE, "IDLE"},
         {UPGRADE_STAGE_INIT, "INIT"},
@@ -77,6 +79,7 @@ class KAVRO_EXPORT UpgradeProc {
         {UPGRADE_STAGE_DONE, "DONE"},
         {COMMON_YR::kMapKeyEnd, ""},
     };
+    // The names of the states, as they are logged.
     static constexpr COMMON_YR::MapKeyString stateNames[] = {
         {UPGRADE_STATE_NONE, "NONE"},
         {UPGRADE_STATE_START, "START"},
@@ -86,7 +89,7 @@ class KAVRO_EXPORT UpgradeProc {
         {UPGRADE_STATE_FAIL, "FAIL"},
         {COMMON_YR::kMapKeyEnd, ""},
     };
-    static constexpr int kStageCount = UPGRADE_STAGE_DONE + 1;
+    static constexpr int kStageCount = UPGRADE_STAGE_DONE + 1;  // of UpgradeStage
 
     // The device's files, in the order in which they are built at load.
     static const std::string tmpCfg;       // saved copy of the current version file
@@ -112,6 +115,7 @@ class KAVRO_EXPORT UpgradeProc {
     // Prepares a run: records the pessimistic outcome, checks the package's size, makes an empty work area
     // and reads the installed versions. True when the run may proceed.
     bool init(std::string pkgPath, bool rollback);
+    // The counterpart of init. There is nothing to undo: always true.
     bool deinit();
     // Brings all fields of a run back to their initial values.
     void resetRun();
@@ -119,30 +123,41 @@ class KAVRO_EXPORT UpgradeProc {
     // Logs and publishes stage and state, and notes when the stage was first published. Called after every
     // change of either, on the thread that changed it. Not a cancellation point.
     void onProgrameStatusChg();
+    // Whether the last run of this process was successful.
     bool upgradeSucc();
 
-    // Bookkeeping around a run (onUpgrade...) and around its flashing (_onUpgrade...).
+    // Bookkeeping at the beginning of a run.
     void onUpgradeBegin();
+    // Bookkeeping at its end: what is known of a failed run is reset.
     void onUpgradeEnd(bool succ);
+    // Bookkeeping before flashing: removes the marker and the old rollback package.
     void _onUpgradeBegin();
+    // Bookkeeping after flashing: records the outcome, removes the working copy, and sets the marker after a success.
     void _onUpgradeEnd(bool succ);
     // Creates or removes the marker of an installed upgrade that awaits activation.
     void setUpgraded(bool upgraded);
+    // Remembers that this process has activated what its run has flashed.
     void setActivated(bool on);
 
-    // The current version file around a flash: clearVersion marks what is about to be flashed, updateVersion
-    // enters what was flashed, and tryUpdateVersion writes the file if anything but hw differs.
+    // Writes the current version file if anything but hw differs.
     void tryUpdateVersion(L_VERSION_T& version);
+    // Enters what was flashed into it.
     void updateVersion(bool mpuDone, bool mcuDone);
+    // Marks in it, by -1, what is about to be flashed.
     void clearVersion(bool mpuBegins, bool mcuBegins);
+    // Called right before the MCU is programmed: clearVersion.
     void preUpgradeMcu();
+    // Called when the MCU is done: updateVersion after a success.
     void postUpgradeMcu(bool success);
+    // Called right before the MPU is flashed: nothing is to be done, its versions come with its root file system.
     void preUpgradeMpu();
+    // Called when the MPU is done: nothing is to be done.
     void postUpgradeMpu(bool success);
 
     // Switches the link to the microcontroller on or off; true on success.
     bool ctrlSpi(bool on);
 
+    // Called before an activation: nothing is to be done.
     void preActivate();
     // Switches the MPU's slot if one was flashed. 0 or -1.
     int activate();
@@ -151,28 +166,28 @@ class KAVRO_EXPORT UpgradeProc {
     // Whether an upgrade is flashed and not yet activated, with the version of its package.
     bool getUpgraded(L_VERSION_T& version);
 
-    bool libReady = false;  // the flash drivers are usable
-    void* node = nullptr;   // message node; may be null
-    std::unique_ptr<UpgradeMcu> mcu;
-    std::unique_ptr<UpgradeMpu> mpu;  // null when the MCU driver could not be initialised
-    uint32_t reservedWord = 0;
-    std::atomic<bool> running{false};
-    std::atomic<bool> giveup{false};
-    std::atomic<int> stage{UPGRADE_STAGE_IDLE};
-    std::atomic<int> state{UPGRADE_STATE_NONE};
-    std::string workPkg;
-    std::string inputPkg;
-    bool isRollback = false;
-    UPGRADE_FLAG_T upgradeFlag;
-    L_VERSION_T targetVersion;   // carried by the package
-    L_VERSION_T currentVersion;  // installed before the run
+    bool libReady = false;                       // the flash drivers are usable
+    void* node = nullptr;                        // message node; may be null
+    std::unique_ptr<UpgradeMcu> mcu;             // never null
+    std::unique_ptr<UpgradeMpu> mpu;             // null when the MCU driver could not be initialised
+    uint32_t reservedWord = 0;                   // not used
+    std::atomic<bool> running{false};            // a run is in progress
+    std::atomic<bool> giveup{false};             // it is asked to give up
+    std::atomic<int> stage{UPGRADE_STAGE_IDLE};  // an UpgradeStage
+    std::atomic<int> state{UPGRADE_STATE_NONE};  // an UpgradeState
+    std::string workPkg;                         // the copy that the run works on, once it is made
+    std::string inputPkg;                        // the package that was handed over
+    bool isRollback = false;                     // the run goes back to the kept package
+    UPGRADE_FLAG_T upgradeFlag;                  // what the run flashes, once it is decided
+    L_VERSION_T targetVersion;                   // carried by the package
+    L_VERSION_T currentVersion;                  // installed before the run
     double stageTick[kStageCount] =
-        {};  // ms of glbGetCurTickMs at which each stage was first published; 0: not yet
-    int activateResult = -1;
-    uint64_t reservedLong = 0;
+        {};                     // ms of glbGetCurTickMs at which each stage was first published; 0: not yet
+    int activateResult = -1;    // handed to UPGRADE_activatePartition, which ignores it
+    uint64_t reservedLong = 0;  // not used
     bool flashModeFlag = true;  // flash both processors at the same time
-    bool activated = false;
-    int32_t reservedEnd = -99999998;
+    bool activated = false;     // what the last run flashed was activated
+    int32_t reservedEnd = -99999998;  // not used
 
   private:
     UpgradeProc();
@@ -231,7 +246,8 @@ KAVRO_EXPORT void UPGRADE_set_giveup_upgrade_flag();
 // is there.
 KAVRO_EXPORT int UPGRADE_get_giveup_sts();
 
-// The factory versions and the current versions as "V01.104.007.002" (hw, mpu, mcu, bld). 0, or -1 with text
-// untouched.
+// The factory versions as "V01.104.007.002" (hw, mpu, mcu, bld). 0, or -1 with text untouched.
 KAVRO_EXPORT int UPGRADE_getIntervalVersionString(std::string& text);
+
+// The current versions in the same form, the microcontroller's as it answers. 0, or -1 with text untouched.
 KAVRO_EXPORT int UPGRADE_get_cur_ver_str(std::string& text);

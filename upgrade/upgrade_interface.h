@@ -18,6 +18,7 @@ enum UPG_STS_LSAT_RT_E : int {
     UPG_STS_LAST_RT_ROLLBACK_FAILURE = 4,
 };
 
+// Where the outcome is kept until it is asked for.
 inline constexpr const char* UPGRADE_LAST_RUNTIME_FILE = "/config/upgrade_last_runtime";
 
 // Records an outcome. True when the whole name is on storage; the file is as it was otherwise.
@@ -29,9 +30,9 @@ KAVRO_EXPORT int UPGRADE_get_status_last_runtime(UPG_STS_LSAT_RT_E* status);
 
 // The input of a flashing job.
 struct UpgradeMpuMcuInput {
-    int32_t type = 0;    // 0: MPU, 1: MCU; any other is refused
-    std::string fwPath;  // directory that holds the firmware
-    UPGRADE_FLAG_T flag;
+    int32_t type = 0;     // 0: MPU, 1: MCU; any other is refused
+    std::string fwPath;   // directory that holds the firmware
+    UPGRADE_FLAG_T flag;  // what of it to flash
 };
 
 // Runs the flashing jobs of the two processors side by side.
@@ -43,8 +44,9 @@ class KAVRO_EXPORT AsyncUpgradeMpuMcu : public COMMON_YR::AsyncProc<UpgradeMpuMc
     // kind.
     int process(UpgradeMpuMcuInput& in, int& out) override;
 
-    // Completion callbacks: keep the job's output for UPGRADE_mpu_mcu.
+    // Completion callback of the MPU's job: keeps its output for UPGRADE_mpu_mcu.
     static void mpuCb(int ret, int& out);
+    // The same of the MCU's.
     static void mcuCb(int ret, int& out);
 };
 

@@ -13,22 +13,24 @@ struct _UPGRADE_PKG_T {
     char md5[33] = {};          // of the payload, as hexadecimal text
     uint32_t pubkey_len = 0;    // bytes of the public key
     std::string pubkey_file;    // where the key was written
-    char stamp[15] = {};
-    char ident[41] = {};
-    L_VERSION_T version;
-    char branch[128] = {};
-    char user[128] = {};
+    char stamp[15] = {};        // when it was made, as text for people
+    char ident[41] = {};        // what it was made of, as text for people
+    L_VERSION_T version;        // of what it holds
+    char branch[128] = {};      // text for people, cut to what fits
+    char user[128] = {};        // text for people, cut to what fits
 };
 
+// A package and where to unpack it.
 struct UPGADE_PKG_IN_T {
     std::string pkg_path;    // the package; cut to its payload in place
     std::string unpack_dir;  // created when missing, used as it is otherwise
 };
 
+// What a package was found to hold.
 struct UPGADE_PKG_OUT_T {
-    L_VERSION_T version;
-    std::string pubkey_file;
-    std::string components;  // names of the unpacked files, each followed by ','; appended to, never cleared
+    L_VERSION_T version;      // as its trailer says
+    std::string pubkey_file;  // where its key was written
+    std::string components;   // names of the unpacked files, each followed by ','; appended to, never cleared
 };
 
 // Reads the trailer, the last 4096 bytes of the package, and writes its public key to /tmp/pubkey. info must

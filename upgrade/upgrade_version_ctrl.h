@@ -17,9 +17,9 @@ struct L_VERSION_T {
 
 // What a run flashes. The order differs from that of the log lines: it is the layout that others copy.
 struct UPGRADE_FLAG_T {
-    bool bld = false;
-    bool mpu = false;
-    bool mcu = false;
+    bool bld = false;  // bootloader
+    bool mpu = false;  // main processor
+    bool mcu = false;  // microcontroller
 };
 
 // Reads a version file. Returns 0; -2 when there is no such file; -1 when a member cannot be read, the fields
