@@ -1,5 +1,6 @@
 #include "upgrade/upgrade_api.h"
 
+#include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -729,6 +730,17 @@ bool exchangePackages() {
     return aside >= 0 && forward >= 0 && back >= 0;
 }
 
+// The marker lies on another file system than the packages: without a flush in between, a power cut could keep its
+// removal and lose the renames. That they were made is all that can be told of a flush that fails.
+void flushRenames() {
+    const COMMON_YR::CancelHold hold;
+    const int directory = open(kFirmwareDir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (directory >= 0) {
+        (void)fsync(directory);
+        close(directory);
+    }
+}
+
 }  // namespace
 
 void UpgradeProc::postActivate(bool ok) {
@@ -744,6 +756,7 @@ void UpgradeProc::postActivate(bool ok) {
     } else {
         UPGRADE_LOG(3, "exchange current and rollback, %s\n", succOrFail(exchangePackages()));
     }
+    flushRenames();
     setActivated(true);
     setUpgraded(false);
     sync();

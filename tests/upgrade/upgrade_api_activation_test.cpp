@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstdio>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -17,12 +18,20 @@ namespace {
 
 std::atomic<unsigned long> flushes{0};
 
+std::function<void(const std::string& path)> onFlush;  // of a single file or directory
+
 }  // namespace
 
 // Takes the place of the C library's for the library under test.
 extern "C" __attribute__((visibility("default"))) void sync() noexcept {
     ++flushes;
     syscall(SYS_sync);
+}
+extern "C" __attribute__((visibility("default"))) int fsync(int file) {
+    if (onFlush) {
+        onFlush(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file)));
+    }
+    return static_cast<int>(syscall(SYS_fsync, file));
 }
 
 namespace {
@@ -109,6 +118,32 @@ TEST_F(Activation, publishes_one_message_of_state_5_after_the_file_work) {
     EXPECT_EQ(lines[lines.size() - 2].text, exchangedLine("succ"));
     EXPECT_LT(lines[lines.size() - 2].order, messages[0].order);
     EXPECT_EQ(proc().state, UPGRADE_STATE_FINISH);
+}
+
+// What packages are where, and whether the marker is there, each time the directory of the packages is flushed.
+std::vector<std::string> flushedStates(const std::function<void()>& work) {
+    std::vector<std::string> states;
+    onFlush = [&states](const std::string& path) {
+        if (path == "/firmware") {
+            states.push_back(readFile(UpgradeProc::currentPkg) + (UPGRADE_isUpgraded() ? ", marked" : ""));
+        }
+    };
+    work();
+    onFlush = nullptr;
+    return states;
+}
+
+TEST_F(Activation, exchanged_packages_are_on_storage_before_the_marker_goes) {
+    succeeded();
+    EXPECT_EQ(flushedStates([] { ASSERT_EQ(UPGRADE_activate(), 0); }),
+              std::vector<std::string>{"flashed, marked"});
+}
+
+TEST_F(Activation, of_a_rollback_is_on_storage_before_the_marker_goes) {
+    succeeded();
+    proc().isRollback = true;
+    EXPECT_EQ(flushedStates([] { ASSERT_EQ(UPGRADE_activate(), 0); }),
+              std::vector<std::string>{"flashed, marked"});
 }
 
 TEST_F(Activation, flushes_the_file_system) {
