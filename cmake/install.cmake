@@ -73,6 +73,12 @@ if(TARGET upgradectl)
   install(TARGETS upgradectl RUNTIME COMPONENT tools)
 endif()
 
+if(TARGET manual)
+  install(DIRECTORY ${kavro_generated}/manual/man1 DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT tools)
+  install(FILES ${kavro_generated}/manual/upgradectl
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
+endif()
+
 if(TARGET mcu_emulator)
   kavro_finds_libraries(mcu_emulator ${kavro_programs})
   install(TARGETS mcu_emulator RUNTIME DESTINATION ${kavro_programs} COMPONENT tools)

@@ -53,6 +53,9 @@ for header in */*.h; do
 done
 cd "$work"
 [[ -z $(find "$prefix" -name internal.h) ]] || die "internal.h is installed"
+for file in man/man1/upgradectl.1 man/man1/upgradectl-pack.1 bash-completion/completions/upgradectl; do
+    [[ -s $prefix/share/$file ]] || die "$file is not installed"
+done
 
 [[ $(upgradectl --version) == "upgradectl $(pkg-config --modversion kavro-upgrade)" ]] || die "the versions differ"
 openssl genpkey -quiet -algorithm RSA -out "$work/key.pem"

@@ -146,8 +146,12 @@ void addTwin(CLI::App& app, Action& chosen) {
         app.add_subcommand("twin", "Try upgrades on an emulated device in a directory of this host");
     twin->footer(
         "Tools and libraries run on it unchanged. 'upgradectl twin help' says more on each command.\n"
-        "The exit code is that of the twin's script, and with 'run' that of its COMMAND.\n"
+        "The exit code of 'run' is that of its COMMAND.\n"
         "KAVRO_TWIN names another script, KAVRO_TWIN_PROGRAMS the directory of mcu-emulator.\n\n"
+        "Exit codes:\n"
+        "  0  done\n"
+        "  1  not done, or the device holds something else\n"
+        "  2  wrong command line\n\n"
         "Example:\n"
         "  upgradectl twin create camera\n"
         "  upgradectl twin run camera -- upgradectl init\n"
