@@ -106,9 +106,9 @@ void showRun() {
 // Whether the run has left something to restart for.
 bool finishRun() {
     run.join();
+    unlink(package.c_str());  // when it is installed the library has kept a copy
     if (result == 0) {
         std::puts("done");
-        unlink(package.c_str());  // the library has kept a copy
     } else if (result == kNotReceived) {
         std::puts(giveUp ? "given up, nothing received" : "no whole package received");
     } else {

@@ -26,9 +26,10 @@ cleanup() {
 # --- the program ----------------------------------------------------------------------------------------------------
 
 start_app() {
-    rm -f "$work/commands" "$work/said"
+    rm -f "$work/commands"
     mkfifo "$work/commands"
-    "$twin" run "$device" --visible "$build" -- "$app" <"$work/commands" >"$work/said" &
+    : >"$work/said" # it must be there when the first text is expected
+    "$twin" run "$device" --visible "$build" -- "$app" <"$work/commands" >>"$work/said" &
     program=$!
     exec {commands}>"$work/commands"
 }
@@ -37,13 +38,18 @@ tell_app() {
     printf '%s\n' "$*" >&"$commands"
 }
 
-# expect TEXT: until the program says so.
-expect() {
+# wait_for COMMAND...: until it succeeds.
+wait_for() {
     local deadline=$((SECONDS + 120))
-    until grep -qF -- "$1" "$work/said"; do
-        ((SECONDS < deadline)) || die "it does not say '$1'"
+    until "$@"; do
+        ((SECONDS < deadline)) || die "in two minutes it did not come to: $*"
         sleep 0.05
     done
+}
+
+# expect TEXT: of the program.
+expect() {
+    wait_for grep -qF -- "$1" "$work/said"
 }
 
 # expect_end STATUS
@@ -149,6 +155,15 @@ expect_end 0
 
 start_app
 expect "last run: upgrade failed"
+tell_app install /tmp/network
+exec {sender}>"$network"
+wait_for test -e "$device/firmware/recv.tar.xz.part"
+signal_app KILL
+expect_end 137
+exec {sender}>&-
+start_app
+expect "last run: none"
+[[ -z $(find "$device/firmware" -name 'recv*') ]] || die "something is left of the killed reception"
 cp --sparse=always "$work/first.pkg" "$device/tmp/first.pkg"
 tell_app install /tmp/first.pkg
 expect "state 1"
