@@ -90,7 +90,7 @@ void showRun(OutputForm form) {
     view->show({1, 0, 3, 0.6, 235.9});
     view->notice("giving up...", 0.7);
     view->show({2, 2, 7, 1.5, std::nullopt});
-    view->end({ExitCode::kOk, "installed", "restart", 2});
+    view->end({ExitCode::kOk, "installed", "restart", {}, 2});
 }
 
 TEST(RunView, plain_lines_come_with_each_change_and_each_tenth) {
@@ -159,7 +159,7 @@ TEST(RunEvents, tell_a_run_one_object_a_line) {
         "\n"
         R"({"event":"progress","percent":7,"remaining_seconds":null,"seconds":1.5})"
         "\n"
-        R"({"event":"end","exit_code":0,"message":"installed","next":"restart","result":"done","seconds":2.0})"
+        R"({"device":[],"event":"end","exit_code":0,"message":"installed","next":"restart","result":"done","seconds":2.0})"
         "\n");
     EXPECT_EQ(eventsIn(text).size(), 10U);
 }
@@ -178,10 +178,11 @@ TEST(RunEvents, name_the_result_by_the_exit_code) {
     for (const ResultName& row : kNames) {
         const std::vector<Json::Value> events = eventsIn(capturedOutput([&] {
             const OwnOutput output;
-            upgradectl::makeRunEvents(output)->end({row.code, "m", "n", 1});
+            upgradectl::makeRunEvents(output)->end({row.code, "m", "n", {"no room", "x"}, 1});
         }));
         ASSERT_EQ(events.size(), 1U);
         EXPECT_EQ(events[0]["result"], row.name);
+        EXPECT_EQ(events[0]["device"][0], "no room");
         EXPECT_EQ(events[0]["exit_code"].asInt(), static_cast<int>(row.code));
     }
 }

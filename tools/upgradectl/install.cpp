@@ -65,8 +65,10 @@ RunEnd installed(const RunOutcome& outcome, const fs::path& package) {
     if (outcome.result < 0) {
         throw installFailure(outcome, package.string());
     }
-    return {ExitCode::kOk, "installed '" + package.string() + "', it awaits activation",
-            "upgradectl activate, then restart the device"};
+    return {ExitCode::kOk,
+            "installed '" + package.string() + "', it awaits activation",
+            "upgradectl activate, then restart the device",
+            {}};
 }
 
 // version: of the rollback package, read before the run that replaces it.
@@ -84,8 +86,10 @@ RunEnd rolledBack(const RunOutcome& outcome, const std::string& version) {
         throw ToolError(ExitCode::kOther, "the rolled back software could not be activated",
                         "mend what the device: lines say, then run 'upgradectl activate'", loggedErrors());
     }
-    return {ExitCode::kOk, "rolled back to " + version + ", which runs after the next restart",
-            "restart the device"};
+    return {ExitCode::kOk,
+            "rolled back to " + version + ", which runs after the next restart",
+            "restart the device",
+            {}};
 }
 
 }  // namespace

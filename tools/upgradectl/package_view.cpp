@@ -1,6 +1,6 @@
 #include "tools/upgradectl/package_view.h"
 
-#include <json/json.h>
+#include <json/value.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "tools/upgradectl/escaped_text.h"
+#include "tools/upgradectl/json_text.h"
 
 namespace upgradectl {
 
@@ -98,12 +99,6 @@ std::string faultsText(const PackageCheck& check) {
     return text;
 }
 
-std::string jsonText(const Json::Value& root) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "  ";
-    return Json::writeString(builder, root) + "\n";
-}
-
 Json::Value jsonList(const std::vector<std::string>& texts) {
     Json::Value list(Json::arrayValue);
     for (const std::string& text : texts) {
@@ -190,7 +185,7 @@ std::string inspectionJson(const Inspection& inspection) {
     root["branch"] = trailer.branch;
     root["user"] = trailer.user;
     root["files"] = jsonEntries(inspection);
-    return jsonText(root);
+    return jsonText(root) + "\n";
 }
 
 std::string verificationText(const PackageCheck& check) {
@@ -207,7 +202,7 @@ std::string verificationText(const PackageCheck& check) {
 }
 
 std::string verificationJson(const std::string& package, const PackageCheck& check) {
-    return jsonText(jsonCommon(package, check));
+    return jsonText(jsonCommon(package, check)) + "\n";
 }
 
 }  // namespace upgradectl

@@ -66,6 +66,10 @@ class RunEvents : public RunView {
         event["exit_code"] = static_cast<int>(end.code);
         event["message"] = end.message;
         event["next"] = end.next;
+        event["device"] = Json::arrayValue;
+        for (const std::string& line : end.device) {
+            event["device"].append(line);
+        }
         write("end", end.seconds, event);
     }
 

@@ -95,10 +95,10 @@ class RunSession {
         try {
             result = kind.judge(checkAndRun());
         } catch (const ToolError& error) {
-            result = {error.exitCode(), error.what(), error.next()};
+            result = {error.exitCode(), error.what(), error.next(), error.details()};
             failure = std::current_exception();
         } catch (const std::exception& error) {
-            result = {ExitCode::kOther, error.what(), "check the memory and the storage of this machine"};
+            result = {ExitCode::kOther, error.what(), "check the memory and the storage of this machine", {}};
             failure = std::current_exception();
         }
         end(result);

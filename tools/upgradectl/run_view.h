@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "tools/upgradectl/own_output.h"
 #include "tools/upgradectl/run_status.h"
@@ -23,8 +24,9 @@ struct RunBegin {
 
 struct RunEnd {
     ExitCode code = ExitCode::kOther;
-    std::string message;  // one sentence without a full stop
-    std::string next;     // what to do next
+    std::string message;              // one sentence without a full stop
+    std::string next;                 // what to do next
+    std::vector<std::string> device;  // the device's own words on a failure
     double seconds = 0;
 };
 

@@ -30,15 +30,16 @@ class Watcher {
 
     void look() {
         const double now = clock.seconds();
-        for (const LoggedChange& change : takeLoggedChanges()) {
-            if (tracker.change(change.stage, change.state, clock.secondsAt(change.ms))) {
+        const std::vector<LoggedChange> changes = takeLoggedChanges();
+        for (const LoggedChange& change : changes) {
+            const double seconds = clock.secondsAt(change.ms);
+            if (tracker.change(change.stage, change.state, seconds)) {
+                advance(seconds);
                 view.show(tracker.status());
             }
         }
-        // Not the progress of a stage whose change is yet to be shown.
-        const int progress = UPGRADE_get_progress();
-        if (hasBegun() && UPGRADE_get_stage() == tracker.status().stage) {
-            tracker.advance(progress, now);
+        if (hasBegun()) {
+            advance(now);
             view.show(tracker.status());
         }
     }
@@ -52,6 +53,13 @@ class Watcher {
     const RunTracker& run() const { return tracker; }
 
   private:
+    // The library tells the progress of the stage that it is in, and may be ahead of what has been shown.
+    void advance(double seconds) {
+        const int progress = UPGRADE_get_progress();
+        const bool isOfStage = UPGRADE_get_stage() == tracker.status().stage;
+        tracker.advance(isOfStage ? progress : 0, seconds);
+    }
+
     RunView& view;
     const Clock& clock;
     RunTracker tracker;
