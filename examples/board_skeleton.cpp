@@ -3,6 +3,7 @@
 #include <cstdarg>
 #include <cstdio>
 
+#include "common/cancellation.h"
 #include "common/flash_driver.h"
 #include "common/message_node.h"
 #include "common/user_thread.h"
@@ -25,9 +26,10 @@ int missing(const char* service) {
 // The board's own log, with the level. All of a line at once, and never a cancellation point: a give-up cancels the
 // thread that logs.
 void printLog(int level, const char* format, ...) {
+    const COMMON_YR::CancelHold hold;
+    std::fprintf(stderr, "[%d] ", level);
     va_list arguments;
     va_start(arguments, format);
-    std::fprintf(stderr, "[%d] ", level);
     std::vfprintf(stderr, format, arguments);
     va_end(arguments);
 }
@@ -129,7 +131,7 @@ int runSystem(const char*, ...) {
 // The mutex, the thread and whether it runs, shared with the thread.
 struct UserThreadBase::Control {};
 
-UserThreadBase::UserThreadBase() : name("baseThread"), stackSize(256 * 1024), priority(-1) {}
+UserThreadBase::UserThreadBase() : name("baseThread"), stackSize(262144), priority(-1) {}
 
 UserThreadBase::~UserThreadBase() {
     UserThreadBase::stop(kStopWaitMs);
