@@ -240,7 +240,11 @@ TEST_F(Install, a_report_where_none_can_be_is_refused_before_anything_is_done) {
         {"/tmp/nowhere/report.html", 1, "'/tmp/nowhere/report.html' cannot be created"},
     };
     for (const ReportPlace& place : kPlaces) {
-        expectFailure(upgradectl({"install", "--report", place.path, kPackage}), place.exitCode, place.why);
+        const ProgramResult result = upgradectl({"install", "--json", "--report", place.path, kPackage});
+        expectFailure(result, place.exitCode, place.why);
+        const std::vector<Json::Value> events = eventsIn(result.out);
+        ASSERT_EQ(events.size(), 1U) << result.out;
+        EXPECT_EQ(events[0]["exit_code"], place.exitCode);
     }
     EXPECT_FALSE(exists(kLastRun));
     EXPECT_EQ(sizeOf(kPackage), 134217728);

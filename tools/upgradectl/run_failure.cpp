@@ -1,6 +1,9 @@
 #include "tools/upgradectl/run_failure.h"
 
+#include <filesystem>
+
 #include "tools/upgradectl/device_log.h"
+#include "tools/upgradectl/package_trailer.h"
 #include "upgrade/upgrade_api.h"
 #include "upgrade/upgrade_proc_pkg.h"
 
@@ -19,12 +22,11 @@ struct StageFailure {
 
 // A rollback that has begun to flash has already dropped the rollback package, but works on a copy of it.
 constexpr StageFailure kStageFailures[] = {
-    {UPGRADE_STAGE_INIT, ExitCode::kOther,
-     "could not be copied to /firmware, or the device is not ready for a run",
-     "check that /firmware has room for two packages and that /raw can be written; a failed copy has "
-     "emptied /firmware",
-     "check that /firmware has room for two more packages and that /raw can be written; a failed copy has "
-     "emptied /firmware, then install a package instead"},
+    {UPGRADE_STAGE_INIT, ExitCode::kOther, "could not be copied to /firmware",
+     "check that /firmware has room for two packages; a failed copy has emptied it",
+     "check that /firmware has room for two more packages; where a failed copy has emptied it, install a "
+     "package "
+     "instead"},
     {UPGRADE_STAGE_START, ExitCode::kRefused, "is damaged", "transfer the package again",
      "install a package instead"},
     {UPGRADE_STAGE_PROC_PKG_DONE, ExitCode::kRefused,
@@ -42,6 +44,11 @@ constexpr StageFailure kStageFailures[] = {
      "make room in /firmware, then install its copy, /firmware/recv.tar.xz"},
 };
 
+constexpr StageFailure kWorkAreaFailure = {UPGRADE_STAGE_INIT, ExitCode::kOther,
+                                           "cannot be unpacked anywhere: /raw/upgrade could not be made",
+                                           "mount /raw where it can be written, then install it again",
+                                           "mount /raw where it can be written, then try again"};
+
 constexpr StageFailure kUnpackFailure = {
     UPGRADE_STAGE_START, ExitCode::kOther, "is whole, but could not be unpacked to /raw/upgrade",
     "check that /raw has room for its components; if it has, use a package that 'upgradectl pack' made",
@@ -57,6 +64,12 @@ const StageFailure& failureIn(int stage) {
     return *found;
 }
 
+// After a failure in the stage INIT. input: the file that the run works on; one of another size ends it before that.
+bool hasNoWorkArea(const std::string& input) {
+    return COMMON_YR::getFileSize(input.c_str()) == static_cast<long>(kPackageBytes) &&
+           !std::filesystem::is_directory(UpgradeProc::storePath);
+}
+
 // After a failure in the stage START, which has cut the copied package down to its payload: whether that is
 // what the trailer says, so that not the package is to blame.
 bool hasWholePayload(const std::string& package) {
@@ -64,9 +77,14 @@ bool hasWholePayload(const std::string& package) {
     return read_info_form_pkg(info, package) == 0 && COMMON_YR::chkFileMd5(UpgradeProc::upgradePkg, info.md5);
 }
 
-const StageFailure& failureOf(const RunOutcome& outcome, const std::string& package) {
-    const bool startFailed = outcome.stage() == UPGRADE_STAGE_START;
-    return startFailed && hasWholePayload(package) ? kUnpackFailure : failureIn(outcome.stage());
+const StageFailure& failureOf(const RunOutcome& outcome, const std::string& input) {
+    if (outcome.stage() == UPGRADE_STAGE_INIT && hasNoWorkArea(input)) {
+        return kWorkAreaFailure;
+    }
+    if (outcome.stage() == UPGRADE_STAGE_START && hasWholePayload(input)) {
+        return kUnpackFailure;
+    }
+    return failureIn(outcome.stage());
 }
 
 ToolError failed(const StageFailure& failure, const std::string& package, const char* next) {
@@ -93,7 +111,7 @@ ToolError rollbackFailure(const RunOutcome& outcome) {
     if (outcome.givenUp) {
         return givenUp("going back to '" + package + "'");
     }
-    const StageFailure& failure = failureOf(outcome, package);
+    const StageFailure& failure = failureOf(outcome, UpgradeProc::recvPkg);
     return failed(failure, package, failure.nextOfRollback);
 }
 

@@ -87,12 +87,10 @@ class RunSession {
     }
 
     void perform() {
-        if (options.report) {
-            requirePlaceForReport(*options.report, {kind.package, options.trustedKey.value_or("")});
-        }
         RunEnd result;
         std::exception_ptr failure;
         try {
+            placeReport();
             result = kind.judge(checkAndRun());
         } catch (const ToolError& error) {
             result = {error.exitCode(), error.what(), error.next(), error.details()};
@@ -108,6 +106,13 @@ class RunSession {
     }
 
   private:
+    void placeReport() {
+        if (options.report) {
+            requirePlaceForReport(*options.report, {kind.package, options.trustedKey.value_or("")});
+            hasPlaceForReport = true;
+        }
+    }
+
     RunOutcome checkAndRun() {
         kind.require();
         requireFlashDrivers();
@@ -151,7 +156,7 @@ class RunSession {
     void end(RunEnd result) {
         result.seconds = clock.seconds();
         view->end(result);
-        if (options.report) {
+        if (hasPlaceForReport) {
             report(result);
         }
     }
@@ -180,6 +185,7 @@ class RunSession {
     const Clock clock;
     const std::unique_ptr<RunView> view;
     RunRecord record;
+    bool hasPlaceForReport = false;
 };
 
 }  // namespace

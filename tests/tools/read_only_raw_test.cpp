@@ -1,0 +1,20 @@
+// On a device whose work area cannot be written.
+#include <gtest/gtest.h>
+
+#include "tests/tools/device_support.h"
+
+namespace {
+
+using namespace tool_test;
+
+TEST(ReadOnlyRaw, an_installation_says_that_the_work_area_is_missing_and_keeps_the_packages) {
+    testsupport::TestPackage().writeTo(kPackage);
+    testsupport::writeFile("/firmware/current.pkg", "the running software");
+    const ProgramResult result = upgradectl({"install", kPackage});
+    EXPECT_EQ(result.exitCode, 1) << result.out << result.err;
+    EXPECT_TRUE(contains(result.err, "/raw/upgrade could not be made\n")) << result.err;
+    EXPECT_TRUE(contains(result.err, "next: mount /raw where it can be written")) << result.err;
+    EXPECT_EQ(testsupport::readFile("/firmware/current.pkg"), "the running software");
+}
+
+}  // namespace
