@@ -99,7 +99,8 @@ RunRecord failedRun() {
 
 RunRecord hostileRun() {
     RunRecord run = failedRun();
-    const std::string hostile = "</title></style><script>alert(1)</script>\"'&\x1b[2J\n\xff\xe2\x80\xae";
+    const std::string hostile =
+        "</title></style><script>alert(1)</script>\"'&\x1b[2J\n\xff\xe2\x80\xae\xef\xbf\xbe";
     run.command = run.package = run.outcome = run.nextStep = hostile;
     run.packageVersion = run.versionBefore = run.versionAfter = hostile;
     for (upgradectl::LoggedLine& line : run.log) {
@@ -269,8 +270,9 @@ TEST(RunReport, names_some_of_many_errors_in_the_head) {
 TEST(RunReport, shows_hostile_text_as_text) {
     const std::string page = renderRunReport(hostileRun());
     EXPECT_EQ(count(page, "<script"), 0U);
-    EXPECT_TRUE(contains(
-        page, "&lt;script&gt;alert(1)&lt;/script&gt;&quot;&#39;&amp;\\x1b[2J\\x0a\\xff\\xe2\\x80\\xae"));
+    EXPECT_TRUE(contains(page,
+                         "&lt;script&gt;alert(1)&lt;/"
+                         "script&gt;&quot;&#39;&amp;\\x1b[2J\\x0a\\xff\\xe2\\x80\\xae\\xef\\xbf\\xbe"));
     EXPECT_EQ(faultOfMarkup(page), "");
 }
 

@@ -15,7 +15,7 @@ struct CodeRange {
 };
 
 // What no terminal shows as a character of its own.
-constexpr std::array<CodeRange, 11> kUnprintable = {{
+constexpr std::array<CodeRange, 12> kUnprintable = {{
     {0x00, 0x1F},        // control characters
     {0x7F, 0x9F},        // delete and more control characters
     {0xAD, 0xAD},        // a hyphen that shows only at the end of a line
@@ -26,6 +26,7 @@ constexpr std::array<CodeRange, 11> kUnprintable = {{
     {0xD800, 0xDFFF},    // halves of characters
     {0xFE00, 0xFE0F},    // variants of the character before
     {0xFEFF, 0xFEFF},    // byte order
+    {0xFFFE, 0xFFFF},    // no characters; XML has none either
     {0xE0000, 0xE0FFF},  // tags
 }};
 
