@@ -37,6 +37,12 @@ struct BootState {
     std::map<std::string, SlotContent> content;  // by slot, where all of it is known
 };
 
+// Whether this slot starts next with this content already, so that the record of it awaits nothing.
+[[nodiscard]] inline bool isActivated(const WrittenSlot& written, const BootState& state) {
+    const auto known = state.content.find(written.slot);
+    return state.bootSlot == written.slot && known != state.content.end() && known->second == written.content;
+}
+
 class BootControl {
   public:
     BootControl() = default;

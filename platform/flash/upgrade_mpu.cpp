@@ -29,7 +29,6 @@ constexpr int kFailed = -1;
 constexpr int kError = 1;
 constexpr int kNotice = 2;
 
-constexpr kavro::PerSlotPart<const char*> kSlotComponents = {{"Image", "cv22_kavro_qz7.dtb", "ext4"}};
 constexpr const char* kBootloaderComponent = "bld_release.bin";
 
 enum class Stage { kIdle, kChecked, kWritten };
@@ -189,8 +188,8 @@ class MpuFlasher {
     bool place(const std::string& directory, bool withLoader, std::string& error) {
         placements.clear();
         const kavro::SlotPartitions& target = map.partitions.at(map.target);
-        for (std::size_t part = 0; part < kSlotComponents.size(); ++part) {
-            placements.push_back({directory + "/" + kSlotComponents[part], target[part], {}});
+        for (std::size_t part = 0; part < kavro::kSlotComponents.size(); ++part) {
+            placements.push_back({directory + "/" + kavro::kSlotComponents[part], target[part], {}});
         }
         if (!withLoader) {
             return true;
@@ -214,12 +213,12 @@ class MpuFlasher {
 
     bool writeSlot(std::string& error) {
         return std::all_of(
-            placements.begin(), placements.begin() + kSlotComponents.size(),
+            placements.begin(), placements.begin() + kavro::kSlotComponents.size(),
             [&](const kavro::Placement& placement) { return writeAndVerify(placement, error); });
     }
 
     bool writeBootloader(std::string& error) {
-        return std::all_of(placements.begin() + kSlotComponents.size(), placements.end(),
+        return std::all_of(placements.begin() + kavro::kSlotComponents.size(), placements.end(),
                            [&](const kavro::Placement& placement) {
                                return kavro::checkUnchanged(placement, keepGoing(), error) &&
                                       writeAndVerify(placement, error);
@@ -247,7 +246,7 @@ class MpuFlasher {
                     "\" is none of the device's slots; a new upgrade " + "replaces the record";
             return false;
         }
-        if (written && !isActivated(*written, state)) {
+        if (written && !kavro::isActivated(*written, state)) {
             next = *written;
             return true;
         }
@@ -262,12 +261,6 @@ class MpuFlasher {
         }
         next.content = known->second;
         return true;
-    }
-
-    static bool isActivated(const kavro::WrittenSlot& written, const kavro::BootState& state) {
-        const auto known = state.content.find(written.slot);
-        return state.bootSlot == written.slot && known != state.content.end() &&
-               known->second == written.content;
     }
 
     bool verifySlot(const kavro::WrittenSlot& written, std::string& error) {

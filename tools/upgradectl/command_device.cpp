@@ -10,10 +10,12 @@
 namespace upgradectl {
 
 void addInit(CLI::App& app, Action& chosen) {
-    CLI::App* command = app.add_subcommand("init", "Do what the device's application does after each start");
+    CLI::App* command = app.add_subcommand("init", "Make the device ready after a start");
     command->footer(
-        "Restores the factory package, where there is one, checks the partitions and writes the current "
-        "versions.\n"
+        "Completes an activation that a power cut has torn apart, restores the factory package, where there "
+        "is one,\n"
+        "checks the partitions and writes the current versions. To be run once, before the device's "
+        "application.\n"
         "Prints the directory for packages.\n\n"
         "Example:\n"
         "  upgradectl init\n");

@@ -5,11 +5,16 @@
 #include "tools/upgradectl/device_log.h"
 #include "tools/upgradectl/flash_drivers.h"
 #include "tools/upgradectl/tool_error.h"
+#include "tools/upgradectl/torn_activation.h"
 #include "upgrade/upgrade_api.h"
 
 namespace upgradectl {
 
 void initDevice(const OwnOutput& output) {
+    const std::string completed = completeTornActivation();
+    if (!completed.empty()) {
+        output.writeLine(completed);
+    }
     std::string packageDirectory;
     if (UPGRADE_init(packageDirectory) == 0) {
         output.writeLine("ready, packages go to " + packageDirectory);

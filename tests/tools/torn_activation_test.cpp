@@ -1,0 +1,207 @@
+// An activation that was cut off after its switch, at each of the steps that follow.
+#include "tools/upgradectl/torn_activation.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+
+#include "tests/support/program.h"
+#include "tests/tools/device_support.h"
+#include "tools/upgradectl/tool_error.h"
+
+namespace {
+
+using namespace tool_test;
+using testsupport::exists;
+using testsupport::readFile;
+using testsupport::TestPackage;
+using testsupport::writeFile;
+
+const std::string kCurrent = "/firmware/current.pkg";
+const std::string kRollback = "/firmware/rollback.pkg";
+const std::string kAside = "/firmware/temp";
+const std::string kVersions = "/config/upgrade_config.json";
+const std::string kWrittenSlot = "/config/written_slot.json";
+
+constexpr const char* kBefore = "001104007002\n";
+constexpr const char* kAfter = "001105008003\n";
+
+// The parts of a slot, by what they are written from.
+const std::map<std::string, std::string> kParts = {
+    {"Image", "kernel"}, {"cv22_kavro_qz7.dtb", "dtb"}, {"ext4", "rootfs"}};
+
+std::string sha256Of(const std::string& bytes) {
+    writeFile("/tmp/digested", bytes);
+    return runProgram({"sha256sum", "/tmp/digested"}).out.substr(0, 64);
+}
+
+class TornActivation : public testsupport::DeviceTest {
+  protected:
+    void SetUp() override {
+        DeviceTest::SetUp();
+        before.setComponent("Image", "kernel before").setVersions(1, 104, 7, 2);
+        after.setComponent("Image", "kernel after").setVersions(1, 105, 8, 3);
+        writeFile(kMarker, "");
+        writeFile(kVersions, "{}");
+    }
+
+    // The boot environment after a switch to a slot that holds what the package has.
+    static void starts(const std::string& slot, const TestPackage& package) {
+        std::string script = "boot_slot=" + slot + "\n";
+        for (const auto& [component, part] : kParts) {
+            const std::string bytes = package.files().at(component);
+            script += "slot_" + slot + "_" + part + "=" + std::to_string(bytes.size()) + " " +
+                      sha256Of(bytes) + "\n";
+        }
+        writeFile("/tmp/script", script);
+        const ProgramResult saved =
+            runProgram({"fw_setenv", "-c", "/etc/kavro/fw_env.config", "-s", "/tmp/script"});
+        ASSERT_EQ(saved.exitCode, 0) << saved.err;
+    }
+
+    // The versions of a package tell which of the two it is.
+    static std::string versionsOf(const std::string& path) {
+        return exists(path)
+                   ? runProgram({"sh", "-c", "tail -c 4096 " + path + " | grep -aoE '00110[0-9]{7}'"}).out
+                   : "none";
+    }
+
+    static void expectExchanged() {
+        EXPECT_EQ(versionsOf(kCurrent), kAfter);
+        EXPECT_EQ(versionsOf(kRollback), kBefore);
+        EXPECT_FALSE(exists(kAside));
+        EXPECT_FALSE(exists(kMarker));
+        EXPECT_FALSE(exists(kVersions));
+    }
+
+    TestPackage before;
+    TestPackage after;
+};
+
+TEST_F(TornActivation, cut_off_after_the_switch_is_completed) {
+    starts("b", after);
+    before.writeTo(kCurrent);
+    after.writeTo(kRollback);
+    EXPECT_NE(upgradectl::completeTornActivation(), "");
+    expectExchanged();
+}
+
+TEST_F(TornActivation, cut_off_after_the_first_rename_is_completed) {
+    starts("b", after);
+    before.writeTo(kAside);
+    after.writeTo(kRollback);
+    EXPECT_NE(upgradectl::completeTornActivation(), "");
+    expectExchanged();
+}
+
+TEST_F(TornActivation, cut_off_after_the_second_rename_is_completed) {
+    starts("b", after);
+    before.writeTo(kAside);
+    after.writeTo(kCurrent);
+    EXPECT_NE(upgradectl::completeTornActivation(), "");
+    expectExchanged();
+}
+
+TEST_F(TornActivation, cut_off_before_the_marker_went_keeps_the_exchanged_packages) {
+    starts("b", after);
+    after.writeTo(kCurrent);
+    before.writeTo(kRollback);
+    EXPECT_NE(upgradectl::completeTornActivation(), "");
+    expectExchanged();
+}
+
+TEST_F(TornActivation, whose_marker_went_before_its_renames_is_completed) {
+    starts("b", after);
+    std::filesystem::remove(kMarker);
+    before.writeTo(kAside);
+    after.writeTo(kCurrent);
+    EXPECT_NE(upgradectl::completeTornActivation(), "");
+    expectExchanged();
+}
+
+TEST_F(TornActivation, is_completed_once) {
+    starts("b", after);
+    before.writeTo(kCurrent);
+    after.writeTo(kRollback);
+    EXPECT_NE(upgradectl::completeTornActivation(), "");
+    EXPECT_EQ(upgradectl::completeTornActivation(), "");
+    expectExchanged();
+}
+
+TEST_F(TornActivation, of_the_first_package_of_a_device_is_completed) {
+    starts("b", after);
+    after.writeTo(kRollback);
+    EXPECT_NE(upgradectl::completeTornActivation(), "");
+    EXPECT_EQ(versionsOf(kCurrent), kAfter);
+    EXPECT_FALSE(exists(kRollback));
+    EXPECT_FALSE(exists(kMarker));
+}
+
+TEST_F(TornActivation, whose_slot_was_given_up_by_the_boot_loader_keeps_the_packages_as_they_are) {
+    starts("b", after);
+    starts("a", before);  // the boot loader has gone back
+    before.writeTo(kCurrent);
+    after.writeTo(kRollback);
+    EXPECT_NE(upgradectl::completeTornActivation(), "");
+    EXPECT_EQ(versionsOf(kCurrent), kBefore);
+    EXPECT_EQ(versionsOf(kRollback), kAfter);
+    EXPECT_FALSE(exists(kMarker));
+}
+
+TEST_F(TornActivation, of_a_rollback_that_only_switches_is_completed) {
+    starts("b", after);
+    starts("a", before);
+    after.writeTo(kCurrent);
+    before.writeTo(kRollback);
+    EXPECT_NE(upgradectl::completeTornActivation(), "");
+    EXPECT_EQ(versionsOf(kCurrent), kBefore);
+    EXPECT_EQ(versionsOf(kRollback), kAfter);
+    EXPECT_FALSE(exists(kMarker));
+}
+
+TEST_F(TornActivation, a_package_that_awaits_its_activation_is_left_alone) {
+    starts("a", before);
+    before.writeTo(kCurrent);
+    after.writeTo(kRollback);
+    const std::string part = R"({ "bytes": 1, "sha256": ")" + sha256Of("x") + "\" }";
+    writeFile(kWrittenSlot, R"({ "slot": "b", "kernel": )" + part + R"(, "dtb": )" + part +
+                                R"(, "rootfs": )" + part + " }");
+    EXPECT_EQ(upgradectl::completeTornActivation(), "");
+    EXPECT_EQ(versionsOf(kCurrent), kBefore);
+    EXPECT_TRUE(exists(kMarker));
+    EXPECT_TRUE(exists(kVersions));
+}
+
+TEST_F(TornActivation, a_device_without_one_is_left_alone) {
+    std::filesystem::remove(kMarker);
+    before.writeTo(kCurrent);
+    after.writeTo(kRollback);
+    EXPECT_EQ(upgradectl::completeTornActivation(), "");
+    EXPECT_EQ(versionsOf(kCurrent), kBefore);
+    EXPECT_TRUE(exists(kVersions));
+}
+
+TEST_F(TornActivation, that_cannot_be_judged_is_told_and_left_alone) {
+    before.writeTo(kCurrent);
+    after.writeTo(kRollback);
+    std::filesystem::remove("/etc/kavro/fw_env.config");
+    EXPECT_THROW(upgradectl::completeTornActivation(), upgradectl::ToolError);
+    EXPECT_EQ(versionsOf(kCurrent), kBefore);
+    EXPECT_TRUE(exists(kMarker));
+}
+
+TEST_F(TornActivation, is_completed_by_init_which_says_so) {
+    starts("b", after);
+    before.writeTo(kAside);
+    after.writeTo(kCurrent);
+    const ProgramResult result = tool_test::upgradectl({"init"});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(result.out,
+              "an activation was cut off; its packages were given their places\n"
+              "ready, packages go to /firmware\n");
+    EXPECT_EQ(versionsOf(kCurrent), kAfter);
+    EXPECT_EQ(versionsOf(kRollback), kBefore);
+    EXPECT_FALSE(exists(kMarker));
+}
+
+}  // namespace
