@@ -1,8 +1,18 @@
 #!/usr/bin/env bash
 # Makes the components of a firmware release with the tools that make them for a device, small but of the right form.
 #
-#   make_release.sh DIR HW MPU MCU BLD
+#   make_release.sh [--small] DIR HW MPU MCU BLD
+#
+# --small makes components of a tenth of the size and less, for a device that is upgraded by the hundred.
 set -euo pipefail
+
+code_bytes=$((12 * 1024 * 1024)) data_bytes=$((24 * 1024 * 1024)) root_size=64M loader_bytes=$((768 * 1024))
+application_bytes=$((96 * 1024)) driver_bytes=$((8 * 1024))
+if [[ $1 == --small ]]; then
+    code_bytes=$((512 * 1024)) data_bytes=$((512 * 1024)) root_size=4M loader_bytes=$((64 * 1024))
+    application_bytes=$((6 * 1024)) driver_bytes=$((1 * 1024))
+    shift
+fi
 
 directory=$1 hw=$2 mpu=$3 mcu=$4 bld=$5
 version=$hw.$mpu.$mcu.$bld
@@ -22,7 +32,7 @@ text() {
 # The 64 bytes an arm64 boot loader looks at: a branch over the header, where to load the image and how much memory
 # it takes, the flags (little-endian, 4 KiB pages) and the magic number.
 make_kernel() {
-    local code_bytes=$((12 * 1024 * 1024)) image_bytes
+    local image_bytes
     image_bytes=$((64 + code_bytes))
     {
         printf '\x10\x00\x00\x14\x1f\x20\x03\xd5'
@@ -66,14 +76,14 @@ make_root_file_system() {
     twin_write_versions "$root/etc/kavro/version.json" "$hw" "$mpu" "$mcu" "$bld"
     twin_write_platform "$root/etc/kavro/platform.json"
     printf '%s\n' "$version" >"$root/etc/kavro-release"
-    text $((24 * 1024 * 1024)) "image data" >"$root/usr/share/kavro/model.bin"
+    text "$data_bytes" "image data" >"$root/usr/share/kavro/model.bin"
     rm -f "$directory/ext4"
-    truncate -s 64M "$directory/ext4"
+    truncate -s "$root_size" "$directory/ext4"
     mke2fs -q -t ext4 -L rootfs -E root_owner=0:0 -d "$root" "$directory/ext4"
 }
 
 make_boot_loader() {
-    { printf 'KAVROBLD' && text $((768 * 1024)) "boot loader"; } >"$directory/bld_release.bin"
+    { printf 'KAVROBLD' && text "$loader_bytes" "boot loader"; } >"$directory/bld_release.bin"
 }
 
 # s_record BINARY ADDRESS NAME: its header record carries the name as it is given to objcopy.
@@ -83,9 +93,9 @@ s_record() {
 
 make_microcontroller_files() {
     # shellcheck disable=SC2059  # the version's bytes are escapes
-    { printf "KAVROMCU$(twin_little_endian_32 "$mcu")\\0\\0\\0\\0" && text $((96 * 1024)) "application"; } \
+    { printf "KAVROMCU$(twin_little_endian_32 "$mcu")\\0\\0\\0\\0" && text "$application_bytes" "application"; } \
         >"$scratch/application.bin"
-    text $((8 * 1024)) "flash driver" >"$scratch/driver.bin"
+    text "$driver_bytes" "flash driver" >"$scratch/driver.bin"
     s_record "$scratch/application.bin" 0x8000 mcu_flash_app.s19
     s_record "$scratch/driver.bin" 0x20000000 mcu_flash_drv.s19
 }
