@@ -95,3 +95,7 @@ if(TARGET mcu_emulator)
     ${KAVRO_ROOT}/twin/power.sh
     DESTINATION ${kavro_share}/twin COMPONENT tools)
 endif()
+
+if(PROJECT_IS_TOP_LEVEL)
+  include(${CMAKE_CURRENT_LIST_DIR}/debian.cmake)
+endif()
