@@ -34,6 +34,11 @@ std::string faultOf(archive* reader) {
     return text != nullptr ? text : "unknown fault";
 }
 
+// A name that this machine's character set lacks is no matter: a device takes its bytes.
+bool isAboutCharacters(archive* reader) {
+    return faultOf(reader).find("can't be converted") != std::string::npos;
+}
+
 std::string nameOf(archive_entry* entry) {
     if (const char* name = archive_entry_pathname(entry)) {
         return name;
@@ -102,8 +107,7 @@ std::string walkArchive(ArchiveSource source, ArchiveVisitor& visitor) {
         if (result == ARCHIVE_EOF) {
             return {};
         }
-        // A warning is about what this machine would make of the entry, such as its name's characters.
-        if (result != ARCHIVE_OK && result != ARCHIVE_WARN) {
+        if (result != ARCHIVE_OK && !(result == ARCHIVE_WARN && isAboutCharacters(reader.get()))) {
             return faultOf(reader.get());
         }
         const ArchiveEntry entry = describe(header);

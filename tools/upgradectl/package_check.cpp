@@ -17,6 +17,7 @@
 #include "tools/upgradectl/components.h"
 #include "tools/upgradectl/escaped_text.h"
 #include "tools/upgradectl/signing.h"
+#include "tools/upgradectl/tar_headers.h"
 #include "tools/upgradectl/tool_error.h"
 
 namespace upgradectl {
@@ -120,7 +121,7 @@ std::string readTrailerBlock(int descriptor, const fs::path& file) {
     return block;
 }
 
-// Hands out the payload block by block and takes its md5 on the way.
+// Hands out the payload block by block; on the way takes its md5 and has the archive's headers checked.
 class Payload {
   public:
     Payload(int packageDescriptor, std::uint64_t payloadBytes)
@@ -136,6 +137,7 @@ class Payload {
         }
         position += wanted;
         md5.update(block.data(), wanted);
+        headers.take(block.data(), wanted);
         data = block.data();
         return count;
     }
@@ -149,6 +151,7 @@ class Payload {
 
     bool unreadable() const { return failed; }
     std::string md5Text() { return hexText(md5.finish()); }
+    const std::string& headerFault() const { return headers.fault(); }
 
   private:
     const int descriptor;
@@ -157,6 +160,7 @@ class Payload {
     bool failed = false;
     std::vector<char> block = std::vector<char>(kReadBlockBytes);
     DigestStream md5{Digest::kMd5};
+    TarHeaderCheck headers;
 };
 
 // --- the archive ----------------------------------------------------------------------------------------------------
@@ -204,8 +208,7 @@ std::string nameFault(const std::string& name) {
 // Takes up what the archive holds of the seven components and their signatures.
 class ComponentReader : public ArchiveVisitor {
   public:
-    ComponentReader(std::uint64_t payload, const EntryListener& entryListener)
-        : payloadBytes(payload), listener(entryListener) {}
+    explicit ComponentReader(const EntryListener& entryListener) : listener(entryListener) {}
 
     bool begin(const ArchiveEntry& entry) override {
         if (listener) {
@@ -250,13 +253,12 @@ class ComponentReader : public ArchiveVisitor {
     std::array<FoundComponent, kComponentNames.size()> found;
 
   private:
-    std::string entryFault(const ArchiveEntry& entry, const std::string& name) const {
+    static std::string entryFault(const ArchiveEntry& entry, const std::string& name) {
         if (entry.type != "file") {
             return "which is no regular file (" + entry.type + ")";
         }
-        if (entry.bytes > payloadBytes) {
-            return "which claims to be larger than the payload, with " + std::to_string(entry.bytes) +
-                   " bytes";
+        if (entry.bytes > kPackageBytes) {
+            return "which claims to be larger than a package, with " + std::to_string(entry.bytes) + " bytes";
         }
         if (!entry.ownerFits) {
             return "whose owner is no number that a device knows";
@@ -298,7 +300,6 @@ class ComponentReader : public ArchiveVisitor {
         return true;
     }
 
-    const std::uint64_t payloadBytes;
     const EntryListener& listener;
     std::optional<RequiredFile> current;
     std::vector<std::string> faults;
@@ -398,7 +399,7 @@ class PackageChecker {
     void checkPayload(bool payloadKnown) {
         const std::uint64_t bytes = payloadKnown ? check.trailer.payloadBytes : 0;
         Payload payload(descriptor.get(), bytes);
-        ComponentReader archive(bytes, listener);
+        ComponentReader archive(listener);
         std::string fault = "its length is unknown";
         if (payloadKnown) {
             fault = walkArchive([&payload](const void*& data) { return payload.next(data); }, archive);
@@ -409,7 +410,7 @@ class PackageChecker {
                             "check the storage that it lies on");
         }
         checkMd5(payloadKnown, payload);
-        checkArchive(bytes, fault, archive);
+        checkArchive(bytes, fault.empty() ? payload.headerFault() : fault, archive);
         check.components = judgeComponents(archive, key ? &*key : nullptr);
     }
 
