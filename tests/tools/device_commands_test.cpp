@@ -1,10 +1,8 @@
 #include <gtest/gtest.h>
-#include <json/reader.h>
-
-#include <sstream>
 
 #include "tests/support/mcu_emulator.h"
 #include "tests/tools/device_support.h"
+#include "tests/tools/json_support.h"
 #include "upgrade/upgrade_proc_pkg.h"
 
 namespace {
@@ -74,14 +72,6 @@ TEST(Status, without_factory_versions_fails_and_still_tells_the_rest) {
     EXPECT_TRUE(contains(result.out, "factory version         unknown\n")) << result.out;
     EXPECT_TRUE(contains(result.out, "state                   idle\n")) << result.out;
     EXPECT_TRUE(contains(result.err, "'/etc/kavro/version.json' cannot be read")) << result.err;
-}
-
-Json::Value parsed(const std::string& text) {
-    std::istringstream source(text);
-    Json::Value value;
-    std::string errors;
-    EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), source, &value, &errors)) << text << errors;
-    return value;
 }
 
 TEST(Status, tells_a_program_the_same) {

@@ -1,13 +1,12 @@
 #include <gtest/gtest.h>
-#include <json/reader.h>
 
 #include <algorithm>
 #include <csignal>
-#include <sstream>
 #include <vector>
 
 #include "tests/support/mcu_emulator.h"
 #include "tests/tools/device_support.h"
+#include "tests/tools/json_support.h"
 
 namespace {
 
@@ -69,20 +68,6 @@ std::vector<std::string> eventNames(const std::vector<Json::Value>& events, cons
         }
     }
     return names;
-}
-
-std::vector<Json::Value> eventsIn(const std::string& text) {
-    std::vector<Json::Value> events;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        std::istringstream source(line);
-        Json::Value event;
-        std::string errors;
-        EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), source, &event, &errors))
-            << line << errors;
-        events.push_back(event);
-    }
-    return events;
 }
 
 void makePublicKey(const char* path) {

@@ -1,10 +1,8 @@
 #include "tools/upgradectl/run_view.h"
 
 #include <gtest/gtest.h>
-#include <json/reader.h>
 
-#include <sstream>
-
+#include "tests/tools/json_support.h"
 #include "tests/tools/output_capture.h"
 #include "tools/upgradectl/run_events.h"
 
@@ -12,6 +10,7 @@ namespace {
 
 using tool_test::capturedOutput;
 using tool_test::capturedTerminal;
+using tool_test::eventsIn;
 using upgradectl::ExitCode;
 using upgradectl::makeRunView;
 using upgradectl::OutputForm;
@@ -120,20 +119,6 @@ TEST(RunView, a_terminals_line_that_is_the_same_is_not_drawn_again) {
         view->show(kFlashing);
     });
     EXPECT_EQ(drawn, "\r\x1b[K" + terminalLine(kFlashing, 100));
-}
-
-std::vector<Json::Value> eventsIn(const std::string& text) {
-    std::vector<Json::Value> events;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        std::istringstream source(line);
-        Json::Value event;
-        std::string errors;
-        EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), source, &event, &errors))
-            << line << errors;
-        events.push_back(event);
-    }
-    return events;
 }
 
 TEST(RunEvents, tell_a_run_one_object_a_line) {
