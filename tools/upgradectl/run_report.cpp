@@ -266,7 +266,10 @@ Html versions(const RunRecord& record) {
     for (std::size_t part = 0; part < std::size(kVersionParts); ++part) {
         rows += versionRow(record, part);
     }
-    return heading("Versions") + table("versions short", {"Part", "Before", "After", "Package"}, rows);
+    return heading("Versions") +
+           table("versions short", {"Part", "Before", "After", "Package"}, rows,
+                 "As the device reported them. The main processor and the boot loader report new ones "
+                 "once the device was restarted.");
 }
 
 // --- Stages ---------------------------------------------------------------------------------------------------------
@@ -312,6 +315,9 @@ Html stageRow(const RunRecord& record, const StageSpan& stage) {
 }
 
 Html stages(const RunRecord& record) {
+    if (record.stages.empty()) {
+        return heading("Stages") + paragraph("", "The run did not begin.");
+    }
     Html rows;
     for (const StageSpan& stage : stageSpans(record)) {
         rows += stageRow(record, stage);

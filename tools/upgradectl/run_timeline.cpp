@@ -19,6 +19,26 @@ bool isAfterTheRun(const std::vector<StageChange>& stages, std::size_t index) {
     return stages[index].stage == UPGRADE_STAGE_IDLE && index != 0;
 }
 
+std::vector<StageSpan> unreachedStages() {
+    std::vector<StageSpan> spans;
+    for (int stage = 0; stage < UpgradeProc::kStageCount; ++stage) {
+        StageSpan span;
+        span.stage = stage;
+        span.expectedSeconds = kExpectedStageSeconds.at(static_cast<std::size_t>(stage));
+        spans.push_back(span);
+    }
+    return spans;
+}
+
+// A run begins in IDLE, which is no change.
+std::vector<StageChange> changesFromTheBegin(const RunRecord& record) {
+    std::vector<StageChange> changes = record.stages;
+    if (!changes.empty() && changes.front().stage != UPGRADE_STAGE_IDLE) {
+        changes.insert(changes.begin(), {UPGRADE_STAGE_IDLE, 0});
+    }
+    return changes;
+}
+
 // --- The flashing threads' lines ----------------------------------------------------------------------------------
 
 struct ThreadRow {
@@ -113,20 +133,15 @@ void setDurations(FlashingSpan& span) {
 }  // namespace
 
 std::vector<StageSpan> stageSpans(const RunRecord& record) {
-    std::vector<StageSpan> spans;
-    for (int stage = 0; stage < UpgradeProc::kStageCount; ++stage) {
-        StageSpan span;
-        span.stage = stage;
-        span.expectedSeconds = kExpectedStageSeconds.at(static_cast<std::size_t>(stage));
-        spans.push_back(span);
-    }
+    std::vector<StageSpan> spans = unreachedStages();
+    const std::vector<StageChange> changes = changesFromTheBegin(record);
     StageSpan* last = nullptr;
-    for (std::size_t i = 0; i < record.stages.size(); ++i) {
-        const StageChange& change = record.stages[i];
-        if (change.stage < 0 || change.stage >= UpgradeProc::kStageCount || isAfterTheRun(record.stages, i)) {
+    for (std::size_t i = 0; i < changes.size(); ++i) {
+        const StageChange& change = changes[i];
+        if (change.stage < 0 || change.stage >= UpgradeProc::kStageCount || isAfterTheRun(changes, i)) {
             continue;
         }
-        const double end = i + 1 < record.stages.size() ? record.stages[i + 1].seconds : record.seconds;
+        const double end = i + 1 < changes.size() ? changes[i + 1].seconds : record.seconds;
         last = &spans[static_cast<std::size_t>(change.stage)];
         last->reached = true;
         last->begin = change.seconds;
