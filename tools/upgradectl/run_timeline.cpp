@@ -4,7 +4,6 @@
 #include <cstdlib>
 
 #include "tools/upgradectl/stage_durations.h"
-#include "upgrade/upgrade_api.h"
 
 namespace upgradectl {
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "tools/upgradectl/run_record.h"
+#include "upgrade/upgrade_api.h"
 
 namespace upgradectl {
 
@@ -18,8 +19,9 @@ struct StageSpan {
     double seconds = 0;
     double expectedSeconds = 0;
 
-    // Markedly longer than expected: some stages take what is expected of them, to the hundredth of a second.
-    bool overLong() const { return seconds > 1.5 * expectedSeconds; }
+    // Markedly longer than expected: some stages take what is expected of them, to the hundredth of a second. Before
+    // the run, in IDLE, the command may read a whole package, which says nothing of the device.
+    bool overLong() const { return stage != UPGRADE_STAGE_IDLE && seconds > 1.5 * expectedSeconds; }
 };
 
 // All stages, in their order, whether or not the run reached them. Without any stage in the record none is reached.
