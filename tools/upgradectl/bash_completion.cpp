@@ -118,13 +118,15 @@ std::string optionValues(const CLI::App& app) {
             }
             std::string& patterns = options[valueCompletion(option->get_type_name())];
             for (const std::string& name : namesOf(*option)) {
-                patterns += (patterns.empty() ? "        '" : " | \\\n        '") + path + " " + name + "'";
+                patterns.append(patterns.empty() ? "        '" : " | \\\n        '");
+                patterns.append(path).append(" ").append(name).append("'");
             }
         }
     });
     std::string cases;
     for (const auto& [completion, patterns] : options) {
-        cases += patterns + ")\n            " + completion + "\n            return 0 ;;\n";
+        cases.append(patterns).append(")\n            ").append(completion);
+        cases.append("\n            return 0 ;;\n");
     }
     return cases;
 }
