@@ -1,0 +1,426 @@
+#!/usr/bin/env bash
+# Cuts the power of an emulated device at the state-changing calls of everything that it does, and judges what starts.
+#
+#   power_cut.sh [OPTION...] BUILD_DIR
+#
+#   --quick            a bounded selection (the default): some cuts of each scenario
+#   --full             all cuts, with each way in which the kernel may have flushed what nobody flushed
+#   --list             the points of each scenario, and nothing is cut
+#   --scenario NAME    this one only; may be repeated
+#   --only ID          this cut only, as a failure names it
+#   --self-test        the suite must lose what was not flushed, and must find deliberate faults
+#   --jobs N           how many devices are judged side by side (2)
+#   --json FILE        a line for each cut: kind, id, outcome
+#   --work DIR         where the devices are (DIR is emptied, needs a few GiB; a temporary directory)
+#   --keep             leaves the devices that failed there, in the image DIR/storage.img
+#
+# An id is SCENARIO/POLICY/CALL:PATH#NTH. A POLICY says what the kernel had written by itself at the instant of the cut:
+# `none` nothing; `config`, `firmware`, `partitions` that one; `all` the journals of all file systems and the partitions.
+# A second cut, in the start that follows the first one, is FIRST+POLICY/CALL:PATH#NTH.
+#
+# Exit status 1 when something failed, 77 when the host cannot run it.
+set -euo pipefail
+
+root=$(cd -- "${BASH_SOURCE[0]%/*}/../.." && pwd)
+here=$root/tests/fault
+twin=$root/twin/twin
+# shellcheck source=../../twin/device.sh
+source "$root/twin/device.sh"
+
+mode=quick only='' jobs=2 json='' work='' keep=false list=false self_test=false
+wanted=()
+given=("$@")
+while [[ ${1-} == --* ]]; do
+    case $1 in
+    --quick | --full) mode=${1#--} ;;
+    --list) list=true ;;
+    --self-test) self_test=true ;;
+    --keep) keep=true ;;
+    --scenario) wanted+=("$2") && shift ;;
+    --only) only=$2 && shift ;;
+    --jobs) jobs=$2 && shift ;;
+    --json) json=$(realpath -m -- "$2") && shift ;;
+    --work) work=$(realpath -m -- "$2") && shift ;;
+    *) printf '%s: unknown option %s\n' "$0" "$1" >&2 && exit 2 ;;
+    esac
+    shift
+done
+build=$(realpath -- "${1:-$root/build/release}")
+export KAVRO_TWIN_PROGRAMS=$build/twin
+upgradectl=$build/tools/upgradectl/upgradectl
+programs=$build/tests/fault
+
+not_run() {
+    printf 'power_cut: not run: %s\n' "$1"
+    exit 77
+}
+
+die() {
+    printf 'power_cut: %s\n' "$1" >&2
+    exit 2
+}
+
+why=$(twin_why_no_block_devices)
+[[ -z $why ]] || not_run "$why"
+command -v mkfs.xfs >/dev/null || not_run "mkfs.xfs is missing (package xfsprogs)"
+modprobe -q xfs 2>/dev/null || true
+grep -qw xfs /proc/filesystems || not_run "the kernel has no XFS"
+twin_take_own_mounts "${BASH_SOURCE[0]}" "${given[@]}"
+
+# --- the storage ----------------------------------------------------------------------------------------------------
+
+# Devices that still are attached keep the image in use.
+let_go() {
+    local device
+    for device in "$storage"/*/ "$storage"/*/*/ "$storage"/*/*/*/; do
+        [[ ! -d $device/disks ]] || "$twin" detach "$device" >/dev/null 2>&1 || true
+    done
+    umount "$storage" 2>/dev/null || true
+    "$keep" || rm -rf -- "$work"
+}
+
+make_storage() {
+    [[ -n $work ]] || work=$(mktemp -d "${TMPDIR:-/tmp}/power_cut.XXXXXXXX")
+    storage=$work/storage
+    mkdir -p "$storage"
+    rm -f "$work/storage.img"
+    truncate -s 64G "$work/storage.img"
+    mkfs.xfs -q -m reflink=1 "$work/storage.img"
+    mount -o loop,discard "$work/storage.img" "$storage" || not_run "an XFS image cannot be mounted"
+    trap let_go EXIT
+    trap 'exit 143' TERM
+    trap 'exit 130' INT
+}
+
+# copy_device FROM TO: of one that is detached.
+copy_device() {
+    rm -rf -- "$2"
+    mkdir -p "${2%/*}"
+    cp -a --reflink=always -- "$1" "$2"
+}
+
+# attach DEVICE COMMIT: mounts its file systems as severely as they can be: what was not flushed is not flushed by
+# anybody else, but for the journal every COMMIT seconds.
+attach() {
+    local name
+    for name in "${!TWIN_FILE_SYSTEM_SIZE[@]}"; do
+        mount -t ext4 -o "loop,noinit_itable,noauto_da_alloc,commit=$2" "$1/disks/$name.img" "$1/$name"
+    done
+    twin_attach_disks "$1"
+}
+
+# --- releases, packages, devices ------------------------------------------------------------------------------------
+
+# make_release NAME HW MPU MCU BLD
+make_release() {
+    "$root/twin/demo/make_release.sh" --small "$releases/$1" "${@:2}"
+    "$upgradectl" pack --key "$releases/key.pem" --version "$(IFS=. && printf '%s' "${*:2}")" \
+        --output "$releases/$1.pkg" "$releases/$1" >/dev/null
+}
+
+# The second release brings the microcontroller's firmware, the third only the main processor's.
+make_releases() {
+    releases=$work/releases
+    mkdir -p "$releases"
+    openssl genpkey -quiet -algorithm RSA -out "$releases/key.pem" 2>/dev/null
+    make_release first 1 104 7 2
+    make_release second 1 105 8 3
+    make_release third 1 106 7 4
+    make_release next 1 109 9 5
+}
+
+# on_device DEVICE ARGUMENT...: of upgradectl, its pauses shortened.
+on_device() {
+    "$twin" run "$1" --visible "$build" --visible "$releases" --env KAVRO_CLOCK_SPEED=8 \
+        -- env LD_PRELOAD="$programs/libkavro_short_clock.so" "$upgradectl" "${@:2}" >"$work/said" 2>&1 ||
+        die "preparing a device: upgradectl ${*:2} failed: $(tail -n 3 "$work/said")"
+}
+
+boot() {
+    "$twin" boot "$1" >/dev/null || die "preparing a device: it does not start"
+}
+
+# grown FROM TO: a device that is going to be another one.
+grown() {
+    "$twin" detach "$bases/$1" 2>/dev/null || true
+    copy_device "$bases/$1" "$bases/$2"
+}
+
+# What each scenario begins with.
+make_devices() {
+    bases=$storage/bases
+    mkdir -p "$bases"
+    "$twin" create "$bases/factory" --block --components "$releases/first" >/dev/null
+    cp --sparse=always "$releases/first.pkg" "$bases/factory/firmware/current.pkg"
+    on_device "$bases/factory" init
+    local release
+    for release in second third; do
+        grown factory "installed_$release"
+        on_device "$bases/installed_$release" install "$releases/$release.pkg"
+        grown "installed_$release" "activated_$release"
+        on_device "$bases/activated_$release" activate
+        grown "activated_$release" "trial_$release"
+        boot "$bases/trial_$release"
+        on_device "$bases/trial_$release" init
+        grown "trial_$release" "runs_$release"
+        on_device "$bases/runs_$release" confirm
+    done
+    grown factory fresh
+    "$twin" boot "$bases/fresh" >/dev/null
+    rm "$bases/fresh/config/upgrade_config.json"
+    local device
+    for device in "$bases"/*; do
+        sync -f "$device/config" "$device/firmware"
+        "$twin" detach "$device" 2>/dev/null || true
+        cp "$programs/libkavro_fault_interpose.so" "$device/mcu/interpose.so"
+    done
+}
+
+# --- scenarios ------------------------------------------------------------------------------------------------------
+
+# NAME: the device it begins with, what is done on it, the release that it is to bring.
+declare -A begins_with=([install]=factory [install-third]=factory [install-over]=activated_second
+    [activate]=installed_second [confirm]=trial_second [rollback-flash]=runs_second
+    [rollback-switch]=runs_third [init]=fresh [start]=activated_second)
+declare -A does=([install]='install RELEASES/second.pkg' [install-third]='install RELEASES/third.pkg'
+    [install-over]='install RELEASES/third.pkg' [activate]=activate [confirm]=confirm
+    [rollback-flash]=rollback [rollback-switch]=rollback [init]=init [start]=START)
+declare -A brings=([install]=second [install-third]=third [install-over]=third [activate]=second [confirm]=second
+    [rollback-flash]=first [rollback-switch]=first [init]=first [start]=second)
+order=(install activate confirm rollback-flash rollback-switch init start install-third install-over)
+
+watched=(LD_PRELOAD=/dev/kavro-mcu/interpose.so KAVRO_FAULT_BOARD=/dev/kavro-mcu/board)
+
+# watch DEVICE WATCH_OPTION... -- START|ARGUMENT...: upgradectl with these arguments, or what happens at a start.
+watch() {
+    local device=$1 options=() environment=() pair
+    shift
+    while [[ $1 != -- ]]; do
+        options+=("$1")
+        shift
+    done
+    if [[ $2 == START ]]; then
+        "$programs/power_cut_watch" --state "$device" "${options[@]}" -- \
+            "$here/start_device.sh" "$device" "$upgradectl" "${watched[@]}"
+        return
+    fi
+    for pair in "${watched[@]}"; do
+        environment+=(--env "$pair")
+    done
+    "$programs/power_cut_watch" --state "$device" "${options[@]}" -- "$twin" run "$device" --visible "$build" \
+        --visible "$releases" "${environment[@]}" -- "$upgradectl" "${@:2}"
+}
+
+# committed_by POLICY: for power_cut_watch.
+committed_by() {
+    case $1 in
+    none) ;;
+    all) printf -- '--commit\nconfig,firmware,raw,partitions\n' ;;
+    config | firmware | partitions) printf -- '--commit\n%s\n' "$1" ;;
+    *) die "no policy '$1'" ;;
+    esac
+}
+
+# cut_run FROM OUT POLICY COMMAND [WATCH_OPTION...]: makes the twins OUT/NUMBER, one for each cut.
+cut_run() {
+    local device=$storage/run policy words status=0
+    copy_device "$1" "$device"
+    cp "$programs/libkavro_fault_interpose.so" "$device/mcu/interpose.so"
+    attach "$device" 300
+    mapfile -t policy < <(committed_by "$3")
+    read -ra words <<<"${4//RELEASES/$releases}"
+    mkdir -p "$2"
+    watch "$device" --out "$2" "${policy[@]}" "${@:5}" -- "${words[@]}" >"$2.log" 2>&1 || status=$?
+    "$twin" detach "$device"
+    rm -rf -- "$device"
+    ((status == 0)) || remember_failure "${2#"$storage/cuts/"}/run" "the run that is cut failed, exit status $status: $(tail -n 2 "$2.log" | tr '\n' '|')"
+}
+
+# --- the states that cuts leave -------------------------------------------------------------------------------------
+
+# state_of DEVICE: its digest, of what lasts, as the next start finds it. But for the content of /raw, which the next run
+# empties.
+state_of() {
+    local name
+    for name in config firmware; do
+        mount -t ext4 -o loop,noinit_itable "$1/disks/$name.img" "$1/$name"
+    done
+    (cd -- "$1" && tar --sparse --sort=name --mtime=@0 --exclude=lost+found -cf - config firmware etc-kavro mcu/flash.bin \
+        disks/{kernel,dtb,rootfs}_{a,b}.img disks/bootloader.img disks/env_{a,b}.img) | sha256sum | cut -c 1-16
+    for name in config firmware; do
+        umount "$1/$name"
+    done
+}
+
+# in_parallel COMMAND...: not more than `jobs` at a time.
+in_parallel() {
+    while (($(jobs -rp | wc -l) >= jobs)); do
+        wait -n || true
+    done
+    "$@" &
+}
+
+# --- verdicts -------------------------------------------------------------------------------------------------------
+
+# A line for each cut: SCENARIO, ID, STATE, DIRECTORY.
+cuts=()
+failures=0
+
+remember_failure() {
+    failures=$((failures + 1))
+    printf 'FAILED %s: %s\n' "$1" "$2"
+    report "$1" failed
+}
+
+# report ID OUTCOME
+report() {
+    [[ -z $json ]] || jq -cn --arg id "$1" --arg outcome "$2" '{kind: "power_cut", id: $id, outcome: $outcome}' >>"$json"
+}
+
+write_state() {
+    state_of "$1" >"$1/state"
+}
+
+# collect SCENARIO PREFIX OUT: the cuts of a run, each with its state.
+collect() {
+    local directory id
+    for directory in "$3"/[0-9]*/; do
+        in_parallel write_state "${directory%/}"
+    done
+    wait
+    for directory in "$3"/[0-9]*/; do
+        id=$(cut -f 3 "$directory/cut")
+        cuts+=("$1"$'\t'"$2/$id"$'\t'"$(<"$directory/state")"$'\t'"${directory%/}")
+    done
+}
+
+# judge SCENARIO DIRECTORY: on a device of its own; what the judge says stays in DIRECTORY.verdict, "ok" when all holds.
+judge() {
+    local device=$2.judged
+    copy_device "$2" "$device"
+    "$here/check_device.sh" --build "$build" --next "$releases/next" --run "$releases/${brings[$1]}" --keeps-package \
+        "${judge_options[@]}" "$device" "$releases"/{first,second,third} >"$2.said" 2>&1 || true
+    grep '^wrong' "$2.said" >"$2.verdict" || { tail -n 1 "$2.said" | grep '^all holds$' >"$2.verdict" && printf 'ok\n' >"$2.verdict"; } ||
+        { printf 'the judge ended early: ' && tail -n 3 "$2.said" | tr '\n' '|'; } >"$2.verdict"
+    "$twin" remove "$device"
+}
+
+# judge_all: each distinct state once for each scenario.
+judge_all() {
+    local line scenario id state directory
+    local -A first=()
+    for line in "${cuts[@]}"; do
+        IFS=$'\t' read -r scenario id state directory <<<"$line"
+        [[ -z ${first[$scenario $state]-} ]] || continue
+        first[$scenario $state]=$directory
+        is_selected "${#first[@]}" || continue
+        in_parallel judge "$scenario" "$directory"
+    done
+    wait
+    for line in "${cuts[@]}"; do
+        IFS=$'\t' read -r scenario id state directory <<<"$line"
+        count "$scenario" "$id" "${first[$scenario $state]}" "$directory"
+    done
+}
+
+# Of the selection in CI, an even spread.
+is_selected() {
+    [[ $mode == full || -n $only ]] || (($1 % every == 0))
+}
+
+declare -A tried=() distinct=() failed=()
+
+# count SCENARIO ID JUDGED DIRECTORY: JUDGED is the directory of the first cut that left the same state.
+count() {
+    local verdict
+    tried[$1]=$((${tried[$1]-0} + 1))
+    if [[ ! -s $3.verdict ]]; then
+        report "$2" 'not judged'
+        return
+    fi
+    judged[$1]=$((${judged[$1]-0} + 1))
+    [[ $3 != "$4" ]] || distinct[$1]=$((${distinct[$1]-0} + 1))
+    verdict=$(<"$3.verdict")
+    if [[ $verdict == ok ]]; then
+        report "$2" ok
+        return
+    fi
+    failed[$1]=$((${failed[$1]-0} + 1))
+    failures=$((failures + 1))
+    [[ $3 != "$4" ]] || printf 'FAILED %s\n%s\n' "$2" "    ${verdict//$'\n'/$'\n'    }"
+    report "$2" failed
+}
+declare -A judged=()
+
+show_table() {
+    local scenario total=0 total_judged=0
+    printf '%-22s %6s %8s %8s %8s\n' scenario cuts judged states failed
+    for scenario in "${order[@]}"; do
+        [[ -n ${tried[$scenario]-} ]] || continue
+        printf '%-22s %6d %8d %8d %8d\n' "$scenario" "${tried[$scenario]}" "${judged[$scenario]-0}" \
+            "${distinct[$scenario]-0}" "${failed[$scenario]-0}"
+        total=$((total + tried[$scenario]))
+        total_judged=$((total_judged + ${judged[$scenario]-0}))
+    done
+    printf 'judged: cuts whose state was judged; states: distinct ones among them, each judged once\n'
+    printf 'power_cut: tried %d, ok %d, failed %d\n' "$total_judged" $((total_judged - failures)) "$failures"
+}
+
+# --- the method -----------------------------------------------------------------------------------------------------
+
+# What was flushed is there after a cut, what was not is not: with the name and without its content when the journal was
+# committed, without the name otherwise.
+check_method() {
+    local device=$storage/method policy copy expected found
+    copy_device "$bases/factory" "$device"
+    attach "$device" 300
+    printf 'flushed' | dd of="$device/config/flushed" conv=fsync status=none
+    sync -f "$device/config"
+    printf 'not flushed' >"$device/config/not_flushed"
+    for policy in none config; do
+        mapfile -t options < <(committed_by "$policy")
+        "$programs/power_cut_watch" --state "$device" --out "$storage/method_$policy" "${options[@]}" -- true
+        copy=$storage/method_$policy/0001
+        mount -t ext4 -o loop,noinit_itable "$copy/disks/config.img" "$copy/config"
+        found="$(cat "$copy/config/flushed"),$(cat "$copy/config/not_flushed" 2>/dev/null || printf 'no such file')"
+        umount "$copy/config"
+        expected="flushed,no such file"
+        [[ $policy == none ]] || expected="flushed,"
+        [[ $found == "$expected" ]] || remember_failure "method/$policy" "a cut keeps '$found', not '$expected'"
+    done
+    "$twin" detach "$device"
+    ((failures == 0)) || die "the method does not cut the power"
+    printf 'a cut keeps what was flushed and loses what was not\n'
+}
+
+# --- the suite ------------------------------------------------------------------------------------------------------
+
+judge_options=()
+case $mode in
+quick) policies=(none all) one_in=64 every=4 ;;
+full) policies=(none config firmware partitions all) one_in=16 every=1 ;;
+esac
+
+cut_scenario() {
+    local scenario=$1 policy
+    for policy in "${policies[@]}"; do
+        cut_run "$bases/${begins_with[$scenario]}" "$storage/cuts/$scenario/$policy" "$policy" "${does[$scenario]}" \
+            --one-in "$one_in"
+        collect "$scenario" "$scenario/$policy" "$storage/cuts/$scenario/$policy"
+    done
+}
+
+((${#wanted[@]})) || wanted=("${order[@]}")
+make_storage
+make_releases
+make_devices
+check_method
+[[ -z $json ]] || : >"$json"
+for scenario in "${wanted[@]}"; do
+    SECONDS=0
+    cut_scenario "$scenario"
+    printf '%s: %d cuts so far, %d s\n' "$scenario" "${#cuts[@]}" "$SECONDS"
+done
+judge_all
+show_table
+((failures == 0))

@@ -1,0 +1,390 @@
+// Runs a command on a twin of the block form and cuts its power, again and again, without harm to the run: before each
+// chosen call all of the device's programs are stopped, what its storage holds at that instant is copied, and they go on.
+//
+//   power_cut_watch --state DIR --out DIR [--commit FS,...] [--one-in K] [--only CALL:PATH#NTH] [--list] -- COMMAND...
+//
+// DIR is the twin's directory, on a file system with shared extents. COMMAND runs the device's program with
+// fault_interpose preloaded and KAVRO_FAULT_BOARD=/dev/kavro-mcu/board. Each cut becomes a twin of its own, OUT/NUMBER,
+// with disks that are shared extents of the images and nothing else: what lies in memory, and what was written and not
+// flushed, is gone. OUT/NUMBER/cut tells its number, call, path, source and how many of its kind it is.
+//
+// --commit    the file systems (config, firmware, raw) whose journal is committed just before each cut, as the kernel
+//             may do at any time by itself: names are on storage then, content that was not flushed is not. With
+//             `partitions` the partitions are flushed, as the kernel may do too
+// --one-in K  of the writes that follow one another to one file, the first and each Kth (16)
+// --only      cuts there only
+// --list      writes the lines of the cuts to standard output and cuts nothing
+//
+// The exit status is that of COMMAND.
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <linux/futex.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <new>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/utility/file_descriptor.h"
+#include "tests/fault/interpose/board.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using fault::Board;
+using fault::Slot;
+using kavro::FileDescriptor;
+
+constexpr const char* kBoardName = "mcu/board";
+// EXT4_IOC_CHECKPOINT, which the headers of the C library's system do not have.
+constexpr unsigned long kCommitJournal = _IOW('f', 43, __u32);
+
+[[noreturn]] void die(const std::string& text) {
+    std::fprintf(stderr, "power_cut_watch: %s\n", text.c_str());
+    std::exit(2);
+}
+
+[[noreturn]] void dieOf(const std::string& text) {
+    die(text + ": " + std::strerror(errno));
+}
+
+struct Options {
+    fs::path state;
+    fs::path out;
+    std::set<std::string> committed;
+    unsigned long oneIn = 16;
+    std::string only;
+    bool list = false;
+    char** command = nullptr;
+};
+
+std::set<std::string> pieces(std::string text) {
+    std::set<std::string> result;
+    for (std::size_t end = 0; !text.empty(); text.erase(0, end == std::string::npos ? end : end + 1)) {
+        end = text.find(',');
+        result.insert(text.substr(0, end));
+    }
+    return result;
+}
+
+Options parse(char** arguments) {
+    Options options;
+    for (++arguments; *arguments != nullptr && std::strcmp(*arguments, "--") != 0; ++arguments) {
+        const std::string name = *arguments;
+        if (name == "--list") {
+            options.list = true;
+            continue;
+        }
+        if (*++arguments == nullptr) {
+            die(name + " needs a value");
+        }
+        const std::string value = *arguments;
+        if (name == "--state") {
+            options.state = fs::canonical(value);
+        } else if (name == "--out") {
+            options.out = value;
+        } else if (name == "--commit") {
+            options.committed = pieces(value);
+        } else if (name == "--one-in") {
+            options.oneIn = std::strtoul(value.c_str(), nullptr, 10);
+        } else if (name == "--only") {
+            options.only = value;
+        } else {
+            die("unknown option " + name);
+        }
+    }
+    if (*arguments == nullptr || arguments[1] == nullptr || options.state.empty() || options.oneIn == 0 ||
+        (options.out.empty() && !options.list)) {
+        die("--state, --out, a K above 0 and -- COMMAND are needed");
+    }
+    options.command = arguments + 1;
+    return options;
+}
+
+// ---------------------------------------------------------------------------------------------------------------------
+// The device's programs
+// ---------------------------------------------------------------------------------------------------------------------
+
+// The text behind a program's name, which may hold anything, in /proc/.../stat: its state and its parent.
+bool readStat(const fs::path& path, char& state, pid_t& parent) {
+    std::ifstream file(path);
+    std::string text;
+    std::getline(file, text);
+    const std::size_t name = text.rfind(')');
+    int number = 0;
+    if (name == std::string::npos || std::sscanf(text.c_str() + name + 1, " %c %d", &state, &number) != 2) {
+        return false;
+    }
+    parent = number;
+    return true;
+}
+
+// All that descend from this process; the device's microcontroller is among them.
+std::set<pid_t> descendants() {
+    std::multimap<pid_t, pid_t> children;
+    for (const fs::directory_entry& entry : fs::directory_iterator("/proc")) {
+        const pid_t process = std::atoi(entry.path().filename().c_str());
+        char state = 0;
+        pid_t parent = 0;
+        if (process > 0 && readStat(entry.path() / "stat", state, parent)) {
+            children.emplace(parent, process);
+        }
+    }
+    std::set<pid_t> found;
+    std::vector<pid_t> open = {getpid()};
+    while (!open.empty()) {
+        const auto [first, last] = children.equal_range(open.back());
+        open.pop_back();
+        for (auto child = first; child != last; ++child) {
+            found.insert(child->second);
+            open.push_back(child->second);
+        }
+    }
+    return found;
+}
+
+bool isStopped(pid_t process) {
+    std::error_code error;
+    for (fs::directory_iterator thread("/proc/" + std::to_string(process) + "/task", error), end;
+         thread != end; thread.increment(error)) {
+        char state = 0;
+        pid_t parent = 0;
+        if (readStat(thread->path() / "stat", state, parent) && std::strchr("TtZX", state) == nullptr) {
+            return false;
+        }
+        if (error) {
+            break;
+        }
+    }
+    return true;
+}
+
+// Stops all, until none is left that runs or was begun meanwhile.
+std::set<pid_t> freeze() {
+    std::set<pid_t> stopped;
+    for (;;) {
+        const std::set<pid_t> all = descendants();
+        for (const pid_t process : all) {
+            if (stopped.insert(process).second) {
+                kill(process, SIGSTOP);
+            }
+        }
+        if (std::all_of(all.begin(), all.end(), isStopped)) {
+            return stopped;
+        }
+        usleep(500);
+    }
+}
+
+void thaw(const std::set<pid_t>& stopped) {
+    for (const pid_t process : stopped) {
+        kill(process, SIGCONT);
+    }
+}
+
+// ---------------------------------------------------------------------------------------------------------------------
+// Storage
+// ---------------------------------------------------------------------------------------------------------------------
+
+void share(const fs::path& from, const fs::path& to) {
+    const FileDescriptor source(open(from.c_str(), O_RDONLY | O_CLOEXEC));
+    const FileDescriptor target(open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+    if (!source.valid() || !target.valid() || ioctl(target.get(), FICLONE, source.get()) != 0) {
+        dieOf(from.string() + " cannot be shared with " + to.string());
+    }
+}
+
+void commitJournal(const fs::path& mounted) {
+    const FileDescriptor directory(open(mounted.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    __u32 flags = 0;
+    if (!directory.valid() || ioctl(directory.get(), kCommitJournal, &flags) != 0) {
+        dieOf("the journal of " + mounted.string() + " cannot be committed");
+    }
+}
+
+void flushPartitions(const fs::path& partitions) {
+    for (const fs::directory_entry& entry : fs::directory_iterator(partitions)) {
+        const FileDescriptor device(open(entry.path().c_str(), O_WRONLY | O_CLOEXEC));
+        if (!device.valid() || fsync(device.get()) != 0) {
+            dieOf(entry.path().string() + " cannot be flushed");
+        }
+    }
+}
+
+void copyStorage(const fs::path& state, const fs::path& twin) {
+    for (const char* name :
+         {"config", "firmware", "raw", "tmp", "run", "partitions", "disks", "mcu", "etc-kavro"}) {
+        fs::create_directories(twin / name);
+    }
+    for (const char* directory : {"disks", "etc-kavro"}) {
+        for (const fs::directory_entry& entry : fs::directory_iterator(state / directory)) {
+            share(entry.path(), twin / directory / entry.path().filename());
+        }
+    }
+    share(state / "mcu/flash.bin", twin / "mcu/flash.bin");
+    share(state / "created-with", twin / "created-with");
+}
+
+// ---------------------------------------------------------------------------------------------------------------------
+// The cuts
+// ---------------------------------------------------------------------------------------------------------------------
+
+bool isWrite(const std::string& call) {
+    static const std::set<std::string> writes = {"write",    "pwrite", "writev",         "copy_file_range",
+                                                 "sendfile", "send",   "sync_file_range"};
+    return writes.count(call) != 0;
+}
+
+class Cutter {
+  public:
+    explicit Cutter(const Options& wanted) : options(wanted) {
+        for (const fs::directory_entry& entry : fs::directory_iterator(options.state / "partitions")) {
+            if (entry.is_symlink()) {
+                partitions[fs::read_symlink(entry.path())] =
+                    "/dev/disk/by-partlabel/" + entry.path().filename().string();
+            }
+        }
+    }
+
+    void look(const Slot& slot) {
+        const std::string path = named(slot.call.path);
+        if (path.rfind("/tmp/", 0) == 0) {
+            return;
+        }
+        const std::string kind = std::string(slot.call.name) + ":" + path;
+        const unsigned long nth = ++seen[kind];
+        const unsigned long inARow =
+            isWrite(slot.call.name) ? writesInARow[path]++ : (writesInARow[path] = 0);
+        const std::string id = kind + "#" + std::to_string(nth);
+        if (options.only.empty() ? inARow % options.oneIn == 0 : options.only == id) {
+            cut(slot.number, id, slot.program, named(slot.call.from));
+        }
+    }
+
+    void cutAtTheEnd() {
+        if (options.only.empty() || options.only == "end:/#1") {
+            cut(0, "end:/#1", "-", "");
+        }
+    }
+
+  private:
+    // The number of a loop device is another one each time.
+    std::string named(const char* path) const {
+        const auto found = partitions.find(path);
+        return found == partitions.end() ? path : found->second;
+    }
+
+    void cut(std::uint64_t number, const std::string& id, const std::string& program,
+             const std::string& from) {
+        char name[16];
+        std::snprintf(name, sizeof(name), "%04u", ++cuts);
+        const std::string line = std::string(name) + "\t" + std::to_string(number) + "\t" + id + "\t" +
+                                 program + "\t" + from + "\n";
+        if (options.list) {
+            std::fputs(line.c_str(), stdout);
+            return;
+        }
+        const std::set<pid_t> stopped = freeze();
+        for (const std::string& what : options.committed) {
+            if (what == "partitions") {
+                flushPartitions(options.state / what);
+            } else {
+                commitJournal(options.state / what);
+            }
+        }
+        copyStorage(options.state, options.out / name);
+        std::ofstream(options.out / name / "cut") << line;
+        thaw(stopped);
+    }
+
+    const Options& options;
+    std::map<std::string, std::string> partitions;
+    std::map<std::string, unsigned long> seen;
+    std::map<std::string, unsigned long> writesInARow;
+    unsigned cuts = 0;
+};
+
+Board& makeBoard(const fs::path& path) {
+    fs::remove(path);
+    const FileDescriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+    if (!file.valid() || ftruncate(file.get(), sizeof(Board)) != 0) {
+        dieOf(path.string() + " cannot be made");
+    }
+    void* mapped = mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
+    if (mapped == MAP_FAILED) {
+        dieOf(path.string() + " cannot be mapped");
+    }
+    auto& board = *new (mapped) Board;  // zeros, as the file is
+    board.magic = fault::kBoardMagic;
+    board.watched = 1;
+    return board;
+}
+
+long futex(std::atomic<std::uint32_t>& word, int operation, std::uint32_t value, const timespec* limit) {
+    return syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(&word), operation, value, limit, nullptr, 0);
+}
+
+// The question that came first, or none.
+Slot* nextQuestion(Board& board) {
+    Slot* next = nullptr;
+    for (Slot& slot : board.slots) {
+        if (slot.state == Slot::kAsks && (next == nullptr || slot.number < next->number)) {
+            next = &slot;
+        }
+    }
+    return next;
+}
+
+// Answers until the command is over; gives its exit status.
+int attend(Board& board, pid_t command, Cutter& cutter) {
+    constexpr timespec kPollCommand = {0, 20000000};
+    for (;;) {
+        const std::uint32_t rings = board.rings;
+        while (Slot* slot = nextQuestion(board)) {
+            cutter.look(*slot);
+            slot->state = Slot::kGoes;
+            futex(slot->state, FUTEX_WAKE, INT_MAX, nullptr);
+        }
+        int status = 0;
+        if (waitpid(command, &status, WNOHANG) == command) {
+            return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        }
+        futex(board.rings, FUTEX_WAIT, rings, &kPollCommand);
+    }
+}
+
+}  // namespace
+
+int main(int /*count*/, char** arguments) {
+    const Options options = parse(arguments);
+    Board& board = makeBoard(options.state / kBoardName);
+    Cutter cutter(options);
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    const pid_t command = fork();
+    if (command == 0) {
+        execvp(options.command[0], options.command);
+        dieOf(options.command[0]);
+    }
+    const int status = attend(board, command, cutter);
+    cutter.cutAtTheEnd();
+    return status;
+}
