@@ -1,5 +1,4 @@
 // The calls themselves. What a wrapper hides it calls in turn, so those of cancellation points are cancellation points.
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
@@ -18,112 +17,17 @@
 #include <cstdio>
 #include <cstring>
 
-#include "tests/fault/interpose/interpose.h"
-
-#define KAVRO_WRAPPER extern "C" __attribute__((visibility("default")))
+#include "tests/fault/interpose/wrapping.h"
 
 namespace {
 
 using fault::Call;
+using fault::callAt;
+using fault::callBetween;
+using fault::callOf;
+using fault::made;
 using fault::Verdict;
-
-// The C library's function, which the wrapper of that name hides.
-template <typename Function>
-Function* real(Function* /*ofThisType*/, const char* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-#define KAVRO_REAL(name)                                    \
-    [] {                                                    \
-        static auto* const function = real(&(name), #name); \
-        return function;                                    \
-    }()
-
-void copyPath(char (&to)[fault::kPathBytes], const char* from) {
-    std::snprintf(to, sizeof(to), "%s", from);
-}
-
-// What /proc says of this process's link, or "".
-void readLink(const char* link, char (&to)[fault::kPathBytes]) {
-    const long length = syscall(SYS_readlinkat, AT_FDCWD, link, to, sizeof(to) - 1);
-    to[length > 0 ? length : 0] = '\0';
-}
-
-void pathOf(int fd, char (&to)[fault::kPathBytes]) {
-    char link[32];
-    std::snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
-    readLink(link, to);
-}
-
-void pathAt(int directory, const char* path, char (&to)[fault::kPathBytes]) {
-    if (path == nullptr || path[0] == '/') {
-        copyPath(to, path == nullptr ? "" : path);
-        return;
-    }
-    char base[fault::kPathBytes];
-    if (directory == AT_FDCWD) {
-        readLink("/proc/self/cwd", base);
-    } else {
-        pathOf(directory, base);
-    }
-    while (std::strncmp(path, "./", 2) == 0) {
-        path += 2;
-    }
-    const std::size_t length = std::min(std::strlen(base), sizeof(to) - 2);
-    std::memcpy(to, base, length);
-    to[length] = '/';
-    std::snprintf(to + length + 1, sizeof(to) - length - 1, "%s", path);
-}
-
-Call callOn(const char* name) {
-    Call call;
-    std::snprintf(call.name, sizeof(call.name), "%s", name);
-    return call;
-}
-
-Call callAt(const char* name, int directory, const char* path) {
-    Call call = callOn(name);
-    pathAt(directory, path, call.path);
-    return call;
-}
-
-Call callOf(const char* name, int fd, std::int64_t bytes = -1) {
-    Call call = callOn(name);
-    pathOf(fd, call.path);
-    call.bytes = bytes;
-    return call;
-}
-
-Call callBetween(const char* name, int fromDirectory, const char* from, int toDirectory, const char* to) {
-    Call call = callAt(name, toDirectory, to);
-    pathAt(fromDirectory, from, call.from);
-    return call;
-}
-
-// A call that gives 0 or -1, or a descriptor or -1: then it cannot be swallowed.
-template <typename Make>
-int made(const Call& call, Make make) {
-    const Verdict verdict = fault::decide(call);
-    if (verdict.error != 0) {
-        errno = verdict.error;
-        return -1;
-    }
-    return verdict.swallowed ? 0 : make();
-}
-
-// A call that gives the number of bytes written, or -1. `make` is told how many they may be.
-template <typename Make>
-ssize_t written(const Call& call, Make make) {
-    const Verdict verdict = fault::decide(call);
-    if (verdict.error != 0) {
-        errno = verdict.error;
-        return -1;
-    }
-    if (verdict.swallowed) {
-        return call.bytes;
-    }
-    return make(
-        static_cast<std::size_t>(verdict.atMost >= 0 ? std::min(verdict.atMost, call.bytes) : call.bytes));
-}
+using fault::written;
 
 std::int64_t bytesOf(const iovec* blocks, int count) {
     std::int64_t bytes = 0;
@@ -139,18 +43,17 @@ constexpr bool changesFile(int flags) {
 
 template <typename Open>
 int opened(int directory, const char* path, int flags, Open open) {
-    if (!changesFile(flags)) {
-        return open();
-    }
-    return made(callAt("open", directory, path), open);
+    return changesFile(flags) ? made(callAt("open", directory, path), open)
+                              : fault::looked(callAt("open_existing", directory, path), open);
 }
 
 template <typename Open>
 FILE* openedStream(const char* path, const char* mode, Open open) {
-    if (path == nullptr || mode == nullptr || mode[0] == 'r') {
+    if (path == nullptr || mode == nullptr) {
         return open();
     }
-    const Verdict verdict = fault::decide(callAt("fopen", AT_FDCWD, path));
+    const Verdict verdict = mode[0] == 'r' ? fault::failVerdict(callAt("fopen_existing", AT_FDCWD, path))
+                                           : fault::decide(callAt("fopen", AT_FDCWD, path));
     if (verdict.error != 0) {
         errno = verdict.error;
         return nullptr;

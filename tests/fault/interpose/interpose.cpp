@@ -23,20 +23,6 @@ constexpr std::array kDevicePaths = {"/config/",    "/firmware/",       "/raw/",
                                      "/tmp/pubkey", "/tmp/upgrade.cfg", "/dev/kavro-mcu/link"};
 constexpr std::array kDeviceDirectories = {"/config", "/firmware", "/raw", "/etc/kavro"};
 
-bool isDevicePath(const char* path) {
-    for (const char* prefix : kDevicePaths) {
-        if (std::strncmp(path, prefix, std::strlen(prefix)) == 0) {
-            return std::strcmp(path, "/dev/kavro-mcu/link.lock") != 0;
-        }
-    }
-    for (const char* directory : kDeviceDirectories) {
-        if (std::strcmp(path, directory) == 0) {
-            return true;
-        }
-    }
-    return false;
-}
-
 // The system is called directly: these are neither to be intercepted nor points of cancellation.
 long futex(std::atomic<std::uint32_t>& word, int operation, std::uint32_t value) {
     return syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(&word), operation, value, nullptr, nullptr, 0);
@@ -149,10 +135,24 @@ void awaitTurn(Board& board, const Call& call, std::uint64_t number) {
 
 }  // namespace
 
+bool isDevicePath(const char* path) {
+    for (const char* prefix : kDevicePaths) {
+        if (std::strncmp(path, prefix, std::strlen(prefix)) == 0) {
+            return std::strcmp(path, "/dev/kavro-mcu/link.lock") != 0;
+        }
+    }
+    for (const char* directory : kDeviceDirectories) {
+        if (std::strcmp(path, directory) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
 Verdict decide(const Call& call) {
     Board* board = setup().board;
     if (board == nullptr || !isDevicePath(call.path)) {
-        return {};
+        return failVerdict(call);
     }
     const int before = errno;
     const std::uint64_t number = ++board->calls;
@@ -162,10 +162,7 @@ Verdict decide(const Call& call) {
     if (board->watched != 0) {
         awaitTurn(*board, call, number);
     }
-    Verdict verdict;
-    if (failVerdict != nullptr) {
-        verdict = failVerdict(call, number);
-    }
+    Verdict verdict = failVerdict(call);
     verdict.swallowed = verdict.swallowed || isSwallowed(call.name);
     errno = before;
     return verdict;

@@ -21,11 +21,15 @@ struct Verdict {
     std::int64_t atMost = -1;  // a write writes no more than this
 };
 
-// The mode that lets calls fail; in fail_mode.cpp. Asked for each numbered call, before it is made.
-[[gnu::weak]] Verdict failVerdict(const Call& call, std::uint64_t number);
+// Whether a restart of the device keeps what lies there.
+[[nodiscard]] bool isDevicePath(const char* path);
+
+// What becomes of a call that changes nothing, or nothing that lasts: the mode that lets calls fail says (fail_mode.cpp).
+// Any thread; errno stays.
+[[nodiscard]] Verdict failVerdict(const Call& call);
 
 // Numbers the call, records it, lets the watcher have its moment, and says what becomes of it. Of a path that is none of
-// the device's it says nothing. Any thread; errno stays.
+// the device's only failVerdict is asked. Any thread; errno stays.
 [[nodiscard]] Verdict decide(const Call& call);
 
 }  // namespace fault
