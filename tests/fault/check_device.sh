@@ -110,7 +110,7 @@ package_of() {
 # with_copy STEP...: the step on a device of its own, which is what this one is now. Both are attached.
 with_copy() {
     local copy=$state.copy
-    "$twin" detach "$state" || return 1
+    [[ ! -d $state/disks ]] || "$twin" detach "$state" || return 1
     rm -rf -- "$copy"
     cp -a --reflink=auto --sparse=always -- "$state" "$copy"
     attached "$state" && attached "$copy"

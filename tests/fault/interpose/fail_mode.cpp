@@ -5,7 +5,8 @@
 //                                  whoever starts them. Without it no call fails
 //   KAVRO_FAULT_POINTS_RECORD=FILE each call is added to it, one line: PROGRAM CALL PATH ORDINAL BYTES, tabs in between
 //   KAVRO_FAULT_FAIL=POINT         PROGRAM CALL PATH ORDINAL EFFECT, tabs in between: the call that fails, and how. The
-//                                  line of that call in the record ends with EFFECT
+//                                  line of that call in the record ends with EFFECT. With ORDINAL+ the later ones of
+//                                  this kind fail too
 //
 // EFFECT is the name of an error, or `short` (half is written or read), `end` (a read finds the end); of a program as a
 // whole (CALL is `program`) `exits` (at once, with 1), `exits_late` (with 1, when all is done), `killed` (at once).
@@ -155,12 +156,18 @@ void withoutNumbers(const char* path, char (&plain)[kPathBytes]) {
     std::snprintf(plain, sizeof(plain), "%s", path);
 }
 
-// The EFFECT when this call is the one that fails, else "".
-std::string_view effectOn(std::string_view point) {
+// The EFFECT when this call is one that fails, else "". `kind` is the point without its ordinal.
+std::string_view effectOn(std::string_view kind, std::uint64_t ordinal) {
     const std::string_view fails = mode().fails == nullptr ? "" : mode().fails;
-    const bool strikes = fails.size() > point.size() + 1 && fails.substr(0, point.size()) == point &&
-                         fails[point.size()] == '\t';
-    return strikes ? fails.substr(point.size() + 1) : std::string_view();
+    if (fails.size() <= kind.size() || fails.substr(0, kind.size()) != kind || fails[kind.size()] != '\t') {
+        return {};
+    }
+    char* end = nullptr;
+    const std::uint64_t wanted = std::strtoull(fails.data() + kind.size() + 1, &end, 10);
+    const bool andLater = *end == '+';
+    const char* effect = end + (andLater ? 2 : 1);
+    return ordinal == wanted || (andLater && ordinal > wanted) ? std::string_view(effect)
+                                                               : std::string_view();
 }
 
 void record(std::string_view point, std::int64_t bytes, std::string_view effect) {
@@ -199,11 +206,12 @@ Verdict judged(const Call& call) {
     char point[kPathBytes + 96];
     int length =
         std::snprintf(point, sizeof(point), "%s\t%s\t%s", program_invocation_short_name, call.name, path);
-    const std::uint64_t ordinal = ordinalOf(*mode().points, {point, static_cast<std::size_t>(length)});
+    const std::string_view kind(point, static_cast<std::size_t>(length));
+    const std::uint64_t ordinal = ordinalOf(*mode().points, kind);
+    const std::string_view effect = effectOn(kind, ordinal);
     length += std::snprintf(point + length, sizeof(point) - length, "\t%llu",
                             static_cast<unsigned long long>(ordinal));
     const std::string_view whole(point, static_cast<std::size_t>(length));
-    const std::string_view effect = effectOn(whole);
     if (mode().record >= 0 && (mode().fails == nullptr || !effect.empty())) {
         record(whole, call.bytes, effect);
     }
