@@ -6,12 +6,14 @@
 // DIR is the twin's directory, on a file system with shared extents. COMMAND runs the device's program with
 // fault_interpose preloaded and KAVRO_FAULT_BOARD=/dev/kavro-mcu/board. Each cut becomes a twin of its own, OUT/NUMBER,
 // with disks that are shared extents of the images and nothing else: what lies in memory, and what was written and not
-// flushed, is gone. OUT/NUMBER/cut tells its number, call, path, source and how many of its kind it is.
+// flushed, is gone. OUT/NUMBER/cut has a line of its cut: number, number of the call, CALL:PATH#NTH, program, source; tabs
+// in between. A cut at which all but /raw lay on the same extents as at an earlier one is a further line of that one.
 //
 // --commit    the file systems (config, firmware, raw) whose journal is committed just before each cut, as the kernel
 //             may do at any time by itself: names are on storage then, content that was not flushed is not. With
 //             `partitions` the partitions are flushed, as the kernel may do too
-// --one-in K  of the writes that follow one another to one file, the first and each Kth (16)
+// --one-in K  of the writes that follow one another to one file, the first and each Kth (16); of what is sent to the
+//             microcontroller four times as many
 // --only      cuts there only
 // --list      writes the lines of the cuts to standard output and cuts nothing
 //
@@ -19,6 +21,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/fiemap.h>
 #include <linux/fs.h>
 #include <linux/futex.h>
 #include <signal.h>
@@ -244,6 +247,43 @@ void copyStorage(const fs::path& state, const fs::path& twin) {
     share(state / "created-with", twin / "created-with");
 }
 
+// Where a file lies. What is shared is never written in place: as long as a copy is kept, the same place means the same
+// content.
+std::string extentsOf(const fs::path& path) {
+    const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    std::vector<std::uint64_t> storage(64 * 1024);
+    auto& map = *reinterpret_cast<fiemap*>(storage.data());
+    map.fm_length = FIEMAP_MAX_OFFSET;
+    map.fm_flags = FIEMAP_FLAG_SYNC;
+    map.fm_extent_count = static_cast<__u32>((storage.size() * 8 - sizeof(fiemap)) / sizeof(fiemap_extent));
+    if (!file.valid() || ioctl(file.get(), FS_IOC_FIEMAP, &map) != 0) {
+        dieOf(path.string() + ": where it lies cannot be told");
+    }
+    if (map.fm_mapped_extents == map.fm_extent_count) {
+        die(path.string() + " lies in too many pieces");
+    }
+    std::string text = path.filename().string();
+    for (const fiemap_extent* extent = map.fm_extents; extent != map.fm_extents + map.fm_mapped_extents;
+         ++extent) {
+        const bool unwritten = (extent->fe_flags & FIEMAP_EXTENT_UNWRITTEN) != 0;
+        text += ' ' + std::to_string(extent->fe_logical) + (unwritten ? "-" : "+") +
+                std::to_string(extent->fe_length) + '@' + std::to_string(extent->fe_physical);
+    }
+    return text;
+}
+
+std::set<std::string> extentsOfDevice(const fs::path& twin) {
+    std::set<std::string> files = {extentsOf(twin / "mcu/flash.bin")};
+    for (const char* directory : {"disks", "etc-kavro"}) {
+        for (const fs::directory_entry& entry : fs::directory_iterator(twin / directory)) {
+            if (entry.path().filename() != "raw.img") {
+                files.insert(extentsOf(entry.path()));
+            }
+        }
+    }
+    return files;
+}
+
 // ---------------------------------------------------------------------------------------------------------------------
 // The cuts
 // ---------------------------------------------------------------------------------------------------------------------
@@ -275,7 +315,9 @@ class Cutter {
         const unsigned long inARow =
             isWrite(slot.call.name) ? writesInARow[path]++ : (writesInARow[path] = 0);
         const std::string id = kind + "#" + std::to_string(nth);
-        if (options.only.empty() ? inARow % options.oneIn == 0 : options.only == id) {
+        const bool isSent = std::strcmp(slot.call.name, "send") == 0;
+        const unsigned long oneIn = std::max(isSent ? options.oneIn / 4 : options.oneIn, 1UL);
+        if (options.only.empty() ? inARow % oneIn == 0 : options.only == id) {
             cut(slot.number, id, slot.program, named(slot.call.from));
         }
     }
@@ -312,14 +354,19 @@ class Cutter {
             }
         }
         copyStorage(options.state, options.out / name);
-        std::ofstream(options.out / name / "cut") << line;
         thaw(stopped);
+        const auto [known, isNew] = places.emplace(extentsOfDevice(options.out / name), name);
+        if (!isNew) {
+            fs::remove_all(options.out / name);
+        }
+        std::ofstream(options.out / known->second / "cut", std::ios::app) << line;
     }
 
     const Options& options;
     std::map<std::string, std::string> partitions;
     std::map<std::string, unsigned long> seen;
     std::map<std::string, unsigned long> writesInARow;
+    std::map<std::set<std::string>, std::string> places;  // where all of a cut lay, and which it was
     unsigned cuts = 0;
 };
 

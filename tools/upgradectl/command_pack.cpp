@@ -48,10 +48,16 @@ void addPack(CLI::App& app, Action& chosen) {
     };
     const auto options = std::make_shared<Options>();
     command->add_option("COMPONENT_DIR", options->request.componentDir, "Directory of the components")
+        ->type_name("DIR")
         ->required();
-    command->add_option("-o,--output", options->request.output, "Package to write")->required();
-    command->add_option("-k,--key", options->request.key, "Private key (PEM, RSA or EC)")->required();
+    command->add_option("-o,--output", options->request.output, "Package to write")
+        ->type_name("FILE")
+        ->required();
+    command->add_option("-k,--key", options->request.key, "Private key (PEM, RSA or EC)")
+        ->type_name("FILE")
+        ->required();
     command->add_option("--version", options->version, "Versions as HW.MPU.MCU.BLD, each 0 to 999")
+        ->type_name("VERSION")
         ->required();
     CLI::Option* stamp =
         command->add_option("--stamp", options->stamp, "Stamp, up to 14 bytes (default: UTC time)");

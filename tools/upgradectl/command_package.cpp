@@ -72,8 +72,10 @@ void addVerify(CLI::App& app, Action& chosen) {
     const auto trustedKey = std::make_shared<std::string>();
     const auto json = std::make_shared<bool>(false);
     command->add_option("PACKAGE", *package, "Package file")->required();
-    CLI::Option* trusted = command->add_option("--trusted-key", *trustedKey,
-                                               "Public key (PEM): refuse a package that carries another one");
+    CLI::Option* trusted = command
+                               ->add_option("--trusted-key", *trustedKey,
+                                            "Public key (PEM): refuse a package that carries another one")
+                               ->type_name("FILE");
     command->add_flag("--json", *json, "Print one JSON object");
     command->callback([=, &chosen] {
         chosen = [=] {
