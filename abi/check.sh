@@ -38,6 +38,7 @@ for library in upgrade/libupgrade platform/utility/libcommon_yr platform/node/li
         abidw --headers-dir "$headers" --drop-private-types --exported-interfaces-only --no-corpus-path \
             --no-comp-dir-path --no-show-locs --no-elf-needed --type-id-style hash \
             --out-file "abi/$name.abi" "$build/$library.so"
+        sed -i "s|path='$PWD/|path='|" "abi/$name.abi"
         ! grep -F -- "$PWD" "abi/$name.abi" || { echo "$name.abi names a place of this machine" >&2 && exit 1; }
     else
         printf '%s\n' "$name"
