@@ -87,8 +87,9 @@ KAVRO_EXPORT long getFileSize(const char* path);
 // Whether something exists at the path, links followed.
 KAVRO_EXPORT bool isFileExist(const char* path);
 
-// Appends the bare names of the entries of a directory, sorted by byte value, without subdirectories, "." and
-// "..". flag is reserved and ignored. Returns 0, or a negative value when the directory cannot be read.
+// Appends the bare names of the files in a directory, links followed, sorted by byte value: no subdirectories, and no
+// pipes, sockets and devices, which a caller that reads what it finds would wait for. A link that leads nowhere is
+// named, too. flag is reserved and ignored. Returns 0, or a negative value when the directory cannot be read.
 KAVRO_EXPORT int getFiles(const char* dir, std::vector<std::string>& names, bool flag);
 
 // Appends the pieces of text between the separators, in order, without empty ones. A null or empty separator

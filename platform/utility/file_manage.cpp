@@ -19,13 +19,13 @@ struct DirectoryCloser {
     void operator()(DIR* directory) const { closedir(directory); }
 };
 
-// Links are followed; a link that leads nowhere is no directory.
-bool isDirectory(DIR* directory, const dirent& entry) {
+// Links are followed; a link that leads nowhere counts as a file.
+bool isFile(DIR* directory, const dirent& entry) {
     if (entry.d_type != DT_UNKNOWN && entry.d_type != DT_LNK) {
-        return entry.d_type == DT_DIR;
+        return entry.d_type == DT_REG;
     }
     struct stat status;
-    return fstatat(dirfd(directory), entry.d_name, &status, 0) == 0 && S_ISDIR(status.st_mode);
+    return fstatat(dirfd(directory), entry.d_name, &status, 0) != 0 || S_ISREG(status.st_mode);
 }
 
 // Appends the entry names; false when the directory could not be read to its end.
@@ -36,7 +36,7 @@ bool listFiles(DIR* directory, std::vector<std::string>& names) {
         if (entry == nullptr) {
             return errno == 0;
         }
-        if (!isDirectory(directory, *entry)) {
+        if (isFile(directory, *entry)) {
             names.emplace_back(entry->d_name);
         }
     }
