@@ -105,4 +105,14 @@ TEST(PackageTrailer, one_byte_more_than_the_trailer_holds_is_refused) {
     });
 }
 
+// A device overlooks the user text then.
+TEST(PackageTrailer, a_user_behind_an_empty_branch_is_a_fault) {
+    PackageTrailer trailer = exampleTrailer();
+    trailer.branch = "";
+    const upgradectl::TrailerReading reading = upgradectl::decodeTrailer(upgradectl::encodeTrailer(trailer));
+    ASSERT_EQ(reading.faults.size(), 1U);
+    EXPECT_EQ(reading.faults.front(),
+              "the trailer has a user text without a branch text, and no device reads it then");
+}
+
 }  // namespace

@@ -97,8 +97,7 @@ class TrailerDecoder {
         (void)(takePayloadBytes() && takeMd5() && takeCounted("public key", trailer.publicKey) &&
                takePadded("stamp", kStampBytes, trailer.stamp) &&
                takePadded("ident", kIdentBytes, trailer.ident) && takeVersions() &&
-               takeCounted("branch text", trailer.branch) && takeCounted("user text", trailer.user) &&
-               takeUnusedEnd());
+               takeCounted("branch text", trailer.branch) && takeUser() && takeUnusedEnd());
         return std::move(reading);
     }
 
@@ -182,6 +181,16 @@ class TrailerDecoder {
                 fault("a version in the trailer is '" + escaped(digits) +
                       "', which is no number of three digits");
             }
+        }
+        return true;
+    }
+
+    bool takeUser() {
+        if (!takeCounted("user text", reading.trailer.user)) {
+            return false;
+        }
+        if (reading.trailer.branch.empty() && !reading.trailer.user.empty()) {
+            fault("the trailer has a user text without a branch text, and no device reads it then");
         }
         return true;
     }
