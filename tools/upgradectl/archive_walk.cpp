@@ -78,16 +78,22 @@ ArchiveEntry describe(archive_entry* entry) {
             isOwner(archive_entry_uid(entry)) && isOwner(archive_entry_gid(entry))};
 }
 
-bool passContents(archive* reader, std::vector<char>& block, std::uint64_t bytes, ArchiveVisitor& visitor) {
+// Returns "", or why not all of the entry's contents have come. The map of a sparse entry may lead far beyond the size
+// that its header states: the reader would hand out zeros without end.
+std::string passContents(archive* reader, std::vector<char>& block, std::uint64_t bytes,
+                         ArchiveVisitor& visitor) {
     while (bytes > 0) {
         const la_ssize_t size = archive_read_data(reader, block.data(), block.size());
         if (size <= 0) {
-            return false;
+            return faultOf(reader);
+        }
+        if (static_cast<std::uint64_t>(size) > bytes) {
+            return "an entry holds more than the size that it states";
         }
         visitor.contents(block.data(), static_cast<std::size_t>(size));
         bytes -= static_cast<std::uint64_t>(size);
     }
-    return true;
+    return {};
 }
 
 }  // namespace
@@ -114,8 +120,9 @@ std::string walkArchive(ArchiveSource source, ArchiveVisitor& visitor) {
         if (!visitor.begin(entry)) {
             continue;
         }
-        if (!passContents(reader.get(), block, entry.bytes, visitor)) {
-            return faultOf(reader.get());
+        if (const std::string fault = passContents(reader.get(), block, entry.bytes, visitor);
+            !fault.empty()) {
+            return fault;
         }
         visitor.end();
     }
