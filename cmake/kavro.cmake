@@ -34,7 +34,11 @@ function(kavro_shared_library target)
   add_library(kavro-upgrade::${target} ALIAS ${target})
   kavro_target(${target})
   set_target_properties(${target} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION 1)
-  target_link_options(${target} PRIVATE -Wl,-z,defs -Wl,--as-needed)
+  target_link_options(${target} PRIVATE -Wl,--as-needed)
+  # clang's sanitizers are in the program alone.
+  if(NOT (KAVRO_SANITIZE AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang"))
+    target_link_options(${target} PRIVATE -Wl,-z,defs)
+  endif()
 endfunction()
 
 # Code that two libraries share; linked into each, exported by none.
