@@ -11,7 +11,8 @@
 //
 // --commit    the file systems (config, firmware, raw) whose journal is committed just before each cut, as the kernel
 //             may do at any time by itself: names are on storage then, content that was not flushed is not. With
-//             `partitions` the partitions are flushed, as the kernel may do too
+//             `partitions` the partitions are flushed, as the kernel may do too. With `torn` a partition that is about to
+//             be flushed is, in its first 4096 bytes: a write of a save of the boot environment that was cut in the middle
 // --one-in K  of the writes that follow one another to one file, the first and each Kth (16); of what is sent to the
 //             microcontroller four times as many
 // --only      cuts there only
@@ -34,6 +35,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -233,6 +235,18 @@ void flushPartitions(const fs::path& partitions) {
     }
 }
 
+// The first block of what was written to a partition and not flushed, into its image in a copy.
+void tear(const fs::path& partition, const fs::path& image) {
+    std::array<char, 4096> block;
+    constexpr auto kBytes = static_cast<ssize_t>(block.size());
+    const FileDescriptor device(open(partition.c_str(), O_RDONLY | O_CLOEXEC));
+    const FileDescriptor torn(open(image.c_str(), O_WRONLY | O_CLOEXEC));
+    if (!device.valid() || !torn.valid() || pread(device.get(), block.data(), block.size(), 0) != kBytes ||
+        pwrite(torn.get(), block.data(), block.size(), 0) != kBytes) {
+        dieOf(image.string() + " cannot be torn");
+    }
+}
+
 void copyStorage(const fs::path& state, const fs::path& twin) {
     for (const char* name :
          {"config", "firmware", "raw", "tmp", "run", "partitions", "disks", "mcu", "etc-kavro"}) {
@@ -318,13 +332,13 @@ class Cutter {
         const bool isSent = std::strcmp(slot.call.name, "send") == 0;
         const unsigned long oneIn = std::max(isSent ? options.oneIn / 4 : options.oneIn, 1UL);
         if (options.only.empty() ? inARow % oneIn == 0 : options.only == id) {
-            cut(slot.number, id, slot.program, named(slot.call.from));
+            cut(slot, id, path);
         }
     }
 
     void cutAtTheEnd() {
         if (options.only.empty() || options.only == "end:/#1") {
-            cut(0, "end:/#1", "-", "");
+            cut({}, "end:/#1", "/");
         }
     }
 
@@ -335,31 +349,42 @@ class Cutter {
         return found == partitions.end() ? path : found->second;
     }
 
-    void cut(std::uint64_t number, const std::string& id, const std::string& program,
-             const std::string& from) {
+    void cut(const Slot& slot, const std::string& id, const std::string& path) {
         char name[16];
         std::snprintf(name, sizeof(name), "%04u", ++cuts);
-        const std::string line = std::string(name) + "\t" + std::to_string(number) + "\t" + id + "\t" +
-                                 program + "\t" + from + "\n";
+        const std::string line = std::string(name) + '\t' + std::to_string(slot.number) + '\t' + id + '\t' +
+                                 slot.program + '\t' + named(slot.call.from) + '\n';
         if (options.list) {
             std::fputs(line.c_str(), stdout);
             return;
         }
         const std::set<pid_t> stopped = freeze();
-        for (const std::string& what : options.committed) {
-            if (what == "partitions") {
-                flushPartitions(options.state / what);
-            } else {
-                commitJournal(options.state / what);
-            }
-        }
+        flushSome();
         copyStorage(options.state, options.out / name);
+        const std::string prefix = "/dev/disk/by-partlabel/";
+        if (options.committed.count("torn") != 0 && std::strcmp(slot.call.name, "fsync") == 0 &&
+            path.rfind(prefix, 0) == 0) {
+            const std::string partition = path.substr(prefix.size());
+            tear(options.state / "partitions" / partition,
+                 options.out / name / "disks" / (partition + ".img"));
+        }
         thaw(stopped);
         const auto [known, isNew] = places.emplace(extentsOfDevice(options.out / name), name);
         if (!isNew) {
             fs::remove_all(options.out / name);
         }
         std::ofstream(options.out / known->second / "cut", std::ios::app) << line;
+    }
+
+    // As the kernel may do by itself.
+    void flushSome() const {
+        for (const std::string& what : options.committed) {
+            if (what == "partitions") {
+                flushPartitions(options.state / what);
+            } else if (what != "torn") {
+                commitJournal(options.state / what);
+            }
+        }
     }
 
     const Options& options;
