@@ -40,6 +40,16 @@ constexpr int kWaitOver = -1;
 std::atomic<int> mpuResult{kNotReported};
 std::atomic<int> mcuResult{kNotReported};
 
+// A job that outlived its wait must not tell for the next run: each job knows which one it is of.
+std::atomic<unsigned> flashingNumber{0};
+thread_local unsigned numberOfJob = 0;
+
+void keepResult(std::atomic<int>& result, int value) {
+    if (numberOfJob == flashingNumber) {
+        result = value;
+    }
+}
+
 AsyncUpgradeMpuMcu flashRunner("aUpgrade", nullptr);
 
 }  // namespace
@@ -166,6 +176,7 @@ int flashSideBySide(const std::string& fwPath, UPGRADE_FLAG_T flag) {
     UpgradeMpuMcuInput input;
     input.fwPath = fwPath;
     input.flag = flag;
+    ++flashingNumber;
     mpuResult = kNotReported;
     mcuResult = kNotReported;
     input.type = kFlashMpu;
@@ -190,6 +201,7 @@ int flashSideBySide(const std::string& fwPath, UPGRADE_FLAG_T flag) {
 }  // namespace
 
 int AsyncUpgradeMpuMcu::process(UpgradeMpuMcuInput& in, int& out) {
+    numberOfJob = flashingNumber;
     switch (in.type) {
         case kFlashMpu:
             out = upgrade_mpu(in.fwPath, in.flag);
@@ -206,12 +218,12 @@ int AsyncUpgradeMpuMcu::process(UpgradeMpuMcuInput& in, int& out) {
 
 void AsyncUpgradeMpuMcu::mpuCb(int ret, int& out) {
     (void)ret;
-    mpuResult = out;
+    keepResult(mpuResult, out);
 }
 
 void AsyncUpgradeMpuMcu::mcuCb(int ret, int& out) {
     (void)ret;
-    mcuResult = out;
+    keepResult(mcuResult, out);
 }
 
 int UPGRADE_mpu_mcu(std::string fwPath, UPGRADE_FLAG_T flag, bool isRollback) {

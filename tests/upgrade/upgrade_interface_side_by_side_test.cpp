@@ -338,6 +338,48 @@ TEST_F(SideBySide, run_after_a_late_failure_starts_afresh) {
     EXPECT_EQ(flash(kBoth), 0);
 }
 
+TEST_F(SideBySide, late_success_of_an_older_job_does_not_hide_the_failure_of_this_run) {
+    std::atomic<int> flashes{0};
+    fake::mpu().upgrade.runs([&] {
+        if (++flashes > 1) {
+            return -1;
+        }
+        gate.pass();
+        return 0;
+    });
+    onWait([](int) {});
+    ASSERT_EQ(flash(kMpuOnly), -992);
+    ASSERT_TRUE(eventually([&] { return flashes == 1; }));
+    onWait([&](int number) {
+        if (number == 3) {
+            EXPECT_TRUE(fake::log().waitFor(3, "upgrade_mpu: ret is -1;\n"));
+            endJobs();
+        }
+    });
+    EXPECT_EQ(flash(kMpuOnly), -1000);
+}
+
+TEST_F(SideBySide, late_failure_of_an_older_job_does_not_fail_this_run) {
+    std::atomic<int> flashes{0};
+    fake::mcu().upgrade.runs([&] {
+        if (++flashes > 1) {
+            return 0;
+        }
+        gate.pass();
+        return -1;
+    });
+    onWait([](int) {});
+    ASSERT_EQ(flash(kMcuOnly), -992);
+    ASSERT_TRUE(eventually([&] { return flashes == 1; }));
+    onWait([&](int number) {
+        if (number == 3) {
+            EXPECT_TRUE(fake::log().waitFor(3, "upgrade_mcu_local ---, ret is 0\n"));
+            endJobs();
+        }
+    });
+    EXPECT_EQ(flash(kMcuOnly), 0);
+}
+
 TEST_F(SideBySide, run_while_an_older_job_goes_on_waits_for_it_too) {
     std::atomic<int> flashes{0};
     fake::mpu().upgrade.runs([&] {
