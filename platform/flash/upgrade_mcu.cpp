@@ -83,6 +83,10 @@ class McuFlasher {
         return 0;
     }
 
+    static int refuse() {
+        return report("an operation of an earlier run is still at work: restart the device");
+    }
+
     kavro::OperationControl control;
 
   private:

@@ -147,6 +147,10 @@ class MpuFlasher {
         return boot->keepRunning(error) ? 0 : report(error);
     }
 
+    static int refuse() {
+        return report("an operation of an earlier run is still at work: restart the device");
+    }
+
     kavro::OperationControl control;
 
   private:
@@ -304,9 +308,10 @@ UpgradeMpu::~UpgradeMpu() {
 }
 
 int UpgradeMpu::init() {
-    const COMMON_YR::CancelHold hold;
-    initOk = impl->flasher->readDevice();
-    return initOk ? 0 : kFailed;
+    return kavro::runOperation(impl->flasher, [this](MpuFlasher& flasher) {
+        initOk = flasher.readDevice();
+        return initOk ? 0 : kFailed;
+    });
 }
 
 int UpgradeMpu::preUpgrade(std::string path, bool withLoader, bool mainProcessor) {

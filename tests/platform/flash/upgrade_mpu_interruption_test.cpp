@@ -13,6 +13,7 @@
 #include <functional>
 #include <set>
 #include <string>
+#include <utility>
 
 #include "tests/platform/captured_log.h"
 #include "tests/platform/flash/mpu_device.h"
@@ -29,6 +30,7 @@ struct Storage {
     int calls = 0;
     std::set<std::string> flushed;
     std::set<std::string> dropped;  // whose cached content was let go
+    std::function<void()> inFirstWrite;
 };
 Storage storage;
 
@@ -69,6 +71,9 @@ void cutPower(int fd) {
 template <typename WritePart>
 ssize_t writeAnyhow(int fd, const void* data, std::size_t length, const WritePart& writePart) {
     countCall(fd);
+    if (const auto during = std::exchange(storage.inFirstWrite, {})) {
+        during();
+    }
     if (strikes(Storage::Failure::kPowerCut, fd)) {
         (void)!writePart(data, length / 2);
         _exit(kCutStatus);
@@ -281,6 +286,28 @@ TEST_F(MpuInterruption, power_cut_anywhere_in_an_activation_leaves_the_old_envir
     EXPECT_GT(cut, 2);
     EXPECT_TRUE(environment() == after);
     expectNoRecord();
+}
+
+// As when a run is begun although the flashing of the one before goes on.
+TEST_F(MpuInterruption, operation_during_another_one_is_refused_and_leaves_it_alone) {
+    UpgradeMpu mpu;
+    ASSERT_EQ(mpu.preUpgrade(kFirmware, false, true), 0);
+    int called = 0;
+    storage = {};
+    storage.inFirstWrite = [&] {
+        putRelease(releaseOf(50));
+        for (const int result : {mpu.init(), mpu.preUpgrade(kFirmware, false, true), mpu.upgrade(),
+                                 mpu.postUpgrade(), mpu.activate(true), mpu.activate(false)}) {
+            EXPECT_LT(result, 0);
+            ++called;
+        }
+        putRelease(releaseOf(1));
+    };
+    EXPECT_EQ(mpu.upgrade(), 0);
+    EXPECT_EQ(called, 6);
+    EXPECT_TRUE(testsupport::loggedWith(1, {"UpgradeMpu: ", "still at work"}));
+    EXPECT_EQ(mpu.postUpgrade(), 0);
+    expectRecord("b", releaseOf(1));
 }
 
 TEST_F(MpuInterruption, storage_that_fails_anywhere_in_a_run_fails_the_run_and_leaves_the_running_slot) {
