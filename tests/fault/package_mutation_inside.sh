@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# On the device: installs a package and tells which entries of the device's root, which is gone when the device's programs
+# have ended, were made meanwhile. Exit status: that of the installation.
+#
+#   package_mutation_inside.sh UPGRADECTL PACKAGE
+set -uo pipefail
+
+# The device's state and what the host lends are other file systems, which are looked after from outside.
+entries() {
+    find / /etc /run /dev -xdev ! -path /run/lock/fw_printenv.lock ! -path '/dev/pts/*' 2>/dev/null | sort
+}
+
+before=$(entries)
+code=0
+# Where the package has made something wait, this ends it, and the run with it.
+timeout --signal=TERM 30 "$1" install "$2" || code=$?
+diff <(printf '%s\n' "$before") <(entries) | sed -n 's/^> /outside: /p'
+exit "$code"
