@@ -10,12 +10,14 @@ tree=$(cd -- "$fault_home/../.." && pwd -P)
 usage() {
     cat <<TEXT
 usage: tests/fault/$name.sh [--quick|--full] [--only ID] [--json FILE] [--seed N] [--jobs N] [--build NAME=DIR]...
+              [--in NAME]
 
 --quick   the selection that goes with every change (the default); --full, everything
 --only    only the one with that id, as a failure names it
 --json    also writes the results to FILE, a line each
 --seed    the first seed; drawn by chance unless given
 --jobs    how many run side by side
+--in      only in that build, where there are several: release, asan, tsan
 --build   where a build is that is not in build/NAME: release, asan, tsan
 TEXT
 }
@@ -31,9 +33,9 @@ not_run() {
     unmade=true
 }
 
-# parse_options "$@": sets extent, only, json, seed, jobs and builds.
+# parse_options "$@": sets extent, only, json, seed, jobs, in and builds.
 parse_options() {
-    extent=quick only='' json='' seed=$((RANDOM * 1000)) jobs='' unmade=false
+    extent=quick only='' json='' seed=$((RANDOM * 1000)) jobs='' in='' unmade=false
     declare -gA builds=([release]=build/release [asan]=build/asan [tsan]=build/tsan)
     while (($#)); do
         case $1 in
@@ -49,7 +51,7 @@ parse_options() {
         esac
         [[ $# -ge 2 ]] || misuse "$1 needs a value"
         case $1 in
-        --only | --json | --seed | --jobs) printf -v "${1#--}" '%s' "$2" ;;
+        --only | --json | --seed | --jobs | --in) printf -v "${1#--}" '%s' "$2" ;;
         --build) builds[${2%%=*}]=${2#*=} ;;
         *) misuse "unknown option '$1'" ;;
         esac
@@ -81,8 +83,9 @@ prepare() {
     trap 'exit 143' TERM
 }
 
-# has_program BUILD PROGRAM
+# has_program BUILD PROGRAM: it is there, and wanted.
 has_program() {
+    [[ -z $in || $in == "$1" ]] || return 1
     [[ -x ${builds[$1]}/tests/fault/$2 ]] && return
     not_run "$1: ${builds[$1]}/tests/fault/$2 is missing"
     return 1

@@ -16,6 +16,7 @@
 
 #include "tests/fault/give_up_moment.h"
 #include "tests/fault/soak_device.h"
+#include "tests/fault/soak_log.h"
 #include "tests/support/device.h"
 #include "tests/support/test_package.h"
 #include "upgrade/upgrade_api.h"
@@ -261,7 +262,7 @@ class Mixed : public Series {
         const std::string hidden = "/dev/kavro-mcu/hidden";
         std::string path = pathOf(failure);
         if (failure.missing != nullptr) {
-            path = packages[2].path;
+            path = other.path;
             requireMove(outcome.problems, failure.missing, hidden);
         }
         const int result = UPGRADE_main_proc_fun(path);
@@ -352,6 +353,8 @@ class Mixed : public Series {
     const soak::Package packages[3] = {soak::makePackage("one", 105, 8, 3),
                                        soak::makePackage("two", 106, 9, 4),
                                        soak::makePackage("three", 107, 10, 5)};
+    // Never installed, so it always has work for both processors.
+    const soak::Package other = soak::makePackage("other", 108, 11, 6);
 };
 
 // ---------------------------------------------------------------------------------------------------------------------
@@ -389,9 +392,13 @@ class Runner {
 
     void make(Series& series, unsigned long index) {
         const soak::ProcessState before;
+        soak::forgetErrors();
         Outcome outcome = series.make(index);
         before.requireUnchanged(outcome.problems);
         soak::requireKnownNames(outcome.problems);
+        if (!outcome.problems.empty()) {
+            outcome.problems.push_back("logged: " + soak::loggedErrors());
+        }
         tell(std::to_string(index), outcome.text, outcome.problems);
     }
 
