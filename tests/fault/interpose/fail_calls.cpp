@@ -215,8 +215,11 @@ KAVRO_WRAPPER int waitid(idtype_t type, id_t id, siginfo_t* info, int options) {
     return looked(callOn("waitid"), [&] { return KAVRO_REAL(waitid)(type, id, info, options); });
 }
 
+// Whose thread it is stands in the place of the path.
 KAVRO_WRAPPER int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*start)(void*),
                                  void* argument) noexcept {
-    return resulted(callOn("pthread_create"),
+    Dl_info caller;
+    const bool known = dladdr(__builtin_return_address(0), &caller) != 0;
+    return resulted(callOfProgram("pthread_create", known ? caller.dli_fname : "unknown"),
                     [&] { return KAVRO_REAL(pthread_create)(thread, attributes, start, argument); });
 }
