@@ -33,6 +33,7 @@ TEST(RunLog, other_lines_tell_nothing) {
     EXPECT_FALSE(runReportIn("2026-11-21 10:30:59.123 [info] upgrade flag mpu[1], mcu[1], bld[0];"));
     EXPECT_FALSE(runReportIn("&&&&& upgrade [stage START]"));
     EXPECT_FALSE(runReportIn("&&&&& upgrade [stage START], [result NONE"));
+    EXPECT_FALSE(runReportIn("&&&&& upgrade [stage START], and then [result NONE] &&&&&"));
 }
 
 class LogFollowing : public testing::Test {

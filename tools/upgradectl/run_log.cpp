@@ -45,11 +45,11 @@ std::optional<std::string> between(const std::string& text, const std::string& f
 
 std::optional<RunReport> runReportIn(const std::string& line) {
     std::size_t position = 0;
-    const std::optional<std::string> stage = between(line, "&&&&& upgrade [stage ", "], ", position);
+    const std::optional<std::string> stage = between(line, "&&&&& upgrade [stage ", "], [result ", position);
     if (!stage) {
         return std::nullopt;
     }
-    const std::optional<std::string> state = between(line, "[result ", "] &&&&&", position);
+    const std::optional<std::string> state = between(line, "], [result ", "] &&&&&", position);
     if (!state) {
         return std::nullopt;
     }
