@@ -4,7 +4,8 @@
 //
 // The clocks show it, and all that waits for a time ends so much earlier: what the device does in an hour it does
 // here in three minutes, in the same order. Only the limits get tighter for work that takes real time, as reading
-// a file does: on a busy machine choose a lower speed. The times of files stay real, and so do the timers that send a
+// a file does: on a busy machine choose a lower speed. Who waits for another program, by a descriptor, has some real time
+// for it whatever the speed. The times of files stay real, and so do the timers that send a
 // signal (alarm, `timeout`): those are limits of whoever runs the program. std::future::wait_for is not covered, for
 // it asks the kernel without a function in between. It does not mix with the sanitizers, which have wrappers of
 // their own.
@@ -148,25 +149,36 @@ clockid_t clockOf(const timespec& deadline) {
     return deadline.tv_sec < kTenYears ? CLOCK_MONOTONIC : CLOCK_REALTIME;
 }
 
-// For a call that takes a pause that may be endless, as null.
-class OptionalPause {
-  public:
-    explicit OptionalPause(const timespec* pause) : value(pause == nullptr ? timespec{} : shortened(*pause)) {
-        pointer = pause == nullptr ? nullptr : &value;
-    }
-    // Less than zero is endless.
-    explicit OptionalPause(int milliseconds)
-        : value(toTimespec(shortened(milliseconds < 0 ? 0 : milliseconds * kMillisecond))) {
-        pointer = milliseconds < 0 ? nullptr : &value;
-    }
-    OptionalPause(const OptionalPause&) = delete;
-    OptionalPause& operator=(const OptionalPause&) = delete;
+// For an answer: what is at the other end of a descriptor takes its real time, too.
+Nanoseconds shortenedWait(Nanoseconds wait) {
+    constexpr Nanoseconds kEnoughToAnswer = 250 * kMillisecond;
+    const Nanoseconds least = wait < kEnoughToAnswer ? wait : kEnoughToAnswer;
+    const Nanoseconds brief = shortened(wait);
+    return brief > least ? brief : least;
+}
 
-    timespec* get() { return pointer; }
+// How long to wait for descriptors, which may be for ever: null, or less than zero milliseconds. Without descriptors it
+// is a pause.
+class Patience {
+  public:
+    Patience(const timespec* wait, bool isPause) : endless(wait == nullptr) {
+        set(endless ? 0 : fromTimespec(*wait), isPause);
+    }
+    Patience(int milliseconds, bool isPause) : endless(milliseconds < 0) {
+        set(endless ? 0 : milliseconds * kMillisecond, isPause);
+    }
+    Patience(const Patience&) = delete;
+    Patience& operator=(const Patience&) = delete;
+
+    timespec* get() { return endless ? nullptr : &value; }
 
   private:
-    timespec value;
-    timespec* pointer = nullptr;
+    void set(Nanoseconds wait, bool isPause) {
+        value = toTimespec(isPause ? shortened(wait) : shortenedWait(wait));
+    }
+
+    const bool endless;
+    timespec value{};
 };
 
 }  // namespace
@@ -286,18 +298,18 @@ KAVRO_WRAPPER int pthread_timedjoin_np(pthread_t thread, void** result, const ti
 // ---------------------------------------------------------------------------------------------------------------------
 
 KAVRO_WRAPPER int ppoll(pollfd* descriptors, nfds_t count, const timespec* atMost, const sigset_t* mask) {
-    OptionalPause brief(atMost);
+    Patience brief(atMost, count == 0);
     return KAVRO_REAL(ppoll)(descriptors, count, brief.get(), mask);
 }
 
 KAVRO_WRAPPER int poll(pollfd* descriptors, nfds_t count, int milliseconds) {
-    OptionalPause brief(milliseconds);
+    Patience brief(milliseconds, count == 0);
     return KAVRO_REAL(ppoll)(descriptors, count, brief.get(), nullptr);
 }
 
 KAVRO_WRAPPER int pselect(int count, fd_set* toRead, fd_set* toWrite, fd_set* toExcept,
                           const timespec* atMost, const sigset_t* mask) {
-    OptionalPause brief(atMost);
+    Patience brief(atMost, count == 0);
     return KAVRO_REAL(pselect)(count, toRead, toWrite, toExcept, brief.get(), mask);
 }
 
@@ -306,15 +318,16 @@ KAVRO_WRAPPER int select(int count, fd_set* toRead, fd_set* toWrite, fd_set* toE
     if (atMost == nullptr) {
         return KAVRO_REAL(select)(count, toRead, toWrite, toExcept, nullptr);
     }
-    timespec brief = shortened(timespec{atMost->tv_sec, atMost->tv_usec * kMicrosecond});
-    return KAVRO_REAL(pselect)(count, toRead, toWrite, toExcept, &brief, nullptr);
+    const timespec wait{atMost->tv_sec, atMost->tv_usec * kMicrosecond};
+    return pselect(count, toRead, toWrite, toExcept, &wait, nullptr);
 }
 
 // Of whole milliseconds: the finer call is not there on every kernel.
 KAVRO_WRAPPER int epoll_pwait(int poller, epoll_event* events, int count, int milliseconds,
                               const sigset_t* mask) {
-    const int brief = milliseconds < 0 ? milliseconds : static_cast<int>(shortened(milliseconds));
-    return KAVRO_REAL(epoll_pwait)(poller, events, count, brief, mask);
+    const Nanoseconds brief = shortenedWait(milliseconds * kMillisecond);
+    const int rounded = static_cast<int>((brief + kMillisecond - 1) / kMillisecond);
+    return KAVRO_REAL(epoll_pwait)(poller, events, count, milliseconds < 0 ? milliseconds : rounded, mask);
 }
 
 KAVRO_WRAPPER int epoll_wait(int poller, epoll_event* events, int count, int milliseconds) {

@@ -206,6 +206,21 @@ TEST(ShortClock, does_not_wait_for_a_time_that_is_over) {
     EXPECT_EQ(condition.wait_until(lock, past), std::cv_status::timeout);
 }
 
+TEST(ShortClock, leaves_another_program_the_time_to_answer) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    std::thread writer([&ends] {
+        const timespec pause{0, 100000000};
+        syscall(SYS_nanosleep, &pause, nullptr);
+        EXPECT_EQ(write(ends[1], "x", 1), 1);
+    });
+    pollfd readable{ends[0], POLLIN, 0};
+    EXPECT_EQ(poll(&readable, 1, 500), 1);
+    writer.join();
+    close(ends[0]);
+    close(ends[1]);
+}
+
 TEST(ShortClock, lets_an_endless_wait_be_ended) {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
