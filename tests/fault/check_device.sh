@@ -146,8 +146,9 @@ check_last_run() {
     esac
 }
 
+# is_torn FILE: it is there, and not one JSON object. An empty one gives jq nothing to judge.
 is_torn() {
-    [[ -e $1 ]] && ! jq -e 'type == "object"' "$1" >/dev/null 2>&1
+    [[ -e $1 ]] && ! jq -es 'length == 1 and (.[0] | type == "object")' "$1" >/dev/null 2>&1
 }
 
 # check_whole_json note|wrong. The version file is made by `cp`, which flushes nothing: torn, it must be of no consequence, and whole after init.

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Cuts the power of an emulated device at the state-changing calls of everything that it does, and judges what starts.
 #
-#   power_cut.sh [OPTION...] BUILD_DIR
+#   power_cut.sh [OPTION...]
 #
 #   --quick            a bounded selection (the default): some cuts of each scenario
 #   --full             all cuts, with each way in which the kernel may have flushed what nobody flushed, and second cuts,
@@ -11,8 +11,9 @@
 #   --only ID          this cut only, as a failure names it
 #   --self-test        the suite must lose what was not flushed, and must find deliberate faults
 #   --jobs N           how many devices are judged side by side (2)
-#   --json FILE        a line for each cut: kind, id, outcome
-#   --work DIR         where the devices are (DIR is emptied, needs a few GiB; a temporary directory)
+#   --build release=DIR  the build (build/release)
+#   --json FILE        a line for each cut: kind, id, outcome, and why it failed
+#   --work DIR         where the devices are (a directory of the build; a few GiB)
 #   --keep             leaves the devices that failed there, in the image DIR/storage.img
 #
 # An id is SCENARIO/POLICY/CALL:PATH#NTH. A POLICY says what the kernel had written by itself at the instant of the cut:
@@ -31,8 +32,9 @@ source "$root/twin/device.sh"
 
 mode=quick only='' jobs=2 json='' work='' keep=false list=false self_test=false
 wanted=()
+build=$root/build/release
 given=("$@")
-while [[ ${1-} == --* ]]; do
+while (($#)); do
     case $1 in
     --quick | --full) mode=${1#--} ;;
     --list) list=true ;;
@@ -43,11 +45,15 @@ while [[ ${1-} == --* ]]; do
     --jobs) jobs=$2 && shift ;;
     --json) json=$(realpath -m -- "$2") && shift ;;
     --work) work=$(realpath -m -- "$2") && shift ;;
+    --build)
+        [[ $2 != release=* ]] || build=${2#release=}
+        shift
+        ;;
     *) printf '%s: unknown option %s\n' "$0" "$1" >&2 && exit 2 ;;
     esac
     shift
 done
-build=$(realpath -- "${1:-$root/build/release}")
+build=$(realpath -m -- "$build")
 export KAVRO_TWIN_PROGRAMS=$build/twin
 upgradectl=$build/tools/upgradectl/upgradectl
 programs=$build/tests/fault
@@ -64,6 +70,7 @@ die() {
 
 why=$(twin_why_no_block_devices)
 [[ -z $why ]] || not_run "$why"
+[[ -x $build/tests/fault/power_cut_watch ]] || not_run "$build has no tests/fault/power_cut_watch: './dev build' makes it"
 command -v mkfs.xfs >/dev/null || not_run "mkfs.xfs is missing (package xfsprogs)"
 modprobe -q xfs 2>/dev/null || true
 grep -qw xfs /proc/filesystems || not_run "the kernel has no XFS"
@@ -83,7 +90,7 @@ let_go() {
 }
 
 make_storage() {
-    [[ -n $work ]] || work=$(mktemp -d "${TMPDIR:-/tmp}/power_cut.XXXXXXXX")
+    [[ -n $work ]] || work=$(mktemp -d "$build/power_cut.XXXXXXXX")
     storage=$work/storage
     mkdir -p "$storage"
     rm -f "$work/storage.img"
@@ -121,6 +128,8 @@ make_release() {
         --output "$releases/$1.pkg" "$releases/$1" >/dev/null
 }
 
+declare -A component_bytes=()  # by RELEASE/COMPONENT
+
 # The second release brings the microcontroller's firmware, the third only the main processor's.
 make_releases() {
     releases=$work/releases
@@ -130,6 +139,10 @@ make_releases() {
     make_release second 1 105 8 3
     make_release third 1 106 7 4
     make_release next 1 109 9 5
+    local file
+    for file in "$releases"/*/*; do
+        component_bytes[${file#"$releases/"}]=$(stat -c %s "$file")
+    done
 }
 
 # on_device DEVICE ARGUMENT...: of upgradectl, its pauses shortened.
@@ -254,7 +267,7 @@ exact_state() {
 held_by() {
     local release
     for release in first second third next; do
-        if cmp -s -n "$(stat -c %s "$releases/$release/$2")" "$1" "$releases/$release/$2"; then
+        if cmp -s -n "${component_bytes[$release/$2]}" "$1" "$releases/$release/$2"; then
             printf '%s\n' "$release"
             return
         fi
@@ -302,28 +315,31 @@ in_parallel() {
 
 # A line for each cut: SCENARIO, ID, STATE, DIRECTORY. Cuts that left the same may share a directory.
 cuts=()
+after_sync=0  # how many of them came after a flush of everything on this host, by the device or by another program
 failures=0
 
 remember_failure() {
     failures=$((failures + 1))
     printf 'FAILED %s: %s\n' "$1" "$2"
-    report "$1" failed
+    report "$1" failed "$2"
 }
 
-# report ID OUTCOME
+# report ID OUTCOME [WHY]
 report() {
-    [[ -z $json ]] || jq -cn --arg id "$1" --arg outcome "$2" '{kind: "power_cut", id: $id, outcome: $outcome}' >>"$json"
+    [[ -z $json ]] || jq -cn --arg id "$1" --arg outcome "$2" --arg why "${3-}" \
+        '{kind: "power_cut", id: $id, outcome: $outcome} + if $why == "" then {} else {why: $why} end' >>"$json"
 }
 
 # collect SCENARIO PREFIX OUT: the cuts of a run, each with its state.
 collect() {
-    local directory id
+    local directory id synced
     for directory in "$3"/[0-9]*/; do
         in_parallel write_state "${directory%/}"
     done
     wait
     for directory in "$3"/[0-9]*/; do
-        while IFS=$'\t' read -r _ _ id _; do
+        while IFS=$'\t' read -r _ _ id _ _ synced; do
+            [[ $synced != synced ]] || after_sync=$((after_sync + 1))
             cuts+=("$1"$'\t'"$2/$id"$'\t'"$(<"$directory/state")"$'\t'"${directory%/}")
         done <"$directory/cut"
     done
@@ -352,7 +368,7 @@ judge() {
 declare -A first=() upgraded=()
 looked_at=0
 
-# judge_new: of the cuts that were collected since the last time, each state that was not met before, for each release
+# judge_new, after all cuts, for a device that is judged calls `sync`, which flushes one that is cut too: of the cuts that were collected since the last time, each state that was not met before, for each release
 # that a run was to bring. One of those that differ only in what nobody reads is upgraded and rolled back, the others
 # are started.
 judge_new() {
@@ -410,7 +426,7 @@ count() {
     failed[$1]=$((${failed[$1]-0} + 1))
     failures=$((failures + 1))
     [[ $2 != "$4" ]] || printf 'FAILED %s\n    %s\n' "$2" "${verdict//$'\n'/$'\n'    }"
-    report "$2" failed
+    report "$2" failed "$verdict"
 }
 
 show_table() {
@@ -427,6 +443,7 @@ show_table() {
     printf 'differ in what a program reads, each upgraded and rolled back besides\n'
     noted=$(find "$storage/cuts" -name '*.said' -exec grep -l '^note' {} + | wc -l)
     printf 'states with a version file that was torn, and whole after init: %d\n' "$noted"
+    printf 'cuts right after a sync, by the device or another program of this host: %d\n' "$after_sync"
     printf 'power_cut: tried %d, ok %d, failed %d\n' "$total_judged" $((total_judged - failures)) "$failures"
 }
 
@@ -435,25 +452,36 @@ show_table() {
 # What was flushed is there after a cut, what was not is not: with the name and without its content when the journal was
 # committed, without the name otherwise.
 check_method() {
-    local device=$storage/method policy copy expected found
+    local tries
+    for ((tries = 0; tries < 5; tries++)); do
+        ! cuts_as_expected || return 0
+    done
+    die "the method does not cut the power: after a cut there was '$found', not '$expected'"
+}
+
+# Another program's `sync` may come in between.
+cuts_as_expected() {
+    local device=$storage/method policy copy options good=true
     copy_device "$bases/factory" "$device"
     attach "$device" 300
-    printf 'flushed' | dd of="$device/config/flushed" conv=fsync status=none
-    sync -f "$device/config"
-    printf 'not flushed' >"$device/config/not_flushed"
     for policy in none config; do
+        rm -rf -- "$storage/method_cut" "$device"/config/{flushed,not_flushed}
+        printf 'flushed' | dd of="$device/config/flushed" conv=fsync status=none
+        sync -f "$device/config"
+        printf 'not flushed' >"$device/config/not_flushed"
         mapfile -t options < <(committed_by "$policy")
-        "$programs/power_cut_watch" --state "$device" --out "$storage/method_$policy" "${options[@]}" -- true
-        copy=$storage/method_$policy/0001
+        "$programs/power_cut_watch" --state "$device" --out "$storage/method_cut" "${options[@]}" -- true
+        copy=$storage/method_cut/0001
         mount -t ext4 -o loop,noinit_itable "$copy/disks/config.img" "$copy/config"
-        found="$(cat "$copy/config/flushed"),$(cat "$copy/config/not_flushed" 2>/dev/null || printf 'no such file')"
+        found="$(<"$copy/config/flushed"),$(cat "$copy/config/not_flushed" 2>/dev/null || printf 'no such file')"
         umount "$copy/config"
         expected="flushed,no such file"
         [[ $policy == none ]] || expected="flushed,"
-        [[ $found == "$expected" ]] || remember_failure "method/$policy" "a cut keeps '$found', not '$expected'"
+        [[ $found == "$expected" ]] || { good=false && break; }
     done
     "$twin" detach "$device"
-    ((failures == 0)) || die "the method does not cut the power"
+    rm -rf -- "$storage/method_cut"
+    "$good" || return 1
     printf 'a cut keeps what was flushed and loses what was not\n'
 }
 
@@ -517,8 +545,7 @@ cut_all() {
             [[ ${only_policies[$scenario]-$policy} == *"$policy"* ]] || continue
             cut_scenario "$scenario" "$policy"
         done
-        judge_new
-        printf '%s: %d cuts so far, %d states, %d s\n' "$scenario" "${#cuts[@]}" "${#first[@]}" "$SECONDS"
+        printf '%s: %d cuts so far, %d s\n' "$scenario" "${#cuts[@]}" "$SECONDS"
     done
     cut_starts
     printf 'starts after a cut: %d cuts so far, %d s\n' "${#cuts[@]}" "$SECONDS"
@@ -580,7 +607,25 @@ test_itself() {
     judge_options=(--skip-init --quick)
     cut_scenario activate all
     expect_failures "a start that completes no activation"
+    test_judge "an empty record of the written slot" '' config/written_slot.json
+    test_judge "an outcome that is cut in the middle" 'upgrade_succ' config/upgrade_last_runtime
     ((missed == 0))
+}
+
+# test_judge WHAT CONTENT FILE: a file of the device with this content must be noticed.
+test_judge() {
+    local device=$storage/cuts/judged
+    copy_device "$bases/installed_second" "$device"
+    attach "$device" 300
+    printf '%s' "$2" >"$device/$3"
+    "$twin" detach "$device"
+    judge install "$device"
+    if [[ $(<"$device.verdict") == ok ]]; then
+        printf 'FAILED self-test: %s is not noticed\n' "$1"
+        missed=$((missed + 1))
+    else
+        printf '%s: noticed, %s\n' "$1" "$(head -n 1 "$device.verdict")"
+    fi
 }
 
 make_storage

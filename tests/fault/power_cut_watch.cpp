@@ -9,6 +9,9 @@
 // flushed, is gone. OUT/NUMBER/cut has a line of its cut: number, number of the call, CALL:PATH#NTH, program, source; tabs
 // in between. A cut at which all but /raw lay on the same extents as at an earlier one is a further line of that one.
 //
+// A `sync` of any program on this host flushes the device as well. Before which cuts that happened since the one before
+// is told by a sixth field of the line, "synced": the device's own call of it is among them.
+//
 // --commit    the file systems (config, firmware, raw) whose journal is committed just before each cut, as the kernel
 //             may do at any time by itself: names are on storage then, content that was not flushed is not. With
 //             `partitions` the partitions are flushed, as the kernel may do too. With `torn` a partition that is about to
@@ -235,6 +238,39 @@ void flushPartitions(const fs::path& partitions) {
     }
 }
 
+// A file that is written and not flushed: as long as it has no place on storage, nobody has flushed everything.
+class Canary {
+  public:
+    explicit Canary(fs::path wanted) : path(std::move(wanted)) { renew(); }
+    ~Canary() { fs::remove(path); }
+    Canary(const Canary&) = delete;
+    Canary& operator=(const Canary&) = delete;
+
+    bool isOnStorage() const {
+        std::array<std::uint64_t, (sizeof(fiemap) + sizeof(fiemap_extent)) / sizeof(std::uint64_t)> storage =
+            {};
+        auto& map = *reinterpret_cast<fiemap*>(storage.data());
+        map.fm_length = FIEMAP_MAX_OFFSET;
+        map.fm_extent_count = 1;
+        if (ioctl(file.get(), FS_IOC_FIEMAP, &map) != 0 || map.fm_mapped_extents != 1) {
+            dieOf(path.string() + ": where it lies cannot be told");
+        }
+        return (map.fm_extents[0].fe_flags & FIEMAP_EXTENT_DELALLOC) == 0;
+    }
+
+    void renew() {
+        fs::remove(path);
+        file = FileDescriptor(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+        if (!file.valid() || write(file.get(), "canary", 6) != 6) {
+            dieOf(path.string() + " cannot be written");
+        }
+    }
+
+  private:
+    fs::path path;
+    FileDescriptor file;
+};
+
 // The first block of what was written to a partition and not flushed, into its image in a copy.
 void tear(const fs::path& partition, const fs::path& image) {
     std::array<char, 4096> block;
@@ -310,7 +346,7 @@ bool isWrite(const std::string& call) {
 
 class Cutter {
   public:
-    explicit Cutter(const Options& wanted) : options(wanted) {
+    explicit Cutter(const Options& wanted) : options(wanted), canary(options.state / "mcu/canary") {
         for (const fs::directory_entry& entry : fs::directory_iterator(options.state / "partitions")) {
             if (entry.is_symlink()) {
                 partitions[fs::read_symlink(entry.path())] =
@@ -352,13 +388,16 @@ class Cutter {
     void cut(const Slot& slot, const std::string& id, const std::string& path) {
         char name[16];
         std::snprintf(name, sizeof(name), "%04u", ++cuts);
-        const std::string line = std::string(name) + '\t' + std::to_string(slot.number) + '\t' + id + '\t' +
-                                 slot.program + '\t' + named(slot.call.from) + '\n';
+        const std::string from = slot.call.from[0] == '\0' ? "-" : named(slot.call.from);
+        const std::string program = slot.program[0] == '\0' ? "-" : slot.program;
+        const std::string line =
+            std::string(name) + '\t' + std::to_string(slot.number) + '\t' + id + '\t' + program + '\t' + from;
         if (options.list) {
-            std::fputs(line.c_str(), stdout);
+            std::puts(line.c_str());
             return;
         }
         const std::set<pid_t> stopped = freeze();
+        const bool isSynced = canary.isOnStorage();
         flushSome();
         copyStorage(options.state, options.out / name);
         const std::string prefix = "/dev/disk/by-partlabel/";
@@ -373,7 +412,11 @@ class Cutter {
         if (!isNew) {
             fs::remove_all(options.out / name);
         }
-        std::ofstream(options.out / known->second / "cut", std::ios::app) << line;
+        std::ofstream(options.out / known->second / "cut", std::ios::app)
+            << line << (isSynced ? "\tsynced\n" : "\t-\n");
+        if (isSynced) {
+            canary.renew();
+        }
     }
 
     // As the kernel may do by itself.
@@ -388,6 +431,7 @@ class Cutter {
     }
 
     const Options& options;
+    Canary canary;
     std::map<std::string, std::string> partitions;
     std::map<std::string, unsigned long> seen;
     std::map<std::string, unsigned long> writesInARow;
