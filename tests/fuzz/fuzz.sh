@@ -31,7 +31,7 @@ targets() {
 enclosed() {
     bwrap --ro-bind / / --dev /dev --proc /proc --tmpfs /tmp --tmpfs /run --dir /run/lock \
         --ro-bind "$root" "$root" --bind "$build/fuzz" "$build/fuzz" --unshare-pid --die-with-parent -- \
-        env ASAN_OPTIONS=detect_stack_use_after_return=1:detect_leaks="${KAVRO_FUZZ_LEAKS:-0}" \
+        env ASAN_OPTIONS=detect_stack_use_after_return=1:detect_leaks=1 \
         UBSAN_OPTIONS=print_stacktrace=1 "$@"
 }
 
