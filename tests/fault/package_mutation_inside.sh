@@ -13,6 +13,6 @@ entries() {
 before=$(entries)
 code=0
 # Where the package has made something wait, this ends it, and the run with it.
-timeout --signal=TERM 30 "$1" install "$2" || code=$?
+timeout --signal=TERM 120 "$1" install "$2" || code=$?
 diff <(printf '%s\n' "$before") <(entries) | sed -n 's/^> /outside: /p'
 exit "$code"

@@ -465,10 +465,16 @@ constexpr Kind kKinds[] = {
     {"many_files", 0, 1, manyFiles},
 };
 
+// One of each kind, then the second of each, so that a series that is cut short has tried all kinds.
 void list(bool full) {
-    for (const Kind& kind : kKinds) {
-        for (unsigned seed = 1; seed <= (full ? kind.full : kind.quick); ++seed) {
-            std::printf("%s:%u\n", kind.name, seed);
+    bool any = true;
+    for (unsigned seed = 1; any; ++seed) {
+        any = false;
+        for (const Kind& kind : kKinds) {
+            if (seed <= (full ? kind.full : kind.quick)) {
+                std::printf("%s:%u\n", kind.name, seed);
+                any = true;
+            }
         }
     }
 }
