@@ -264,9 +264,6 @@ MemoryTrend::Sample MemoryTrend::lastMean() const {
 }
 
 void MemoryTrend::requireFlat(Problems& problems) const {
-    if (last.size() < kMeanOver) {
-        return;  // too short a series to tell
-    }
     constexpr double kKib = 1024;
     const double runs = static_cast<double>(taken - warmUp - kMeanOver);
     require(problems, lastMean().heap - firstMean().heap < runs * kKib / 2, "memory in use grows: " + text());

@@ -66,6 +66,8 @@ class MemoryTrend {
   public:
     explicit MemoryTrend(unsigned long warmUpRuns);
     void sampleAfterRun();
+    // Whether the series is long enough to tell.
+    bool canTell() const { return last.size() == kMeanOver; }
     void requireFlat(Problems& problems) const;
     // "heap 1234 -> 1240 KiB, resident 9000 -> 9012 KiB"
     std::string text() const;
