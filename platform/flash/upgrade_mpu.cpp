@@ -124,8 +124,13 @@ class MpuFlasher {
     int activate() {
         std::string error;
         kavro::WrittenSlot next;
+        kavro::BootState before;
         if (!isUsable(error) || !findNext(next, error) || !verifySlot(next, error) ||
-            !boot->activate(next.slot, next.content, error)) {
+            !boot->load(before, error)) {
+            return report(error);
+        }
+        if (!boot->activate(next.slot, next.content, error)) {
+            takeBackFailedActivation(before, next.slot);
             return report(error);
         }
         if (!kavro::removeWrittenSlot(map.writtenSlotFile, error)) {
@@ -213,6 +218,16 @@ class MpuFlasher {
             return false;
         }
         return state.bootSlot != map.target || boot->keepRunning(error);
+    }
+
+    // A save can fail when all is written, in its flush. The slot would then be the one that starts next, and to try
+    // once more would switch back. A running slot that is on trial stays so: it must not be confirmed by this.
+    void takeBackFailedActivation(const kavro::BootState& before, const std::string& slot) {
+        std::string error;
+        const bool switches = before.bootSlot != slot && slot == map.target;
+        if (switches && !isRunningOnTrial(before) && !takeBackActivation(error)) {
+            notice("the activation of slot " + slot + " failed, and may not be taken back: " + error);
+        }
     }
 
     bool writeSlot(std::string& error) {

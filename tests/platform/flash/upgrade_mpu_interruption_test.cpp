@@ -365,6 +365,24 @@ TEST_F(MpuInterruption, save_of_the_environment_that_fails_is_a_failure_however_
     EXPECT_EQ(activateOnce(), 0);
 }
 
+TEST_F(MpuInterruption, activation_whose_flush_fails_can_be_tried_again) {
+    ASSERT_EQ(installOnce(), 0);
+    for (const std::string copy : {"env_a", "env_b"}) {
+        storage = {};
+        storage.failure = Storage::Failure::kFlushError;
+        storage.onlyTo = storageOf(copy);
+        const bool failed = activateOnce() < 0;
+        storage = {};
+        EXPECT_EQ(environment().at("boot_slot"), failed ? "a" : "b") << copy;
+        if (failed) {
+            EXPECT_EQ(activateOnce(), 0);
+            EXPECT_EQ(environment().at("boot_slot"), "b");
+            return;
+        }
+    }
+    FAIL() << "no activation failed";
+}
+
 TEST_F(MpuInterruption, full_storage_is_a_failure_that_is_named) {
     storage = {};
     storage.failure = Failure::kError;
