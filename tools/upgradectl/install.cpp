@@ -65,6 +65,12 @@ RunEnd installed(const RunOutcome& outcome, const fs::path& package) {
     if (outcome.result < 0) {
         throw installFailure(outcome, package.string());
     }
+    if (!UPGRADE_isUpgraded()) {
+        throw ToolError(
+            ExitCode::kOther,
+            "'" + package.string() + "' is installed, but the marker that it awaits activation is not",
+            "make room in the file system at /config, then install the package again", loggedErrors());
+    }
     return {ExitCode::kOk,
             "installed '" + package.string() + "', it awaits activation",
             "upgradectl activate, then restart the device",
