@@ -48,7 +48,7 @@ examples for applications that upgrade the device.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME kavro-upgrade-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libkavro-upgrade1 (= ${PROJECT_VERSION})")
-set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "bubblewrap, e2fsprogs, jq, libubootenv-tool, mount, srecord")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS "binutils, bubblewrap, device-tree-compiler, e2fsprogs, jq, libubootenv-tool, mount, srecord")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "\
 This package has upgradectl, which makes and checks upgrade packages and
 installs them on a device, and the device twin, an emulated device to try that

@@ -94,6 +94,7 @@ if(TARGET mcu_emulator)
     ${KAVRO_ROOT}/twin/disks.sh
     ${KAVRO_ROOT}/twin/power.sh
     DESTINATION ${kavro_share}/twin COMPONENT tools)
+  install(PROGRAMS ${KAVRO_ROOT}/twin/demo/make_release.sh DESTINATION ${kavro_share}/twin/demo COMPONENT tools)
 endif()
 
 if(PROJECT_IS_TOP_LEVEL)

@@ -2,6 +2,9 @@
 // obeys commands on standard input: install PATH, rollback, give-up, status, quit. docs/integrating.md says why so.
 //
 // It ends with 0; with 1 when the device is not fit for upgrades, 3 when it is to be restarted by somebody else.
+#include <signal.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <cstdio>
 #include <functional>
@@ -38,8 +41,10 @@ void reportLastRun() {
 bool isInOrder() {
     std::string version;
     const bool known = UPGRADE_get_cur_ver_str(version) == 0;
-    std::printf("software %s\n", known ? version.c_str() : "without a version");
-    return known;
+    const bool mcuAnswers = velGetMcuVersion(UpgradeProc::getInstance()->node) >= 0;
+    std::printf("software %s%s\n", known ? version.c_str() : "without a version",
+                mcuAnswers ? "" : ", no answer of the microcontroller");
+    return known && mcuAnswers;
 }
 
 // The reset comes a moment later and finds everything on storage.
@@ -60,7 +65,8 @@ Exit start() {
         directory + "/recv.tar.xz";  // where a rollback puts its copy too: so there is one such file at most
     removeHalfReceived(package);
     reportLastRun();
-    // Software on trial is left again by the boot loader unless it is confirmed within a few starts.
+    // Software on trial is left again by the boot loader unless it is confirmed within a few starts. It takes a watchdog
+    // to make them, where software that is not in order hangs on.
     if (!isInOrder() || UpgradeProc::getInstance()->mpu->activate(false) < 0) {
         std::puts("the running software is not confirmed");
     }
@@ -78,7 +84,8 @@ Exit start() {
 // --- A run ----------------------------------------------------------------------------------------------------------
 
 int install(const std::string& from) {
-    return receivePackage(from, package, giveUp) ? UPGRADE_main_proc_fun(package) : kNotReceived;
+    const bool isHere = from == package || receivePackage(from, package, giveUp);
+    return isHere ? UPGRADE_main_proc_fun(package) : kNotReceived;
 }
 
 // On a thread of its own: a run takes minutes, while the camera goes on. All its threads leave signals to others.
@@ -173,6 +180,7 @@ Exit serve() {
 
 int main() {
     setvbuf(stdout, nullptr, _IOLBF, 0);
+    signal(SIGPIPE, SIG_IGN);  // a reader of the output that goes away must not end a run
     const Exit exit = start();
     return exit == kServe ? serve() : exit;
 }
