@@ -10,7 +10,7 @@ mcu_emulator=$(realpath -m -- "${KAVRO_TWIN_PROGRAMS:-$twin_programs}")/mcu-emul
 
 need_mcu_emulator() {
     [[ -x $mcu_emulator ]] ||
-        fail "$mcu_emulator is missing: './dev build' makes it, or KAVRO_TWIN_PROGRAMS names the directory it is in"
+        fail "$mcu_emulator is missing" "./dev build, or name the directory it is in by KAVRO_TWIN_PROGRAMS"
 }
 
 # The emulator locks its flash memory.
@@ -21,7 +21,7 @@ mcu_is_on() {
 # Of a microcontroller whose last run is over, just now.
 wait_until_mcu_is_off() {
     [[ ! -e $state/mcu/flash.bin ]] || flock --timeout 60 "$state/mcu/flash.bin" true ||
-        fail "the microcontroller of $state does not switch off: see $state/mcu/log"
+        fail "the microcontroller of $state does not switch off" "see $state/mcu/log"
 }
 
 # start_emulator [--fault SPEC]...: apart from the terminal and from what this process holds. It knows its link by a
@@ -33,12 +33,16 @@ start_emulator() {
         cd "$state/mcu" || exit
         exec setsid "$mcu_emulator" run --flash flash.bin --listen link --until-unlocked ../supply "$@"
     ) </dev/null >"$state/mcu/log" 2>&1 &
-    local emulator=$! tries
+    local emulator=$! tries status=0
     for ((tries = 0; tries < 3000; tries++)); do
         [[ ! -S $state/mcu/link ]] || return 0
         kill -0 "$emulator" 2>/dev/null || break
         sleep 0.02
     done
+    # Its wrong command line is that of this script, of which nothing but the faults is a user's.
+    wait "$emulator" || status=$?
+    ((status != 2)) || misuse "$(sed "s/^mcu-emulator: //; s/ (see 'mcu-emulator help')$//" "$state/mcu/log")" \
+        "see the table of faults in docs/mcu.md"
     fail "the microcontroller does not start: $(tail -n 3 "$state/mcu/log")"
 }
 
@@ -58,7 +62,8 @@ switch_mcu_on() {
     wait_for_last_run
     flock --shared "$supply"
     if mcu_is_on; then
-        (($# == 0)) || fail "the microcontroller runs already, for another '$twin_name run': too late for its faults"
+        (($# == 0)) || fail "the microcontroller runs already, for another '$twin_name run': too late for its faults" \
+            "wait until that has ended"
     else
         start_emulator "$@"
     fi

@@ -32,6 +32,16 @@ fails_with() {
     [[ ! -s out.txt ]] || die "'$*' failed and printed: $(cat out.txt)"
 }
 
+# ends_with_status STATUS PATTERN COMMAND...: as fails_with, and with this exit code.
+ends_with_status() {
+    local expected=$1 status=0
+    shift
+    fails_with "$@"
+    shift
+    "$@" >/dev/null 2>&1 || status=$?
+    equal "the exit code of '$*'" "$status" "$expected"
+}
+
 new_twin() {
     "$twin" create device "--$form" "$@"
 }
@@ -208,7 +218,9 @@ test_a_release_without_a_component_leaves_nothing_behind() {
     for component in bld_release.bin mcu_flash_app.s19; do
         mv "release/$component" kept
         fails_with "$component" "$twin" create device --components release
+        ! grep -q 'stat: ' err.txt || die "a tool's own words are told: $(cat err.txt)"
         [[ ! -e device ]] || die "a create without $component left something behind"
+        grep -q '^  next: ' err.txt || die "no next step is told: $(cat err.txt)"
         mv kept "release/$component"
     done
     new_twin --components release
@@ -227,6 +239,8 @@ test_wrong_arguments_are_refused() {
     fails_with "unknown command" "$twin" nonsense
     fails_with "directory is missing" "$twin" create
     fails_with "takes a number" "$twin" create device --hw one
+    ends_with_status 2 "takes a number from 0 to 999, not '1000'" "$twin" create device --mpu 1000
+    ends_with_status 2 "^  next: .*twin help$" "$twin" create device --mpu -1
     fails_with "needs a value" "$twin" create device --hw
     fails_with "does not know" "$twin" create device --unknown 1
     fails_with "is not a twin" "$twin" boot device
@@ -425,13 +439,15 @@ test_a_run_right_after_another_has_a_microcontroller_of_its_own() {
 
 test_a_fault_that_does_not_exist_is_refused_before_the_program_runs() {
     new_twin
-    fails_with "does not start: ." "$twin" run device --mcu-fault nonsense=1 -- touch /raw/note
+    ends_with_status 2 "^twin: the fault 'nonsense=1' is not KIND" "$twin" run device --mcu-fault nonsense=1 -- touch /raw/note
+    ends_with_status 2 "next: .*docs/mcu.md" "$twin" run device --mcu-fault nonsense=1 -- touch /raw/note
+    ! grep -q 'mcu-emulator' err.txt || die "a program that no user calls is named: $(cat err.txt)"
     [[ ! -e device/raw/note ]] || die "the program ran"
 }
 
 test_without_the_emulator_it_is_said_how_to_get_it() {
     local command
-    KAVRO_TWIN_PROGRAMS=/nowhere fails_with "/nowhere/mcu-emulator is missing: './dev build'" "$twin" create device
+    KAVRO_TWIN_PROGRAMS=/nowhere fails_with "/nowhere/mcu-emulator is missing" "$twin" create device
     [[ ! -e device ]] || die "a refused create left something behind"
     new_twin
     for command in "show device" "run device -- true" "reset device"; do
