@@ -158,7 +158,7 @@ std::string otherSlot(const std::string& slot) {
 
 void requireContent(Problems& problems, const std::string& slot, const Package& package) {
     for (const auto& [part, bytes] : package.components) {
-        const std::string path = std::string(kPartitions) + "/" + part + "_" + slot;
+        const std::string path = std::string(kPartitions).append("/").append(part).append("_").append(slot);
         std::ifstream file(path, std::ios::binary);
         std::string found(bytes.size(), '\0');
         file.read(found.data(), static_cast<std::streamsize>(found.size()));
@@ -182,7 +182,9 @@ FlashState::FlashState() : stampOf(flashStamps()) {}
 void FlashState::requireUnchanged(Problems& problems) const {
     std::map<std::string, std::string> now = flashStamps();
     for (const auto& [path, before] : stampOf) {
-        require(problems, now[path] == before, path + " was changed: " + before + " became " + now[path]);
+        require(
+            problems, now[path] == before,
+            std::string(path).append(" was changed: ").append(before).append(" became ").append(now[path]));
     }
     require(problems, now.size() == stampOf.size(), "a file of /config came into being");
 }
@@ -207,7 +209,7 @@ void ProcessState::requireUnchanged(Problems& problems, int patienceMs) const {
     if (!comesTrue(patienceMs, [this] { return testsupport::descriptorTargets() == descriptors; })) {
         problems.push_back("other descriptors than before:");
         for (const std::string& target : testsupport::descriptorTargets()) {
-            problems.back() += " " + target;
+            problems.back().append(" ").append(target);
         }
     }
 }
@@ -215,7 +217,8 @@ void ProcessState::requireUnchanged(Problems& problems, int patienceMs) const {
 void requireKnownNames(Problems& problems) {
     for (const auto& [directory, known] : kKnownNames) {
         for (const std::string& name : testsupport::namesIn(directory)) {
-            require(problems, known.count(name) != 0, directory + "/" + name + " was left behind");
+            require(problems, known.count(name) != 0,
+                    std::string(directory).append("/").append(name).append(" was left behind"));
         }
     }
 }
