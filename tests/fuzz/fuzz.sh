@@ -65,7 +65,7 @@ keep() {
     rm -rf "$kept"
     mkdir -p "$kept"
     cp -- "${known[0]}"/* "$kept"
-    enclosed "$build/tests/fuzz/${name}_fuzz" -merge=1 -max_len="$most_kept_bytes" "$kept" "$build/fuzz/corpus/$name" \
+    enclosed "$build/tests/fuzz/${name}_fuzz" -merge=1 -use_counters=0 -max_len="$most_kept_bytes" "$kept" "$build/fuzz/corpus/$name" \
         >"$build/fuzz/$name.merge.log" 2>&1
     cp -n -- "$kept"/* "${known[0]}"
     printf '%s: %s inputs, %s bytes\n' "$name" "$(find "${known[0]}" -type f | wc -l)" \
