@@ -70,6 +70,42 @@ TEST(Cli, a_wrong_use_of_a_command_leads_to_its_help) {
     EXPECT_EQ(result.err, "upgradectl: PACKAGE is required\n  next: upgradectl install --help\n");
 }
 
+struct EmptyPath {
+    const char* argument;
+    std::vector<std::string> words;
+};
+
+TEST(Cli, an_empty_path_is_a_wrong_command_line_that_names_the_argument) {
+    const EmptyPath cases[] = {
+        {"PACKAGE", {"install", ""}},
+        {"PACKAGE", {"inspect", ""}},
+        {"PACKAGE", {"verify", ""}},
+        {"--report", {"install", "--report", "", "x"}},
+        {"--report", {"rollback", "--report", ""}},
+        {"--trusted-key", {"install", "--trusted-key", "", "x"}},
+        {"--trusted-key", {"verify", "--trusted-key", "", "x"}},
+        {"--output", {"pack", "--version", "1.1.1.1", "-k", "x", "--output", "", "/"}},
+        {"--key", {"pack", "--version", "1.1.1.1", "--key", "", "-o", "x", "/"}},
+        {"COMPONENT_DIR", {"pack", "--version", "1.1.1.1", "-k", "x", "-o", "y", ""}},
+    };
+    for (const EmptyPath& each : cases) {
+        const ProgramResult result = upgradectl(each.words);
+        EXPECT_EQ(result.exitCode, 2) << each.argument;
+        EXPECT_EQ(result.err, std::string("upgradectl: ") + each.argument +
+                                  ": an empty text is no path\n  next: upgradectl " + each.words[0] +
+                                  " --help\n");
+    }
+}
+
+TEST(Cli, a_number_of_lines_that_is_none_is_told_as_it_was_given) {
+    for (const std::string text : {"0", "x", "-1", "1.5", "99999999999"}) {
+        const ProgramResult result = upgradectl({"watch", "--count=" + text});
+        EXPECT_EQ(result.exitCode, 2) << text;
+        EXPECT_EQ(result.err, "upgradectl: --count: '" + text +
+                                  "' is no whole number of at least 1\n  next: upgradectl watch --help\n");
+    }
+}
+
 TEST(Cli, help_lists_commands_and_exit_codes_on_standard_output) {
     const ProgramResult result = upgradectl({"--help"});
     EXPECT_EQ(result.exitCode, 0);

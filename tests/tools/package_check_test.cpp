@@ -485,12 +485,12 @@ TEST_F(TrustedKey, that_is_empty_is_a_wrong_command_line) {
 }
 
 TEST_F(TrustedKey, that_is_absent_cannot_be_read) {
-    expectRefusedKey(ExitCode::kOther, "cannot be read: No such file or directory");
+    expectRefusedKey(ExitCode::kUsage, "cannot be read: No such file or directory");
 }
 
 TEST_F(TrustedKey, that_is_a_directory_cannot_be_read) {
     fs::create_directory(trusted);
-    expectRefusedKey(ExitCode::kOther, "cannot be read: Is a directory");
+    expectRefusedKey(ExitCode::kUsage, "cannot be read: Is a directory");
 }
 
 // --- what is no package ---------------------------------------------------------------------------------------------

@@ -176,12 +176,35 @@ TEST_F(PackageCommands, verify_takes_the_trusted_key_and_no_other) {
 
     writeFile(files / "trusted.pem", SigningKey().publicKey());
     const ProgramResult bad = run({"verify", "--trusted-key", files / "trusted.pem"});
-    expectRefusalInWords(bad);
+    EXPECT_EQ(bad.exitCode, kRefused);
+    EXPECT_EQ(bad.err,
+              "upgradectl: the package '" + file +
+                  "' is signed with another key\n  next: use a package of the maker that you trust, or give "
+                  "the key of this one's maker\n");
     EXPECT_THAT(bad.out, HasSubstr("trusted key         the package does not carry the trusted key"));
 }
 
+TEST_F(PackageCommands, verify_with_another_key_tells_of_damage_first) {
+    writeFile(files / "trusted.pem", SigningKey().publicKey());
+    package.corruptSignature("ext4");
+    expectRefusalInWords(run({"verify", "--trusted-key", files / "trusted.pem"}));
+}
+
+TEST_F(PackageCommands, what_is_printed_comes_before_the_failure_in_one_file) {
+    package.corruptSignature("ext4").writeTo(file);
+    const ProgramResult result = runProgram({"sh", "-c", "exec \"$0\" verify \"$1\" 2>&1", UPGRADECTL, file});
+    EXPECT_EQ(result.exitCode, kRefused);
+    EXPECT_LT(result.out.find("trailer             ok"), result.out.find("upgradectl: ")) << result.out;
+}
+
 TEST_F(PackageCommands, an_empty_name_of_the_trusted_key_is_not_taken_for_none) {
-    EXPECT_EQ(run({"verify", "--trusted-key", ""}).exitCode, 1);
+    EXPECT_EQ(run({"verify", "--trusted-key", ""}).exitCode, 2);
+}
+
+TEST_F(PackageCommands, a_trusted_key_that_cannot_be_read_is_a_wrong_command_line) {
+    const ProgramResult result = run({"verify", "--trusted-key", files / "nowhere.pem"});
+    EXPECT_EQ(result.exitCode, 2);
+    EXPECT_THAT(result.err, HasSubstr("nowhere.pem' cannot be read"));
 }
 
 TEST_F(PackageCommands, a_private_key_as_the_trusted_one_is_a_wrong_command_line) {

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "tools/upgradectl/argument_checks.h"
 #include "tools/upgradectl/command_line.h"
 #include "tools/upgradectl/interrupts.h"
 #include "tools/upgradectl/pack.h"
@@ -49,12 +50,15 @@ void addPack(CLI::App& app, Action& chosen) {
     const auto options = std::make_shared<Options>();
     command->add_option("COMPONENT_DIR", options->request.componentDir, "Directory of the components")
         ->type_name("DIR")
+        ->check(isPath())
         ->required();
     command->add_option("-o,--output", options->request.output, "Package to write")
         ->type_name("FILE")
+        ->check(isPath())
         ->required();
     command->add_option("-k,--key", options->request.key, "Private key (PEM, RSA or EC)")
         ->type_name("FILE")
+        ->check(isPath())
         ->required();
     command->add_option("--version", options->version, "Versions as HW.MPU.MCU.BLD, each 0 to 999")
         ->type_name("VERSION")

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "tools/upgradectl/argument_checks.h"
 #include "tools/upgradectl/command_line.h"
 #include "tools/upgradectl/package_check.h"
 #include "tools/upgradectl/package_view.h"
@@ -17,10 +18,15 @@ namespace {
 
 // The exit code is for scripts, the text for those who did not look at what was printed.
 void requireInOrder(const std::string& package, const PackageCheck& check) {
-    if (!check.inOrder()) {
-        throw ToolError(ExitCode::kRefused, "the package '" + package + "' is not in order",
-                        "use a package that 'upgradectl pack' made, and transfer it again");
+    if (check.inOrder()) {
+        return;
     }
+    if (check.lacksOnlyTrust()) {
+        throw ToolError(ExitCode::kRefused, "the package '" + package + "' is signed with another key",
+                        "use a package of the maker that you trust, or give the key of this one's maker");
+    }
+    throw ToolError(ExitCode::kRefused, "the package '" + package + "' is not in order",
+                    "use a package that 'upgradectl pack' made, and transfer it again");
 }
 
 void runInspect(const std::string& package, bool json) {
@@ -53,7 +59,7 @@ void addInspect(CLI::App& app, Action& chosen) {
         "  upgradectl inspect camera.pkg\n");
     const auto package = std::make_shared<std::string>();
     const auto json = std::make_shared<bool>(false);
-    command->add_option("PACKAGE", *package, "Package file")->required();
+    command->add_option("PACKAGE", *package, "Package file")->check(isPath())->required();
     command->add_flag("--json", *json, "Print one JSON object");
     command->callback(
         [package, json, &chosen] { chosen = [package, json] { runInspect(*package, *json); }; });
@@ -71,15 +77,15 @@ void addVerify(CLI::App& app, Action& chosen) {
     const auto package = std::make_shared<std::string>();
     const auto trustedKey = std::make_shared<std::string>();
     const auto json = std::make_shared<bool>(false);
-    command->add_option("PACKAGE", *package, "Package file")->required();
+    command->add_option("PACKAGE", *package, "Package file")->check(isPath())->required();
     CLI::Option* trusted = command
                                ->add_option("--trusted-key", *trustedKey,
                                             "Public key (PEM): refuse a package that carries another one")
-                               ->type_name("FILE");
+                               ->type_name("FILE")
+                               ->check(isPath());
     command->add_flag("--json", *json, "Print one JSON object");
     command->callback([=, &chosen] {
         chosen = [=] {
-            // A script's empty variable is a key that cannot be read, and not none.
             const bool given = trusted->count() > 0;
             runVerify(*package, given ? std::optional<std::filesystem::path>(*trustedKey) : std::nullopt,
                       *json);

@@ -3,6 +3,7 @@
 #include <memory>
 #include <string>
 
+#include "tools/upgradectl/argument_checks.h"
 #include "tools/upgradectl/command_line.h"
 #include "tools/upgradectl/install.h"
 #include "tools/upgradectl/interrupts.h"
@@ -20,9 +21,11 @@ void addRunOptions(CLI::App& command, RunOptions& options) {
             "--trusted-key", options.trustedKey,
             "Public key (PEM): refuse a package that is signed with another one, or damaged, before the "
             "run begins")
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->check(isPath());
     command.add_option("--report", options.report, "Write a page (HTML) about the run, however it ends")
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->check(isPath());
 }
 
 }  // namespace
@@ -31,13 +34,13 @@ void addInstall(CLI::App& app, Action& chosen) {
     CLI::App* command = app.add_subcommand("install", "Install a package and show the run");
     command->footer(
         "Ctrl-C asks to give up, which is possible until flashing begins; afterwards the run goes on.\n"
-        "Does not need 'init' before it.\n\n"
+        "Does not need 'init' before it. A report in /tmp is lost at the restart: copy it away before.\n\n"
         "Example:\n"
         "  upgradectl install /firmware/recv.pkg\n"
         "  upgradectl install --trusted-key vendor.pem --report /tmp/report.html /firmware/recv.pkg\n");
     const auto package = std::make_shared<std::string>();
     const auto options = std::make_shared<RunOptions>();
-    command->add_option("PACKAGE", *package, "Package file")->required();
+    command->add_option("PACKAGE", *package, "Package file")->check(isPath())->required();
     addRunOptions(*command, *options);
     command->callback([package, options, &chosen] {
         chosen = [package, options] {

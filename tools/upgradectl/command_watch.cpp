@@ -2,6 +2,7 @@
 #include <CLI/CLI.hpp>
 #include <memory>
 
+#include "tools/upgradectl/argument_checks.h"
 #include "tools/upgradectl/command_line.h"
 #include "tools/upgradectl/interrupts.h"
 #include "tools/upgradectl/watch.h"
@@ -19,7 +20,9 @@ void addWatch(CLI::App& app, Action& chosen) {
     const auto request = std::make_shared<WatchRequest>();
     command->add_option("--address", request->address,
                         "Where the message node listens (default: as /etc/kavro/platform.json says)");
-    command->add_option("--count", request->lines, "End after so many lines")->check(CLI::PositiveNumber);
+    command->add_option("--count", request->lines, "End after so many lines")
+        ->type_name("NUMBER")
+        ->check(isAtLeastOne());
     command->add_flag("--until-end", request->untilEnd,
                       "End with a run; the exit code is 4 when it failed, 1 when it ended before flashing");
     command->callback([request, &chosen] {

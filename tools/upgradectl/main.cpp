@@ -12,6 +12,7 @@ using upgradectl::ExitCode;
 using upgradectl::ToolError;
 
 void report(const ToolError& error) {
+    std::fflush(stdout);  // where both go into one file, what was printed before comes first
     std::fprintf(stderr, "upgradectl: %s\n", error.what());
     for (const std::string& line : error.details()) {
         std::fprintf(stderr, "  device: %s\n", line.c_str());

@@ -43,6 +43,8 @@ std::string reasonOf(int error) {
     return std::error_code(error, std::generic_category()).message();
 }
 
+constexpr const char* kTrustedKeyPart = "trusted key";
+
 // --- the trusted key ------------------------------------------------------------------------------------------------
 
 std::string readKeyFile(const fs::path& file) {
@@ -51,7 +53,7 @@ std::string readKeyFile(const fs::path& file) {
     std::string text(kMostBytes, '\0');
     stream.read(text.data(), kMostBytes);
     if (!stream.is_open() || stream.bad() || fs::is_directory(file)) {
-        throw ToolError(ExitCode::kOther,
+        throw ToolError(ExitCode::kUsage,
                         "the trusted key '" + file.string() + "' cannot be read: " + reasonOf(errno),
                         "give a readable file with the public key");
     }
@@ -393,7 +395,7 @@ class PackageChecker {
             faults.push_back("the package does not carry the trusted key (" + trustedKey.description() +
                              ", sha256 " + trustedKey.digest() + ")");
         }
-        addPart("trusted key", std::move(faults));
+        addPart(kTrustedKeyPart, std::move(faults));
     }
 
     void checkPayload(bool payloadKnown) {
@@ -445,12 +447,22 @@ class PackageChecker {
     PackageCheck check;
 };
 
+bool hasGoodComponents(const std::vector<ComponentCheck>& components) {
+    return std::all_of(components.begin(), components.end(),
+                       [](const ComponentCheck& component) { return component.fault.empty(); });
+}
+
 }  // namespace
 
 bool PackageCheck::inOrder() const {
-    return faults.empty() &&
-           std::all_of(components.begin(), components.end(),
-                       [](const ComponentCheck& component) { return component.fault.empty(); });
+    return faults.empty() && hasGoodComponents(components);
+}
+
+bool PackageCheck::lacksOnlyTrust() const {
+    const bool goodParts = std::all_of(parts.begin(), parts.end(), [](const PartCheck& part) {
+        return part.faults.empty() || part.name == kTrustedKeyPart;
+    });
+    return !inOrder() && goodParts && hasGoodComponents(components);
 }
 
 std::string unpackedName(const ArchiveEntry& entry) {

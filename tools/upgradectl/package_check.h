@@ -38,6 +38,8 @@ struct PackageCheck {
     std::vector<std::string> faults;         // of the package as a whole: those of all parts
 
     bool inOrder() const;
+    // Another key than the trusted one is all that is wrong with it.
+    bool lacksOnlyTrust() const;
 };
 
 // The name of the file that a device unpacks an entry to: "Image" for "./Image", "" for the directory that the archive was
@@ -52,7 +54,7 @@ using EntryListener = std::function<void(const ArchiveEntry&)>;
 // carries another one has that as a fault.
 //
 // Throws ToolError: refused when the file is no package, so that there is nothing to check (another size, no regular
-// file, unreadable); usage when the trusted key's file holds no public key; other when a file cannot be read.
+// file, unreadable); usage when the trusted key's file cannot be read or holds no public key; other when a read fails.
 PackageCheck checkPackage(const std::filesystem::path& package,
                           const std::optional<std::filesystem::path>& trustedKey = std::nullopt,
                           const EntryListener& listener = {});
