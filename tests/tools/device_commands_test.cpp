@@ -74,6 +74,22 @@ TEST(Status, without_factory_versions_fails_and_still_tells_the_rest) {
     EXPECT_TRUE(contains(result.err, "'/etc/kavro/version.json' cannot be read")) << result.err;
 }
 
+TEST(Status, shows_the_version_of_what_was_not_written_to_its_end_as_unfinished) {
+    writeFile("/config/upgrade_config.json",
+              R"({"bld_version": 2, "hw_version": 1, "mcu_version": -1, "mpu_version": 104})");
+    const ProgramResult result = upgradectl({"status"});
+    EXPECT_TRUE(contains(result.out, "current version         V01.104.--.002 (--: unfinished)\n"))
+        << result.out;
+}
+
+TEST(Status, without_platform_json_fails_and_says_what_is_missing) {
+    std::filesystem::remove("/etc/kavro/platform.json");
+    const ProgramResult result = upgradectl({"status"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_TRUE(contains(result.out, "state                   idle\n")) << result.out;
+    EXPECT_TRUE(contains(result.err, "/etc/kavro/platform.json: cannot be read")) << result.err;
+}
+
 TEST(Status, tells_a_program_the_same) {
     writeFile(kMarker, "");
     writeFile(kLastRun, "upgrade_success");
@@ -138,6 +154,14 @@ TEST(Activate, without_an_installed_package_fails_and_says_so) {
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_TRUE(contains(result.err, "no installed package awaits activation")) << result.err;
     EXPECT_TRUE(contains(result.err, "next: install one")) << result.err;
+}
+
+TEST(Activate, without_platform_json_says_so_and_does_not_ask_for_a_package) {
+    std::filesystem::remove("/etc/kavro/platform.json");
+    const ProgramResult result = upgradectl({"activate"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_TRUE(contains(result.err, "/etc/kavro/platform.json: cannot be read")) << result.err;
+    EXPECT_FALSE(contains(result.err, "install one")) << result.err;
 }
 
 TEST(Activate, when_nothing_complete_was_flashed_fails_and_keeps_the_marker) {

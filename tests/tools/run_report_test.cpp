@@ -143,6 +143,13 @@ TEST(RunReport, tells_outcome_next_step_begin_and_duration_in_words) {
     EXPECT_TRUE(contains(words, "No errors were logged."));
 }
 
+TEST(RunReport, leads_to_its_own_errors_and_not_to_the_lines_of_a_terminal) {
+    RunRecord run = failedRun();
+    run.nextStep = "mend what the device: lines say, then try again";
+    EXPECT_TRUE(
+        contains(wordsOf(renderRunReport(run)), "Next: mend what the errors below say, then try again"));
+}
+
 TEST(RunReport, names_each_kind_of_outcome) {
     const std::pair<int, const char*> kinds[] = {{0, ">Succeeded</h1>"},
                                                  {1, ">Failed</h1>"},

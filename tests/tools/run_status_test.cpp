@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+
 #include "upgrade/upgrade_api.h"
 
 namespace {
@@ -24,6 +26,16 @@ std::vector<int> statesOf(const RunTracker& run) {
         states.push_back(change.state);
     }
     return states;
+}
+
+TEST(TooLateToGiveUp, says_that_flashing_goes_on_only_while_it_does) {
+    EXPECT_NE(
+        std::string(upgradectl::tooLateToGiveUp(UPGRADE_STAGE_FLASHING_START)).find("flashing has begun"),
+        std::string::npos);
+    for (const int stage : {UPGRADE_STAGE_BACKUP_PACKAGE, UPGRADE_STAGE_DONE}) {
+        EXPECT_NE(std::string(upgradectl::tooLateToGiveUp(stage)).find("the run is ending"),
+                  std::string::npos);
+    }
 }
 
 TEST(RunTracker, each_change_counts_once_at_its_own_time) {

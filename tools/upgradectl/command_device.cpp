@@ -26,7 +26,10 @@ void addStatus(CLI::App& app, Action& chosen) {
     CLI::App* command =
         app.add_subcommand("status", "Tell versions, state, outcome of the last run and packages");
     command->footer(
-        "The outcome of the last run stays recorded for the device's application, which reads it once.\n\n"
+        "The outcome of the last run stays recorded for the device's application, which reads it once. A "
+        "part "
+        "of the\n"
+        "current version that is -- is unfinished: a failed upgrade has left it so.\n\n"
         "Example:\n"
         "  upgradectl status\n");
     const auto consume = std::make_shared<bool>(false);
@@ -39,13 +42,14 @@ void addStatus(CLI::App& app, Action& chosen) {
 }
 
 void addVersions(CLI::App& app, Action& chosen) {
-    CLI::App* command =
-        app.add_subcommand("versions", "Tell what the device was made with, runs and keeps packages of");
+    CLI::App* command = app.add_subcommand(
+        "versions", "Tell the versions of the running software, of what is flashed and of kept packages");
     command->footer(
-        "A version is that of hardware, main processor, microcontroller and boot loader. The microcontroller "
-        "is "
-        "asked\n"
-        "itself, beside that.\n\n"
+        "A version is that of hardware, main processor, microcontroller and boot loader. The factory version "
+        "is that\n"
+        "of the version file of the running software. A part of the current version that is -- is "
+        "unfinished: a failed\n"
+        "upgrade has left it so. The microcontroller is asked itself, beside that.\n\n"
         "Example:\n"
         "  upgradectl versions\n");
     const auto json = std::make_shared<bool>(false);

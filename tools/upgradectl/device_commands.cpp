@@ -32,11 +32,11 @@ void activate(const OwnOutput& output) {
         output.writeLine("  next: restart the device");
         return;
     }
+    requireFlashDrivers();  // without them no package could be installed either
     if (!awaits) {
         throw ToolError(ExitCode::kOther, "no installed package awaits activation",
                         "install one: upgradectl install PACKAGE", loggedErrors());
     }
-    requireFlashDrivers();
     throw ToolError(ExitCode::kOther, "the device could not be switched to the installed software",
                     "mend what the device: lines say, then try again", loggedErrors());
 }

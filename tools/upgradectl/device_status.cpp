@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <optional>
+#include <regex>
 #include <string>
 #include <vector>
 
 #include "tools/upgradectl/device_log.h"
+#include "tools/upgradectl/flash_drivers.h"
 #include "tools/upgradectl/json_text.h"
 #include "tools/upgradectl/package_reading.h"
 #include "tools/upgradectl/package_trailer.h"
@@ -51,6 +53,12 @@ std::string row(const std::string& name, const std::string& value) {
 
 std::string orUnknown(const std::string& text) {
     return text.empty() ? kUnknown : text;
+}
+
+// A negative part is that of what is about to be written: it stays when the writing does not come to its end.
+std::string currentVersionText(const std::string& version) {
+    const std::string text = std::regex_replace(version, std::regex("-[0-9]+"), "--");
+    return text == version ? orUnknown(version) : text + " (--: unfinished)";
 }
 
 // Empty where they cannot be read.
@@ -112,7 +120,7 @@ std::string textOf(const PackageFile& file) {
 
 void writeStatus(const OwnOutput& output, const DeviceVersions& versions, const std::string& outcome) {
     output.writeLine(row("factory version", orUnknown(versions.factory)));
-    output.writeLine(row("current version", orUnknown(versions.current)));
+    output.writeLine(row("current version", currentVersionText(versions.current)));
     output.writeLine(row("state", deviceState().text));
     output.writeLine(row("last run", outcome.empty() ? std::string(kUnknown) + " (" +
                                                            UPGRADE_LAST_RUNTIME_FILE + " is damaged)"
@@ -163,7 +171,7 @@ std::vector<KeptPackage> keptPackages() {
 void writeVersions(const OwnOutput& output, const DeviceVersions& versions,
                    std::optional<int> microcontroller) {
     output.writeLine(row("factory version", orUnknown(versions.factory)));
-    output.writeLine(row("current version", orUnknown(versions.current)));
+    output.writeLine(row("current version", currentVersionText(versions.current)));
     output.writeLine(
         row("microcontroller", microcontroller ? std::to_string(*microcontroller) : "no answer"));
     for (const KeptPackage& package : keptPackages()) {
@@ -201,6 +209,7 @@ void showStatus(const OwnOutput& output, bool consume, bool json) {
         UPGRADE_get_status_last_runtime(&ignored);
     }
     requireKnown(versions);
+    requireFlashDrivers();
 }
 
 void showVersions(const OwnOutput& output, bool json) {

@@ -77,12 +77,23 @@ RunEnd installed(const RunOutcome& outcome, const fs::path& package) {
             {}};
 }
 
-// version: of the rollback package, read before the run that replaces it.
-RunEnd rolledBack(const RunOutcome& outcome, const std::string& version) {
+// A device that has nothing to go back to is told from one whose package was refused.
+ToolError noRollbackPackage(bool wasThere) {
+    return {
+        wasThere ? ExitCode::kRefused : ExitCode::kOther,
+        "the rollback package '" + UpgradeProc::rollbackPkg + "' is " + (wasThere ? "damaged" : "missing"),
+        "install a package instead", loggedErrors()};
+}
+
+// What is known of the rollback package before the run that replaces it.
+struct RollbackPackage {
+    bool there;
+    std::string version;
+};
+
+RunEnd rolledBack(const RunOutcome& outcome, const RollbackPackage& package) {
     if (outcome.result == COMMON_YR::kErrNoFile) {
-        throw ToolError(ExitCode::kRefused,
-                        "the rollback package '" + UpgradeProc::rollbackPkg + "' is missing or damaged",
-                        "install a package instead", loggedErrors());
+        throw noRollbackPackage(package.there);
     }
     const bool runSucceeded = outcome.stage() == UPGRADE_STAGE_IDLE || outcome.stage() == UPGRADE_STAGE_DONE;
     if (outcome.result < 0 && !runSucceeded) {
@@ -93,7 +104,7 @@ RunEnd rolledBack(const RunOutcome& outcome, const std::string& version) {
                         "mend what the device: lines say, then run 'upgradectl activate'", loggedErrors());
     }
     return {ExitCode::kOk,
-            "rolled back to " + version + ", which runs after the next restart",
+            "rolled back to " + package.version + ", which runs after the next restart",
             "restart the device",
             {}};
 }
@@ -109,9 +120,10 @@ void install(const fs::path& package, const RunOptions& options, const Interrupt
 }
 
 void rollback(const RunOptions& options, const Interrupts& interrupts) {
-    const std::string version = readPackageVersion(UpgradeProc::rollbackPkg);
+    const RollbackPackage package = {COMMON_YR::isFileExist(UpgradeProc::rollbackPkg.c_str()),
+                                     readPackageVersion(UpgradeProc::rollbackPkg)};
     performRun({"rollback", UpgradeProc::rollbackPkg, requireNothingAwaitsActivation, UPGRADE_rollback_mpu,
-                [&](const RunOutcome& outcome) { return rolledBack(outcome, version); }},
+                [&](const RunOutcome& outcome) { return rolledBack(outcome, package); }},
                options, interrupts);
 }
 

@@ -21,7 +21,8 @@ constexpr const char* kPublicKey = "/tmp/pubkey";  // of the package, for checki
 
 ToolError taken(const fs::path& report, const std::string& why) {
     return {ExitCode::kUsage, "the report cannot be '" + report.string() + "', " + why,
-            "give a file elsewhere, for example /tmp/report.html"};
+            "give a file elsewhere, for example /tmp/report.html, and copy it away before the device is "
+            "restarted"};
 }
 
 }  // namespace

@@ -20,6 +20,9 @@ struct StageFailure {
     const char* nextOfRollback;
 };
 
+constexpr const char* kTransferAgain =
+    "transfer the package again; 'upgradectl verify PACKAGE' tells all that is wrong with it";
+
 // A rollback that has begun to flash has already dropped the rollback package, but works on a copy of it.
 constexpr StageFailure kStageFailures[] = {
     {UPGRADE_STAGE_INIT, ExitCode::kOther, "could not be copied to /firmware",
@@ -27,8 +30,8 @@ constexpr StageFailure kStageFailures[] = {
      "check that /firmware has room for two more packages; where a failed copy has emptied it, install a "
      "package "
      "instead"},
-    {UPGRADE_STAGE_START, ExitCode::kRefused, "is damaged", "transfer the package again",
-     "install a package instead"},
+    {UPGRADE_STAGE_START, ExitCode::kRefused, "is damaged: the md5 of its payload is not that of its trailer",
+     kTransferAgain, "install a package instead"},
     {UPGRADE_STAGE_PROC_PKG_DONE, ExitCode::kRefused,
      "lacks a component or has a signature that does not verify",
      "use a package that 'upgradectl pack' made, and transfer it again", "install a package instead"},
@@ -48,6 +51,10 @@ constexpr StageFailure kWorkAreaFailure = {UPGRADE_STAGE_INIT, ExitCode::kOther,
                                            "cannot be unpacked anywhere: /raw/upgrade could not be made",
                                            "mount /raw where it can be written, then install it again",
                                            "mount /raw where it can be written, then try again"};
+
+constexpr StageFailure kTrailerFailure = {UPGRADE_STAGE_START, ExitCode::kRefused,
+                                          "is damaged: its trailer cannot be read", kTransferAgain,
+                                          "install a package instead"};
 
 constexpr StageFailure kUnpackFailure = {
     UPGRADE_STAGE_START, ExitCode::kOther, "is whole, but could not be unpacked to /raw/upgrade",
@@ -70,19 +77,23 @@ bool hasNoWorkArea(const std::string& input) {
            !std::filesystem::is_directory(UpgradeProc::storePath);
 }
 
-// After a failure in the stage START, which has cut the copied package down to its payload: whether that is
-// what the trailer says, so that not the package is to blame.
-bool hasWholePayload(const std::string& package) {
+// After a failure in the stage START, which has cut the copied package down to its payload: when that is what the
+// trailer says, not the package is to blame.
+const StageFailure& failureInStart(const std::string& package) {
     _UPGRADE_PKG_T info;
-    return read_info_form_pkg(info, package) == 0 && COMMON_YR::chkFileMd5(UpgradeProc::upgradePkg, info.md5);
+    if (read_info_form_pkg(info, package) != 0) {
+        return kTrailerFailure;
+    }
+    return COMMON_YR::chkFileMd5(UpgradeProc::upgradePkg, info.md5) ? kUnpackFailure
+                                                                    : failureIn(UPGRADE_STAGE_START);
 }
 
 const StageFailure& failureOf(const RunOutcome& outcome, const std::string& input) {
     if (outcome.stage() == UPGRADE_STAGE_INIT && hasNoWorkArea(input)) {
         return kWorkAreaFailure;
     }
-    if (outcome.stage() == UPGRADE_STAGE_START && hasWholePayload(input)) {
-        return kUnpackFailure;
+    if (outcome.stage() == UPGRADE_STAGE_START) {
+        return failureInStart(input);
     }
     return failureIn(outcome.stage());
 }

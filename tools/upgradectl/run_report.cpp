@@ -162,6 +162,13 @@ std::string titleOf(const RunRecord& record) {
     return outcomeOf(record).word + std::string(": ") + record.command + " " + package.filename().string();
 }
 
+// A terminal shows the device's words in lines of their own; the page has them below, as errors.
+std::string nextStepOnPage(std::string text) {
+    static const std::string kOnTerminal = "the device: lines";
+    const std::size_t at = text.find(kOnTerminal);
+    return at == std::string::npos ? text : text.replace(at, kOnTerminal.size(), "the errors below");
+}
+
 Html outcomePanel(const RunRecord& record) {
     const OutcomeRow& outcome = outcomeOf(record);
     const Html icon = htmlElement("svg", {{"viewBox", "0 0 24 24"}, {"aria-hidden", "true"}},
@@ -169,7 +176,8 @@ Html outcomePanel(const RunRecord& record) {
     Html words = htmlElement("h1", {{"class", outcome.cssClass}}, htmlText(outcome.word)) +
                  paragraph("", asSentence(record.outcome));
     if (!record.nextStep.empty()) {
-        words += htmlElement("p", htmlElement("strong", htmlText("Next: ")) + htmlText(record.nextStep));
+        words += htmlElement(
+            "p", htmlElement("strong", htmlText("Next: ")) + htmlText(nextStepOnPage(record.nextStep)));
     }
     return htmlElement("div", {{"class", std::string("outcome ") + outcome.cssClass}},
                        icon + htmlElement("div", words));

@@ -57,4 +57,10 @@ void RunTracker::setTime(double seconds) {
     current.remaining = stageChanges.empty() ? std::nullopt : estimate(stageChanges.back(), current.seconds);
 }
 
+const char* tooLateToGiveUp(int stage) {
+    return stage >= UPGRADE_STAGE_BACKUP_PACKAGE
+               ? "too late to give up: everything is flashed, the run is ending. Do not switch the device off"
+               : "too late to give up: flashing has begun and goes on. Do not switch the device off";
+}
+
 }  // namespace upgradectl

@@ -42,4 +42,7 @@ class RunTracker {
     std::vector<StateChange> stateChanges;
 };
 
+// What a user is told who asks in this stage to give a run up that goes on.
+const char* tooLateToGiveUp(int stage);
+
 }  // namespace upgradectl

@@ -100,7 +100,7 @@ class GiveUpRequest {
   private:
     // In time: the failure that the run ends with says so.
     void tellTooLate() {
-        watcher.notice("too late to give up: flashing has begun and goes on. Do not switch the device off");
+        watcher.notice(tooLateToGiveUp(watcher.run().status().stage));
         answered = interrupts.count();
         toldTooLate = true;
     }
