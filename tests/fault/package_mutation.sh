@@ -4,9 +4,10 @@
 #   package_mutation.sh [OPTION...] BUILD_DIR
 #
 #   --quick       some of each kind (the default); --full, several hundred
-#   --only ID     this one only, as a failure names it
+#   --only ID     this one only, as a failure names it; ID,ID...: one after the other on the same device
 #   --seconds N   begins no further package after this time, and says how many it left out
 #   --jobs N      how many devices side by side (2)
+#   --speed N     how many times faster the devices' clocks go (10)
 #   --json FILE   a line for each package: kind, id, outcome
 #   --work DIR    where the devices are; a temporary directory unless given
 #
@@ -22,13 +23,14 @@ root=$(cd -- "${BASH_SOURCE[0]%/*}/../.." && pwd -P)
 here=$root/tests/fault
 twin=$root/twin/twin
 
-mode=quick only='' seconds=86400 jobs=2 json='' work=''
+mode=quick only='' seconds=86400 jobs=2 speed=10 json='' work=''
 while [[ ${1-} == --* ]]; do
     case $1 in
     --quick | --full) mode=${1#--} ;;
     --only) only=$2 && shift ;;
     --seconds) seconds=$2 && shift ;;
     --jobs) jobs=$2 && shift ;;
+    --speed) speed=$2 && shift ;;
     --json) json=$(realpath -m -- "$2") && shift ;;
     --work) work=$(realpath -m -- "$2") && shift ;;
     *) printf '%s: unknown option %s\n' "$0" "$1" >&2 && exit 2 ;;
@@ -51,15 +53,16 @@ only_verify_refuses() {
     case $1 in
     # Texts for people, and what stands behind them; numbers that a device reads with fewer digits or a sign.
     trailer_field | trailer_bit) ;;
-    # Owner, mode and time mean nothing to a device; a name or type that becomes another one is that of no component.
-    header_bit | payload_bit_and_md5 | mode | owner | pax) ;;
     # `tar` knows by itself how a payload is compressed.
     compressed) ;;
-    # The last one of a name counts, and its signature is checked.
+    # The last one of a name counts, and it is checked.
     duplicate) ;;
-    # `tar` leaves out what leads upwards, makes absolute names relative and goes on.
-    besides | long_name | outside_name | component_renamed | link | link_then_through | other_type | fifo) ;;
-    many_files | wrong_size) ;;
+    # What is none of the 14 files does not matter: `tar` keeps it within the directory, or leaves it out.
+    besides | long_name | outside_name | link_then_through) ;;
+    # The list of versions is for people: it is signed, and not flashed.
+    empty_component) ;;
+    # Names and types that `tar` makes a file of the right name of, by whose content all is decided: ".//ext4".
+    component_renamed | link | other_type | header_bit | payload_bit_and_md5 | pax) ;;
     *) return 1 ;;
     esac
 }
@@ -88,13 +91,14 @@ facts() {
         -type d -printf '%p %y %m %U\n' | grep -v '^\./raw ' | sort)
 }
 
-# install STATE PACKAGE [OPTION...]: on the device, under the short clock. Sets code; what was said is in STATE.said.
+# install STATE PACKAGE [OPTION...]: on the device, under the short clock. The microcontroller's limits get shorter with it, and
+# a busy host misses them at a high speed. Sets code; what was said is in STATE.said.
 install() {
     local state=$1 package=$2
     shift 2
     code=0
     "$twin" run "$state" --visible "$build" --visible "${package%/*}" --env "LD_PRELOAD=$clock" \
-        --env KAVRO_CLOCK_SPEED=20 "$@" -- "$here/package_mutation_inside.sh" "$upgradectl" "$package" \
+        --env "KAVRO_CLOCK_SPEED=$speed" "$@" -- "$here/package_mutation_inside.sh" "$upgradectl" "$package" \
         >"$state.said" 2>&1 </dev/null || code=$?
 }
 
@@ -146,7 +150,7 @@ require_running_slot() {
 }
 
 why() {
-    grep -m1 '^upgradectl: ' "$1.said" || true
+    grep -E '^(upgradectl|  device): ' "$1.said" | head -n 6 | tr '\n' ' ' || true
 }
 
 is_untouched() {
@@ -244,7 +248,7 @@ mkdir -p "$work"
 rm -f "$work"/results*
 "$maker" make as_it_is:1 "$work/good.pkg" "$work/good"
 "$maker" list "$mode" >"$work/ids"
-[[ -z $only ]] || { printf '%s\n' "$only" >"$work/ids" && jobs=1; }
+[[ -z $only ]] || { tr , '\n' <<<"$only" >"$work/ids" && jobs=1; }
 
 for ((number = 0; number < jobs; ++number)); do
     series "$number" &
