@@ -27,9 +27,9 @@ enter_copy_of_host() {
     mkdir "$work/root"
     mount -t tmpfs none "$work/root" # bwrap wants a mount at the root of all
     for directory in etc usr var; do
-        mkdir -p "$work/upper/$directory" "$work/work/$directory" "$work/root/$directory"
+        mkdir -p "$work/upper/$directory" "$work/scratch/$directory" "$work/root/$directory"
         mount -t overlay overlay -o \
-            "lowerdir=/$directory,upperdir=$work/upper/$directory,workdir=$work/work/$directory" "$work/root/$directory"
+            "lowerdir=/$directory,upperdir=$work/upper/$directory,workdir=$work/scratch/$directory" "$work/root/$directory"
     done
     for directory in bin sbin lib lib32 lib64 libx32; do
         [[ ! -L /$directory ]] || cp -d "/$directory" "$work/root/$directory"
