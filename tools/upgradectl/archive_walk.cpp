@@ -120,8 +120,7 @@ std::string walkArchive(ArchiveSource source, ArchiveVisitor& visitor) {
         if (!visitor.begin(entry)) {
             continue;
         }
-        if (const std::string fault = passContents(reader.get(), block, entry.bytes, visitor);
-            !fault.empty()) {
+        if (std::string fault = passContents(reader.get(), block, entry.bytes, visitor); !fault.empty()) {
             return fault;
         }
         visitor.end();
