@@ -13,10 +13,8 @@
 #include "platform/flash/slot_map.h"
 #include "platform/utility/file_io.h"
 #include "tools/upgradectl/package_check.h"
-#include "tools/upgradectl/package_trailer.h"
 #include "tools/upgradectl/tool_error.h"
 #include "upgrade/upgrade_api.h"
-#include "upgrade/upgrade_version_ctrl.h"
 
 namespace upgradectl {
 
@@ -102,32 +100,11 @@ bool isExchangeBegun() {
     return exists(kAside) && exists(UpgradeProc::currentPkg) != exists(UpgradeProc::rollbackPkg);
 }
 
-bool isOfVersion(const std::string& package, const L_VERSION_T& version) {
-    std::string block(kTrailerBytes, '\0');
-    constexpr unsigned long kTrailerAt = kPackageBytes - kTrailerBytes;
-    if (COMMON_YR::readFileToBufferByOffset(package.c_str(), kTrailerAt, block.size(), block.data()) !=
-        static_cast<long>(block.size())) {
-        return false;
-    }
-    const PackageVersion is = decodeTrailer(block).trailer.version;
-    return is.hw == version.hw && is.mpu == version.mpu && is.mcu == version.mcu && is.bld == version.bld;
-}
-
-// A rename that failed leaves both packages and no marker, and the activation goes on. The versions alone tell whether
-// it is worth reading the packages.
-bool mayBeInEachOthersPlaces() {
-    L_VERSION_T running;
-    return exists(UpgradeProc::rollbackPkg) &&
-           UPGRADE_read_target_version(running, UpgradeProc::defaultCfg) == 0 &&
-           isOfVersion(UpgradeProc::rollbackPkg, running) && !isOfVersion(UpgradeProc::currentPkg, running);
-}
-
-// Empty when the packages are in their places.
 std::string completeExchange(const kavro::SlotContent& content) {
     const bool begun = isExchangeBegun();
     const bool waits = !holds(UpgradeProc::currentPkg, content) && holds(UpgradeProc::rollbackPkg, content);
     if (!begun && !waits) {
-        return {};
+        return "an activation or a rollback was cut off; the packages are in their places";
     }
     exchangeTheRest(begun);
     if (!kavro::flushDirectory(kPackageDirectory)) {
@@ -141,8 +118,8 @@ std::string completeExchange(const kavro::SlotContent& content) {
 
 std::string completeTornActivation() {
     const COMMON_YR::CancelHold hold;
-    const bool cutOff = exists(kMarker) || isExchangeBegun();
-    if (!cutOff && !mayBeInEachOthersPlaces()) {
+    // Without either, packages in each other's places are no sign: the boot loader's way back leaves them like that.
+    if (!exists(kMarker) && !isExchangeBegun()) {
         return {};
     }
     const std::optional<kavro::SlotContent> content = activatedContent();
@@ -150,12 +127,9 @@ std::string completeTornActivation() {
         return {};
     }
     std::string done = completeExchange(*content);
-    if (done.empty() && !cutOff) {
-        return {};
-    }
     COMMON_YR::rmFile(UpgradeProc::currentCfg);  // of the software before
     COMMON_YR::rmFile(kMarker);
-    return done.empty() ? "an activation or a rollback was cut off; the packages are in their places" : done;
+    return done;
 }
 
 }  // namespace upgradectl
