@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <optional>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -57,7 +56,11 @@ std::string orUnknown(const std::string& text) {
 
 // A negative part is that of what is about to be written: it stays when the writing does not come to its end.
 std::string currentVersionText(const std::string& version) {
-    const std::string text = std::regex_replace(version, std::regex("-[0-9]+"), "--");
+    std::string text = version;
+    for (std::size_t at = text.find('-'); at != std::string::npos; at = text.find('-', at + 2)) {
+        const std::size_t end = std::min(text.find_first_not_of("0123456789", at + 1), text.size());
+        text.replace(at, end - at, "--");
+    }
     return text == version ? orUnknown(version) : text + " (--: unfinished)";
 }
 
