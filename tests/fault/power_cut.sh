@@ -517,8 +517,13 @@ cut_start() {
     collect "$1+start" "$2+$4" "$out"
 }
 
-# The instants in which two packages change places, and an even spread of all others that left a state of their own.
+# The instants in which two packages change places, and of a full run an even spread of all others that left a state of
+# their own.
 is_first_of_two() {
+    if [[ $mode == quick ]]; then
+        [[ $1 == activate/none/rename:* ]]
+        return
+    fi
     case $1 in
     activate/*/rename:/firmware/* | rollback-*/*/rename:/firmware/*.pkg#* | */unlink:/config/upgraded#*) return 0 ;;
     *) (($2 % 40 == 0)) ;;
