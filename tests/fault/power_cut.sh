@@ -442,7 +442,7 @@ show_table() {
     done
     printf 'judged: cuts whose state was judged; states: distinct ones, each started once; upgraded: states of those that\n'
     printf 'differ in what a program reads, each upgraded and rolled back besides\n'
-    noted=$(find "$storage/cuts" -name '*.said' -exec grep -l '^note' {} + | wc -l)
+    noted=$(find "$storage/cuts" -name '*.said' -exec cat {} + | grep -c '^note' || true)
     printf 'states with a version file that was torn, and whole after init: %d\n' "$noted"
     printf 'cuts right after a sync, by the device or another program of this host: %d\n' "$after_sync"
     printf 'power_cut: tried %d, ok %d, failed %d\n' "$total_judged" $((total_judged - failures)) "$failures"
