@@ -1,4 +1,4 @@
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2154,SC2034
 # What the scripts share that make long series on twins: their options, one process after the other on a device of
 # its own, several side by side, and the count of what came of it. Sourced; the script sets `name`.
 #
@@ -125,6 +125,7 @@ make_process() {
                 "the process ended with status $code; ${said:-$(tail -n 3 "$dir/errors")}"
         fi
     } >"$dir/checked"
+    # shellcheck disable=SC2016  # the words of the inner shell
     flock "$results" sh -c 'cat "$1" >>"$2"' sh "$dir/checked" "$results"
     twin/twin remove "$dir/device"
 }
