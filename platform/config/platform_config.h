@@ -48,7 +48,7 @@ struct PlatformConfig {
     std::string bootEnvironmentConfig;  // says where U-Boot's environment is, in the form of fw_env.config
     std::string writtenSlotFile;        // what is known about a slot that was written and not yet activated
     std::string runningSlotFile;        // names the slot that was started; written at boot
-    std::string mcuLink;                // "spidev:PATH" or "unix:PATH"
+    std::string mcuLink;                // "spidev:PATH", "serial:PATH" or "unix:PATH"
 };
 
 // Reads the file anew at each call. A missing or damaged file, or a member of the wrong type, gives the

@@ -2,6 +2,7 @@
 
 #include <sys/un.h>
 
+#include "platform/mcu/serial_link.h"
 #include "platform/mcu/spidev_link.h"
 #include "platform/mcu/unix_link.h"
 
@@ -15,6 +16,7 @@ struct KindName {
 
 constexpr KindName kKinds[] = {
     {"spidev:", LinkAddress::Kind::kSpidev},
+    {"serial:", LinkAddress::Kind::kSerial},
     {"unix:", LinkAddress::Kind::kUnix},
 };
 
@@ -48,7 +50,7 @@ std::optional<LinkAddress> parseLinkAddress(const std::string& text, std::string
         }
         return address;
     }
-    error = "\"" + text + "\" is neither \"spidev:/dev/spidevB.C\" nor \"unix:PATH\"";
+    error = "\"" + text + "\" is none of \"spidev:/dev/spidevB.C\", \"serial:/dev/ttyN\", \"unix:PATH\"";
     return std::nullopt;
 }
 
@@ -57,8 +59,15 @@ std::unique_ptr<ByteLink> openByteLink(const std::string& address, std::string& 
     if (!parsed) {
         return nullptr;
     }
-    return parsed->kind == LinkAddress::Kind::kSpidev ? openSpidevLink(parsed->path, error)
-                                                      : openUnixLink(parsed->path, error);
+    switch (parsed->kind) {
+        case LinkAddress::Kind::kSpidev:
+            return openSpidevLink(parsed->path, error);
+        case LinkAddress::Kind::kSerial:
+            return openSerialLink(parsed->path, error);
+        case LinkAddress::Kind::kUnix:
+            break;
+    }
+    return openUnixLink(parsed->path, error);
 }
 
 }  // namespace kavro

@@ -1,5 +1,5 @@
-// The bytes to and from the microcontroller, whatever carries them: the SPI bus of a device, the socket of an
-// emulated microcontroller. Frames are made of the bytes elsewhere (frame.h); none of this knows about them.
+// The bytes to and from the microcontroller, whatever carries them: the SPI bus or a serial line of a
+// device, the socket of an emulated microcontroller. Frames are made of the bytes elsewhere (frame.h); none of this knows about them.
 //
 // A link is used by one thread at a time, and blocks. Whoever uses it on a thread that can be cancelled holds
 // cancellation off.
@@ -31,12 +31,12 @@ class ByteLink {
 
 // Where a link leads, as the device's configuration writes it.
 struct LinkAddress {
-    enum class Kind { kSpidev, kUnix };
+    enum class Kind { kSpidev, kSerial, kUnix };
     Kind kind = Kind::kUnix;
     std::string path;
 };
 
-// Takes "spidev:/dev/spidevB.C" or "unix:/PATH" apart. Nothing, with the reason, for anything else. Touches no
+// Takes "spidev:/dev/spidevB.C", "serial:/dev/ttyN" or "unix:/PATH" apart. Nothing, with the reason, for anything else. Touches no
 // file.
 std::optional<LinkAddress> parseLinkAddress(const std::string& text, std::string& error);
 

@@ -190,7 +190,7 @@ TEST_F(Mcu, init_fails_when_the_configuration_names_no_usable_link) {
     EXPECT_LT(driver.preUpgrade(kFirmware, true, false), 0);
     testsupport::writeFile(kConfig, R"({"mcu": {"link": "can:0"}})");
     EXPECT_LT(driver.init(), 0);
-    EXPECT_TRUE(testsupport::loggedWith(1, {kConfig, "\"can:0\" is neither"}));
+    EXPECT_TRUE(testsupport::loggedWith(1, {kConfig, "\"can:0\" is none of"}));
     std::filesystem::remove(kConfig);
     EXPECT_LT(driver.init(), 0);
     EXPECT_TRUE(testsupport::loggedWith(1, {kConfig, "cannot be read: No such file"}));

@@ -1,4 +1,4 @@
-// Addresses of links, and the link over a socket. That over the SPI bus has a file of its own.
+// Addresses of links, and the link over a socket. Those over the SPI bus and a serial line have files of their own.
 #include "platform/mcu/byte_link.h"
 
 #include <fcntl.h>
@@ -63,12 +63,16 @@ class UnixLink : public testing::Test {
     std::string error;
 };
 
-TEST(LinkAddresses, are_of_two_kinds) {
+TEST(LinkAddresses, are_of_three_kinds) {
     std::string error;
     const auto spi = kavro::parseLinkAddress("spidev:/dev/spidev1.0", error);
     ASSERT_TRUE(spi) << error;
     EXPECT_EQ(spi->kind, LinkAddress::Kind::kSpidev);
     EXPECT_EQ(spi->path, "/dev/spidev1.0");
+    const auto serial = kavro::parseLinkAddress("serial:/dev/ttyS1", error);
+    ASSERT_TRUE(serial) << error;
+    EXPECT_EQ(serial->kind, LinkAddress::Kind::kSerial);
+    EXPECT_EQ(serial->path, "/dev/ttyS1");
     const auto local = kavro::parseLinkAddress("unix:/dev/kavro-mcu/link", error);
     ASSERT_TRUE(local) << error;
     EXPECT_EQ(local->kind, LinkAddress::Kind::kUnix);
@@ -81,11 +85,14 @@ TEST(LinkAddresses, of_another_form_are_refused_with_the_reason) {
         std::string address;
         std::string reason;
     } rows[] = {
-        {"", "\"\" is neither \"spidev:/dev/spidevB.C\" nor \"unix:PATH\""},
-        {"/dev/spidev1.0", "\"/dev/spidev1.0\" is neither \"spidev:/dev/spidevB.C\" nor \"unix:PATH\""},
-        {"UNIX:/x", "\"UNIX:/x\" is neither \"spidev:/dev/spidevB.C\" nor \"unix:PATH\""},
-        {"tcp:host", "\"tcp:host\" is neither \"spidev:/dev/spidevB.C\" nor \"unix:PATH\""},
+        {"", "\"\" is none of \"spidev:/dev/spidevB.C\", \"serial:/dev/ttyN\", \"unix:PATH\""},
+        {"/dev/spidev1.0",
+         "\"/dev/spidev1.0\" is none of \"spidev:/dev/spidevB.C\", \"serial:/dev/ttyN\", \"unix:PATH\""},
+        {"UNIX:/x", "\"UNIX:/x\" is none of \"spidev:/dev/spidevB.C\", \"serial:/dev/ttyN\", \"unix:PATH\""},
+        {"tcp:host",
+         "\"tcp:host\" is none of \"spidev:/dev/spidevB.C\", \"serial:/dev/ttyN\", \"unix:PATH\""},
         {"spidev:", "spidev:: the path does not begin with '/'"},
+        {"serial:ttyS1", "serial:ttyS1: the path does not begin with '/'"},
         {"unix:link", "unix:link: the path does not begin with '/'"},
         {"unix:/" + std::string(107, 'x'),
          "unix:/" + std::string(107, 'x') + ": the path of a socket has at most 107 characters"},

@@ -466,12 +466,12 @@ TEST(McuConfig, must_name_a_link_of_a_known_form) {
     config.wrongMembers = {"mpu.bootloader must be a string", "mcu.link must be a string"};
     EXPECT_FALSE(kavro::checkMcuConfig(config, error));
     EXPECT_EQ(error, "/etc/kavro/platform.json: mcu.link must be a string");
-    config.mcuLink = "serial:/dev/ttyS0";
+    config.mcuLink = "tcp:/dev/ttyS0";
     EXPECT_FALSE(kavro::checkMcuConfig(config, error));
     EXPECT_EQ(error,
-              "/etc/kavro/platform.json: mcu.link: \"serial:/dev/ttyS0\" is neither "
-              "\"spidev:/dev/spidevB.C\" nor \"unix:PATH\"");
-    for (const char* link : {"spidev:/dev/spidev1.0", "unix:/dev/kavro-mcu/link"}) {
+              "/etc/kavro/platform.json: mcu.link: \"tcp:/dev/ttyS0\" is none of "
+              "\"spidev:/dev/spidevB.C\", \"serial:/dev/ttyN\", \"unix:PATH\"");
+    for (const char* link : {"spidev:/dev/spidev1.0", "serial:/dev/ttyS1", "unix:/dev/kavro-mcu/link"}) {
         config.mcuLink = link;
         EXPECT_TRUE(kavro::checkMcuConfig(config, error)) << error;
     }
