@@ -59,10 +59,15 @@ class KAVRO_EXPORT AsyncProc : public UpProc {
         monitor.start(kRepeat);
     }
 
-    // Waits one sweep period for the last jobs, then stops the monitor.
+    // Waits one sweep period for the last jobs; the monitor ends meanwhile.
     ~AsyncProc() {
         const CancelHold hold;
+        monitor.stop(0);
+        monitor.stop(0);
         usleep(kDestroyPauseUs);
+        if (monitor.owner != nullptr) {
+            sweep();
+        }
         const unsigned long left = jobCount();
         if (left != 0) {
             printLog(2, "AsyncProc(%s) has %lu thrd not deleted!\n", name.c_str(), left);
@@ -148,8 +153,8 @@ class KAVRO_EXPORT AsyncProc : public UpProc {
         AsyncThreadMonitor() { setName("asyncMonitor"); }
 
         int threadFunc() override {
-            static_cast<AsyncProc*>(owner)->sweep();
             usleep(kSweepPeriodUs);
+            static_cast<AsyncProc*>(owner)->sweep();
             return kGoOn;
         }
     };
