@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "bench/measurements.h"
+#include "bench/sample.h"
 
 namespace {
 
@@ -22,13 +23,17 @@ constexpr Row kMeasurements[] = {
     {"flash", [](const char* directory, int rounds) { bench::measureFlashWrite(directory, rounds); }},
     {"side-by-side", [](const char* directory, int rounds) { bench::measureSideBySide(directory, rounds); }},
     {"latency", [](const char*, int rounds) { bench::measureLatency(rounds); }},
-    {"subscribe", [](const char*, int) { bench::subscribe(); }},
 };
 
 }  // namespace
 
 int main(int count, char** arguments) {
     const char* const name = count > 1 ? arguments[1] : "";
+    if (std::strcmp(name, "subscribe") == 0) {
+        bench::subscribe();
+        return 0;
+    }
+    bench::keepStandardOutput();
     for (const Row& row : kMeasurements) {
         if (std::strcmp(row.name, name) == 0) {
             row.measure(count > 2 ? arguments[2] : "", count > 3 ? std::atoi(arguments[3]) : 1);

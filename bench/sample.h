@@ -24,6 +24,9 @@ double timeOfCommand(const std::string& command);
 void comparePairs(const std::string& name, int rounds, const std::function<void()>& prepare,
                   const std::function<bool()>& ours, const std::string& theirs);
 
+// Keeps standard output for the samples: what commands say goes nowhere. Call it first.
+void keepStandardOutput();
+
 [[noreturn]] void fail(const std::string& what);
 
 }  // namespace bench

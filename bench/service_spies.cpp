@@ -158,6 +158,7 @@ int UpgradeMcu::postUpgrade() {
 }
 
 // The C library's, which the upgrade manager calls directly.
+#pragma GCC visibility push(default)
 extern "C" {
 
 unsigned sleep(unsigned seconds) {
@@ -183,3 +184,4 @@ void sync() noexcept {
 }
 
 }  // extern "C"
+#pragma GCC visibility pop
