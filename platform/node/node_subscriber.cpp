@@ -2,6 +2,9 @@
 
 #include <nng/protocol/pubsub0/sub.h>
 
+#include <system_error>
+#include <thread>
+
 namespace kavro {
 
 namespace {
@@ -9,6 +12,16 @@ namespace {
 // A publisher may live for a second only, as one that activates: whoever is late has missed it.
 constexpr nng_duration kFirstRedialMs = 20;
 constexpr nng_duration kSlowestRedialMs = 200;
+
+// Version 1.5 of the library waits for ever when the head of a message has just come in while its socket is closed: it
+// asks for the rest, which it has forbidden itself. Nobody else need wait for that.
+void closeAside(nng_socket socket) {
+    try {
+        std::thread([socket] { nng_close(socket); }).detach();
+    } catch (const std::system_error&) {
+        // Without a thread it stays open until the process ends.
+    }
+}
 
 }  // namespace
 
@@ -37,7 +50,9 @@ int NodeSubscriber::dial(const std::string& address) {
 }
 
 NodeSubscriber::~NodeSubscriber() {
-    nng_close(socket);  // the initial value is no socket, which nng_close() refuses
+    if (nng_socket_id(socket) >= 0) {
+        closeAside(socket);
+    }
 }
 
 std::optional<NodeMessage> NodeSubscriber::receive(int timeoutMs) {

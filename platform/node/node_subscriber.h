@@ -21,6 +21,7 @@ class NodeSubscriber {
   public:
     // Does not wait for a publisher. Null, with the reason in error, for something that is no address.
     static std::unique_ptr<NodeSubscriber> open(const std::string& address, std::string& error);
+    // Returns at once; the connection ends soon afterwards.
     ~NodeSubscriber();
     NodeSubscriber(const NodeSubscriber&) = delete;
     NodeSubscriber& operator=(const NodeSubscriber&) = delete;
