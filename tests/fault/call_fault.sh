@@ -35,6 +35,8 @@ here=$root/tests/fault
 twin=$root/twin/twin
 # shellcheck source=../../twin/device.sh
 source "$root/twin/device.sh"
+# shellcheck source=releases.sh
+source "$here/releases.sh"
 
 mode=quick only='' calls='' seed=1 quick_points=48 jobs=2 json='' work='' keep=false list=false library='' self_test=false
 wanted=()
@@ -109,22 +111,6 @@ make_work() {
 
 # --- releases and devices -------------------------------------------------------------------------------------------
 
-# make_release NAME HW MPU MCU BLD
-make_release() {
-    "$root/twin/demo/make_release.sh" --small "$releases/$1" "${@:2}"
-    "$upgradectl" pack --key "$releases/key.pem" --version "$(IFS=. && printf '%s' "${*:2}")" \
-        --output "$releases/$1.pkg" "$releases/$1" >/dev/null
-}
-
-# The second release brings the microcontroller's firmware, the third only the main processor's.
-make_releases() {
-    openssl genpkey -quiet -algorithm RSA -out "$releases/key.pem" 2>/dev/null
-    make_release first 1 104 7 2
-    make_release second 1 105 8 3
-    make_release third 1 106 7 4
-    make_release next 1 109 9 5
-}
-
 # run_on DEVICE SPEED [NAME=VALUE...] -- ARGUMENT...: of upgradectl. Its exit status is in DEVICE/tmp/status, with the
 # number of processes that it has left behind.
 run_on() {
@@ -152,67 +138,41 @@ run_on() {
         ${library:+LD_LIBRARY_PATH="$library"} "${settings[@]}" "$upgradectl" "${@:2}"
 }
 
-# on_device DEVICE ARGUMENT...: of upgradectl; it must succeed.
-on_device() {
-    run_on "$1" $speed -- "${@:2}" >"$work/said" 2>&1 || true
-    [[ $(<"$1/run/status") == "0 0" ]] || die "preparing a device: upgradectl ${*:2} failed: $(tail -n 3 "$work/said")"
-}
-
 copy_device() {
     rm -rf -- "$2"
     cp -a --sparse=auto -- "$1" "$2"
 }
 
-boot() {
-    "$twin" boot "$1" >/dev/null || die "preparing a device: it does not start"
+grown() {
+    copy_device "$bases/$1" "$bases/$2"
 }
 
 # What each scenario begins with.
 make_devices() {
     local release
-    "$twin" create "$bases/factory" --plain --components "$releases/first" >/dev/null
-    cp --sparse=always "$releases/first.pkg" "$bases/factory/firmware/current.pkg"
-    copy_device "$bases/factory" "$bases/fresh"
-    copy_device "$bases/factory" "$bases/with_origin"
+    make_factory --plain
+    grown factory fresh
+    grown factory with_origin
     cp --sparse=always "$releases/first.pkg" "$work/origin.pkg"
     tar -C "$work" -czf "$bases/with_origin/etc-kavro/origin.pkg.tar.gz" origin.pkg
     md5sum <"$work/origin.pkg" | cut -c 1-32 | tr -d '\n' >"$bases/with_origin/etc-kavro/origin_pkg_md5sum.txt"
     rm "$bases/with_origin/firmware/current.pkg" "$work/origin.pkg"
     on_device "$bases/factory" init
     for release in second third; do
-        copy_device "$bases/factory" "$bases/installed_$release"
-        on_device "$bases/installed_$release" install "$releases/$release.pkg"
-        copy_device "$bases/installed_$release" "$bases/activated_$release"
-        on_device "$bases/activated_$release" activate
-        copy_device "$bases/activated_$release" "$bases/trial_$release"
-        boot "$bases/trial_$release"
-        copy_device "$bases/trial_$release" "$bases/started_$release"
-        on_device "$bases/trial_$release" init
-        copy_device "$bases/trial_$release" "$bases/runs_$release"
-        on_device "$bases/runs_$release" confirm
+        make_upgraded "$release"
     done
     # Cut off in the middle of the exchange of the packages: init completes it.
-    copy_device "$bases/activated_second" "$bases/torn"
+    grown activated_second torn
     mv "$bases/torn/firmware/rollback.pkg" "$bases/torn/firmware/temp"
     mv "$bases/torn/firmware/current.pkg" "$bases/torn/firmware/rollback.pkg"
     : >"$bases/torn/config/upgraded"
     boot "$bases/torn"
 }
 
-# NAME: the device it begins with, what is done on it, the release that it is to bring.
-declare -A begins_with=([install]=factory [install-third]=factory [activate]=installed_second [confirm]=trial_second
-    [rollback-flash]=runs_second [rollback-switch]=runs_third [init]=fresh [init-trial]=started_second
-    [init-origin]=with_origin [init-torn]=torn)
-declare -A does=([install]='install RELEASES/second.pkg' [install-third]='install RELEASES/third.pkg'
-    [activate]=activate [confirm]=confirm [rollback-flash]=rollback [rollback-switch]=rollback [init]=init
-    [init-trial]=init [init-origin]=init [init-torn]=init)
-declare -A brings=([install]=second [install-third]=third [activate]=second [confirm]=second [rollback-flash]=first
-    [rollback-switch]=first [init]=first [init-trial]=second [init-origin]=first [init-torn]=second)
+begins_with+=([init-trial]=started_second [init-origin]=with_origin [init-torn]=torn)
+does+=([init-trial]=init [init-origin]=init [init-torn]=init)
+brings+=([init-trial]=second [init-origin]=first [init-torn]=second)
 order=(install activate confirm rollback-flash rollback-switch init init-trial init-origin init-torn install-third)
-
-words_of() {
-    read -ra words <<<"${does[$1]//RELEASES/$releases}"
-}
 
 # --- what a device is -----------------------------------------------------------------------------------------------
 
@@ -431,13 +391,6 @@ judge_state() {
     grep '^wrong' "$1/said" >>"$1/wrong" || tail -n 1 "$1/said" | grep -q '^all holds$' ||
         printf 'the check ended early: %s\n' "$(tail -n 3 "$1/said" | tr '\n' '|')" >>"$1/wrong"
     rm -rf -- "$checked" "$checked.copy"
-}
-
-in_parallel() {
-    while (($(jobs -rp | wc -l) >= jobs)); do
-        wait -n || true
-    done
-    "$@" &
 }
 
 # --- the suite ------------------------------------------------------------------------------------------------------

@@ -29,6 +29,8 @@ here=$root/tests/fault
 twin=$root/twin/twin
 # shellcheck source=../../twin/device.sh
 source "$root/twin/device.sh"
+# shellcheck source=releases.sh
+source "$here/releases.sh"
 
 mode=quick only='' jobs=2 json='' work='' keep=false list=false self_test=false
 wanted=()
@@ -91,7 +93,7 @@ let_go() {
 
 make_storage() {
     [[ -n $work ]] || work=$(mktemp -d "$build/power_cut.XXXXXXXX")
-    storage=$work/storage
+    storage=$work/storage bases=$work/storage/bases releases=$work/releases
     mkdir -p "$storage"
     rm -f "$work/storage.img"
     truncate -s 64G "$work/storage.img"
@@ -122,39 +124,13 @@ attach() {
 
 # --- releases, packages, devices ------------------------------------------------------------------------------------
 
-# make_release NAME HW MPU MCU BLD
-make_release() {
-    "$root/twin/demo/make_release.sh" --small "$releases/$1" "${@:2}"
-    "$upgradectl" pack --key "$releases/key.pem" --version "$(IFS=. && printf '%s' "${*:2}")" \
-        --output "$releases/$1.pkg" "$releases/$1" >/dev/null
-}
-
 declare -A component_bytes=()  # by RELEASE/COMPONENT
 
-# The second release brings the microcontroller's firmware, the third only the main processor's.
-make_releases() {
-    releases=$work/releases
-    mkdir -p "$releases"
-    openssl genpkey -quiet -algorithm RSA -out "$releases/key.pem" 2>/dev/null
-    make_release first 1 104 7 2
-    make_release second 1 105 8 3
-    make_release third 1 106 7 4
-    make_release next 1 109 9 5
+measure_components() {
     local file
     for file in "$releases"/*/*; do
         component_bytes[${file#"$releases/"}]=$(stat -c %s "$file")
     done
-}
-
-# on_device DEVICE ARGUMENT...: of upgradectl, its pauses shortened.
-on_device() {
-    "$twin" run "$1" --visible "$build" --visible "$releases" --env KAVRO_CLOCK_SPEED=8 \
-        -- env LD_PRELOAD="$programs/libkavro_short_clock.so" "$upgradectl" "${@:2}" >"$work/said" 2>&1 ||
-        die "preparing a device: upgradectl ${*:2} failed: $(tail -n 3 "$work/said")"
-}
-
-boot() {
-    "$twin" boot "$1" >/dev/null || die "preparing a device: it does not start"
 }
 
 # grown FROM TO: a device that is going to be another one.
@@ -165,22 +141,12 @@ grown() {
 
 # What each scenario begins with.
 make_devices() {
-    bases=$storage/bases
     mkdir -p "$bases"
-    "$twin" create "$bases/factory" --block --components "$releases/first" >/dev/null
-    cp --sparse=always "$releases/first.pkg" "$bases/factory/firmware/current.pkg"
+    make_factory --block
     on_device "$bases/factory" init
     local release
     for release in second third; do
-        grown factory "installed_$release"
-        on_device "$bases/installed_$release" install "$releases/$release.pkg"
-        grown "installed_$release" "activated_$release"
-        on_device "$bases/activated_$release" activate
-        grown "activated_$release" "trial_$release"
-        boot "$bases/trial_$release"
-        on_device "$bases/trial_$release" init
-        grown "trial_$release" "runs_$release"
-        on_device "$bases/runs_$release" confirm
+        make_upgraded "$release"
     done
     grown factory fresh
     "$twin" boot "$bases/fresh" >/dev/null
@@ -195,15 +161,9 @@ make_devices() {
 
 # --- scenarios ------------------------------------------------------------------------------------------------------
 
-# NAME: the device it begins with, what is done on it, the release that it is to bring.
-declare -A begins_with=([install]=factory [install-third]=factory [install-over]=activated_second
-    [activate]=installed_second [confirm]=trial_second [rollback-flash]=runs_second
-    [rollback-switch]=runs_third [init]=fresh [start]=activated_second)
-declare -A does=([install]='install RELEASES/second.pkg' [install-third]='install RELEASES/third.pkg'
-    [install-over]='install RELEASES/third.pkg' [activate]=activate [confirm]=confirm
-    [rollback-flash]=rollback [rollback-switch]=rollback [init]=init [start]=START)
-declare -A brings=([install]=second [install-third]=third [install-over]=third [activate]=second [confirm]=second
-    [rollback-flash]=first [rollback-switch]=first [init]=first [start]=second)
+begins_with+=([install-over]=activated_second [start]=activated_second)
+does+=([install-over]='install RELEASES/third.pkg' [start]=START)
+brings+=([install-over]=third [start]=second)
 order=(activate confirm rollback-switch init start install rollback-flash install-over install-third)
 
 watched=(LD_PRELOAD=/dev/kavro-mcu/interpose.so KAVRO_FAULT_BOARD=/dev/kavro-mcu/board)
@@ -302,14 +262,6 @@ write_state() {
     for name in config firmware; do
         umount "$1/$name"
     done
-}
-
-# in_parallel COMMAND...: not more than `jobs` at a time.
-in_parallel() {
-    while (($(jobs -rp | wc -l) >= jobs)); do
-        wait -n || true
-    done
-    "$@" &
 }
 
 # --- verdicts -------------------------------------------------------------------------------------------------------
@@ -578,7 +530,7 @@ list_points() {
     for scenario in "${scenarios[@]}"; do
         copy_device "$bases/${begins_with[$scenario]}" "$device"
         attach "$device" 300
-        read -ra words <<<"${does[$scenario]//RELEASES/$releases}"
+        words_of "$scenario"
         watch "$device" --list --one-in "$one_in" -- "${words[@]}" 2>/dev/null | grep -P '^\d{4}\t' |
             awk -v scenario="$scenario" -F '\t' '{ printf "%s %s %s %s %s\n", scenario, $2, $4, $3, $5 }'
         "$twin" detach "$device"
@@ -643,6 +595,7 @@ test_judge() {
 
 make_storage
 make_releases
+measure_components
 make_devices
 check_method
 [[ -z $json ]] || : >"$json"
