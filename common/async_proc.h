@@ -59,15 +59,10 @@ class KAVRO_EXPORT AsyncProc : public UpProc {
         monitor.start(kRepeat);
     }
 
-    // Waits one sweep period for the last jobs; the monitor ends meanwhile.
+    // Waits one sweep period for the last jobs, then stops the monitor.
     ~AsyncProc() {
         const CancelHold hold;
-        monitor.stop(0);
-        monitor.stop(0);
         usleep(kDestroyPauseUs);
-        if (monitor.owner != nullptr) {
-            sweep();
-        }
         const unsigned long left = jobCount();
         if (left != 0) {
             printLog(2, "AsyncProc(%s) has %lu thrd not deleted!\n", name.c_str(), left);
@@ -153,8 +148,8 @@ class KAVRO_EXPORT AsyncProc : public UpProc {
         AsyncThreadMonitor() { setName("asyncMonitor"); }
 
         int threadFunc() override {
-            usleep(kSweepPeriodUs);
             static_cast<AsyncProc*>(owner)->sweep();
+            usleep(kSweepPeriodUs);
             return kGoOn;
         }
     };

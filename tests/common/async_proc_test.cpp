@@ -467,10 +467,9 @@ TEST_F(AsyncProcTest, a_job_that_ends_before_the_last_sweep_is_swept_by_it) {
     {
         Runner runner("aRunner", nullptr);
         Input input(1);
-        // The pause is over as soon as the job is, perhaps after the monitor has looked for the last time.
+        // The pause begins when the job is gone from the list, as in a sweep that just makes it.
         spy::sleeps().onSleep([&](const spy::Sleep& sleep) {
-            return sleep.microseconds != kDestroyPauseUs ||
-                   !eventually([] { return !threadIsThere("aRunner_JOB"); });
+            return sleep.microseconds != kDestroyPauseUs || !becomesIdle(runner);
         });
         runner.run(input, &reportBack, "JOB", &doWork);
     }
