@@ -149,6 +149,7 @@ class KAVRO_EXPORT AsyncProc : public UpProc {
 
         int threadFunc() override {
             static_cast<AsyncProc*>(owner)->sweep();
+            const StopWindow window;
             usleep(kSweepPeriodUs);
             return kGoOn;
         }

@@ -44,4 +44,17 @@ class CancelWindow {
     CancelWindow& operator=(const CancelWindow&) = delete;
 };
 
+// Lets the stop() of a UserThreadBase cut short one blocking call of its thread's body, such as a sleep between two
+// rounds. The call must leave nothing behind; what threadFunc() has on its stack is unwound.
+class StopWindow {
+  public:
+    StopWindow() { pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &previous); }
+    ~StopWindow() { pthread_setcancelstate(previous, nullptr); }
+    StopWindow(const StopWindow&) = delete;
+    StopWindow& operator=(const StopWindow&) = delete;
+
+  private:
+    int previous = PTHREAD_CANCEL_DISABLE;
+};
+
 }  // namespace COMMON_YR

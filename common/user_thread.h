@@ -10,9 +10,9 @@ namespace COMMON_YR {
 
 // A thread that runs threadFunc() of a derived class, once or again and again.
 //
-// The object may be started and stopped from any thread, and started again after a stop. The thread is never
-// cancelled. A derived class must call stop() in its own destructor if its thread may still be running then,
-// since the thread calls virtual functions of the object.
+// The object may be started and stopped from any thread, and started again after a stop. The thread holds cancellation
+// off, but where its body opens a StopWindow (common/cancellation.h). A derived class must call stop() in its own
+// destructor if its thread may still be running then, since the thread calls virtual functions of the object.
 class KAVRO_EXPORT UserThreadBase {
   public:
     // The name is "baseThread" until a derived class sets another, the stack 256 KiB, the scheduling
@@ -26,14 +26,14 @@ class KAVRO_EXPORT UserThreadBase {
 
     // Runs on the new thread before the first threadFunc(). A negative result skips it and ends the thread.
     virtual int initFunc();
-    // Runs on the new thread after the last threadFunc(), provided that initFunc() succeeded.
+    // Runs on the new thread after the last threadFunc(), provided that initFunc() succeeded. Throws nothing.
     virtual int deinitFunc();
     // The body. In a thread that repeats, a negative result ends the repetition.
     virtual int threadFunc();
-    // Asks the repetition to end and waits for the thread, at most waitMs milliseconds (a negative value
-    // waits without limit). A body that is still running then is left to end on its own; until it has,
-    // isRunning() stays true and the object must stay alive. From the thread itself it only asks. Without a
-    // thread it does nothing.
+    // Asks the repetition to end and waits for the thread, at most waitMs milliseconds (a negative value waits without
+    // limit). A body that waits in a StopWindow is unwound from there. One that is still running in the end is left to
+    // end on its own; until it has, isRunning() stays true and the object must stay alive. From the thread itself it
+    // only asks. Without a thread it does nothing.
     virtual void stop(int waitMs);
 
     // Starts the thread: repeat -1 runs threadFunc() until stopped, a positive number that many times.

@@ -102,6 +102,33 @@ struct UserThreadBase::Control {
         int repeat;
     };
 
+    // What is due on the way out of the thread, also when a stop unwinds it.
+    class Ending {
+      public:
+        explicit Ending(Control& ofThread) : control(ofThread) {}
+        ~Ending() { control.markEnded(); }
+        Ending(const Ending&) = delete;
+        Ending& operator=(const Ending&) = delete;
+
+      private:
+        Control& control;
+    };
+    class Deinit {
+      public:
+        Deinit(const Control& ofThread, UserThreadBase& its) : control(ofThread), object(its) {}
+        ~Deinit() {
+            if (!control.abandoned) {
+                object.deinitFunc();
+            }
+        }
+        Deinit(const Deinit&) = delete;
+        Deinit& operator=(const Deinit&) = delete;
+
+      private:
+        const Control& control;
+        UserThreadBase& object;
+    };
+
     static void* enter(void* launched);
     void run(UserThreadBase& object, int repeat) const;
     void markEnded();
@@ -119,11 +146,12 @@ struct UserThreadBase::Control {
 };
 
 void* UserThreadBase::Control::enter(void* launched) {
-    const CancelHold hold;
+    // Until the very end: the cancel of a stop must not act where the C library clears the thread away.
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     const std::unique_ptr<Launch> launch(static_cast<Launch*>(launched));
+    const Ending ending(*launch->control);
     pthread_setname_np(pthread_self(), launch->name.substr(0, kKernelNameLength).c_str());
     launch->control->run(*launch->object, launch->repeat);
-    launch->control->markEnded();
     return nullptr;
 }
 
@@ -132,6 +160,7 @@ void UserThreadBase::Control::run(UserThreadBase& object, int repeat) const {
     if (object.initFunc() < 0) {
         return;
     }
+    const Deinit deinit(*this, object);
     int round = 0;
     do {
         if (object.threadFunc() < 0) {
@@ -141,9 +170,6 @@ void UserThreadBase::Control::run(UserThreadBase& object, int repeat) const {
             ++round;
         }
     } while (round != repeat && !stopAsked);
-    if (!abandoned) {
-        object.deinitFunc();
-    }
 }
 
 // The last that the thread does with the lock: whoever sees `running` false under it can join at once.
@@ -209,6 +235,9 @@ void UserThreadBase::stop(int waitMs) {
     control->stopAsked = true;
     if (!control->joinable || pthread_equal(control->thread, pthread_self()) != 0) {
         return;
+    }
+    if (control->running) {
+        pthread_cancel(control->thread);
     }
     control->waitForEnd(waitMs);
     if (!control->running) {

@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/cancellation.h"
 #include "common/utility.h"
 #include "tests/support/temp_dir.h"
 
@@ -341,6 +342,71 @@ TEST(UserThread, starts_and_stops_of_many_threads_do_not_disturb_each_other) {
     EXPECT_FALSE(worker.isRunning());
     EXPECT_EQ(worker.inits, started);
     EXPECT_EQ(worker.deinits, started);
+}
+
+// Its rounds last for an hour.
+class Sleeper : public UserThreadBase {
+  public:
+    ~Sleeper() { stop(-1); }
+    int deinitFunc() override {
+        ++deinits;
+        return 0;
+    }
+    int threadFunc() override {
+        const auto last = [this](void*) { unwound = true; };
+        const std::unique_ptr<void, decltype(last)> onTheWayOut(this, last);
+        if (open) {
+            const COMMON_YR::StopWindow window;
+            asleep = true;
+            sleep(3600);
+        }
+        asleep = true;
+        while (!released) {
+            pause();
+        }
+        return 0;
+    }
+    void awaitSleep() const {
+        while (!asleep) {
+            pause();
+        }
+    }
+
+    bool open = true;
+    std::atomic<bool> asleep{false};
+    std::atomic<bool> released{false};
+    std::atomic<bool> unwound{false};
+    std::atomic<int> deinits{0};
+};
+
+TEST(UserThread, stop_cuts_a_pause_short_that_the_body_has_opened) {
+    const int before = threadsAtFirst();
+    Sleeper sleeper;
+    for (int i = 1; i <= 3; ++i) {
+        sleeper.asleep = false;
+        sleeper.unwound = false;
+        ASSERT_TRUE(sleeper.start(-1));
+        sleeper.awaitSleep();
+        sleeper.stop(-1);
+        EXPECT_FALSE(sleeper.isRunning());
+        EXPECT_TRUE(sleeper.unwound);
+        EXPECT_EQ(sleeper.deinits, i);
+    }
+    EXPECT_TRUE(comesDownTo(before));
+}
+
+TEST(UserThread, stop_leaves_a_body_alone_that_has_opened_nothing) {
+    Sleeper sleeper;
+    sleeper.open = false;
+    ASSERT_TRUE(sleeper.start(-1));
+    sleeper.awaitSleep();
+    sleeper.stop(20);
+    EXPECT_TRUE(sleeper.isRunning());
+    EXPECT_FALSE(sleeper.unwound);
+    sleeper.released = true;
+    sleeper.stop(-1);
+    EXPECT_FALSE(sleeper.isRunning());
+    EXPECT_EQ(sleeper.deinits, 1);
 }
 
 TEST(UserThread, start_and_stop_ignore_a_pending_cancel) {
