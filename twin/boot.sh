@@ -80,7 +80,7 @@ load_environment() {
 # part_is_expected SLOT PART
 part_is_expected() {
     local actual
-    [[ ${environment[slot_$1_$2]} =~ ^([0-9]+)\ ([0-9a-f]{64})$ ]] || return 1
+    [[ ${environment[slot_$1_$2]} =~ ^(0*[1-9][0-9]*)\ ([0-9a-f]{64})$ ]] || return 1
     actual=$(head -c "${BASH_REMATCH[1]}" "$state/partitions/$2_$1" | sha256sum)
     [[ ${actual%% *} == "${BASH_REMATCH[2]}" ]]
 }

@@ -1,0 +1,182 @@
+#!/usr/bin/env bash
+# Power cuts of a whole device, in the virtual machine: the emulators of both processors are killed at moments that are
+# spread over an installation, an activation, a rollback and the start after an activation. What the kernel of the device
+# has not handed over to its disk is lost. Each time the device must come up from a whole slot, be ready for upgrades, and
+# take the next one.
+#
+#   cuts.sh HOST_BUILD ARM64_BUILD SYSROOT WORK [NUMBER]
+set -euo pipefail
+
+here=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")" && pwd)
+# shellcheck source=machine.sh
+source "$here/machine.sh"
+# shellcheck source=checks.sh
+source "$here/checks.sh"
+# shellcheck source=releases.sh
+source "$here/releases.sh"
+
+host=$(realpath -- "$1") target=$(realpath -- "$2") sysroot=$(realpath -- "$3")
+work=$(realpath -m -- "$4")/cuts
+number=${5:-20}
+machine=$work/machine
+export KAVRO_TWIN_PROGRAMS=$host/twin
+
+first=1.104.7.2
+second=1.105.8.3
+third=1.106.9.3
+
+# What is cut: of a device in which state, and which command; the start has none.
+declare -A base_of=([install]=new [activate]=installed [start]=activated [rollback]=second)
+declare -A command_of=([install]="upgradectl install --plain /media/$second.pkg" [activate]="upgradectl activate"
+    [rollback]="upgradectl rollback --plain" [start]="")
+kinds=(install start install activate rollback)
+declare -A milliseconds_of=() cuts_of=() done_of=()
+rows=()
+
+now_in_milliseconds() {
+    printf '%d\n' $((${EPOCHREALTIME/./} / 1000))
+}
+
+make_packages() {
+    say "three releases"
+    rm -rf "$work"
+    mkdir -p "$work"
+    make_key
+    make_package "$first"
+    make_package "$second"
+    make_package "$third"
+    make_stick "$second" "$third"
+}
+
+# time_command KIND: on the device that runs.
+time_command() {
+    local begin
+    begin=$(now_in_milliseconds)
+    machine_run "${command_of[$1]}" >"$work/$1.log" || { cat "$work/$1.log" && return 1; }
+    milliseconds_of[$1]=$(($(now_in_milliseconds) - begin))
+}
+
+# keep NAME: the device as it is now, off.
+keep() {
+    machine_switch_off
+    machine_copy "$machine" "$work/$1"
+}
+
+power_on() {
+    mcu_start "$machine"
+    machine_boot "$machine"
+}
+
+# The states that cuts begin from, and how long each command takes when nothing disturbs it.
+make_states() {
+    say "a device before and after each command"
+    machine_create "$work/new" "$work/release-$first" "$work/$first.pkg"
+    ln "$work/stick.img" "$work/new/stick.img"
+    machine_copy "$work/new" "$machine"
+    power_on
+    time_command install
+    keep installed
+    power_on
+    time_command activate
+    keep activated
+    local begin
+    begin=$(now_in_milliseconds)
+    power_on
+    milliseconds_of[start]=$(($(now_in_milliseconds) - begin))
+    keep second
+    power_on
+    time_command rollback
+    machine_cut
+    local kind
+    for kind in install activate start rollback; do
+        printf '  %-10s %6d ms\n' "$kind" "${milliseconds_of[$kind]}"
+    done
+}
+
+count_cuts() {
+    local index kind
+    for ((index = 0; index < number; index++)); do
+        kind=${kinds[index % ${#kinds[@]}]}
+        cuts_of[$kind]=$((${cuts_of[$kind]-0} + 1))
+    done
+}
+
+# hear_for MILLISECONDS: sets `heard` to the last line that the device says meanwhile.
+hear_for() {
+    local end line
+    end=$(($(now_in_milliseconds) + $1))
+    heard=
+    while (($(now_in_milliseconds) < end)); do
+        if IFS= read -r -t 0.05 -u "$control_out" line && [[ -n $line ]]; then heard=${line%$'\r'}; fi
+    done
+}
+
+# cut_at KIND MILLISECONDS
+cut_at() {
+    machine_copy "$work/${base_of[$1]}" "$machine"
+    mcu_start "$machine"
+    if [[ -n ${command_of[$1]} ]]; then
+        machine_boot "$machine"
+        machine_send "${command_of[$1]}"
+    else
+        machine_start "$machine"
+    fi
+    hear_for "$2"
+    machine_cut
+}
+
+# come_back KIND: the power is there again. Each of these must be so; what is not is in `faults`.
+come_back() {
+    faults=() starts=0 slot=- release=- mcu=- next=-
+    mcu_start "$machine"
+    machine_boot "$machine" || { faults+=("does not come up") && return; }
+    slot=$(machine_run fw_printenv -n boot_slot)
+    release=$(machine_run cat /etc/kavro-release)
+    case $1 in
+    install) [[ $release == "$first" ]] || faults+=("left the old slot") ;;
+    start | activate | rollback) [[ $release == "$first" || $release == "$second" ]] || faults+=("no whole slot") ;;
+    esac
+    machine_run upgradectl init >"$work/init.log" || faults+=("init: $(tail -n 1 "$work/init.log")")
+    mcu=$(machine_run upgradectl versions --json | jq .microcontroller)
+}
+
+# install_next: as if nothing had been.
+install_next() {
+    machine_run upgradectl install --plain "/media/$third.pkg" >"$work/next.log" &&
+        machine_run upgradectl activate >>"$work/next.log" &&
+        machine_restart "$machine" &&
+        next=$(machine_run cat /etc/kavro-release) &&
+        [[ $next == "$third" && $(machine_run fw_printenv -n upgrade_available) == 0 &&
+            $(machine_run upgradectl versions --json | jq .microcontroller) == 9 ]]
+}
+
+# cut KIND: the next one of its kind, at the middle of its share of the time.
+cut() {
+    local at verdict=ok
+    at=$((milliseconds_of[$1] * (2 * ${done_of[$1]-0} + 1) / (2 * cuts_of[$1])))
+    done_of[$1]=$((${done_of[$1]-0} + 1))
+    cut_at "$1" "$at"
+    come_back "$1"
+    ((${#faults[@]})) || install_next || faults+=("the next installation: $(tail -n 1 "$work/next.log")")
+    machine_cut
+    if ((${#faults[@]})); then
+        verdict="FAIL: ${faults[*]}"
+        failures=$((failures + 1))
+        mv "$machine" "$work/failed-$failures"
+    fi
+    rows+=("$(printf '%-9s %6d ms  %-52.52s %6d %-4s %-10s %-5s %-10s %s' "$1" "$at" "$heard" "$starts" "$slot" \
+        "$release" "$mcu" "$next" "$verdict")")
+    printf '%s\n' "${rows[-1]}"
+}
+
+trap machine_cut EXIT
+make_packages
+make_states
+count_cuts
+say "$number cuts"
+printf '%-9s %9s  %-52s %6s %-4s %-10s %-5s %-10s\n' during at "the last that was heard" starts slot release MCU next
+for ((index = 0; index < number; index++)); do
+    cut "${kinds[index % ${#kinds[@]}]}"
+done
+printf '\n%d cuts, %d failed\n' "$number" "$failures"
+((!failures))
