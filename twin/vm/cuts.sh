@@ -1,10 +1,14 @@
 #!/usr/bin/env bash
-# Power cuts of a whole device, in the virtual machine: the emulators of both processors are killed at moments that are
-# spread over an installation, an activation, a rollback and the start after an activation. What the kernel of the device
-# has not handed over to its disk is lost. Each time the device must come up from a whole slot, be ready for upgrades, and
-# take the next one.
+# Power cuts of a whole device, in the virtual machine, at moments that are spread over an installation, an activation, a
+# rollback and the start after an activation. Each time the device must come up from a whole slot, be ready for upgrades,
+# and take the next one. There are two kinds:
 #
-#   cuts.sh HOST_BUILD ARM64_BUILD SYSROOT WORK [NUMBER]
+#   killed     the emulators of both processors are killed. What the kernel of the device has not handed over to its disk
+#              is lost, and so is what the microcontroller was about to write
+#   unflushed  the writes to the disk were logged, and its image is made anew from the log, up to some write. Of what was
+#              not flushed by then a part is lost, here and there, as with a disk that has a cache of its own
+#
+#   cuts.sh HOST_BUILD ARM64_BUILD SYSROOT WORK [NUMBER_KILLED [NUMBER_UNFLUSHED]]
 set -euo pipefail
 
 here=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")" && pwd)
@@ -17,7 +21,7 @@ source "$here/releases.sh"
 
 host=$(realpath -- "$1") target=$(realpath -- "$2") sysroot=$(realpath -- "$3")
 work=$(realpath -m -- "$4")/cuts
-number=${5:-20}
+number=${5:-10} unflushed=${6:-10}
 machine=$work/machine
 export KAVRO_TWIN_PROGRAMS=$host/twin
 
@@ -31,7 +35,6 @@ declare -A command_of=([install]="upgradectl install --plain /media/$second.pkg"
     [rollback]="upgradectl rollback --plain" [start]="")
 kinds=(install start install activate rollback)
 declare -A milliseconds_of=() cuts_of=() done_of=()
-rows=()
 
 now_in_milliseconds() {
     printf '%d\n' $((${EPOCHREALTIME/./} / 1000))
@@ -93,9 +96,11 @@ make_states() {
     done
 }
 
+# count_cuts NUMBER
 count_cuts() {
     local index kind
-    for ((index = 0; index < number; index++)); do
+    cuts_of=() done_of=()
+    for ((index = 0; index < $1; index++)); do
         kind=${kinds[index % ${#kinds[@]}]}
         cuts_of[$kind]=$((${cuts_of[$kind]-0} + 1))
     done
@@ -150,12 +155,14 @@ install_next() {
             $(machine_run upgradectl versions --json | jq .microcontroller) == 9 ]]
 }
 
-# cut KIND: the next one of its kind, at the middle of its share of the time.
-cut() {
-    local at verdict=ok
-    at=$((milliseconds_of[$1] * (2 * ${done_of[$1]-0} + 1) / (2 * cuts_of[$1])))
-    done_of[$1]=$((${done_of[$1]-0} + 1))
-    cut_at "$1" "$at"
+# share_of KIND WHOLE: the middle of the share of the next cut of its kind.
+share_of() {
+    printf '%d\n' $(($2 * (2 * ${done_of[$1]-0} + 1) / (2 * cuts_of[$1])))
+}
+
+# judge KIND AT WHAT: what becomes of the device after the cut.
+judge() {
+    local verdict=ok
     come_back "$1"
     ((${#faults[@]})) || install_next || faults+=("the next installation: $(tail -n 1 "$work/next.log")")
     machine_cut
@@ -164,19 +171,68 @@ cut() {
         failures=$((failures + 1))
         mv "$machine" "$work/failed-$failures"
     fi
-    rows+=("$(printf '%-9s %6d ms  %-52.52s %6d %-4s %-10s %-5s %-10s %s' "$1" "$at" "$heard" "$starts" "$slot" \
-        "$release" "$mcu" "$next" "$verdict")")
-    printf '%s\n' "${rows[-1]}"
+    done_of[$1]=$((${done_of[$1]-0} + 1))
+    printf '%-9s %12s  %-48.48s %6d %-4s %-10s %-5s %-10s %s\n' "$1" "$2" "$3" "$starts" "$slot" "$release" "$mcu" \
+        "$next" "$verdict"
+}
+
+kill_during() {
+    local at
+    at=$(share_of "$1" "${milliseconds_of[$1]}")
+    cut_at "$1" "$at"
+    judge "$1" "$at ms" "$heard"
+}
+
+# --- what was not flushed -------------------------------------------------------------------------------------------
+
+# log_writes KIND: of a run that nothing disturbs, in WORK/KIND.writes.
+log_writes() {
+    [[ ! -e $work/$1.writes ]] || return 0
+    machine_copy "$work/${base_of[$1]}" "$work/logged"
+    machine_log=$work/$1.writes
+    mcu_start "$work/logged"
+    machine_boot "$work/logged"
+    machine_log=
+    [[ -z ${command_of[$1]} ]] || machine_run "${command_of[$1]}" >"$work/$1.log"
+    machine_run sync
+    machine_cut
+    mv "$work/logged/mcu/flash.bin" "$work/$1.mcu"
+}
+
+# The microcontroller is as it was, has lost its application, or is done: nobody knows at which write it was where.
+put_microcontroller() {
+    case $((${done_of[$1]-0} % 3)) in
+    1) "$KAVRO_TWIN_PROGRAMS/mcu-emulator" format "$machine/mcu/flash.bin" ;;
+    2) cp "$work/$1.mcu" "$machine/mcu/flash.bin" ;;
+    esac
+}
+
+lose_during() {
+    local entries at said
+    log_writes "$1"
+    entries=$("$KAVRO_TWIN_PROGRAMS/disk-replay" count "$work/$1.writes")
+    at=$(share_of "$1" "$entries")
+    machine_copy "$work/${base_of[$1]}" "$machine"
+    said=$("$KAVRO_TWIN_PROGRAMS/disk-replay" cut "$work/$1.writes" "$machine/disk.img" "$at" $((at + 1)))
+    put_microcontroller "$1"
+    judge "$1" "$at/$entries" "$said"
+}
+
+# cuts NUMBER FUNCTION HEADING
+cuts() {
+    local index
+    count_cuts "$1"
+    say "$1 cuts: $3"
+    printf '%-9s %12s  %-48s %6s %-4s %-10s %-5s %-10s\n' during at "" starts slot release MCU next
+    for ((index = 0; index < $1; index++)); do
+        "$2" "${kinds[index % ${#kinds[@]}]}"
+    done
 }
 
 trap machine_cut EXIT
 make_packages
 make_states
-count_cuts
-say "$number cuts"
-printf '%-9s %9s  %-52s %6s %-4s %-10s %-5s %-10s\n' during at "the last that was heard" starts slot release MCU next
-for ((index = 0; index < number; index++)); do
-    cut "${kinds[index % ${#kinds[@]}]}"
-done
-printf '\n%d cuts, %d failed\n' "$number" "$failures"
+((number == 0)) || cuts "$number" kill_during "both processors are killed"
+((unflushed == 0)) || cuts "$unflushed" lose_during "the disk loses what was not flushed"
+printf '\n%d cuts, %d failed\n' $((number + unflushed)) "$failures"
 ((!failures))

@@ -172,9 +172,22 @@ mcu_start() {
 }
 
 # machine_start MACHINE: the main processor starts; it runs until it resets itself, which ends the emulator, for a start
-# begins with the boot ROM and the loader that is on the disk then.
+# begins with the boot ROM and the loader that is on the disk then. With a file in `machine_log`, every write to the disk
+# is logged there.
+machine_log=
 machine_start() {
-    local machine=$1 stick=()
+    local machine=$1 drive stick=()
+    # shellcheck disable=SC2054  # commas within an option
+    drive=(-blockdev "driver=file,node-name=disk_file,filename=$machine/disk.img")
+    if [[ -n $machine_log ]]; then
+        : >"$machine_log"
+        # shellcheck disable=SC2054
+        drive+=(-blockdev "driver=file,node-name=log,filename=$machine_log"
+            -blockdev driver=blklogwrites,node-name=disk,file=disk_file,log=log)
+    else
+        # shellcheck disable=SC2054
+        drive+=(-blockdev driver=raw,node-name=disk,file=disk_file)
+    fi
     machine_read_loader "$machine"
     rm -f "$machine"/control.{in,out}
     mkfifo "$machine"/control.{in,out}
@@ -185,7 +198,7 @@ machine_start() {
             -device nvme,drive=stick,serial=stick,addr=5)
     qemu-system-aarch64 "${MACHINE_BOARD[@]}" -no-reboot -bios "$machine/loader.bin" \
         -drive "if=pflash,unit=1,format=raw,file=$machine/settings.img" \
-        -drive "if=none,id=disk,format=raw,file=$machine/disk.img" -device nvme,drive=disk,serial=disk,addr=2 \
+        "${drive[@]}" -device nvme,drive=disk,serial=disk,addr=2 \
         -chardev "socket,id=mcu,reconnect=1,path=$machine/mcu/link" -device pci-serial,chardev=mcu,addr=3 \
         -chardev "pipe,id=control,path=$machine/control" -device pci-serial,chardev=control,addr=4 \
         -device i6300esb,addr=6 "${stick[@]}" -chardev "file,id=console,append=on,path=$machine/console.log" -serial chardev:console \
