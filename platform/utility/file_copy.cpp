@@ -1,6 +1,8 @@
 // cpFile, mvFile.
 
 #include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -8,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <vector>
 
 #include "common/cancellation.h"
@@ -19,8 +22,9 @@
 namespace COMMON_YR {
 namespace {
 
-constexpr off_t kKernelBlock = 4 << 20;
-constexpr off_t kMemoryBlock = 256 << 10;
+constexpr off_t kBlock = 128 << 10;    // also the smallest hole that a copy gets
+constexpr off_t kPushBlock = 4 << 20;  // what is written back at once
+constexpr off_t kUnderWay = 16 << 20;  // what may be under way to storage: a fraction of a second's work
 constexpr mode_t kPermissionBits = 0777;
 constexpr mode_t kPrivateMode = 0600;  // until the copy has the source's
 constexpr blkcnt_t kStatBlock = 512;   // the unit of st_blocks
@@ -28,9 +32,17 @@ constexpr blkcnt_t kStatBlock = 512;   // the unit of st_blocks
 // File systems keep some blocks for their own records: one byte in this many of content is more than enough.
 constexpr off_t kRecordShare = 512;
 
-bool isKernelCopyUnsupported(int error) {
-    return error == EXDEV || error == ENOSYS || error == EINVAL || error == EOPNOTSUPP || error == EPERM ||
-           error == EBADF || error == ETXTBSY;
+bool isZero(const char* data, std::size_t length) {
+    return data[0] == 0 && std::memcmp(data, data + 1, length - 1) == 0;
+}
+
+// Where the file system can, both files get the same storage until one of them is written to. False when
+// nothing was done.
+bool shareContent(int from, int to, off_t size) {
+    file_clone_range range = {};
+    range.src_fd = from;
+    range.src_length = static_cast<__u64>(size);
+    return ioctl(to, FICLONERANGE, &range) == 0;
 }
 
 // Copies the content of one open file to another, block by block, with a checkpoint between two blocks.
@@ -41,41 +53,42 @@ class Copier {
     // Everything from the current positions to the source's end, for what has no size or no positions.
     // Returns the number of bytes, negative on failure.
     off_t copyStream();
-    // The range, which the source must fill.
-    bool copyRange(off_t begin, off_t end);
-    // As copyRange(0, size), leaving out the source's holes. The sink must be empty.
-    bool copySegments(off_t size);
+    // The whole content, over whatever the sink holds.
+    bool copyOver(off_t size) { return copyRange(0, size); }
+    // The same to a sink that is empty: holes of the source, and blocks of zeros, become holes.
+    bool copyToEmpty(off_t size);
 
   private:
+    // The range, which the source must fill.
+    bool copyRange(off_t begin, off_t end);
     ssize_t copyBlock(off_t position, off_t length);
-    ssize_t copyBlockInKernel(off_t position, off_t length) const;
-    ssize_t copyBlockThroughMemory(off_t position, off_t length);
     bool pushOut(off_t position);
+    [[nodiscard]] bool writeBack(off_t begin, off_t end, unsigned how) const;
     char* buffer();
 
     int source;
     int sink;
     const CancelHold& hold;
-    bool kernelCopies = true;
+    bool leavesHoles = false;
     off_t pushedFrom = 0;  // write-back has been started up to pushedTo, and waited for up to pushedFrom
     off_t pushedTo = 0;
     std::vector<char> memory;
 };
 
 char* Copier::buffer() {
-    memory.resize(kMemoryBlock);
+    memory.resize(kBlock);
     return memory.data();
 }
 
 off_t Copier::copyStream() {
     char* const block = buffer();
     for (off_t total = 0;;) {
-        const ssize_t count = kavro::readFully(source, block, kMemoryBlock);
+        const ssize_t count = kavro::readFully(source, block, kBlock);
         if (count < 0 || !kavro::writeFully(sink, block, static_cast<std::size_t>(count))) {
             return -1;
         }
         total += count;
-        if (count < kMemoryBlock) {
+        if (count < kBlock) {
             return total;
         }
         hold.checkpoint();
@@ -84,7 +97,7 @@ off_t Copier::copyStream() {
 
 bool Copier::copyRange(off_t begin, off_t end) {
     for (off_t position = begin; position < end;) {
-        const ssize_t count = copyBlock(position, end - position);
+        const ssize_t count = copyBlock(position, std::min(end - position, kBlock));
         if (count <= 0) {
             return false;
         }
@@ -97,7 +110,8 @@ bool Copier::copyRange(off_t begin, off_t end) {
     return true;
 }
 
-bool Copier::copySegments(off_t size) {
+bool Copier::copyToEmpty(off_t size) {
+    leavesHoles = true;
     for (off_t position = 0; position < size;) {
         const off_t data = lseek(source, position, SEEK_DATA);
         if (data < 0) {
@@ -116,53 +130,41 @@ bool Copier::copySegments(off_t size) {
 
 // Returns the number of bytes copied, 0 when the source has ended, negative on failure.
 ssize_t Copier::copyBlock(off_t position, off_t length) {
-    if (kernelCopies) {
-        const ssize_t count = copyBlockInKernel(position, std::min(length, kKernelBlock));
-        if (count > 0 || (count < 0 && !isKernelCopyUnsupported(errno))) {
-            return count;
-        }
-        // Some file systems report an end instead of saying that they cannot do it.
-        kernelCopies = false;
-    }
-    return copyBlockThroughMemory(position, std::min(length, kMemoryBlock));
-}
-
-ssize_t Copier::copyBlockInKernel(off_t position, off_t length) const {
-    for (;;) {
-        off64_t from = position;
-        off64_t to = position;
-        const ssize_t count = copy_file_range(source, &from, sink, &to, static_cast<std::size_t>(length), 0);
-        if (count >= 0 || errno != EINTR) {
-            return count;
-        }
-    }
-}
-
-ssize_t Copier::copyBlockThroughMemory(off_t position, off_t length) {
     char* const block = buffer();
     const ssize_t count = kavro::readFullyAt(source, block, static_cast<std::size_t>(length), position);
     if (count <= 0) {
         return count;
     }
-    return kavro::writeFullyAt(sink, block, static_cast<std::size_t>(count), position) ? count : -1;
+    const auto size = static_cast<std::size_t>(count);
+    if (leavesHoles && isZero(block, size)) {
+        return count;
+    }
+    return kavro::writeFullyAt(sink, block, size, position) ? count : -1;
 }
 
-// Starts the write-back of what was copied since the last time and waits for that of the time before: the
-// flush at the end, which cannot be cut short, has little left to do.
+// Starts the write-back of what was copied, and waits where too much of it is under way: the flush at the end, which
+// cannot be cut short, has little left to do. To wait for less at a time would let storage run idle in between.
 bool Copier::pushOut(off_t position) {
-    if (position - pushedTo < kKernelBlock) {
+    if (position - pushedTo < kPushBlock) {
         return true;
     }
-    constexpr unsigned kComplete =
-        SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
-    const bool pushed =
-        sync_file_range(sink, pushedTo, position - pushedTo, SYNC_FILE_RANGE_WRITE) == 0 &&
-        (pushedTo == pushedFrom || sync_file_range(sink, pushedFrom, pushedTo - pushedFrom, kComplete) == 0);
-    pushedFrom = pushedTo;
+    bool pushed = writeBack(pushedTo, position, SYNC_FILE_RANGE_WRITE);
     pushedTo = position;
-    // An error of the storage shows only once, here or at the final flush. Where the call is unknown the
-    // flush does all the work.
-    return pushed || errno == ENOSYS || errno == EINVAL || errno == ESPIPE || errno == EOPNOTSUPP;
+    if (pushedTo - pushedFrom > kUnderWay) {
+        constexpr unsigned kComplete =
+            SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
+        const off_t done = pushedTo - kUnderWay;
+        pushed = writeBack(pushedFrom, done, kComplete) && pushed;
+        pushedFrom = done;
+    }
+    return pushed;
+}
+
+// An error of the storage shows only once, here or at the final flush. Where the call is unknown the flush does all the
+// work.
+bool Copier::writeBack(off_t begin, off_t end, unsigned how) const {
+    return sync_file_range(sink, begin, end - begin, how) == 0 || errno == ENOSYS || errno == EINVAL ||
+           errno == ESPIPE || errno == EOPNOTSUPP;
 }
 
 // Whether there is room for the new content; gives up the old destination when there is room only without it.
@@ -200,10 +202,11 @@ off_t copyContent(int from, const struct stat& source, const kavro::Destination&
     if (destination.isSpecial() || size == 0) {  // a file of /proc has the size 0 whatever it holds
         return copier.copyStream();
     }
-    // A file that is written in place has old content where the source has holes.
-    const bool copied = update.writesInPlace()
-                            ? copier.copyRange(0, size)
-                            : copier.copySegments(size) && ftruncate(update.fd(), size) == 0;
+    if (update.writesInPlace()) {
+        return copier.copyOver(size) ? size : -1;
+    }
+    const bool copied = shareContent(from, update.fd(), size) ||
+                        (copier.copyToEmpty(size) && ftruncate(update.fd(), size) == 0);
     return copied ? size : -1;
 }
 

@@ -89,6 +89,16 @@ TEST_F(CpFile, holes_stay_holes) {
     EXPECT_TRUE(slurp(destination) == slurp(source));
 }
 
+TEST_F(CpFile, blocks_of_zeros_become_holes) {
+    const std::string sparse = std::string(3000000, '\0') + "first" + std::string(20000000, '\0') + "last" +
+                               std::string(9000000, '\0');
+    spill(source, sparse);
+    EXPECT_EQ(cpFile(source, destination), 0);
+    EXPECT_EQ(statusOf("destination").st_size, static_cast<off_t>(sparse.size()));
+    EXPECT_LT(statusOf("destination").st_blocks * 512, 1000000);
+    EXPECT_TRUE(slurp(destination) == sparse);
+}
+
 TEST_F(CpFile, file_that_is_one_hole_is_copied) {
     ASSERT_EQ(truncate(source.c_str(), 0), 0);
     ASSERT_EQ(truncate(source.c_str(), 10000000), 0);
@@ -259,10 +269,10 @@ TEST_F(CpFile, names_with_every_odd_character_are_plain_names) {
 }
 
 TEST_F(CpFile, file_in_a_directory_that_may_not_be_written_is_written_in_place) {
-    spill(source, std::string(3000, 's') + std::string(3000, '\0'));
+    spill(source, std::string(3000, 's') + std::string(500000, '\0'));
     ASSERT_EQ(chmod(source.c_str(), 0644), 0);
-    ASSERT_EQ(truncate(source.c_str(), 10000), 0);  // ends in a hole
-    for (const std::size_t oldSize : {0UL, 10UL, 50000UL}) {
+    ASSERT_EQ(truncate(source.c_str(), 900000), 0);  // ends in a hole
+    for (const std::size_t oldSize : {0UL, 10UL, 1000000UL}) {
         spill(destination, std::string(oldSize, 'x'));
         ASSERT_EQ(chmod(destination.c_str(), 0666), 0);
         ASSERT_EQ(chmod(directory.path().c_str(), 0555), 0);

@@ -3,9 +3,12 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/fs.h>
 #include <signal.h>
 #include <spawn.h>
+#include <stdarg.h>
 #include <stdio.h>
+#include <sys/ioctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -39,7 +42,6 @@ struct Fault {
 struct Faults {
     Fault fsync;
     Fault rename;
-    Fault copyFileRange;
     Fault syncFileRange;
     Fault pwrite;
     Fault pread;
@@ -48,9 +50,8 @@ struct Faults {
     Fault spawn;
     Fault fchmod;
     bool shortPwrites = false;
-    bool copyFileRangeSeesNothing = false;
     bool preadSeesNothing = false;
-    bool copyFileRangeInBits = false;
+    bool sharesContent = false;
 };
 Faults* faults = nullptr;
 
@@ -72,17 +73,20 @@ int rename(const char* from, const char* to) noexcept {
                                     : static_cast<int>(syscall(SYS_renameat, AT_FDCWD, from, AT_FDCWD, to));
 }
 
-ssize_t copy_file_range(int from, off64_t* fromAt, int to, off64_t* toAt, size_t length, unsigned flags) {
-    if (strikes(&Faults::copyFileRange)) {
+// A file system that can share content, or one that cannot.
+int ioctl(int fd, unsigned long request, ...) noexcept {
+    va_list arguments;
+    va_start(arguments, request);
+    const auto* range = va_arg(arguments, const file_clone_range*);
+    va_end(arguments);
+    if (request != FICLONERANGE || faults == nullptr || !faults->sharesContent) {
+        errno = EOPNOTSUPP;
         return -1;
     }
-    if (faults != nullptr && faults->copyFileRangeSeesNothing) {
-        return 0;
-    }
-    if (faults != nullptr && faults->copyFileRangeInBits) {
-        length = std::min<size_t>(length, 70001);
-    }
-    return syscall(SYS_copy_file_range, from, fromAt, to, toAt, length, flags);
+    off64_t from = 0;
+    off64_t to = 0;
+    const auto length = static_cast<ssize_t>(range->src_length);
+    return syscall(SYS_copy_file_range, range->src_fd, &from, fd, &to, length, 0) == length ? 0 : -1;
 }
 
 int sync_file_range(int fd, off64_t offset, off64_t length, unsigned flags) {
@@ -225,55 +229,22 @@ TEST_F(CpFileFault, error_on_closing_is_a_failure) {
     EXPECT_LT(cpFile(source, destination), 0);
 }
 
-TEST_F(CpFileFault, kernel_that_cannot_copy_is_replaced_by_a_loop) {
-    for (const int error : {EXDEV, ENOSYS, EINVAL, EOPNOTSUPP, EPERM}) {
-        SCOPED_TRACE(error);
-        spill(destination, "old");
-        faults = &fault;
-        fault.copyFileRange.error = error;
-        expectCopyWorks();
-    }
-    EXPECT_EQ(fault.copyFileRange.calls, 5) << "it is asked once a copy";
-}
-
-TEST_F(CpFileFault, kernel_that_stops_copying_half_way_is_replaced_by_a_loop) {
-    fault.copyFileRange.error = EXDEV;
-    fault.copyFileRange.from = 3;
+TEST_F(CpFileFault, content_that_can_be_shared_is_not_copied) {
+    fault.sharesContent = true;
     expectCopyWorks();
+    EXPECT_EQ(fault.pwrite.calls, 0);
 }
 
-TEST_F(CpFileFault, kernel_that_sees_nothing_to_copy_is_replaced_by_a_loop) {
-    fault.copyFileRangeSeesNothing = true;
-    expectCopyWorks();
+TEST_F(CpFileFault, shared_content_is_flushed) {
+    fault.sharesContent = true;
+    fault.fsync.error = EIO;
+    expectCopyFails();
 }
 
-TEST_F(CpFileFault, kernel_that_copies_less_than_asked_goes_on) {
-    fault.copyFileRangeInBits = true;
-    expectCopyWorks();
-}
-
-TEST_F(CpFileFault, kernel_that_is_interrupted_is_asked_again) {
-    fault.copyFileRange.error = EINTR;
-    fault.copyFileRange.from = 2;
-    fault.copyFileRange.times = 3;
-    expectCopyWorks();
-}
-
-TEST_F(CpFileFault, error_of_the_kernel_copy_is_a_failure) {
-    for (const int error : {EIO, ENOSPC}) {
-        faults = &fault;
-        fault.copyFileRange.error = error;
-        fault.copyFileRange.calls = 0;
-        fault.copyFileRange.from = 3;
-        expectCopyFails();
-    }
-}
-
-TEST_F(CpFileFault, error_in_the_loop_is_a_failure) {
+TEST_F(CpFileFault, error_while_copying_is_a_failure) {
     for (Fault Faults::*call : {&Faults::pwrite, &Faults::pread}) {
         for (const int error : {EIO, ENOSPC}) {
             faults = &fault;
-            fault.copyFileRange.error = EXDEV;
             (fault.*call).error = error;
             (fault.*call).calls = 0;
             (fault.*call).from = 5;
@@ -283,8 +254,7 @@ TEST_F(CpFileFault, error_in_the_loop_is_a_failure) {
     }
 }
 
-TEST_F(CpFileFault, short_and_interrupted_writes_in_the_loop_go_on) {
-    fault.copyFileRange.error = EXDEV;
+TEST_F(CpFileFault, short_and_interrupted_writes_go_on) {
     fault.shortPwrites = true;
     fault.pwrite.error = EINTR;
     fault.pwrite.from = 4;
@@ -293,7 +263,6 @@ TEST_F(CpFileFault, short_and_interrupted_writes_in_the_loop_go_on) {
 }
 
 TEST_F(CpFileFault, source_that_ends_early_is_a_failure) {
-    fault.copyFileRangeSeesNothing = true;
     fault.preadSeesNothing = true;
     expectCopyFails();
 }
@@ -308,7 +277,7 @@ using MvFileFault = FaultTest;
 TEST_F(MvFileFault, failed_copy_to_another_file_system_leaves_the_source) {
     fault.rename.error = EXDEV;
     fault.rename.times = 1;
-    fault.copyFileRange.error = EIO;
+    fault.pwrite.error = EIO;
     EXPECT_LT(COMMON_YR::mvFile(source, destination), 0);
     faults = nullptr;
     EXPECT_TRUE(slurp(source) == content);
