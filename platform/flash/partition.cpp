@@ -3,16 +3,13 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <vector>
 
+#include "platform/flash/block_reader.h"
 #include "platform/utility/digest.h"
 
 namespace kavro {
 namespace {
-
-constexpr std::size_t kBlockBytes = std::size_t{1} << 20;
 
 bool fail(const std::string& path, const std::string& what, int errorNumber, std::string& error) {
     error = fileError(path, what, errorNumber);
@@ -31,7 +28,7 @@ mode_t typeOf(const std::string& path) {
 // An exclusive open of a block device fails while it is mounted.
 bool openToWrite(const std::string& partition, int flags, RawFile& file, std::string& error) {
     const int exclusive = typeOf(partition) == S_IFBLK ? O_EXCL : 0;
-    if (file.open(partition, flags | exclusive)) {
+    if (file.openDirect(partition, flags | exclusive)) {
         return true;
     }
     const bool isUsed = exclusive != 0 && errno == EBUSY;
@@ -48,24 +45,22 @@ bool openComponent(const Placement& placement, RawFile& file, std::string& error
     return true;
 }
 
-// Calls work(data, size, offset) for every block of the file's first `bytes` bytes, until one fails.
+// Calls work(block) for every block of the file's first `bytes` bytes, until one fails.
 template <typename Work>
 bool forEachBlock(const RawFile& file, const std::string& path, long long bytes, const KeepGoing& keepGoing,
-                  std::string& error, const Work& work) {
-    std::vector<char> block(static_cast<std::size_t>(std::min<long long>(bytes, kBlockBytes)));
-    for (long long offset = 0; offset < bytes; offset += static_cast<long long>(kBlockBytes)) {
+                  std::string& error, const Work& work, const BlockReader::Observer& observer = {}) {
+    BlockReader reader(file, bytes, observer);
+    while (const BlockReader::Block* const block = reader.next()) {
         if (!keepGoing()) {
             return fail(path, "the work was given up", 0, error);
         }
-        const std::size_t size = std::min(kBlockBytes, static_cast<std::size_t>(bytes - offset));
-        const long count = file.readAt(block.data(), size, offset);
-        if (count < 0) {
-            return fail(path, "cannot be read", errno, error);
+        if (block->count < 0) {
+            return fail(path, "cannot be read", block->error, error);
         }
-        if (static_cast<std::size_t>(count) != size) {
+        if (static_cast<std::size_t>(block->count) != block->size) {
             return fail(path, "ends before its " + std::to_string(bytes) + " bytes", 0, error);
         }
-        if (!work(block.data(), size, offset)) {
+        if (!work(*block)) {
             return false;
         }
     }
@@ -76,8 +71,8 @@ bool forEachBlock(const RawFile& file, const std::string& path, long long bytes,
 bool computeDigest(const RawFile& file, const std::string& path, long long bytes, const KeepGoing& keepGoing,
                    std::string& sha256, std::string& error) {
     Digest digest(Digest::Kind::kSha256);
-    const auto add = [&digest](const char* data, std::size_t size, long long) {
-        digest.add(data, size);
+    const auto add = [&digest](const BlockReader::Block& block) {
+        digest.add(block.data, block.size);
         return true;
     };
     if (!forEachBlock(file, path, bytes, keepGoing, error, add)) {
@@ -153,13 +148,16 @@ bool writePlacement(const Placement& placement, const KeepGoing& keepGoing, std:
     if (partition.size() < bytes) {
         return fail(placement.partition, "became smaller after it was checked", 0, error);
     }
+    // The reading thread computes the digest while this one waits for storage.
     Digest digest(Digest::Kind::kSha256);
-    const auto write = [&](const char* data, std::size_t size, long long offset) {
-        digest.add(data, size);
-        return partition.writeAt(data, size, offset) ||
+    const auto addToDigest = [&digest](const BlockReader::Block& block) {
+        digest.add(block.data, block.size);
+    };
+    const auto write = [&](const BlockReader::Block& block) {
+        return partition.writeAt(block.data, block.size, block.offset) ||
                fail(placement.partition, "cannot be written", errno, error);
     };
-    if (!forEachBlock(component, placement.component, bytes, keepGoing, error, write)) {
+    if (!forEachBlock(component, placement.component, bytes, keepGoing, error, write, addToDigest)) {
         return false;
     }
     if (!partition.flush()) {

@@ -100,17 +100,14 @@ class MpuFlasher {
         return 0;
     }
 
-    // Compares everything once more when all of it is written: a write must not have damaged what came before
-    // it.
+    // Compares everything when all of it is written: a write must not have damaged what came before it.
     int finish() {
         std::string error;
         if (std::exchange(stage, Stage::kIdle) != Stage::kWritten) {
             return report("postUpgrade without a successful upgrade");
         }
-        for (const kavro::Placement& placement : placements) {
-            if (!kavro::verifyPartition(placement.partition, placement.content, keepGoing(), error)) {
-                return report(error);
-            }
+        if (!verify(placements.cbegin(), placements.cend(), error)) {
+            return report(error);
         }
         kavro::WrittenSlot written;
         written.slot = map.target;
@@ -192,8 +189,7 @@ class MpuFlasher {
         return true;
     }
 
-    // Says which component goes where. The bootloader comes last: it has one partition only, so it is touched
-    // when everything else has gone well.
+    // Says which component goes where. The bootloader comes last.
     bool place(const std::string& directory, bool withLoader, std::string& error) {
         placements.clear();
         const kavro::SlotPartitions& target = map.partitions.at(map.target);
@@ -231,22 +227,32 @@ class MpuFlasher {
     }
 
     bool writeSlot(std::string& error) {
-        return std::all_of(
-            placements.begin(), placements.begin() + kavro::kSlotComponents.size(),
-            [&](const kavro::Placement& placement) { return writeAndVerify(placement, error); });
+        return std::all_of(placements.cbegin(), endOfSlot(), [&](const kavro::Placement& placement) {
+            return kavro::writePlacement(placement, keepGoing(), error);
+        });
     }
 
+    // There is only one: it is touched when storage is known to hold all of the slot.
     bool writeBootloader(std::string& error) {
-        return std::all_of(placements.begin() + kavro::kSlotComponents.size(), placements.end(),
-                           [&](const kavro::Placement& placement) {
-                               return kavro::checkUnchanged(placement, keepGoing(), error) &&
-                                      writeAndVerify(placement, error);
-                           });
+        if (endOfSlot() == placements.cend()) {
+            return true;
+        }
+        const kavro::Placement& loader = placements.back();
+        return verify(placements.cbegin(), endOfSlot(), error) &&
+               kavro::checkUnchanged(loader, keepGoing(), error) &&
+               kavro::writePlacement(loader, keepGoing(), error);
     }
 
-    bool writeAndVerify(const kavro::Placement& placement, std::string& error) {
-        return kavro::writePlacement(placement, keepGoing(), error) &&
-               kavro::verifyPartition(placement.partition, placement.content, keepGoing(), error);
+    using PlacementIterator = std::vector<kavro::Placement>::const_iterator;
+
+    [[nodiscard]] PlacementIterator endOfSlot() const {
+        return placements.cbegin() + kavro::kSlotComponents.size();
+    }
+
+    bool verify(PlacementIterator begin, PlacementIterator end, std::string& error) {
+        return std::all_of(begin, end, [&](const kavro::Placement& placement) {
+            return kavro::verifyPartition(placement.partition, placement.content, keepGoing(), error);
+        });
     }
 
     // The slot to activate: the one that was written, or else the one that does not start next now.

@@ -5,6 +5,7 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 
@@ -15,6 +16,22 @@ namespace kavro {
 bool RawFile::open(const std::string& path, int flags) {
     descriptor = FileDescriptor(::open(path.c_str(), flags | O_CLOEXEC));
     return descriptor.valid();
+}
+
+bool RawFile::openDirect(const std::string& path, int flags) {
+    return open(path, flags | O_DIRECT) || (errno == EINVAL && open(path, flags));
+}
+
+// Whether a transfer that was refused may be tried again, through the cache.
+bool RawFile::leaveDirect() const {
+    if (errno != EINVAL) {
+        return false;
+    }
+    const int flags = ::fcntl(descriptor.get(), F_GETFL);
+    const bool left =
+        flags >= 0 && (flags & O_DIRECT) != 0 && ::fcntl(descriptor.get(), F_SETFL, flags & ~O_DIRECT) == 0;
+    errno = EINVAL;
+    return left;
 }
 
 long long RawFile::size() const {
@@ -33,11 +50,18 @@ long long RawFile::size() const {
 }
 
 long RawFile::readAt(void* buffer, std::size_t size, long long offset) const {
-    return readFullyAt(descriptor.get(), static_cast<char*>(buffer), size, static_cast<off_t>(offset));
+    auto* const bytes = static_cast<char*>(buffer);
+    const auto read = [&] { return readFullyAt(descriptor.get(), bytes, size, static_cast<off_t>(offset)); };
+    const ssize_t count = read();
+    return count < 0 && leaveDirect() ? read() : count;
 }
 
 bool RawFile::writeAt(const void* data, std::size_t size, long long offset) const {
-    return writeFullyAt(descriptor.get(), static_cast<const char*>(data), size, static_cast<off_t>(offset));
+    const auto* const bytes = static_cast<const char*>(data);
+    const auto write = [&] {
+        return writeFullyAt(descriptor.get(), bytes, size, static_cast<off_t>(offset));
+    };
+    return write() || (leaveDirect() && write());
 }
 
 bool RawFile::flush() const {
@@ -48,6 +72,7 @@ void RawFile::dropCache() const {
     ::posix_fadvise(descriptor.get(), 0, 0, POSIX_FADV_DONTNEED);
     // A block device may keep more: what only root may give up, and only a block device has.
     (void)::ioctl(descriptor.get(), BLKFLSBUF, 0);
+    ::posix_fadvise(descriptor.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
 }
 
 std::string errnoText(const std::string& what, int errorNumber) {

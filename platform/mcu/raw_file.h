@@ -22,6 +22,10 @@ class RawFile {
     // object.
     [[nodiscard]] bool open(const std::string& path, int flags);
 
+    // The same, to transfer past the cache where that is possible: for buffers and offsets that are multiples of 4096,
+    // until the first size that is not.
+    [[nodiscard]] bool openDirect(const std::string& path, int flags);
+
     // The size in bytes of a regular file or a block device; -1 for anything else and on failure.
     [[nodiscard]] long long size() const;
 
@@ -34,10 +38,13 @@ class RawFile {
     // Waits until all that was written is on storage. False with errno set.
     [[nodiscard]] bool flush() const;
 
-    // Lets go of the cached content, so that the next read comes from storage.
+    // Lets go of the cached content, so that the next read comes from storage; reads far ahead
+    // from then on.
     void dropCache() const;
 
   private:
+    [[nodiscard]] bool leaveDirect() const;
+
     FileDescriptor descriptor;
 };
 

@@ -396,17 +396,28 @@ TEST_F(MpuInterruption, full_storage_is_a_failure_that_is_named) {
 }
 
 TEST_F(MpuInterruption, write_that_is_lost_or_wrong_is_found) {
+    const std::vector<std::string> written = {"kernel_b", "dtb_b", "rootfs_b", "bootloader"};
     for (const Failure failure : {Failure::kLostWrite, Failure::kWrongWrite}) {
-        for (const std::string name : {"kernel_b", "dtb_b", "rootfs_b", "bootloader"}) {
+        for (const std::string& name : written) {
             SCOPED_TRACE(name);
+            for (const std::string& other : written) {
+                putPartition(other, testsupport::contentOf(testsupport::kPartitionBytes.at(other), 200));
+            }
+            const std::string loaderBefore = partition("bootloader");
             storage = {};
             storage.failure = failure;
             storage.onlyTo = storageOf(name);
             testsupport::clearCapturedLog();
-            EXPECT_EQ(installOnce(), -2);
-            EXPECT_TRUE(testsupport::loggedWith(1, {kPartitions + name, "does not hold what it must"}));
+            const int result = installOnce();
             storage = {};
-            putPartition(name, testsupport::contentOf(testsupport::kPartitionBytes.at(name), 200));
+            EXPECT_TRUE(testsupport::loggedWith(1, {kPartitions + name, "does not hold what it must"}));
+            // The boot loader, which is compared at the end, is touched only when storage holds the slot.
+            if (name == "bootloader") {
+                EXPECT_EQ(result, -3);
+            } else {
+                EXPECT_EQ(result, -2);
+                EXPECT_TRUE(partition("bootloader") == loaderBefore);
+            }
         }
     }
 }
@@ -419,7 +430,7 @@ TEST_F(MpuInterruption, partitions_are_flushed_and_cached_content_is_let_go_befo
     std::set<std::string> all = slot;
     all.insert(storageOf("bootloader"));
     EXPECT_EQ(storage.flushed, all);
-    EXPECT_EQ(storage.dropped, all);
+    EXPECT_EQ(storage.dropped, slot);
     storage.dropped.clear();
     ASSERT_EQ(mpu.postUpgrade(), 0);
     EXPECT_EQ(storage.dropped, all);
