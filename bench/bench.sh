@@ -120,7 +120,7 @@ measure_install() {
 
 measure_give_up() {
     without_packages
-    sample give-up /firmware/received.pkg "$(rounds 40 5)"
+    sample give-up /firmware/received.pkg "$(rounds 40 3)"
 }
 
 measure_waiting() {
@@ -155,7 +155,7 @@ measure_copy() {
     mount -o loop "$work/xfs.img" "$work/xfs"
     cp -- "$work/large.pkg" "$work/xfs/package"
     sync
-    "$build/bench/bench_device" copy "$work/xfs/package" "$(rounds 11 5)" | jq -c '.name = "cpFile shared"' >>"$samples"
+    "$build/bench/bench_device" copy-shared "$work/xfs/package" "$(rounds 11 5)" | jq -c '.name = "cpFile shared"' >>"$samples"
     umount "$work/xfs"
     rm -f -- "$work/xfs.img"
 }
@@ -167,7 +167,7 @@ measure_flash() {
 
 measure_side_by_side() {
     unpack
-    sample side-by-side /raw/upgrade "$(rounds 5 2)"
+    sample side-by-side /raw/upgrade "$(rounds 5 1)"
 }
 
 measure_latency() {

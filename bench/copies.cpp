@@ -22,7 +22,7 @@ std::string outputOf(const std::string& command) {
 
 }  // namespace
 
-void measureCopy(const std::string& source, int rounds) {
+void measureCopy(const std::string& source, int rounds, const std::string& command) {
     const std::string copy = source + ".copy";
     const auto prepare = [&] {
         unlink(copy.c_str());
@@ -30,7 +30,7 @@ void measureCopy(const std::string& source, int rounds) {
     };
     comparePairs(
         "cpFile", rounds, prepare, [&] { return COMMON_YR::cpFile(source, copy) == 0; },
-        "cp " + source + " " + copy + " && sync " + copy);
+        command + " " + source + " " + copy + " && sync " + copy);
     prepare();
 }
 

@@ -15,8 +15,8 @@ void measureWaiting(const std::string& package);
 // Peak resident memory of a process that installs, in KiB.
 void measureMemory(const std::string& package);
 
-// cpFile against cp and sync, both of that file to one beside it; so many bytes.
-void measureCopy(const std::string& source, int rounds);
+// cpFile against a command that copies, and sync; both make a copy beside that file.
+void measureCopy(const std::string& source, int rounds, const std::string& command);
 // chkFileMd5 against openssl md5.
 void measureMd5(const std::string& path, int rounds);
 
