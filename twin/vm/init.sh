@@ -33,14 +33,22 @@ mount_all() {
     [ ! -b /dev/nvme1n1 ] || mount -t ext4 -o ro /dev/nvme1n1 /media
 }
 
-# The boot loader has started the watchdog; it is fed for as long as this process lives, every five seconds of forty.
-feed_watchdog() {
+# The boot loader has started the watchdog, of a minute. It is fed when the file systems are there, and from the end of the
+# start on for as long as this process lives: a start that hangs is a restart.
+find_watchdog() {
     echo 1 >$watchdog/enable
     reload=$(($(sed -n '1s/ .*//p' $watchdog/resource) + 12))
+}
+
+feed_watchdog() {
+    devmem $reload 8 0x80
+    devmem $reload 8 0x86
+    devmem $reload 16 0x100
+}
+
+keep_feeding() {
     while sleep 5; do
-        devmem $reload 8 0x80
-        devmem $reload 8 0x86
-        devmem $reload 16 0x100
+        feed_watchdog
     done
 }
 
@@ -72,6 +80,8 @@ obey() {
 }
 
 mount_all
+find_watchdog
+feed_watchdog
 start_up >/dev/kmsg 2>&1
-feed_watchdog &
+keep_feeding &
 obey </dev/ttyS1 >/dev/ttyS1
