@@ -26,7 +26,8 @@
 
 namespace kavro {
 
-// Whether something exists at the path.
+// Whether something exists at the path. Where storage gives no answer that is assumed: what is done with it tells then. A
+// marker that was taken for missing would let an activation exchange the packages without switching the slot.
 bool pathExists(const std::string& path);
 
 // The path as a command line needs it: unchanged when the shell takes it as one plain word, quoted otherwise;

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <memory>
 
@@ -83,7 +84,7 @@ int UPGRADE_COMM_write_config(std::string file, std::string option, CFG_DATA_TYP
 namespace kavro {
 
 bool pathExists(const std::string& path) {
-    return access(path.c_str(), F_OK) == 0;
+    return access(path.c_str(), F_OK) == 0 || errno == EIO;
 }
 
 namespace {

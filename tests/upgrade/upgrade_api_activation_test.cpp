@@ -1,11 +1,13 @@
 // Activation of what was flashed, and rollback to the kept package: in the process of the run, and in one
 // that was started since.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <functional>
@@ -20,12 +22,21 @@ std::atomic<unsigned long> flushes{0};
 
 std::function<void(const std::string& path)> onFlush;  // of a single file or directory
 
+std::string unreadable;  // a path about which storage gives no answer
+
 }  // namespace
 
 // Takes the place of the C library's for the library under test.
 extern "C" __attribute__((visibility("default"))) void sync() noexcept {
     ++flushes;
     syscall(SYS_sync);
+}
+extern "C" __attribute__((visibility("default"))) int access(const char* path, int mode) noexcept {
+    if (path == unreadable) {
+        errno = EIO;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_faccessat, AT_FDCWD, path, mode));
 }
 extern "C" __attribute__((visibility("default"))) int fsync(int file) {
     if (onFlush) {
@@ -197,6 +208,18 @@ TEST_F(Activation, of_a_marked_upgrade_recovers_its_version_from_the_kept_packag
     expectActivated();
     EXPECT_EQ(UPGRADE_get_state(), 3);
     EXPECT_EQ(fake::node().states(), std::vector<int>{5});
+}
+
+TEST_F(Activation, marker_that_cannot_be_read_switches_the_partition_all_the_same) {
+    succeeded();
+    proc().stage = UPGRADE_STAGE_IDLE;
+    proc().upgradeFlag.mpu = false;
+    unreadable = "/config/upgraded";
+    EXPECT_EQ(UPGRADE_activate(), 0);
+    unreadable.clear();
+    EXPECT_EQ(switches(), 1U);
+    expectExchanged();
+    expectActivated();
 }
 
 TEST_F(Activation, of_a_marked_upgrade_works_with_an_unreadable_kept_package) {
