@@ -316,7 +316,7 @@ try_point() {
 }
 
 # Points at which the device is known not to be as it must, and why.
-known='^activate\|upgradectl\|rename\|/firmware/current.pkg\|'
+known='^(activate|rollback-[a-z]+)\|upgradectl\|rename\|/firmware/current.pkg\|'
 known_why='the library makes the later renames all the same, and one package replaces the other'
 
 version_record=/config/upgrade_config.json
@@ -325,15 +325,20 @@ version_record=/config/upgrade_config.json
 #   - the record of the versions, which each start makes anew and nothing depends on as long as the microcontroller answers
 #   - the outcome of the last run, which may be told as a failure
 #   - of an activation the marker and the record that it has used up, and the places of the packages: init goes on there
+#   - the working copy of a package that could not be removed: the next run replaces it
+#   - of a rollback, whether it flashes what runs, and leaves the copy that it flashes from: it does where it cannot tell
 #   - of a start the packages that the factory's archive was to become: it is tried once, whatever comes of it
 unlike() {
-    local allowed="^[<>] ($version_record: |/config/upgrade_last_runtime: (upgrade|rollback)_)"
+    local allowed="^[<>] ($version_record: |/config/upgrade_last_runtime: (upgrade|rollback)_)|^> /firmware/upgrade.pkg: "
     grep -q '_last_runtime: .*_success' "$2" && ! grep -q '_last_runtime: .*_success' "$work/$1.facts" && allowed='^$'
     case $1 in
-    activate | rollback-switch)
+    activate | rollback-*)
         # What else is wrong with the packages is for check_device.sh to say, after the next start.
         allowed+='|^> /config/(upgraded|written_slot.json): |^[<>] /firmware/(temp|current.pkg|rollback.pkg): (first|second|third)$'
         ;;
+    esac
+    case $1 in
+    rollback-*) allowed+='|^[<>] /firmware/recv.tar.xz: first$|^< boot loader: third$|^> boot loader: first$' ;;
     init-origin) allowed+='|^< /firmware/recv.tar.xz: first$|^> /firmware/origin.pkg: |^> /etc/kavro/origin.pkg.tar.gz: ' ;;
     init-torn) allowed+='|^> /config/upgraded: $' ;;
     esac
@@ -341,14 +346,14 @@ unlike() {
         sed 's/^/success is reported, but: /' || true
 }
 
-# must_last ID: it is a flush of what the success that is reported depends on.
+# must_last NUMBER ID: it is a flush of what the success that is reported depends on. The outcome of a run is first recorded
+# as a failure, and stays one when that of the end cannot be written. A rollback uses its own marker up.
 must_last() {
-    [[ $1 =~ \|fsync\|/(config|firmware|dev)/ && $1 != *"$version_record"* ]]
-}
-
-# stays_pessimistic NUMBER ID: the outcome of the last run could not be written, and is told as a failure still.
-stays_pessimistic() {
-    [[ $2 == *'|fsync|/config/upgrade_last_runtime.'* ]] && grep -q '_last_runtime: .*_failure' "$results/$1.facts"
+    [[ $2 =~ \|fsync\|/(config|firmware|dev)/ ]] || return 1
+    case $2 in
+    *"$version_record"* | rollback-*'|/config/upgraded|'* | *'|/config/upgrade_last_runtime.part|1|'*) return 1 ;;
+    *'|/config/upgrade_last_runtime.part|'*) ! grep -q '_last_runtime: .*_failure' "$results/$1.facts" ;;
+    esac
 }
 
 # verdict_on NUMBER SCENARIO ID: one line.
@@ -359,7 +364,7 @@ verdict_on() {
         printf 'ended with status %s: %s\n' "$status" "$(tail -n 2 "$results/$1.err" | tr '\n' '|')"
     elif [[ $left != 0 ]]; then
         printf '%s processes left behind\n' "$left"
-    elif ((status == 0)) && must_last "$3" && ! stays_pessimistic "$1" "$3"; then
+    elif ((status == 0)) && must_last "$1" "$3"; then
         printf 'success is reported, but what was written may not last\n'
     elif [[ $status == 0 ]]; then
         unlike=$(unlike "$2" "$results/$1.facts")
