@@ -201,7 +201,8 @@ machine_start() {
         "${drive[@]}" -device nvme,drive=disk,serial=disk,addr=2 \
         -chardev "socket,id=mcu,reconnect=1,path=$machine/mcu/link" -device pci-serial,chardev=mcu,addr=3 \
         -chardev "pipe,id=control,path=$machine/control" -device pci-serial,chardev=control,addr=4 \
-        -device i6300esb,addr=6 "${stick[@]}" -chardev "file,id=console,append=on,path=$machine/console.log" -serial chardev:console \
+        -chardev "file,id=console,append=on,path=$machine/console.log" -serial chardev:console \
+        -device i6300esb,addr=6 "${stick[@]}" \
         </dev/null >>"$machine/emulator.log" 2>&1 {control_in}>&- {control_out}>&- &
     machine_pid=$!
     control_rest=
@@ -290,16 +291,20 @@ machine_boot() {
     return 1
 }
 
-# machine_restart MACHINE: in order.
-machine_restart() {
-    machine_send "sync; umount /config /firmware /raw; reboot -f"
-    machine_wait_for_reset 60 && machine_boot "$1"
-}
-
-# machine_switch_off MACHINE: in order.
-machine_switch_off() {
+# machine_reset: in order.
+machine_reset() {
     machine_send "sync; umount /config /firmware /raw; reboot -f"
     machine_wait_for_reset 60
+}
+
+# machine_restart MACHINE: in order.
+machine_restart() {
+    machine_reset && machine_boot "$1"
+}
+
+# machine_switch_off: in order.
+machine_switch_off() {
+    machine_reset
     machine_cut
 }
 

@@ -114,8 +114,7 @@ make_device() {
 }
 
 restart() {
-    machine_send "sync; umount /config /firmware /raw; reboot -f"
-    machine_wait_for_reset 60 || expect "the restart" "did not come" "comes"
+    machine_reset || expect "the restart" "did not come" "comes"
     start "a restart"
 }
 
