@@ -238,7 +238,8 @@ compare_with_recorded() {
 }
 
 record_figures() {
-    jq '.results | map(del(.samples, .ours, .theirs) | if .value != null then .recorded = .value else . end | del(.value))' \
+    jq '.results | map(del(.samples, .ours, .theirs) | if .value != null then .recorded = (.value * 1000 | round) / 1000 else . end
+        | del(.value))' \
         "$json" | jq -r '"[\n" + (map("    " + tojson) | join(",\n")) + "\n]"' >"$work/recorded.json"
     cp -- "$work/recorded.json" "$bench_home/recorded.json"
 }
