@@ -388,7 +388,7 @@ judge_state() {
     [[ $scenario != rollback-* || ! -e $1/device/config/upgraded ]] || words=(activate)
     # A package that could not be copied is taken for one that did not fit: all others have made room for it.
     local wiped=false
-    [[ $scenario != install* || -n $(ls -A "$1/device/firmware") ]] || wiped=true
+    [[ $scenario == @(install*|rollback-flash) && -z $(ls -A "$1/device/firmware") ]] && wiped=true
     # Of a rollback that failed after it had begun to flash, there is no package left to try again with.
     if [[ $status != 0 && ($scenario != rollback-* || -e $1/device/firmware/rollback.pkg) ]]; then
         copy_device "$1/device" "$1/again"
