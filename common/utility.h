@@ -84,7 +84,8 @@ KAVRO_EXPORT long readFileToBufferByOffset(const char* path, unsigned long offse
 // The size of a regular file in bytes, links followed; negative on failure.
 KAVRO_EXPORT long getFileSize(const char* path);
 
-// Whether something exists at the path, links followed.
+// Whether something exists at the path, links followed. Where storage gives no answer (EIO) that is assumed: what is then
+// done with the file tells.
 KAVRO_EXPORT bool isFileExist(const char* path);
 
 // Appends the bare names of the files in a directory, links followed, sorted by byte value: no subdirectories, and no

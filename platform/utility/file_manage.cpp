@@ -67,7 +67,7 @@ long getFileSize(const char* path) {
 bool isFileExist(const char* path) {
     const CancelHold hold;
     struct stat status;
-    return path != nullptr && stat(path, &status) == 0;
+    return path != nullptr && (stat(path, &status) == 0 || errno == EIO);
 }
 
 int getFiles(const char* dir, std::vector<std::string>& names, bool flag) {

@@ -9,6 +9,7 @@
 #include <stdarg.h>
 #include <stdio.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -49,6 +50,7 @@ struct Faults {
     Fault close;
     Fault spawn;
     Fault fchmod;
+    Fault stat;
     bool shortPwrites = false;
     bool preadSeesNothing = false;
     bool sharesContent = false;
@@ -66,6 +68,10 @@ extern "C" {
 
 int fsync(int fd) {
     return strikes(&Faults::fsync) ? -1 : static_cast<int>(syscall(SYS_fsync, fd));
+}
+
+int stat(const char* path, struct stat* status) noexcept {
+    return strikes(&Faults::stat) ? -1 : static_cast<int>(syscall(SYS_newfstatat, AT_FDCWD, path, status, 0));
 }
 
 int rename(const char* from, const char* to) noexcept {
@@ -344,6 +350,15 @@ TEST_F(ReadFault, error_while_reading_is_negative) {
 }
 
 using RunSystemFault = FaultTest;
+
+TEST_F(ReadFault, file_about_which_storage_gives_no_answer_counts_as_there) {
+    const std::string missing = directory / "missing";
+    EXPECT_FALSE(COMMON_YR::isFileExist(missing.c_str()));
+    fault.stat.error = EIO;
+    EXPECT_TRUE(COMMON_YR::isFileExist(missing.c_str()));
+    fault.stat.error = EACCES;
+    EXPECT_FALSE(COMMON_YR::isFileExist(missing.c_str()));
+}
 
 TEST_F(RunSystemFault, command_that_cannot_be_started_is_negative) {
     for (const int error : {EAGAIN, ENOMEM, ENOENT, E2BIG}) {
