@@ -326,7 +326,7 @@ version_record=/config/upgrade_config.json
 #   - the outcome of the last run, which may be told as a failure
 #   - of an activation the marker and the record that it has used up, and the places of the packages: init goes on there
 #   - the working copy of a package that could not be removed: the next run replaces it
-#   - of a rollback, whether it flashes what runs, and leaves the copy that it flashes from: it does where it cannot tell
+#   - whether what runs is flashed again, and of a rollback the copy that it flashes from: it is where that cannot be told
 #   - of a start the packages that the factory's archive was to become: it is tried once, whatever comes of it
 unlike() {
     local allowed="^[<>] ($version_record: |/config/upgrade_last_runtime: (upgrade|rollback)_)|^> /firmware/upgrade.pkg: "
@@ -338,8 +338,9 @@ unlike() {
         ;;
     esac
     case $1 in
+    install-third) allowed+='|^[<>] microcontroller: ' ;;
     rollback-*) allowed+='|^[<>] /firmware/recv.tar.xz: first$|^< boot loader: third$|^> boot loader: first$' ;;
-    init-origin) allowed+='|^< /firmware/recv.tar.xz: first$|^> /firmware/origin.pkg: |^> /etc/kavro/origin.pkg.tar.gz: ' ;;
+    init-origin) allowed+='|^< /firmware/recv.tar.xz: first$|^> /firmware/origin.pkg: |^> /etc-kavro/origin.pkg.tar.gz: ' ;;
     init-torn) allowed+='|^> /config/upgraded: $' ;;
     esac
     diff "$work/$1.facts" "$2" | grep '^[<>]' | grep -vE -- "$allowed" | tr '\n' ';' |

@@ -10,6 +10,8 @@
 #   --build DIR   the build whose upgradectl and emulated microcontroller are used
 #   --next DIR    the release that is installed in the end (required)
 #   --run DIR     the release that the run which was cut off was about to bring
+#   --over DIR    a release that was installed and activated, and never started, when that run began: the last success may
+#                 be told of it, and its package stays the current one when the boot loader goes back from what it lost
 #   --keeps-package  the device had a current package before, so it must have one now
 #   --skip-init   what init mends stays torn: shows that this is noticed
 #   --quick       without the installations and rollbacks: starts, files and init only
@@ -22,12 +24,13 @@ root=$(cd -- "${BASH_SOURCE[0]%/*}/../.." && pwd)
 twin=$root/twin/twin
 package_bytes=134217728
 
-build=$root/build/release next='' run_release='' quick=false keeps_package=false skip_init=false
+build=$root/build/release next='' run_release='' over='' quick=false keeps_package=false skip_init=false
 while [[ ${1-} == --* ]]; do
     case $1 in
     --build) build=$(realpath -- "$2") && shift ;;
     --next) next=$(realpath -- "$2") && shift ;;
     --run) run_release=$(realpath -- "$2") && shift ;;
+    --over) over=$(realpath -- "$2") && shift ;;
     --quick) quick=true ;;
     --skip-init) skip_init=true ;;
     --keeps-package) keeps_package=true ;;
@@ -131,6 +134,10 @@ attached() {
 
 # --- what must hold -------------------------------------------------------------------------------------------------
 
+is_installed() {
+    [[ -n $1 ]] && { holds_slot "$state" a "$1" || holds_slot "$state" b "$1"; }
+}
+
 check_last_run() {
     local file=$state/config/upgrade_last_runtime word
     [[ -e $file ]] || return 0
@@ -138,7 +145,7 @@ check_last_run() {
     case $word in
     upgrade_failure | rollback_failure) ;;
     upgrade_success | rollback_success)
-        if [[ -n $run_release ]] && ! holds_slot "$state" a "$run_release" && ! holds_slot "$state" b "$run_release"; then
+        if [[ -n $run_release ]] && ! is_installed "$run_release" && ! is_installed "$over"; then
             wrong "the last run is said to be a success ($word), but no slot holds ${run_release##*/}"
         fi
         ;;
@@ -171,7 +178,7 @@ check_packages() {
     rollback=$(package_of "$state/firmware/rollback.pkg")
     [[ $current != other ]] || wrong "current.pkg is none of the packages that were given to the device"
     [[ $rollback != other ]] || wrong "rollback.pkg is none of the packages that were given to the device"
-    [[ $current == none || $current == other || $current == "$runs" ]] ||
+    [[ $current == none || $current == other || $current == "$runs" || $current == "$over" ]] ||
         wrong "${runs##*/} runs, but current.pkg is ${current##*/}"
     [[ $current != none ]] || ! "$keeps_package" ||
         wrong "current.pkg is gone (rollback.pkg is ${rollback##*/})"

@@ -301,12 +301,13 @@ collect() {
 # judge SCENARIO DIRECTORY [CHECK_OPTION...]: on a device of its own; DIRECTORY.verdict says "ok" or what does not hold.
 # On a busy machine an answer may come too late for the short clock: what fails is judged once more by the real one.
 judge() {
-    local device=$2.judged speed
+    local device=$2.judged speed over=()
+    [[ $1 != install-over* ]] || over=(--over "$releases/second")
     for speed in 8 1; do
         [[ ! -s $2.said ]] || cp -- "$2.said" "$2.said_before"
         copy_device "$2" "$device"
         KAVRO_CLOCK_SPEED=$speed "$here/check_device.sh" --build "$build" --next "$releases/next" \
-            --run "$releases/${brings[$1]}" --keeps-package "${judge_options[@]}" "${@:3}" "$device" \
+            --run "$releases/${brings[$1]}" --keeps-package "${judge_options[@]}" "${over[@]}" "${@:3}" "$device" \
             "$releases"/{first,second,third} >"$2.said" 2>&1 || true
         "$twin" remove "$device"
         if [[ $(tail -n 1 "$2.said") == 'all holds' ]]; then
