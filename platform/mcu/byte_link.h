@@ -1,5 +1,6 @@
-// The bytes to and from the microcontroller, whatever carries them: the SPI bus or a serial line of a
-// device, the socket of an emulated microcontroller. Frames are made of the bytes elsewhere (frame.h); none of this knows about them.
+// The bytes to and from the microcontroller, whatever carries them: the SPI bus or a serial line of a device, the
+// socket of an emulated microcontroller. Frames are made of the bytes elsewhere (frame.h); none of this knows about
+// them.
 //
 // A link is used by one thread at a time, and blocks. Whoever uses it on a thread that can be cancelled holds
 // cancellation off.
@@ -36,8 +37,8 @@ struct LinkAddress {
     std::string path;
 };
 
-// Takes "spidev:/dev/spidevB.C", "serial:/dev/ttyN" or "unix:/PATH" apart. Nothing, with the reason, for anything else. Touches no
-// file.
+// Takes "spidev:/dev/spidevB.C", "serial:/dev/ttyN" or "unix:/PATH" apart. Nothing, with the reason, for anything else.
+// Touches no file.
 std::optional<LinkAddress> parseLinkAddress(const std::string& text, std::string& error);
 
 // How long opening waits for another program to let go of the link.

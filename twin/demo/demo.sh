@@ -12,6 +12,8 @@ set -euo pipefail
 here=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")" && pwd)
 # shellcheck source=../device.sh
 source "$here/../device.sh"
+# shellcheck source=../checks.sh
+source "$here/../checks.sh"
 
 form=block
 if [[ $1 == --plain || -n $(twin_why_no_block_devices) ]]; then form=plain; fi
@@ -27,23 +29,7 @@ second=1.105.8.3
 third=1.106.9.3
 package_bytes=134217728
 start_limit=3
-
-failures=0
 summary=()
-
-say() {
-    printf '\n== %s\n' "$*"
-}
-
-# expect WHAT ACTUAL EXPECTED
-expect() {
-    if [[ $2 == "$3" ]]; then
-        printf '  ok    %s: %s\n' "$1" "$2"
-    else
-        printf '  FAIL  %s: %s, expected %s\n' "$1" "$2" "$3"
-        failures=$((failures + 1))
-    fi
-}
 
 twin() {
     "$here/../twin" "$@"
@@ -332,8 +318,4 @@ start_anew
 check_second_runs
 show_summary
 
-if ((failures)); then
-    printf '\ndemo: %d checks failed\n' "$failures" >&2
-    exit 1
-fi
-printf '\ndemo: every check passed\n'
+end_with_failures demo

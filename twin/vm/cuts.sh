@@ -12,10 +12,6 @@
 set -euo pipefail
 
 here=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")" && pwd)
-# shellcheck source=machine.sh
-source "$here/machine.sh"
-# shellcheck source=checks.sh
-source "$here/checks.sh"
 # shellcheck source=releases.sh
 source "$here/releases.sh"
 

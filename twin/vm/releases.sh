@@ -1,6 +1,11 @@
 # shellcheck shell=bash disable=SC2154
 # The packages that the walks install: each of a release that really starts. Sourced by them; `host` is this machine's
-# build, `target` the one for arm64, `work` where they go.
+# build, `target` the one for arm64, `work` where they go. With the machine and the checks, which every walk needs.
+
+# shellcheck source=machine.sh
+source "${BASH_SOURCE[0]%/*}/machine.sh"
+# shellcheck source=../checks.sh
+source "${BASH_SOURCE[0]%/*}/../checks.sh"
 
 # make_package VERSION [FAULT]: WORK/VERSION.pkg of WORK/release-VERSION.
 make_package() {

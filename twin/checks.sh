@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# What the walks through a machine's life say and count. Sourced by them.
+# What the walks through a device's life say and count. Sourced by them.
 
 failures=0
 
