@@ -130,6 +130,22 @@ TEST_F(DiskReplay, counts_the_entries) {
     EXPECT_EQ(replay({"count", log}).out, "2\n");
 }
 
+TEST_F(DiskReplay, finds_the_first_and_the_last_write_to_a_place) {
+    write(0, 'a');
+    write(3, 'b');
+    flush();
+    write(4, 'c');
+    write(5, 'd');
+    discard(4);
+    const auto find = [this](std::size_t sector, std::size_t sectors) {
+        return replay({"find", log, std::to_string(sector * kSector), std::to_string(sectors * kSector)});
+    };
+    EXPECT_EQ(find(3, 2).out, "2 4\n");
+    EXPECT_EQ(find(4, 4).out, "4 5\n");
+    EXPECT_EQ(find(0, 1).out, "1 1\n");
+    EXPECT_NE(find(6, 2).exitCode, 0);
+}
+
 TEST_F(DiskReplay, refuses_what_is_no_log_or_is_shorter_than_it_says) {
     testsupport::writeFile(image, std::string(8 * kSector, '.'));
     write(0, 'a');

@@ -2,7 +2,10 @@
 // write to its disk, in the form of Linux' dm-log-writes; this brings an image to the state of any moment in the log.
 //
 //   disk-replay count LOG                     prints how many entries the log has
-//   disk-replay cut LOG IMAGE ENTRY SEED      the power goes behind entry number ENTRY, which are counted from 1
+//   disk-replay find LOG FIRST_BYTE BYTES     prints the numbers of the first and the last entry that write there
+//   disk-replay cut LOG IMAGE ENTRY SEED      the power goes behind entry number ENTRY
+//
+// Entries are counted from 1, and bytes from the beginning of the disk.
 //
 // Up to the last flush everything has arrived. Of what was written since then any part has: which one follows from
 // SEED, with 0 none of it. A write that was to be durable by itself (FUA) has arrived.
@@ -124,22 +127,51 @@ bool cut(const Log& log, const RawFile& image, std::size_t end, unsigned seed) {
     return true;
 }
 
+bool touches(const Log& log, const Entry& entry, std::uint64_t first, std::uint64_t bytes) {
+    const std::uint64_t begin = entry.what.sector * log.sectorBytes;
+    const std::uint64_t end = begin + entry.what.sectorCount * log.sectorBytes;
+    const bool writes = (entry.what.flags & kDiscard) == 0;
+    return writes && begin < first + bytes && first < end;
+}
+
+bool find(const Log& log, std::uint64_t first, std::uint64_t bytes) {
+    std::size_t from = 0;
+    std::size_t to = 0;
+    for (std::size_t index = 0; index < log.entries.size(); ++index) {
+        if (touches(log, log.entries[index], first, bytes)) {
+            to = index + 1;
+            from = from == 0 ? to : from;
+        }
+    }
+    if (to == 0) {
+        return fail("the log has no write there");
+    }
+    std::printf("%zu %zu\n", from, to);
+    return true;
+}
+
 }  // namespace
 
 int main(int argumentCount, char* arguments[]) {
     const std::vector<std::string> words(arguments + 1, arguments + argumentCount);
+    const auto number = [&words](std::size_t word) {
+        return std::strtoull(words[word].c_str(), nullptr, 10);
+    };
     Log log;
     if (words.size() == 2 && words[0] == "count") {
         return readLog(words[1], log) && std::printf("%zu\n", log.entries.size()) > 0 ? EXIT_SUCCESS
                                                                                       : EXIT_FAILURE;
     }
+    if (words.size() == 4 && words[0] == "find") {
+        return readLog(words[1], log) && find(log, number(2), number(3)) ? EXIT_SUCCESS : EXIT_FAILURE;
+    }
     if (words.size() != 5 || words[0] != "cut") {
-        fail("usage: disk-replay count LOG | cut LOG IMAGE ENTRY SEED");
+        fail("usage: disk-replay count LOG | find LOG FIRST_BYTE BYTES | cut LOG IMAGE ENTRY SEED");
         return EXIT_FAILURE;
     }
     RawFile image;
-    const std::size_t end = std::strtoul(words[3].c_str(), nullptr, 10);
-    const auto seed = static_cast<unsigned>(std::strtoul(words[4].c_str(), nullptr, 10));
+    const std::size_t end = number(3);
+    const auto seed = static_cast<unsigned>(number(4));
     if (!readLog(words[1], log)) {
         return EXIT_FAILURE;
     }
