@@ -7,7 +7,6 @@
 namespace kavro {
 namespace {
 
-constexpr std::size_t kAlignment = 4096;
 constexpr int kOnce = 1;
 constexpr int kWithoutLimit = -1;
 constexpr auto kBlock = static_cast<long long>(BlockReader::kBlockBytes);
@@ -19,7 +18,7 @@ BlockReader::BlockReader(const RawFile& file, long long bytes, Observer observer
       total(bytes),
       observe(std::move(observer)),
       last(static_cast<long>((bytes + kBlock - 1) / kBlock)),
-      memory(static_cast<char*>(std::aligned_alloc(kAlignment, kBuffers * kBlockBytes))) {
+      memory(makeAlignedBuffer(kBuffers * kBlockBytes)) {
     for (long number = 0; number < kBuffers; ++number) {
         blocks[number].data = memory.get() + static_cast<std::size_t>(number) * kBlockBytes;
     }

@@ -4,13 +4,12 @@
 
 #include <condition_variable>
 #include <cstddef>
-#include <cstdlib>
 #include <functional>
-#include <memory>
 #include <mutex>
 
 #include "common/user_thread.h"
 #include "platform/mcu/raw_file.h"
+#include "platform/utility/aligned_buffer.h"
 
 namespace kavro {
 
@@ -38,9 +37,6 @@ class BlockReader : private COMMON_YR::UserThreadBase {
 
   private:
     static constexpr long kBuffers = 2;
-    struct Free {
-        void operator()(char* memory) const { std::free(memory); }
-    };
 
     int threadFunc() override;
     void fill(long number);
@@ -50,7 +46,7 @@ class BlockReader : private COMMON_YR::UserThreadBase {
     const long long total;
     const Observer observe;
     const long last;  // one more than the number of the last block
-    std::unique_ptr<char, Free> memory;
+    AlignedBuffer memory;
     Block blocks[kBuffers];
     bool hasThread = false;
 

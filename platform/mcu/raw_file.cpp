@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
-#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -22,28 +21,20 @@ bool RawFile::openDirect(const std::string& path, int flags) {
     return open(path, flags | O_DIRECT) || (errno == EINVAL && open(path, flags));
 }
 
-// Whether a transfer that was refused may be tried again, through the cache.
-bool RawFile::leaveDirect() const {
-    if (errno != EINVAL) {
-        return false;
-    }
-    const int flags = ::fcntl(descriptor.get(), F_GETFL);
-    const bool left =
-        flags >= 0 && (flags & O_DIRECT) != 0 && ::fcntl(descriptor.get(), F_SETFL, flags & ~O_DIRECT) == 0;
-    errno = EINVAL;
-    return left;
+bool RawFile::status(struct stat& status) const {
+    return ::fstat(descriptor.get(), &status) == 0;
 }
 
 long long RawFile::size() const {
-    struct stat status {};
-    if (::fstat(descriptor.get(), &status) != 0) {
+    struct stat now {};
+    if (!status(now)) {
         return -1;
     }
-    if (S_ISREG(status.st_mode)) {
-        return status.st_size;
+    if (S_ISREG(now.st_mode)) {
+        return now.st_size;
     }
     std::uint64_t bytes = 0;
-    if (!S_ISBLK(status.st_mode) || ::ioctl(descriptor.get(), BLKGETSIZE64, &bytes) != 0) {
+    if (!S_ISBLK(now.st_mode) || ::ioctl(descriptor.get(), BLKGETSIZE64, &bytes) != 0) {
         return -1;
     }
     return static_cast<long long>(bytes);
@@ -53,15 +44,11 @@ long RawFile::readAt(void* buffer, std::size_t size, long long offset) const {
     auto* const bytes = static_cast<char*>(buffer);
     const auto read = [&] { return readFullyAt(descriptor.get(), bytes, size, static_cast<off_t>(offset)); };
     const ssize_t count = read();
-    return count < 0 && leaveDirect() ? read() : count;
+    return count < 0 && errno == EINVAL && leaveDirect(descriptor.get()) ? read() : count;
 }
 
 bool RawFile::writeAt(const void* data, std::size_t size, long long offset) const {
-    const auto* const bytes = static_cast<const char*>(data);
-    const auto write = [&] {
-        return writeFullyAt(descriptor.get(), bytes, size, static_cast<off_t>(offset));
-    };
-    return write() || (leaveDirect() && write());
+    return writeDirectAt(descriptor.get(), static_cast<const char*>(data), size, static_cast<off_t>(offset));
 }
 
 bool RawFile::flush() const {

@@ -5,6 +5,8 @@
 // off.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstddef>
 #include <functional>
 #include <string>
@@ -22,9 +24,12 @@ class RawFile {
     // object.
     [[nodiscard]] bool open(const std::string& path, int flags);
 
-    // The same, to transfer past the cache where that is possible: for buffers and offsets that are multiples of 4096,
-    // until the first size that is not.
+    // The same, to transfer past the cache where that is possible: for buffers and offsets that are multiples of
+    // kDirectAlignment (aligned_buffer.h), until the first size that is not.
     [[nodiscard]] bool openDirect(const std::string& path, int flags);
+
+    // As fstat(2). False with errno set.
+    [[nodiscard]] bool status(struct stat& status) const;
 
     // The size in bytes of a regular file or a block device; -1 for anything else and on failure.
     [[nodiscard]] long long size() const;
@@ -43,8 +48,6 @@ class RawFile {
     void dropCache() const;
 
   private:
-    [[nodiscard]] bool leaveDirect() const;
-
     FileDescriptor descriptor;
 };
 

@@ -11,10 +11,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <vector>
 
 #include "common/cancellation.h"
 #include "common/utility.h"
+#include "platform/utility/aligned_buffer.h"
 #include "platform/utility/destination.h"
 #include "platform/utility/file_io.h"
 #include "platform/utility/file_update.h"
@@ -22,7 +22,11 @@
 namespace COMMON_YR {
 namespace {
 
-constexpr off_t kBlock = 128 << 10;    // also the smallest hole that a copy gets
+constexpr off_t kBlock = 1 << 20;
+constexpr off_t kSmallestHole = 128 << 10;  // of those that a copy gets for zeros
+// A copy of a package waits for storage in any case, and is read much later or not at all: past the cache it costs
+// storage's time only. What is smaller fits into one block.
+constexpr off_t kDirectFrom = kBlock + 1;
 constexpr off_t kPushBlock = 4 << 20;  // what is written back at once
 constexpr off_t kUnderWay = 16 << 20;  // what may be under way to storage: a fraction of a second's work
 constexpr mode_t kPermissionBits = 0777;
@@ -63,6 +67,8 @@ class Copier {
     bool copyRange(off_t begin, off_t end);
     ssize_t copyBlock(off_t position, off_t length);
     bool pushOut(off_t position);
+    bool writeBlock(const char* data, off_t length, off_t position);
+    bool write(const char* data, off_t length, off_t position);
     [[nodiscard]] bool writeBack(off_t begin, off_t end, unsigned how) const;
     char* buffer();
 
@@ -72,16 +78,22 @@ class Copier {
     bool leavesHoles = false;
     off_t pushedFrom = 0;  // write-back has been started up to pushedTo, and waited for up to pushedFrom
     off_t pushedTo = 0;
-    std::vector<char> memory;
+    kavro::AlignedBuffer memory;
 };
 
+// Null, with errno set, when there is no memory to be had.
 char* Copier::buffer() {
-    memory.resize(kBlock);
-    return memory.data();
+    if (!memory) {
+        memory = kavro::makeAlignedBuffer(kBlock);
+    }
+    return memory.get();
 }
 
 off_t Copier::copyStream() {
     char* const block = buffer();
+    if (block == nullptr) {
+        return -1;
+    }
     for (off_t total = 0;;) {
         const ssize_t count = kavro::readFully(source, block, kBlock);
         if (count < 0 || !kavro::writeFully(sink, block, static_cast<std::size_t>(count))) {
@@ -112,6 +124,9 @@ bool Copier::copyRange(off_t begin, off_t end) {
 
 bool Copier::copyToEmpty(off_t size) {
     leavesHoles = true;
+    if (size >= kDirectFrom) {
+        kavro::enterDirect(sink);
+    }
     for (off_t position = 0; position < size;) {
         const off_t data = lseek(source, position, SEEK_DATA);
         if (data < 0) {
@@ -131,19 +146,36 @@ bool Copier::copyToEmpty(off_t size) {
 // Returns the number of bytes copied, 0 when the source has ended, negative on failure.
 ssize_t Copier::copyBlock(off_t position, off_t length) {
     char* const block = buffer();
+    if (block == nullptr) {
+        return -1;
+    }
     const ssize_t count = kavro::readFullyAt(source, block, static_cast<std::size_t>(length), position);
     if (count <= 0) {
         return count;
     }
-    const auto size = static_cast<std::size_t>(count);
-    if (leavesHoles && isZero(block, size)) {
-        return count;
-    }
-    return kavro::writeFullyAt(sink, block, size, position) ? count : -1;
+    return writeBlock(block, count, position) ? count : -1;
 }
 
-// Starts the write-back of what was copied, and waits where too much of it is under way: the flush at the end, which
-// cannot be cut short, has little left to do. To wait for less at a time would let storage run idle in between.
+bool Copier::writeBlock(const char* data, off_t length, off_t position) {
+    off_t begin = 0;  // of what is still to be written
+    for (off_t piece = 0; leavesHoles && piece < length; piece += kSmallestHole) {
+        const off_t end = std::min(piece + kSmallestHole, length);
+        if (isZero(data + piece, static_cast<std::size_t>(end - piece))) {
+            if (!write(data + begin, piece - begin, position + begin)) {
+                return false;
+            }
+            begin = end;
+        }
+    }
+    return write(data + begin, length - begin, position + begin);
+}
+
+bool Copier::write(const char* data, off_t length, off_t position) {
+    return length == 0 || kavro::writeDirectAt(sink, data, static_cast<std::size_t>(length), position);
+}
+
+// What went through the cache: starts its write-back, and waits where too much of it is under way. The flush at the end,
+// which cannot be cut short, has little left to do. To wait for less at a time would let storage run idle in between.
 bool Copier::pushOut(off_t position) {
     if (position - pushedTo < kPushBlock) {
         return true;

@@ -91,6 +91,23 @@ bool writeFullyAt(int fd, const char* data, std::size_t length, off_t offset) {
                    length);
 }
 
+void enterDirect(int fd) {
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags >= 0) {
+        (void)fcntl(fd, F_SETFL, flags | O_DIRECT);
+    }
+}
+
+bool leaveDirect(int fd) {
+    const int flags = fcntl(fd, F_GETFL);
+    return flags >= 0 && (flags & O_DIRECT) != 0 && fcntl(fd, F_SETFL, flags & ~O_DIRECT) == 0;
+}
+
+bool writeDirectAt(int fd, const char* data, std::size_t length, off_t offset) {
+    return writeFullyAt(fd, data, length, offset) ||
+           (errno == EINVAL && leaveDirect(fd) && writeFullyAt(fd, data, length, offset));
+}
+
 bool flushFile(int fd) {
     while (fsync(fd) != 0) {
         if (errno != EINTR) {

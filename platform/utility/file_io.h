@@ -23,6 +23,14 @@ ssize_t readFullyAt(int fd, char* buffer, std::size_t length, off_t offset);
 bool writeFully(int fd, const char* data, std::size_t length);
 bool writeFullyAt(int fd, const char* data, std::size_t length, off_t offset);
 
+// From now on the transfers of an open file go past the cache, where its file system can: faster for much that nobody
+// reads soon. Memory, offsets and sizes must be multiples of kDirectAlignment (aligned_buffer.h), up to leaveDirect().
+void enterDirect(int fd);
+// From now on they go through the cache. False when they did already.
+bool leaveDirect(int fd);
+// As writeFullyAt(), and leaves direct transfers with the first one that they do not allow.
+bool writeDirectAt(int fd, const char* data, std::size_t length, off_t offset);
+
 // Brings a file's content to storage. True for something that has no storage, such as a FIFO or /dev/null.
 bool flushFile(int fd);
 

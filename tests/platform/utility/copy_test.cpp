@@ -46,6 +46,17 @@ TEST_F(CpFile, content_is_copied_and_nothing_else_is_left) {
     EXPECT_EQ(directory.names(), (Names{"destination", "source"}));
 }
 
+TEST_F(CpFile, every_size_around_blocks_of_memory_and_storage_is_copied) {
+    constexpr std::size_t kMiB = 1 << 20;
+    for (const std::size_t size : {kMiB - 1, kMiB, kMiB + 1, kMiB + 511, kMiB + 512, kMiB + 4096,
+                                   2 * kMiB - 1, 2 * kMiB, 5 * kMiB + 12345}) {
+        SCOPED_TRACE(size);
+        spill(source, content.substr(0, size));
+        EXPECT_EQ(cpFile(source, destination), 0);
+        EXPECT_TRUE(slurp(destination) == content.substr(0, size));
+    }
+}
+
 TEST_F(CpFile, empty_file_is_copied) {
     spill(source, "");
     spill(destination, "old");
