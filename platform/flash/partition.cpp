@@ -45,6 +45,21 @@ bool openComponent(const Placement& placement, RawFile& file, std::string& error
     return true;
 }
 
+// Whoever writes to a file, or puts another one in its place, leaves another time of change behind.
+bool isSameState(const struct stat& left, const struct stat& right) {
+    return left.st_dev == right.st_dev && left.st_ino == right.st_ino && left.st_size == right.st_size &&
+           left.st_ctim.tv_sec == right.st_ctim.tv_sec && left.st_ctim.tv_nsec == right.st_ctim.tv_nsec;
+}
+
+bool isStillUnchanged(const Placement& placement, const RawFile& file, std::string& error) {
+    struct stat now = {};
+    return (file.status(now) && isSameState(placement.seen, now)) || hasChanged(placement, error);
+}
+
+bool openUnchanged(const Placement& placement, RawFile& file, std::string& error) {
+    return openComponent(placement, file, error) && isStillUnchanged(placement, file, error);
+}
+
 // Calls work(block) for every block of the file's first `bytes` bytes, until one fails.
 template <typename Work>
 bool forEachBlock(const RawFile& file, const std::string& path, long long bytes, const KeepGoing& keepGoing,
@@ -67,6 +82,11 @@ bool forEachBlock(const RawFile& file, const std::string& path, long long bytes,
     return true;
 }
 
+bool finishDigest(Digest& digest, const std::string& path, std::string& sha256, std::string& error) {
+    sha256 = digest.finishAsText();
+    return !sha256.empty() || fail(path, "its SHA-256 cannot be computed", 0, error);
+}
+
 // The SHA-256 of the file's first `bytes` bytes.
 bool computeDigest(const RawFile& file, const std::string& path, long long bytes, const KeepGoing& keepGoing,
                    std::string& sha256, std::string& error) {
@@ -75,11 +95,8 @@ bool computeDigest(const RawFile& file, const std::string& path, long long bytes
         digest.add(block.data, block.size);
         return true;
     };
-    if (!forEachBlock(file, path, bytes, keepGoing, error, add)) {
-        return false;
-    }
-    sha256 = digest.finishAsText();
-    return !sha256.empty() || fail(path, "its SHA-256 cannot be computed", 0, error);
+    return forEachBlock(file, path, bytes, keepGoing, error, add) &&
+           finishDigest(digest, path, sha256, error);
 }
 
 bool checkFits(const Placement& placement, std::string& error) {
@@ -100,50 +117,54 @@ bool checkFits(const Placement& placement, std::string& error) {
     return true;
 }
 
+// The digest of what was read now, which must be that of what was read before, if anything was.
+bool recordDigest(Placement& placement, Digest& digest, std::string& error) {
+    std::string sha256;
+    if (!finishDigest(digest, placement.component, sha256, error)) {
+        return false;
+    }
+    std::string& known = placement.content.sha256;
+    if (known.empty()) {
+        known = sha256;
+    }
+    return sha256 == known || hasChanged(placement, error);
+}
+
 }  // namespace
 
-bool checkPlacement(Placement& placement, const KeepGoing& keepGoing, std::string& error) {
+bool checkPlacement(Placement& placement, std::string& error) {
     RawFile component;
+    placement.content = {};
     if (!openComponent(placement, component, error)) {
         return false;
     }
-    if (typeOf(placement.component) != S_IFREG) {
+    if (!component.status(placement.seen)) {
+        return fail(placement.component, "cannot be read", errno, error);
+    }
+    if (!S_ISREG(placement.seen.st_mode)) {
         return fail(placement.component, "is no regular file", 0, error);
     }
-    placement.content.bytes = component.size();
+    placement.content.bytes = placement.seen.st_size;
     if (placement.content.bytes <= 0) {
         return fail(placement.component, "is empty", 0, error);
     }
-    return checkFits(placement, error) &&
+    return checkFits(placement, error);
+}
+
+bool readComponent(Placement& placement, const KeepGoing& keepGoing, std::string& error) {
+    RawFile component;
+    return openUnchanged(placement, component, error) &&
            computeDigest(component, placement.component, placement.content.bytes, keepGoing,
                          placement.content.sha256, error);
 }
 
-bool checkUnchanged(const Placement& placement, const KeepGoing& keepGoing, std::string& error) {
-    RawFile component;
-    std::string sha256;
-    if (!openComponent(placement, component, error)) {
-        return false;
-    }
-    if (component.size() != placement.content.bytes) {
-        return hasChanged(placement, error);
-    }
-    if (!computeDigest(component, placement.component, placement.content.bytes, keepGoing, sha256, error)) {
-        return false;
-    }
-    return sha256 == placement.content.sha256 || hasChanged(placement, error);
-}
-
-bool writePlacement(const Placement& placement, const KeepGoing& keepGoing, std::string& error) {
+bool writePlacement(Placement& placement, const KeepGoing& keepGoing, std::string& error) {
     const long long bytes = placement.content.bytes;
     RawFile component;
     RawFile partition;
-    if (!openComponent(placement, component, error) ||
+    if (!openUnchanged(placement, component, error) ||
         !openToWrite(placement.partition, O_WRONLY, partition, error)) {
         return false;
-    }
-    if (component.size() != bytes) {
-        return hasChanged(placement, error);
     }
     if (partition.size() < bytes) {
         return fail(placement.partition, "became smaller after it was checked", 0, error);
@@ -163,16 +184,16 @@ bool writePlacement(const Placement& placement, const KeepGoing& keepGoing, std:
     if (!partition.flush()) {
         return fail(placement.partition, "cannot be flushed", errno, error);
     }
-    return digest.finishAsText() == placement.content.sha256 || hasChanged(placement, error);
+    return recordDigest(placement, digest, error) && isStillUnchanged(placement, component, error);
 }
 
 bool verifyPartition(const std::string& partition, const PartContent& content, const KeepGoing& keepGoing,
                      std::string& error) {
     RawFile file;
-    if (!file.open(partition, O_RDONLY)) {
+    if (!file.openDirect(partition, O_RDONLY)) {
         return fail(partition, "the partition cannot be opened", errno, error);
     }
-    file.dropCache();
+    file.dropCache();  // where nothing can be read past it
     std::string sha256;
     if (!computeDigest(file, partition, content.bytes, keepGoing, sha256, error)) {
         return false;

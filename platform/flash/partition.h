@@ -4,6 +4,8 @@
 // Functions report failure by their result and a text that names the file. They need a CancelHold around them.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <string>
 
 #include "platform/config/written_slot.h"
@@ -15,20 +17,21 @@ namespace kavro {
 struct Placement {
     std::string component;  // path of the component's file
     std::string partition;  // path of the partition
-    PartContent content;    // what the component is, set by checkPlacement
+    PartContent
+        content;  // what the component is: its size since checkPlacement, its digest since it was read
+    struct stat seen = {};  // the component's file when it was checked
 };
 
 // Whether the component can be written: a readable regular file that is not empty, no larger than its
-// partition, which is there, can be written to and is not in use (mounted). Reads the whole component and sets
-// the content. Writes nothing.
-[[nodiscard]] bool checkPlacement(Placement& placement, const KeepGoing& keepGoing, std::string& error);
+// partition, which is there, can be written to and is not in use (mounted). Writes nothing.
+[[nodiscard]] bool checkPlacement(Placement& placement, std::string& error);
 
-// Whether the component's file still has the content that was checked.
-[[nodiscard]] bool checkUnchanged(const Placement& placement, const KeepGoing& keepGoing, std::string& error);
+// Reads the whole component, which must still be the file that was checked.
+[[nodiscard]] bool readComponent(Placement& placement, const KeepGoing& keepGoing, std::string& error);
 
-// Copies the component to the start of the partition, block by block, and flushes it. Fails when the component
-// turns out not to be the one that was checked.
-[[nodiscard]] bool writePlacement(const Placement& placement, const KeepGoing& keepGoing, std::string& error);
+// Copies the component to the start of the partition, block by block, and flushes it. Fails, before it writes, when the
+// component's file is not as it was checked, and when it turns out not to hold what was read before.
+[[nodiscard]] bool writePlacement(Placement& placement, const KeepGoing& keepGoing, std::string& error);
 
 // Whether the partition holds the content, as read back from storage.
 [[nodiscard]] bool verifyPartition(const std::string& partition, const PartContent& content,

@@ -79,7 +79,7 @@ class MpuFlasher {
             return report(error);
         }
         for (kavro::Placement& placement : placements) {
-            if (!kavro::checkPlacement(placement, keepGoing(), error)) {
+            if (!kavro::checkPlacement(placement, error)) {
                 return report(error);
             }
         }
@@ -106,7 +106,7 @@ class MpuFlasher {
         if (std::exchange(stage, Stage::kIdle) != Stage::kWritten) {
             return report("postUpgrade without a successful upgrade");
         }
-        if (!verify(placements.cbegin(), placements.cend(), error)) {
+        if (!verify(placements.begin(), placements.end(), error)) {
             return report(error);
         }
         kavro::WrittenSlot written;
@@ -227,27 +227,26 @@ class MpuFlasher {
     }
 
     bool writeSlot(std::string& error) {
-        return std::all_of(placements.cbegin(), endOfSlot(), [&](const kavro::Placement& placement) {
+        return std::all_of(placements.begin(), endOfSlot(), [&](kavro::Placement& placement) {
             return kavro::writePlacement(placement, keepGoing(), error);
         });
     }
 
-    // There is only one: it is touched when storage is known to hold all of the slot.
+    // There is only one: it is touched when storage is known to hold all of the slot, and when all of the new one can be
+    // read.
     bool writeBootloader(std::string& error) {
-        if (endOfSlot() == placements.cend()) {
+        if (endOfSlot() == placements.end()) {
             return true;
         }
-        const kavro::Placement& loader = placements.back();
-        return verify(placements.cbegin(), endOfSlot(), error) &&
-               kavro::checkUnchanged(loader, keepGoing(), error) &&
+        kavro::Placement& loader = placements.back();
+        return verify(placements.begin(), endOfSlot(), error) &&
+               kavro::readComponent(loader, keepGoing(), error) &&
                kavro::writePlacement(loader, keepGoing(), error);
     }
 
-    using PlacementIterator = std::vector<kavro::Placement>::const_iterator;
+    using PlacementIterator = std::vector<kavro::Placement>::iterator;
 
-    [[nodiscard]] PlacementIterator endOfSlot() const {
-        return placements.cbegin() + kavro::kSlotComponents.size();
-    }
+    [[nodiscard]] PlacementIterator endOfSlot() { return placements.begin() + kavro::kSlotComponents.size(); }
 
     bool verify(PlacementIterator begin, PlacementIterator end, std::string& error) {
         return std::all_of(begin, end, [&](const kavro::Placement& placement) {

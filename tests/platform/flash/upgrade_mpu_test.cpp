@@ -57,6 +57,20 @@ class Mpu : public testsupport::MpuDevice {
         EXPECT_LT(mpu.activate(false), 0);
     }
 
+    // File systems keep times in ticks of the kernel's clock: waits until one has passed.
+    static void waitForAnotherFileTime() {
+        const std::string probe = kFirmware + "/probe";
+        struct stat first {};
+        struct stat now {};
+        do {
+            testsupport::writeFile(probe, "probe");
+            ASSERT_EQ(stat(probe.c_str(), &now), 0);
+            if (first.st_ctim.tv_sec == 0) {
+                first = now;
+            }
+        } while (now.st_ctim.tv_sec == first.st_ctim.tv_sec && now.st_ctim.tv_nsec == first.st_ctim.tv_nsec);
+    }
+
     // Replaces a partition by something else.
     static void replacePartition(const std::string& name, const std::string& linkTarget) {
         std::filesystem::remove(kPartitions + name);
@@ -378,6 +392,7 @@ TEST_F(Mpu, component_of_another_content_than_was_checked_fails) {
         putRelease(releaseOf(1));
         UpgradeMpu mpu;
         ASSERT_EQ(mpu.preUpgrade(kFirmware, false, true), 0);
+        waitForAnotherFileTime();
         std::string changed = testsupport::readFile(kFirmware + "/" + component);
         changed.back() = static_cast<char>(changed.back() ^ 1);
         testsupport::writeFile(kFirmware + "/" + component, changed);
@@ -393,6 +408,7 @@ TEST_F(Mpu, bootloader_of_another_content_than_was_checked_is_not_written_at_all
     const std::string before = partition("bootloader");
     UpgradeMpu mpu;
     ASSERT_EQ(mpu.preUpgrade(kFirmware, true, true), 0);
+    waitForAnotherFileTime();
     testsupport::writeFile(kFirmware + "/bld_release.bin", releaseOf(2).bootloader);
     EXPECT_LT(mpu.upgrade(), 0);
     EXPECT_TRUE(testsupport::loggedWith(1, {kFirmware + "/bld_release.bin", "changed after it was checked"}));
