@@ -6,7 +6,9 @@
 #   killed     the emulators of both processors are killed. What the kernel of the device has not handed over to its disk
 #              is lost, and so is what the microcontroller was about to write
 #   unflushed  the writes to the disk were logged, and its image is made anew from the log, up to some write. Of what was
-#              not flushed by then a part is lost, here and there, as with a disk that has a cache of its own
+#              not flushed by then a part is lost, here and there, as with a disk that has a cache of its own. The writes
+#              of the boot loader are few: `loader` and `loader-back` are an installation and a rollback that are cut off
+#              just there
 #
 #   cuts.sh HOST_BUILD ARM64_BUILD SYSROOT WORK [NUMBER_KILLED [NUMBER_UNFLUSHED]]
 set -euo pipefail
@@ -23,13 +25,15 @@ export KAVRO_TWIN_PROGRAMS=$host/twin
 
 first=1.104.7.2
 second=1.105.8.3
-third=1.106.9.3
+third=1.106.9.4
 
 # What is cut: of a device in which state, and which command; the start has none.
 declare -A base_of=([install]=new [activate]=installed [start]=activated [rollback]=second)
 declare -A command_of=([install]="upgradectl install --plain /media/$second.pkg" [activate]="upgradectl activate"
     [rollback]="upgradectl rollback --plain" [start]="")
-kinds=(install start install activate rollback)
+kinds_killed=(install start install activate rollback)
+kinds_unflushed=(install loader start install activate rollback loader-back)
+declare -A loader_written_by=([loader]=install [loader-back]=rollback)
 declare -A milliseconds_of=() cuts_of=() done_of=()
 
 now_in_milliseconds() {
@@ -92,12 +96,11 @@ make_states() {
     done
 }
 
-# count_cuts NUMBER
+# count_cuts KIND...
 count_cuts() {
-    local index kind
+    local kind
     cuts_of=() done_of=()
-    for ((index = 0; index < $1; index++)); do
-        kind=${kinds[index % ${#kinds[@]}]}
+    for kind; do
         cuts_of[$kind]=$((${cuts_of[$kind]-0} + 1))
     done
 }
@@ -126,9 +129,24 @@ cut_at() {
     machine_cut
 }
 
-# come_back KIND: the power is there again. Each of these must be so; what is not is in `faults`.
+# loader_of: which boot loader the disk of the device has, by the last number of its release; a `part` of one otherwise.
+loader_of() {
+    local version component
+    machine_read_loader "$machine"
+    for version in "$first" "$second" "$third"; do
+        component=$work/release-$version/bld_release.bin
+        if cmp -s -n "$(stat -c %s "$component")" "$component" "$machine/loader.bin"; then
+            printf '%s\n' "${version##*.}"
+            return
+        fi
+    done
+    printf 'part\n'
+}
+
+# come_back RUN: the power is there again. Each of these must be so; what is not is in `faults`.
 come_back() {
     faults=() starts=0 slot=- release=- mcu=- next=-
+    loader=$(loader_of)
     mcu_start "$machine"
     machine_boot "$machine" || { faults+=("does not come up") && return; }
     slot=$(machine_run fw_printenv -n boot_slot)
@@ -156,11 +174,12 @@ share_of() {
     printf '%d\n' $(($2 * (2 * ${done_of[$1]-0} + 1) / (2 * cuts_of[$1])))
 }
 
-# judge KIND AT WHAT: what becomes of the device after the cut.
+# judge KIND AT WHAT [RUN]: what becomes of the device after the cut.
 judge() {
     local verdict=ok
-    come_back "$1"
+    come_back "${4-$1}"
     ((${#faults[@]})) || install_next || faults+=("the next installation: $(tail -n 1 "$work/next.log")")
+    ((${#faults[@]})) || [[ $(loader_of) == "${third##*.}" ]] || faults+=("the boot loader is that of $(loader_of)")
     machine_cut
     if ((${#faults[@]})); then
         verdict="FAIL: ${faults[*]}"
@@ -168,8 +187,8 @@ judge() {
         mv "$machine" "$work/failed-$failures"
     fi
     done_of[$1]=$((${done_of[$1]-0} + 1))
-    printf '%-9s %12s  %-48.48s %6d %-4s %-10s %-5s %-10s %s\n' "$1" "$2" "$3" "$starts" "$slot" "$release" "$mcu" \
-        "$next" "$verdict"
+    printf '%-11s %12s  %-48.48s %-6s %6d %-4s %-10s %-5s %-10s %s\n' "$1" "$2" "$3" "$loader" "$starts" "$slot" \
+        "$release" "$mcu" "$next" "$verdict"
 }
 
 kill_during() {
@@ -195,40 +214,61 @@ log_writes() {
     mv "$work/logged/mcu/flash.bin" "$work/$1.mcu"
 }
 
-# The microcontroller is as it was, has lost its application, or is done: nobody knows at which write it was where.
+# put_microcontroller KIND RUN: as it was, without its application, or done: nobody knows at which write it was where.
 put_microcontroller() {
     case $((${done_of[$1]-0} % 3)) in
     1) "$KAVRO_TWIN_PROGRAMS/mcu-emulator" format "$machine/mcu/flash.bin" ;;
-    2) cp "$work/$1.mcu" "$machine/mcu/flash.bin" ;;
+    2) cp "$work/$2.mcu" "$machine/mcu/flash.bin" ;;
     esac
 }
 
-lose_during() {
-    local entries at said
-    log_writes "$1"
-    entries=$("$KAVRO_TWIN_PROGRAMS/disk-replay" count "$work/$1.writes")
-    at=$(share_of "$1" "$entries")
-    machine_copy "$work/${base_of[$1]}" "$machine"
-    said=$("$KAVRO_TWIN_PROGRAMS/disk-replay" cut "$work/$1.writes" "$machine/disk.img" "$at" $((at + 1)))
-    put_microcontroller "$1"
-    judge "$1" "$at/$entries" "$said"
+# entries_of KIND LOG: the numbers of the first and the last entry of the log behind which the power may go.
+entries_of() {
+    if [[ -n ${loader_written_by[$1]-} ]]; then
+        "$KAVRO_TWIN_PROGRAMS/disk-replay" find "$2" "${MACHINE_START[bootloader]}" "$(machine_partition_bytes bootloader)"
+    else
+        printf '1 %d\n' "$("$KAVRO_TWIN_PROGRAMS/disk-replay" count "$2")"
+    fi
 }
 
-# cuts NUMBER FUNCTION HEADING
+lose_during() {
+    local run=${loader_written_by[$1]-$1} from to at said
+    local log=$work/$run.writes
+    log_writes "$run"
+    read -r from to < <(entries_of "$1" "$log")
+    at=$((from + $(share_of "$1" $((to - from + 1)))))
+    machine_copy "$work/${base_of[$run]}" "$machine"
+    said=$("$KAVRO_TWIN_PROGRAMS/disk-replay" cut "$log" "$machine/disk.img" "$at" $((at + 1)))
+    put_microcontroller "$1" "$run"
+    judge "$1" "$at/$("$KAVRO_TWIN_PROGRAMS/disk-replay" count "$log")" "$said" "$run"
+}
+
+# cuts FUNCTION HEADING KIND...
 cuts() {
+    local kind
+    (($# > 2)) || return 0
+    count_cuts "${@:3}"
+    say "$(($# - 2)) cuts: $2"
+    printf '%-11s %12s  %-48s %-6s %6s %-4s %-10s %-5s %-10s\n' during at "" loader starts slot release MCU next
+    for kind in "${@:3}"; do
+        "$1" "$kind"
+    done
+}
+
+# first_of NUMBER KIND...: as many kinds, over and over.
+first_of() {
     local index
-    count_cuts "$1"
-    say "$1 cuts: $3"
-    printf '%-9s %12s  %-48s %6s %-4s %-10s %-5s %-10s\n' during at "" starts slot release MCU next
     for ((index = 0; index < $1; index++)); do
-        "$2" "${kinds[index % ${#kinds[@]}]}"
+        printf '%s\n' "${@:2 + index % ($# - 1):1}"
     done
 }
 
 trap machine_cut EXIT
 make_packages
 make_states
-((number == 0)) || cuts "$number" kill_during "both processors are killed"
-((unflushed == 0)) || cuts "$unflushed" lose_during "the disk loses what was not flushed"
+# shellcheck disable=SC2046  # kinds are words
+cuts kill_during "both processors are killed" $(first_of "$number" "${kinds_killed[@]}")
+# shellcheck disable=SC2046
+cuts lose_during "the disk loses what was not flushed" $(first_of "$unflushed" "${kinds_unflushed[@]}")
 printf '\n%d cuts, %d failed\n' $((number + unflushed)) "$failures"
 ((!failures))
