@@ -5,7 +5,7 @@
 
 #include <cerrno>
 
-#include "platform/flash/block_reader.h"
+#include "platform/utility/block_reader.h"
 #include "platform/utility/digest.h"
 
 namespace kavro {
@@ -64,7 +64,10 @@ bool openUnchanged(const Placement& placement, RawFile& file, std::string& error
 template <typename Work>
 bool forEachBlock(const RawFile& file, const std::string& path, long long bytes, const KeepGoing& keepGoing,
                   std::string& error, const Work& work, const BlockReader::Observer& observer = {}) {
-    BlockReader reader(file, bytes, observer);
+    const auto readAt = [&file](char* buffer, std::size_t size, long long offset) {
+        return file.readAt(buffer, size, offset);
+    };
+    BlockReader reader(readAt, bytes, observer);
     while (const BlockReader::Block* const block = reader.next()) {
         if (!keepGoing()) {
             return fail(path, "the work was given up", 0, error);

@@ -1,11 +1,13 @@
 // chkFileMd5.
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <vector>
 
 #include "common/cancellation.h"
 #include "common/utility.h"
+#include "platform/utility/block_reader.h"
 #include "platform/utility/digest.h"
 #include "platform/utility/file_io.h"
 
@@ -13,6 +15,7 @@ namespace COMMON_YR {
 namespace {
 
 constexpr std::size_t kBlock = 256 << 10;
+constexpr off_t kReadAheadFrom = 4 << 20;  // a thread for less costs more than it brings
 constexpr std::size_t kMd5Bytes = 16;
 
 // The md5 of what is left to read of the file; empty on failure.
@@ -32,6 +35,30 @@ std::vector<unsigned char> md5Of(int fd, const CancelHold& hold) {
     }
 }
 
+// The md5 of a file of that size, read on another thread meanwhile; empty on failure. A package was copied past the cache,
+// so it comes from storage.
+std::vector<unsigned char> md5OfLarge(int fd, off_t size, const CancelHold& hold) {
+    const auto readAt = [fd](char* buffer, std::size_t length, long long offset) {
+        return kavro::readFullyAt(fd, buffer, length, static_cast<off_t>(offset));
+    };
+    kavro::Digest digest(kavro::Digest::Kind::kMd5);
+    kavro::BlockReader reader(readAt, size);
+    while (const auto* const block = reader.next()) {
+        if (block->count != static_cast<long>(block->size)) {
+            return {};
+        }
+        digest.add(block->data, block->size);
+        hold.checkpoint();
+    }
+    return digest.finish();
+}
+
+// 0 for what has no size of its own.
+off_t sizeOf(int fd) {
+    struct stat status = {};
+    return fstat(fd, &status) == 0 && S_ISREG(status.st_mode) ? status.st_size : 0;
+}
+
 }  // namespace
 
 bool chkFileMd5(const std::string& path, std::string md5Text) {
@@ -45,7 +72,8 @@ bool chkFileMd5(const std::string& path, std::string md5Text) {
         return false;
     }
     posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
-    return md5Of(file.get(), hold) == expected;
+    const off_t size = sizeOf(file.get());
+    return (size < kReadAheadFrom ? md5Of(file.get(), hold) : md5OfLarge(file.get(), size, hold)) == expected;
 }
 
 }  // namespace COMMON_YR

@@ -8,7 +8,6 @@
 #include <mutex>
 
 #include "common/user_thread.h"
-#include "platform/mcu/raw_file.h"
 #include "platform/utility/aligned_buffer.h"
 
 namespace kavro {
@@ -27,9 +26,12 @@ class BlockReader : private COMMON_YR::UserThreadBase {
     // Sees each block that was read whole, in order, before next() gives it; on the reading thread.
     using Observer = std::function<void(const Block& block)>;
 
-    // Reads the file's first `bytes` bytes; the file must outlive the reader. Where there is no thread or no memory to be
+    // Reads up to `size` bytes at an offset: returns how many, fewer only where the file ends, negative with errno set.
+    using Read = std::function<long(char* buffer, std::size_t size, long long offset)>;
+
+    // Reads a file's first `bytes` bytes; the file must outlive the reader. Where there is no thread or no memory to be
     // had, the reading is done by next(), or fails.
-    BlockReader(const RawFile& file, long long bytes, Observer observer = {});
+    BlockReader(Read read, long long bytes, Observer observer = {});
     ~BlockReader();
 
     // The next block, valid until the next call; null behind the last one.
@@ -42,7 +44,7 @@ class BlockReader : private COMMON_YR::UserThreadBase {
     void fill(long number);
     Block& blockOf(long number) { return blocks[number % kBuffers]; }
 
-    const RawFile& source;
+    const Read readAt;
     const long long total;
     const Observer observe;
     const long last;  // one more than the number of the last block

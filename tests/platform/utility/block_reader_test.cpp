@@ -1,5 +1,5 @@
 // Files read block by block, ahead of whoever works on them.
-#include "platform/flash/block_reader.h"
+#include "platform/utility/block_reader.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <string>
 
+#include "platform/mcu/raw_file.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -15,6 +16,12 @@ namespace {
 using kavro::BlockReader;
 
 constexpr auto kBlock = static_cast<long long>(BlockReader::kBlockBytes);
+
+BlockReader::Read from(const kavro::RawFile& file) {
+    return [&file](char* buffer, std::size_t size, long long offset) {
+        return file.readAt(buffer, size, offset);
+    };
+}
 
 class Blocks : public testing::Test {
   protected:
@@ -48,16 +55,16 @@ TEST_F(Blocks, give_the_file_in_order_whatever_its_size) {
     for (const long long bytes : {1LL, kBlock - 1, kBlock, kBlock + 1, 2 * kBlock, 7 * kBlock + 12345}) {
         SCOPED_TRACE(bytes);
         make(bytes);
-        BlockReader reader(file, bytes);
+        BlockReader reader(from(file), bytes);
         EXPECT_TRUE(readAll(reader) == content);
     }
 }
 
 TEST_F(Blocks, end_where_they_are_asked_to) {
     make(3 * kBlock);
-    BlockReader reader(file, kBlock + 5);
+    BlockReader reader(from(file), kBlock + 5);
     EXPECT_TRUE(readAll(reader) == content.substr(0, static_cast<std::size_t>(kBlock + 5)));
-    BlockReader nothing(file, 0);
+    BlockReader nothing(from(file), 0);
     EXPECT_EQ(nothing.next(), nullptr);
 }
 
@@ -65,7 +72,7 @@ TEST_F(Blocks, are_seen_by_the_observer_before_they_are_given) {
     make(5 * kBlock + 1);
     std::string seen;
     std::atomic<long> count = 0;
-    BlockReader reader(file, 5 * kBlock + 1, [&](const BlockReader::Block& block) {
+    BlockReader reader(from(file), 5 * kBlock + 1, [&](const BlockReader::Block& block) {
         seen.append(block.data, block.size);
         ++count;
     });
@@ -78,7 +85,7 @@ TEST_F(Blocks, are_seen_by_the_observer_before_they_are_given) {
 TEST_F(Blocks, tell_of_a_file_that_ends_early) {
     make(kBlock + 100);
     std::atomic<long> seen = 0;
-    BlockReader reader(file, 4 * kBlock, [&](const BlockReader::Block&) { ++seen; });
+    BlockReader reader(from(file), 4 * kBlock, [&](const BlockReader::Block&) { ++seen; });
     ASSERT_NE(reader.next(), nullptr);
     const BlockReader::Block* const second = reader.next();
     ASSERT_NE(second, nullptr);
@@ -92,7 +99,7 @@ TEST_F(Blocks, tell_of_a_file_that_ends_early) {
 
 TEST_F(Blocks, tell_the_error_of_a_file_that_cannot_be_read) {
     ASSERT_TRUE(file.open(directory.path(), O_RDONLY));
-    BlockReader reader(file, 3 * kBlock);
+    BlockReader reader(from(file), 3 * kBlock);
     const BlockReader::Block* const block = reader.next();
     ASSERT_NE(block, nullptr);
     EXPECT_LT(block->count, 0);
@@ -102,7 +109,7 @@ TEST_F(Blocks, tell_the_error_of_a_file_that_cannot_be_read) {
 TEST_F(Blocks, need_not_be_read_to_the_end) {
     make(6 * kBlock);
     for (int taken = 0; taken < 5; ++taken) {
-        BlockReader reader(file, 6 * kBlock);
+        BlockReader reader(from(file), 6 * kBlock);
         for (int block = 0; block < taken; ++block) {
             EXPECT_NE(reader.next(), nullptr);
         }
@@ -111,7 +118,7 @@ TEST_F(Blocks, need_not_be_read_to_the_end) {
 
 TEST_F(Blocks, are_aligned_for_direct_transfers) {
     make(2 * kBlock);
-    BlockReader reader(file, 2 * kBlock);
+    BlockReader reader(from(file), 2 * kBlock);
     while (const BlockReader::Block* const block = reader.next()) {
         EXPECT_EQ(reinterpret_cast<std::uintptr_t>(block->data) % 4096, 0U);
     }
@@ -124,7 +131,7 @@ TEST_F(Blocks, of_any_size_are_written_and_read_directly) {
     kavro_test::spill(copyPath, std::string(static_cast<std::size_t>(3 * kBlock), 'x'));
     kavro::RawFile copy;
     ASSERT_TRUE(copy.openDirect(copyPath, O_RDWR));
-    BlockReader reader(file, 2 * kBlock + 777);
+    BlockReader reader(from(file), 2 * kBlock + 777);
     while (const BlockReader::Block* const block = reader.next()) {
         ASSERT_TRUE(copy.writeAt(block->data, block->size, block->offset)) << errno;
     }
@@ -136,7 +143,7 @@ TEST_F(Blocks, of_any_size_are_written_and_read_directly) {
 
     kavro::RawFile again;
     ASSERT_TRUE(again.openDirect(copyPath, O_RDONLY));
-    BlockReader back(again, 2 * kBlock + 777);
+    BlockReader back(from(again), 2 * kBlock + 777);
     EXPECT_TRUE(readAll(back) == content);
 }
 

@@ -1,4 +1,4 @@
-#include "platform/flash/block_reader.h"
+#include "platform/utility/block_reader.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -13,8 +13,8 @@ constexpr auto kBlock = static_cast<long long>(BlockReader::kBlockBytes);
 
 }  // namespace
 
-BlockReader::BlockReader(const RawFile& file, long long bytes, Observer observer)
-    : source(file),
+BlockReader::BlockReader(Read read, long long bytes, Observer observer)
+    : readAt(std::move(read)),
       total(bytes),
       observe(std::move(observer)),
       last(static_cast<long>((bytes + kBlock - 1) / kBlock)),
@@ -72,7 +72,7 @@ void BlockReader::fill(long number) {
     block.offset = number * kBlock;
     block.size = static_cast<std::size_t>(std::min(total - block.offset, kBlock));
     errno = ENOMEM;
-    block.count = memory != nullptr ? source.readAt(block.data, block.size, block.offset) : -1;
+    block.count = memory != nullptr ? readAt(block.data, block.size, block.offset) : -1;
     block.error = block.count < 0 ? errno : 0;
     if (observe && block.count == static_cast<long>(block.size)) {
         observe(block);
