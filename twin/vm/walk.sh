@@ -11,7 +11,7 @@ here=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")" && pwd)
 source "$here/releases.sh"
 
 host=$(realpath -- "$1") target=$(realpath -- "$2") sysroot=$(realpath -- "$3")
-work=$(realpath -m -- "$4")
+work=$(realpath -m -- "$4")/walk
 machine=$work/machine
 export KAVRO_TWIN_PROGRAMS=$host/twin
 
