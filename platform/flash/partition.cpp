@@ -5,6 +5,7 @@
 
 #include <cerrno>
 
+#include "platform/flash/digest_aside.h"
 #include "platform/utility/block_reader.h"
 #include "platform/utility/digest.h"
 
@@ -63,11 +64,11 @@ bool openUnchanged(const Placement& placement, RawFile& file, std::string& error
 // Calls work(block) for every block of the file's first `bytes` bytes, until one fails.
 template <typename Work>
 bool forEachBlock(const RawFile& file, const std::string& path, long long bytes, const KeepGoing& keepGoing,
-                  std::string& error, const Work& work, const BlockReader::Observer& observer = {}) {
+                  std::string& error, const Work& work) {
     const auto readAt = [&file](char* buffer, std::size_t size, long long offset) {
         return file.readAt(buffer, size, offset);
     };
-    BlockReader reader(readAt, bytes, observer);
+    BlockReader reader(readAt, bytes);
     while (const BlockReader::Block* const block = reader.next()) {
         if (!keepGoing()) {
             return fail(path, "the work was given up", 0, error);
@@ -85,8 +86,7 @@ bool forEachBlock(const RawFile& file, const std::string& path, long long bytes,
     return true;
 }
 
-bool finishDigest(Digest& digest, const std::string& path, std::string& sha256, std::string& error) {
-    sha256 = digest.finishAsText();
+bool isComputed(const std::string& sha256, const std::string& path, std::string& error) {
     return !sha256.empty() || fail(path, "its SHA-256 cannot be computed", 0, error);
 }
 
@@ -98,8 +98,11 @@ bool computeDigest(const RawFile& file, const std::string& path, long long bytes
         digest.add(block.data, block.size);
         return true;
     };
-    return forEachBlock(file, path, bytes, keepGoing, error, add) &&
-           finishDigest(digest, path, sha256, error);
+    if (!forEachBlock(file, path, bytes, keepGoing, error, add)) {
+        return false;
+    }
+    sha256 = digest.finishAsText();
+    return isComputed(sha256, path, error);
 }
 
 bool checkFits(const Placement& placement, std::string& error) {
@@ -121,9 +124,8 @@ bool checkFits(const Placement& placement, std::string& error) {
 }
 
 // The digest of what was read now, which must be that of what was read before, if anything was.
-bool recordDigest(Placement& placement, Digest& digest, std::string& error) {
-    std::string sha256;
-    if (!finishDigest(digest, placement.component, sha256, error)) {
+bool recordDigest(Placement& placement, const std::string& sha256, std::string& error) {
+    if (!isComputed(sha256, placement.component, error)) {
         return false;
     }
     std::string& known = placement.content.sha256;
@@ -172,22 +174,23 @@ bool writePlacement(Placement& placement, const KeepGoing& keepGoing, std::strin
     if (partition.size() < bytes) {
         return fail(placement.partition, "became smaller after it was checked", 0, error);
     }
-    // The reading thread computes the digest while this one waits for storage.
-    Digest digest(Digest::Kind::kSha256);
-    const auto addToDigest = [&digest](const BlockReader::Block& block) {
-        digest.add(block.data, block.size);
-    };
+    // While this thread waits for storage, the block goes into the digest, and the next one is read.
+    DigestAside digest;
     const auto write = [&](const BlockReader::Block& block) {
-        return partition.writeAt(block.data, block.size, block.offset) ||
-               fail(placement.partition, "cannot be written", errno, error);
+        digest.add(block.data, block.size);
+        const bool written = partition.writeAt(block.data, block.size, block.offset);
+        const int cause = errno;
+        digest.wait();
+        return written || fail(placement.partition, "cannot be written", cause, error);
     };
-    if (!forEachBlock(component, placement.component, bytes, keepGoing, error, write, addToDigest)) {
+    if (!forEachBlock(component, placement.component, bytes, keepGoing, error, write)) {
         return false;
     }
     if (!partition.flush()) {
         return fail(placement.partition, "cannot be flushed", errno, error);
     }
-    return recordDigest(placement, digest, error) && isStillUnchanged(placement, component, error);
+    return recordDigest(placement, digest.finishAsText(), error) &&
+           isStillUnchanged(placement, component, error);
 }
 
 bool verifyPartition(const std::string& partition, const PartContent& content, const KeepGoing& keepGoing,

@@ -13,10 +13,9 @@ constexpr auto kBlock = static_cast<long long>(BlockReader::kBlockBytes);
 
 }  // namespace
 
-BlockReader::BlockReader(Read read, long long bytes, Observer observer)
+BlockReader::BlockReader(Read read, long long bytes)
     : readAt(std::move(read)),
       total(bytes),
-      observe(std::move(observer)),
       last(static_cast<long>((bytes + kBlock - 1) / kBlock)),
       memory(makeAlignedBuffer(kBuffers * kBlockBytes)) {
     for (long number = 0; number < kBuffers; ++number) {
@@ -74,9 +73,6 @@ void BlockReader::fill(long number) {
     errno = ENOMEM;
     block.count = memory != nullptr ? readAt(block.data, block.size, block.offset) : -1;
     block.error = block.count < 0 ? errno : 0;
-    if (observe && block.count == static_cast<long>(block.size)) {
-        observe(block);
-    }
 }
 
 }  // namespace kavro

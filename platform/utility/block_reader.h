@@ -23,15 +23,12 @@ class BlockReader : private COMMON_YR::UserThreadBase {
         int error = 0;   // errno of a failure
         long long offset = 0;
     };
-    // Sees each block that was read whole, in order, before next() gives it; on the reading thread.
-    using Observer = std::function<void(const Block& block)>;
-
     // Reads up to `size` bytes at an offset: returns how many, fewer only where the file ends, negative with errno set.
     using Read = std::function<long(char* buffer, std::size_t size, long long offset)>;
 
     // Reads a file's first `bytes` bytes; the file must outlive the reader. Where there is no thread or no memory to be
     // had, the reading is done by next(), or fails.
-    BlockReader(Read read, long long bytes, Observer observer = {});
+    BlockReader(Read read, long long bytes);
     ~BlockReader();
 
     // The next block, valid until the next call; null behind the last one.
@@ -46,7 +43,6 @@ class BlockReader : private COMMON_YR::UserThreadBase {
 
     const Read readAt;
     const long long total;
-    const Observer observe;
     const long last;  // one more than the number of the last block
     AlignedBuffer memory;
     Block blocks[kBuffers];
