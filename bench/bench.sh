@@ -77,10 +77,11 @@ sample() {
     on_device -- "$build/bench/bench_device" "$@" >>"$samples"
 }
 
-# without_packages: the device as before a run, and nothing left to be written.
+# without_packages: the device as before a run, nothing left to be written, and no slot in the cache, as after a start.
 without_packages() {
     rm -rf -- "$device"/firmware/{upgrade,rollback,current}.pkg "$device"/raw/* "$device/config/upgraded"
     sync
+    on_device -- find -L /dev/disk/by-partlabel -name '*_b' -exec dd if={} iflag=nocache count=0 status=none ';'
 }
 
 # unpack: the components to flash.
