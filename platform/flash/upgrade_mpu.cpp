@@ -233,15 +233,16 @@ class MpuFlasher {
     }
 
     // There is only one: it is touched when storage is known to hold all of the slot, and when all of the new one can be
-    // read.
+    // read. From its first block on nothing but an error ends the write.
     bool writeBootloader(std::string& error) {
         if (endOfSlot() == placements.end()) {
             return true;
         }
         kavro::Placement& loader = placements.back();
+        const auto toTheEnd = [] { return true; };
         return verify(placements.begin(), endOfSlot(), error) &&
                kavro::readComponent(loader, keepGoing(), error) &&
-               kavro::writePlacement(loader, keepGoing(), error);
+               kavro::writePlacement(loader, toTheEnd, error);
     }
 
     using PlacementIterator = std::vector<kavro::Placement>::iterator;

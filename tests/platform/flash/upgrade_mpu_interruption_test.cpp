@@ -11,9 +11,11 @@
 #include <cerrno>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "tests/platform/captured_log.h"
@@ -32,6 +34,7 @@ struct Storage {
     std::set<std::string> flushed;
     std::set<std::string> dropped;  // whose cached content was let go
     std::function<void()> inFirstWrite;
+    std::string firstWriteTo;  // a path; empty: to any file
 };
 Storage storage;
 
@@ -82,8 +85,10 @@ template <typename WritePart>
 ssize_t writeAnyhow(int fd, const void* data, std::size_t length, const WritePart& writePart) {
     const StorageLock lock(storageMutex);
     countCall(fd);
-    if (const auto during = std::exchange(storage.inFirstWrite, {})) {
-        during();
+    if (storage.firstWriteTo.empty() || pathOf(fd) == storage.firstWriteTo) {
+        if (const auto during = std::exchange(storage.inFirstWrite, {})) {
+            during();
+        }
     }
     if (strikes(Storage::Failure::kPowerCut, fd)) {
         (void)!writePart(data, length / 2);
@@ -304,6 +309,28 @@ TEST_F(MpuInterruption, power_cut_anywhere_in_an_activation_leaves_the_old_envir
 }
 
 // As when a run is begun although the flashing of the one before goes on.
+TEST_F(MpuInterruption, bootloader_is_written_to_its_end_though_the_driver_goes_away) {
+    const std::string partition = kPartitions + "bootloader";
+    const std::string loader = testsupport::contentOf(2500000, 7);
+    std::filesystem::remove(partition);
+    testsupport::writeFile(partition, std::string(loader.size(), 'x'));
+    testsupport::writeFile(kFirmware + "/bld_release.bin", loader);
+    auto mpu = std::make_unique<UpgradeMpu>();
+    UpgradeMpu* const driver = mpu.get();
+    ASSERT_EQ(driver->preUpgrade(kFirmware, true, true), 0);
+    std::thread leaving;
+    storage = {};
+    storage.firstWriteTo = partition;
+    storage.inFirstWrite = [&] {
+        leaving = std::thread([&mpu] { mpu.reset(); });
+        usleep(100000);
+    };
+    EXPECT_EQ(driver->upgrade(), 0);
+    ASSERT_TRUE(leaving.joinable()) << "the bootloader was not written";
+    leaving.join();
+    EXPECT_TRUE(testsupport::readFile(partition) == loader);
+}
+
 TEST_F(MpuInterruption, operation_during_another_one_is_refused_and_leaves_it_alone) {
     UpgradeMpu mpu;
     ASSERT_EQ(mpu.preUpgrade(kFirmware, false, true), 0);
