@@ -242,6 +242,12 @@ off_t copyContent(int from, const struct stat& source, const kavro::Destination&
     return copied ? size : -1;
 }
 
+// Whether the source still is as long as when the copy began: one that was cut would have been copied as a hole.
+bool isStillWhole(int source, off_t size) {
+    struct stat status;
+    return fstat(source, &status) == 0 && status.st_size >= size;
+}
+
 bool isDirectory(const std::string& path) {
     struct stat status;
     return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
@@ -274,7 +280,8 @@ int cpFile(std::string src, std::string dst) {
         return -1;
     }
     const off_t copied = copyContent(from.get(), source, *destination, update, hold);
-    return copied >= 0 && update.commit(copied) ? 0 : -1;
+    const bool whole = copied >= 0 && isStillWhole(from.get(), source.st_size);
+    return whole && update.commit(copied) ? 0 : -1;
 }
 
 int mvFile(std::string src, std::string dst) {

@@ -17,6 +17,8 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <string>
+#include <utility>
 
 #include "common/utility.h"
 #include "tests/support/temp_dir.h"
@@ -40,6 +42,8 @@ struct Fault {
     }
 };
 
+constexpr off_t kBlock = 1 << 20;
+
 struct Faults {
     Fault fsync;
     Fault rename;
@@ -54,6 +58,7 @@ struct Faults {
     bool shortPwrites = false;
     bool preadSeesNothing = false;
     bool sharesContent = false;
+    std::string cutInWrite;  // a file that a write, its first one, leaves no more than a block
 };
 Faults* faults = nullptr;
 
@@ -105,6 +110,9 @@ int sync_file_range(int fd, off64_t offset, off64_t length, unsigned flags) {
 ssize_t pwrite(int fd, const void* data, size_t length, off_t offset) {
     if (strikes(&Faults::pwrite)) {
         return -1;
+    }
+    if (faults != nullptr && !faults->cutInWrite.empty()) {
+        (void)!truncate(std::exchange(faults->cutInWrite, {}).c_str(), kBlock);
     }
     const bool isShort = faults != nullptr && faults->shortPwrites && length > 1;
     return syscall(SYS_pwrite64, fd, data, isShort ? length / 2 : length, offset);
@@ -270,6 +278,38 @@ TEST_F(CpFileFault, short_and_interrupted_writes_go_on) {
 
 TEST_F(CpFileFault, source_that_ends_early_is_a_failure) {
     fault.preadSeesNothing = true;
+    expectCopyFails();
+}
+
+// What the source has lost looks like a hole at its end.
+TEST_F(CpFileFault, source_that_is_cut_meanwhile_is_a_failure) {
+    spill(source, content.substr(0, kBlock));
+    ASSERT_EQ(truncate(source.c_str(), 8 * kBlock), 0);
+    fault.cutInWrite = source;
+    expectCopyFails();
+    EXPECT_TRUE(fault.cutInWrite.empty());
+}
+
+TEST_F(CpFileFault, write_past_the_cache_that_is_refused_goes_through_it) {
+    const int probe = open(destination.c_str(), O_WRONLY | O_DIRECT | O_CLOEXEC);
+    if (probe < 0) {
+        GTEST_SKIP() << "this file system has nothing but its cache";
+    }
+    ::close(probe);
+    fault.pwrite.error = EINVAL;
+    fault.pwrite.times = 1;
+    for (const int from : {1, 3, 20}) {
+        SCOPED_TRACE(from);
+        faults = &fault;
+        fault.pwrite.calls = 0;
+        fault.pwrite.from = from;
+        expectCopyWorks();
+        EXPECT_GE(fault.pwrite.calls, from);
+    }
+    faults = &fault;
+    fault.pwrite.calls = 0;
+    fault.pwrite.times = 2;
+    spill(destination, "old");
     expectCopyFails();
 }
 
