@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "platform/flash/digest_aside.h"
@@ -46,7 +47,8 @@ bool openComponent(const Placement& placement, RawFile& file, std::string& error
     return true;
 }
 
-// Whoever writes to a file, or puts another one in its place, leaves another time of change behind.
+// Whoever writes to a file, or puts another one in its place, leaves another time of change behind, unless it is within
+// one tick of the file system's clock.
 bool isSameState(const struct stat& left, const struct stat& right) {
     return left.st_dev == right.st_dev && left.st_ino == right.st_ino && left.st_size == right.st_size &&
            left.st_ctim.tv_sec == right.st_ctim.tv_sec && left.st_ctim.tv_nsec == right.st_ctim.tv_nsec;
@@ -65,8 +67,10 @@ bool openUnchanged(const Placement& placement, RawFile& file, std::string& error
 template <typename Work>
 bool forEachBlock(const RawFile& file, const std::string& path, long long bytes, const KeepGoing& keepGoing,
                   std::string& error, const Work& work) {
+    // Whole sectors, for else the end of a file would come through the cache. The buffer has room for them.
     const auto readAt = [&file](char* buffer, std::size_t size, long long offset) {
-        return file.readAt(buffer, size, offset);
+        const std::size_t sectors = (size + kDirectAlignment - 1) / kDirectAlignment * kDirectAlignment;
+        return std::min(file.readAt(buffer, sectors, offset), static_cast<long>(size));
     };
     BlockReader reader(readAt, bytes);
     while (const BlockReader::Block* const block = reader.next()) {
@@ -199,7 +203,7 @@ bool verifyPartition(const std::string& partition, const PartContent& content, c
     if (!file.openDirect(partition, O_RDONLY)) {
         return fail(partition, "the partition cannot be opened", errno, error);
     }
-    file.dropCache();  // where nothing can be read past it
+    file.dropCache();  // for a file system that reads nothing past it
     std::string sha256;
     if (!computeDigest(file, partition, content.bytes, keepGoing, sha256, error)) {
         return false;

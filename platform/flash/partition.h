@@ -29,8 +29,8 @@ struct Placement {
 // Reads the whole component, which must still be the file that was checked.
 [[nodiscard]] bool readComponent(Placement& placement, const KeepGoing& keepGoing, std::string& error);
 
-// Copies the component to the start of the partition, block by block, and flushes it. Fails, before it writes, when the
-// component's file is not as it was checked, and when it turns out not to hold what was read before.
+// Copies the component to the start of the partition, block by block, and flushes it. Fails when the component's file is
+// not as it was checked: before the first write, or, when it changes meanwhile, after the last one.
 [[nodiscard]] bool writePlacement(Placement& placement, const KeepGoing& keepGoing, std::string& error);
 
 // Whether the partition holds the content, as read back from storage.
