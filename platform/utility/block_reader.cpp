@@ -18,7 +18,7 @@ BlockReader::BlockReader(Read read, long long bytes)
       total(bytes),
       last(static_cast<long>((bytes + kBlock - 1) / kBlock)),
       memory(makeAlignedBuffer(kBuffers * kBlockBytes)) {
-    for (long number = 0; number < kBuffers; ++number) {
+    for (long number = 0; memory && number < kBuffers; ++number) {
         blocks[number].data = memory.get() + static_cast<std::size_t>(number) * kBlockBytes;
     }
     setName("blockReader");

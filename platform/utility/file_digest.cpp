@@ -35,7 +35,7 @@ std::vector<unsigned char> md5Of(int fd, const CancelHold& hold) {
     }
 }
 
-// The md5 of a file of that size, read on another thread meanwhile; empty on failure. A package was copied past the cache,
+// The md5 of a file of that size, read on another thread meanwhile; empty on failure, and when it has grown. A package was copied past the cache,
 // so it comes from storage.
 std::vector<unsigned char> md5OfLarge(int fd, off_t size, const CancelHold& hold) {
     const auto readAt = [fd](char* buffer, std::size_t length, long long offset) {
@@ -50,7 +50,8 @@ std::vector<unsigned char> md5OfLarge(int fd, off_t size, const CancelHold& hold
         digest.add(block->data, block->size);
         hold.checkpoint();
     }
-    return digest.finish();
+    char more = 0;
+    return kavro::readFullyAt(fd, &more, 1, size) == 0 ? digest.finish() : std::vector<unsigned char>();
 }
 
 // 0 for what has no size of its own.
