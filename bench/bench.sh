@@ -81,7 +81,8 @@ sample() {
 without_packages() {
     rm -rf -- "$device"/firmware/{upgrade,rollback,current}.pkg "$device"/raw/* "$device/config/upgraded"
     sync
-    on_device -- find -L /dev/disk/by-partlabel -name '*_b' -exec dd if={} iflag=nocache count=0 status=none ';'
+    # shellcheck disable=SC2016 # for the shell on the device
+    on_device -- find -L /dev/disk/by-partlabel -name '*_b' -exec sh -c 'for slot; do dd if="$slot" iflag=nocache count=0 status=none || exit; done' sh {} +
 }
 
 # unpack: the components to flash.
@@ -112,9 +113,11 @@ measure_install() {
     local round
     for ((round = 0; round < $(rounds 9 3); round++)); do
         if ((round % 2)); then
-            by_hand && by_run
+            by_hand
+            by_run
         else
-            by_run && by_hand
+            by_run
+            by_hand
         fi
     done
 }
@@ -234,9 +237,12 @@ summarise() {
         '{$date, $machine, $device, $results, $samples}' >"$json"
 }
 
-# A ratio hardly depends on the machine; the margins of the rest leave room for another one.
+# The margins leave room for another machine and for its storage. A figure that only some hosts give may be missing.
 compare_with_recorded() {
-    local worse
+    local worse missing
+    missing=$(jq -r --arg only "$only" '.results[] | select($only == "" and .value == null and
+        .name != "cpFile shared" and .name != "size aarch64") | .what' "$json")
+    [[ -z $missing ]] || fail $'not measured:\n'"$missing"
     worse=$(jq -r '.results[] | select(.value != null and .recorded != null and .value > .recorded * .margin)
         | "\(.what): \(.value) \(.unit), recorded \(.recorded), margin \(.margin)"' "$json")
     [[ -z $worse ]] || fail $'worse than recorded:\n'"$worse"
