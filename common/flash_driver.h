@@ -37,7 +37,8 @@ class KAVRO_EXPORT UpgradeLib : public COMMON_YR::InitOk {
     // Prepares the driver. Negative when it cannot be used. May be called again.
     virtual int init() { return 0; }
 
-    // Takes the firmware from the directory path and checks whatever can be checked before the first write.
+    // Takes the firmware from the directory path and checks whatever can be checked before the first write;
+    // the MPU's components are read only when they are written.
     // What the device runs stays as it is. Called with mainProcessor true for the MPU, false for the MCU.
     // withLoader asks the MPU to write the bootloader too; for the MCU, which is always programmed by its
     // flash driver, it is true.

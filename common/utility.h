@@ -50,9 +50,10 @@ KAVRO_EXPORT int runSystem(const char* format, ...) __attribute__((format(printf
 
 // Copies a regular file's content and permission bits. The destination is on storage before success is
 // reported; until then it does not exist under its name, or holds what it held before. Holes in the source
-// stay holes, and blocks of zeros become some. When the storage has no room for the new content beside the old destination, the old one is
-// given up first. Returns 0, or a negative value when either path is a directory, or on any read, write or
-// flush error. A cancel takes effect between two blocks and leaves no partial destination.
+// stay holes, and blocks of zeros become some. A source that becomes shorter meanwhile is an error. When the
+// storage has no room for the new content beside the old destination, the old one is given up first. Returns
+// 0, or a negative value when either path is a directory, or on any read, write or flush error. A cancel takes
+// effect between two blocks and leaves no partial destination.
 KAVRO_EXPORT int cpFile(std::string src, std::string dst);
 
 // Moves a file: a rename where both paths are on one file system, otherwise a copy (as cpFile) followed by

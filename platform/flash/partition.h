@@ -17,8 +17,7 @@ namespace kavro {
 struct Placement {
     std::string component;  // path of the component's file
     std::string partition;  // path of the partition
-    PartContent
-        content;  // what the component is: its size since checkPlacement, its digest since it was read
+    PartContent content;    // the component's size since checkPlacement, its digest since it was read
     struct stat seen = {};  // the component's file when it was checked
 };
 

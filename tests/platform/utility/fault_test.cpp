@@ -43,6 +43,7 @@ struct Fault {
 };
 
 constexpr off_t kBlock = 1 << 20;
+constexpr off_t kGrown = 5 * kBlock + 1;
 
 struct Faults {
     Fault fsync;
@@ -58,7 +59,8 @@ struct Faults {
     bool shortPwrites = false;
     bool preadSeesNothing = false;
     bool sharesContent = false;
-    std::string cutInWrite;  // a file that a write, its first one, leaves no more than a block
+    std::string growsInRead;  // a file that gets a byte more in a read, its first one
+    std::string cutInWrite;   // a file that a write, its first one, leaves no more than a block
 };
 Faults* faults = nullptr;
 
@@ -121,6 +123,9 @@ ssize_t pwrite(int fd, const void* data, size_t length, off_t offset) {
 ssize_t pread(int fd, void* buffer, size_t length, off_t offset) {
     if (strikes(&Faults::pread)) {
         return -1;
+    }
+    if (faults != nullptr && !faults->growsInRead.empty()) {
+        (void)!truncate(std::exchange(faults->growsInRead, {}).c_str(), kGrown);
     }
     const bool seesNothing = faults != nullptr && faults->preadSeesNothing;
     return seesNothing ? 0 : syscall(SYS_pread64, fd, buffer, length, offset);
@@ -398,6 +403,15 @@ TEST_F(ReadFault, file_about_which_storage_gives_no_answer_counts_as_there) {
     EXPECT_TRUE(COMMON_YR::isFileExist(missing.c_str()));
     fault.stat.error = EACCES;
     EXPECT_FALSE(COMMON_YR::isFileExist(missing.c_str()));
+}
+
+TEST_F(ReadFault, package_that_grows_while_it_is_digested_has_no_digest) {
+    const std::string digest = "5f363e0e58a95f06cbe9bbc662c5dfb6";
+    spill(source, std::string(kGrown - 1, '\0'));
+    EXPECT_TRUE(COMMON_YR::chkFileMd5(source, digest));
+    fault.growsInRead = source;
+    EXPECT_FALSE(COMMON_YR::chkFileMd5(source, digest));
+    EXPECT_TRUE(fault.growsInRead.empty());
 }
 
 TEST_F(RunSystemFault, command_that_cannot_be_started_is_negative) {
