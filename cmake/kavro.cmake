@@ -3,7 +3,8 @@
 
 get_filename_component(KAVRO_ROOT "${CMAKE_CURRENT_LIST_DIR}/.." ABSOLUTE)
 
-# Warnings, sanitizers and visibility for one target.
+# kavro_target(TARGET [UNINSTRUMENTED]): warnings, sanitizers and visibility for one target. An uninstrumented one is
+# linked to the sanitizers, which look at the libraries in it, and not at its own code.
 function(kavro_target target)
   target_compile_features(${target} PUBLIC cxx_std_17)
   set_target_properties(${target} PROPERTIES
@@ -20,10 +21,12 @@ function(kavro_target target)
     target_compile_options(${target} PRIVATE -fno-gnu-unique)
   endif()
   if(KAVRO_SANITIZE)
-    target_compile_options(${target} PRIVATE -fsanitize=${KAVRO_SANITIZE} -fno-omit-frame-pointer)
     target_link_options(${target} PRIVATE -fsanitize=${KAVRO_SANITIZE})
-    if(KAVRO_SANITIZE MATCHES "undefined")
-      target_compile_options(${target} PRIVATE -fno-sanitize-recover=undefined)
+    if(NOT "UNINSTRUMENTED" IN_LIST ARGN)
+      target_compile_options(${target} PRIVATE -fsanitize=${KAVRO_SANITIZE} -fno-omit-frame-pointer)
+      if(KAVRO_SANITIZE MATCHES "undefined")
+        target_compile_options(${target} PRIVATE -fno-sanitize-recover=undefined)
+      endif()
     endif()
   endif()
 endfunction()

@@ -94,7 +94,7 @@ std::vector<std::string> namesOf(const CLI::Option& option) {
     return names;
 }
 
-bool isShown(const CLI::Option* option) {
+bool isCompleted(const CLI::Option* option) {
     return option->nonpositional() && !option->get_group().empty();
 }
 
@@ -112,7 +112,7 @@ std::string commandPaths(const CLI::App& app) {
 std::string optionValues(const CLI::App& app) {
     std::map<std::string, std::string> options;
     walk(app, app.get_name(), [&](const CLI::App& command, const std::string& path) {
-        for (const CLI::Option* option : command.get_options(isShown)) {
+        for (const CLI::Option* option : command.get_options(isCompleted)) {
             if (option->get_items_expected_max() == 0) {
                 continue;
             }
@@ -145,7 +145,7 @@ std::string ownWords(const CLI::App& app) {
     std::string cases;
     walk(app, app.get_name(), [&](const CLI::App& command, const std::string& path) {
         std::string options;
-        for (const CLI::Option* option : command.get_options(isShown)) {
+        for (const CLI::Option* option : command.get_options(isCompleted)) {
             for (const std::string& name : namesOf(*option)) {
                 options += (options.empty() ? "" : " ") + name;
             }

@@ -41,7 +41,23 @@ std::string failureMessage(const CLI::App* app, const CLI::Error& error) {
     return "upgradectl: " + wrongCommandLine(*command, error) + "\n  next: " + help + " --help\n";
 }
 
+// CLI11 has exit codes of its own; help and version are no failures.
+ExitCode reportParseResult(const CLI::App& app, const CLI::ParseError& result) {
+    return app.exit(result) == 0 ? ExitCode::kOk : ExitCode::kUsage;
+}
+
 }  // namespace
+
+std::optional<ExitCode> parseCommandLine(int argc, char** argv, Action& chosen) {
+    CLI::App app;
+    describeCommandLine(app, chosen);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& result) {
+        return reportParseResult(app, result);
+    }
+    return std::nullopt;
+}
 
 void describeCommandLine(CLI::App& app, Action& chosen) {
     app.name("upgradectl");

@@ -2,6 +2,9 @@
 #pragma once
 
 #include <functional>
+#include <optional>
+
+#include "tools/upgradectl/tool_error.h"
 
 namespace CLI {
 class App;
@@ -9,8 +12,12 @@ class App;
 
 namespace upgradectl {
 
-// What a command line asks for. Throws ToolError.
+// What a command line asks for. It outlives the parser. Throws ToolError.
 using Action = std::function<void()>;
+
+// Sets chosen, unless the command line asks for nothing that is to be run: help, the version, or something wrong, which has
+// been printed then. Returns how to exit in that case.
+[[nodiscard]] std::optional<ExitCode> parseCommandLine(int argc, char** argv, Action& chosen);
 
 // Enters all commands and options into app. Parsing sets chosen, which must outlive app, unless it fails.
 void describeCommandLine(CLI::App& app, Action& chosen);

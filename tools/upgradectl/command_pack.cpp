@@ -72,11 +72,11 @@ void addPack(CLI::App& app, Action& chosen) {
                       "Only warn of a component that is not in the format which a device needs");
 
     command->callback([options, stamp, &chosen] {
-        chosen = [options, stamp] {
+        if (stamp->count() > 0) {
+            options->request.stamp = options->stamp;
+        }
+        chosen = [options] {
             options->request.version = parseVersion(options->version);
-            if (stamp->count() > 0) {
-                options->request.stamp = options->stamp;
-            }
             runPack(options->request);
         };
     });

@@ -85,8 +85,7 @@ void addVerify(CLI::App& app, Action& chosen) {
                                ->check(isPath());
     command->add_flag("--json", *json, "Print one JSON object");
     command->callback([=, &chosen] {
-        chosen = [=] {
-            const bool given = trusted->count() > 0;
+        chosen = [=, given = trusted->count() > 0] {
             runVerify(*package, given ? std::optional<std::filesystem::path>(*trustedKey) : std::nullopt,
                       *json);
         };

@@ -1,5 +1,4 @@
 // upgradectl: parses the command line, runs the command and reports its failure.
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <string>
 
@@ -23,19 +22,10 @@ void report(const ToolError& error) {
     }
 }
 
-// CLI11 has exit codes of its own; help and version are no failures.
-ExitCode reportParseResult(const CLI::App& app, const CLI::ParseError& result) {
-    return app.exit(result) == 0 ? ExitCode::kOk : ExitCode::kUsage;
-}
-
 ExitCode runCommandLine(int argc, char** argv) {
-    CLI::App app;
     upgradectl::Action chosen;
-    upgradectl::describeCommandLine(app, chosen);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& result) {
-        return reportParseResult(app, result);
+    if (const auto exitCode = upgradectl::parseCommandLine(argc, argv, chosen)) {
+        return *exitCode;
     }
     chosen();
     return ExitCode::kOk;
