@@ -26,9 +26,11 @@
 
 namespace kavro {
 
-// Whether something exists at the path. Where storage gives no answer that is assumed: what is done with it tells then. A
-// marker that was taken for missing would let an activation exchange the packages without switching the slot.
+// Whether access(2) finds something at the path. Where storage gives no answer, nothing is there.
 bool pathExists(const std::string& path);
+// The same, but where storage gives no answer it is assumed: what is done with the path tells then. A marker that was
+// taken for missing would let an activation exchange the packages without switching the slot.
+bool pathMayExist(const std::string& path);
 
 // The path as a command line needs it: unchanged when the shell takes it as one plain word, quoted otherwise;
 // a relative path that a command would take for an option or a remote host gets "./" in front.

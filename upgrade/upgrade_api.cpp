@@ -149,7 +149,7 @@ void tryMvFile(const std::string& src, const std::string& dst) {
 
 // A file that is not there is no failure, but the log tells it apart.
 void removeFile(const std::string& path) {
-    const int code = kavro::pathExists(path) ? std::remove(path.c_str()) : COMMON_YR::kErrNoFile;
+    const int code = kavro::pathMayExist(path) ? std::remove(path.c_str()) : COMMON_YR::kErrNoFile;
     UPGRADE_LOG(3, "remove %s [%s]!\n", path.c_str(), COMMON_YR::getCommonErrCode(code));
 }
 
@@ -319,7 +319,7 @@ void UpgradeProc::postUpgradeMpu(bool success) {
 }
 
 bool UPGRADE_isUpgraded() {
-    return kavro::pathExists(kUpgradedMarker);
+    return kavro::pathMayExist(kUpgradedMarker);
 }
 
 // ---------------------------------------------------------------------------------------------------------------------
@@ -763,7 +763,7 @@ void UpgradeProc::postActivate(bool ok) {
 }
 
 bool UpgradeProc::getUpgraded(L_VERSION_T& version) {
-    if (!kavro::pathExists(kUpgradedMarker)) {
+    if (!kavro::pathMayExist(kUpgradedMarker)) {
         return false;
     }
     // Until activation exchanges the packages, the flashed one waits in the place of the rollback package.

@@ -1,19 +1,18 @@
 // Activation of what was flashed, and rollback to the kept package: in the process of the run, and in one
 // that was started since.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "tests/upgrade/failing_access.h"
 #include "tests/upgrade/upgrade_run_support.h"
 
 namespace {
@@ -22,21 +21,12 @@ std::atomic<unsigned long> flushes{0};
 
 std::function<void(const std::string& path)> onFlush;  // of a single file or directory
 
-std::string unreadable;  // a path about which storage gives no answer
-
 }  // namespace
 
 // Takes the place of the C library's for the library under test.
 extern "C" __attribute__((visibility("default"))) void sync() noexcept {
     ++flushes;
     syscall(SYS_sync);
-}
-extern "C" __attribute__((visibility("default"))) int access(const char* path, int mode) noexcept {
-    if (path == unreadable) {
-        errno = EIO;
-        return -1;
-    }
-    return static_cast<int>(syscall(SYS_faccessat, AT_FDCWD, path, mode));
 }
 extern "C" __attribute__((visibility("default"))) int fsync(int file) {
     if (onFlush) {
@@ -214,9 +204,10 @@ TEST_F(Activation, marker_that_cannot_be_read_switches_the_partition_all_the_sam
     succeeded();
     proc().stage = UPGRADE_STAGE_IDLE;
     proc().upgradeFlag.mpu = false;
-    unreadable = "/config/upgraded";
-    EXPECT_EQ(UPGRADE_activate(), 0);
-    unreadable.clear();
+    {
+        const upgradetest::UnansweredPath marker(runtest::kMarker);
+        EXPECT_EQ(UPGRADE_activate(), 0);
+    }
     EXPECT_EQ(switches(), 1U);
     expectExchanged();
     expectActivated();

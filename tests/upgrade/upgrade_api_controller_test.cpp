@@ -17,6 +17,7 @@
 #include "tests/support/device.h"
 #include "tests/support/fake_services.h"
 #include "tests/support/shell_recorder.h"
+#include "tests/upgrade/failing_access.h"
 #include "tests/upgrade/fake_tick.h"
 #include "upgrade/upgrade_api.h"
 
@@ -361,6 +362,13 @@ TEST_F(ControllerInit, refuses_a_package_that_is_not_there) {
     EXPECT_TRUE(fake::loggedError(
         kUnit, "init", "input file(/tmp/no.pkg) size is " + std::to_string(size) + "/134217728(expect);\n",
         192));
+}
+
+TEST_F(ControllerInit, needs_a_work_area_about_which_storage_answers) {
+    placePackage();
+    const upgradetest::UnansweredPath unanswered(UpgradeProc::storePath);
+    EXPECT_FALSE(proc->init(kPackage, false));
+    EXPECT_TRUE(fake::nothingLoggedAtLevel(1));
 }
 
 TEST_F(ControllerInit, a_refused_package_leaves_stage_and_outcome_of_the_attempt) {

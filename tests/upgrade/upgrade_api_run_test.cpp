@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/upgrade/failing_access.h"
 #include "tests/upgrade/upgrade_run_support.h"
 
 namespace {
@@ -350,6 +351,14 @@ TEST_F(Run, failing_copy_empties_the_package_directory) {
     expectNoFlashing();
     expectFailed();
     EXPECT_EQ(run(), 0) << fake::log();
+}
+
+TEST_F(Run, copy_about_which_storage_gives_no_answer_fails) {
+    runtest::writePackage(kInputPackage);
+    const upgradetest::UnansweredPath unanswered(UpgradeProc::upgradePkg);
+    EXPECT_EQ(run(), -1);
+    EXPECT_TRUE(loggedStepError(kUnit, kSequence, 467));
+    expectNoFlashing();
 }
 
 TEST_F(Run, copy_that_vanishes_fails) {

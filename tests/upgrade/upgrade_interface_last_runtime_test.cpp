@@ -9,6 +9,7 @@
 
 #include "tests/support/device.h"
 #include "tests/support/fake_services.h"
+#include "tests/upgrade/failing_access.h"
 #include "upgrade/upgrade_interface.h"
 
 namespace {
@@ -91,6 +92,17 @@ TEST_F(LastRuntime, without_a_file_there_was_nothing) {
     EXPECT_EQ(UPGRADE_get_status_last_runtime(&status), 0);
     EXPECT_EQ(status, UPG_STS_LAST_RT_NONE);
     EXPECT_TRUE(fake::nothingLogged());
+}
+
+TEST_F(LastRuntime, a_file_about_which_storage_gives_no_answer_is_none_and_stays) {
+    writeFile(kFile, "rollback_success");
+    {
+        const upgradetest::UnansweredPath unanswered(kFile);
+        EXPECT_EQ(UPGRADE_get_status_last_runtime(&status), 0);
+        EXPECT_EQ(status, UPG_STS_LAST_RT_NONE);
+    }
+    EXPECT_EQ(UPGRADE_get_status_last_runtime(&status), 0);
+    EXPECT_EQ(status, UPG_STS_LAST_RT_ROLLBACK_SUCCESS);
 }
 
 // The empty text is the name of no outcome, although the table ends with it.

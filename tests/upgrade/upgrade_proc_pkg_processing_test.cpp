@@ -9,12 +9,14 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/support/device.h"
 #include "tests/support/fake_services.h"
 #include "tests/support/shell_recorder.h"
 #include "tests/support/test_package.h"
+#include "tests/upgrade/failing_access.h"
 #include "tests/upgrade/package_services.h"
 #include "upgrade/upgrade_proc_pkg.h"
 
@@ -275,6 +277,31 @@ TEST_F(PackageProcessing, missing_package_fails_in_the_first_step) {
     expectOutputUntouched();
     EXPECT_EQ(out.components, "");
     EXPECT_FALSE(testsupport::exists(kUnpackDir));
+}
+
+TEST_F(PackageProcessing, package_about_which_storage_gives_no_answer_counts_as_missing) {
+    const Lines truncation = {
+        kReadStep, kTruncateStep,
+        errorShape(kUnit, "truncate_upgrade_pkg", "file '/firmware/upgrade.pkg' not exist;\n"), kFailed};
+    const Lines unpacking = {kReadStep, kTruncateStep, kDigestStep, kUnpackStep, kUnpackFailed, kFailed};
+    for (const auto& [step, lines] : {std::pair("truncate_upgrade_pkg\n", truncation),
+                                      std::pair("unpack_upgrade_package\n", unpacking)}) {
+        package_services::reset();
+        std::optional<upgradetest::UnansweredPath> unanswered;
+        whenLogged(step, [&] { unanswered.emplace(kPackage); });
+        EXPECT_EQ(writeAndProcess(), -1);
+        EXPECT_EQ(logShape(), lines);
+    }
+    expectOutputUntouched();
+}
+
+TEST_F(PackageProcessing, directory_about_which_storage_gives_no_answer_cannot_be_made) {
+    std::filesystem::create_directory(kUnpackDir);
+    const upgradetest::UnansweredPath unanswered(kUnpackDir);
+    EXPECT_EQ(writeAndProcess(), -1);
+    EXPECT_EQ(logShape(),
+              (Lines{kReadStep, kTruncateStep, kDigestStep, kUnpackStep, kUnpackFailed, kFailed}));
+    EXPECT_TRUE(testsupport::namesIn(kUnpackDir).empty());
 }
 
 TEST_F(PackageProcessing, unreadable_trailer_leaves_the_package_whole) {

@@ -15,6 +15,7 @@
 #include "tests/support/fake_services.h"
 #include "tests/support/shell_recorder.h"
 #include "tests/support/test_package.h"
+#include "tests/upgrade/failing_access.h"
 #include "tests/upgrade/package_services.h"
 #include "upgrade/upgrade_proc_pkg.h"
 #include "upgrade/upgrade_verify_components.h"
@@ -203,6 +204,12 @@ TEST_F(ComponentVerification, path_that_is_tested_is_made_from_the_directory) {
     testsupport::writeFile("/raw/elsewhere/extra", "");
     EXPECT_EQ(verify("/raw/elsewhere/extra," + joined(allNames())), -1);
     expectRefusedUnchecked({missing("/raw/upgrade/extra"), summary(0, -1)});
+}
+
+TEST_F(ComponentVerification, file_about_which_storage_gives_no_answer_counts_as_missing) {
+    const upgradetest::UnansweredPath unanswered(fileOf("Image.sign"));
+    EXPECT_EQ(verify(), -1);
+    expectRefusedUnchecked({missing("/raw/upgrade/Image.sign"), summary(2, -1)});
 }
 
 TEST_F(ComponentVerification, files_and_key_are_left_as_they_are) {

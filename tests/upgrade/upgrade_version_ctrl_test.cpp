@@ -13,6 +13,7 @@
 #include "tests/support/device.h"
 #include "tests/support/fake_services.h"
 #include "tests/support/shell_recorder.h"
+#include "tests/upgrade/failing_access.h"
 
 namespace {
 
@@ -99,6 +100,15 @@ TEST_F(VersionRead, a_missing_file_is_told_apart_from_a_bad_one) {
     EXPECT_EQ(fake::log().lines().size(), 1U);
     EXPECT_THAT(fake::commands(), IsEmpty());
     EXPECT_FALSE(exists("/config/none.json"));
+}
+
+TEST_F(VersionRead, a_file_about_which_storage_gives_no_answer_counts_as_missing) {
+    writeVersions(kFile, kFactory);
+    const upgradetest::UnansweredPath unanswered(kFile);
+    EXPECT_EQ(read(), -2);
+    EXPECT_EQ(version, kUntouched);
+    EXPECT_TRUE(fake::logged(3, "config_path '/config/versions.json' not exist!\n"));
+    EXPECT_EQ(fake::log().lines().size(), 1U);
 }
 
 TEST_F(VersionRead, a_file_without_bld_fails_after_the_three_members_before_it) {
@@ -208,6 +218,15 @@ TEST_F(VersionWrite, an_existing_file_keeps_its_other_members_and_needs_no_facto
     EXPECT_EQ(readVersions(kFile), versionOf(1, 105, 8, 3));
     EXPECT_NE(readFile(kFile).find("\"A7\""), std::string::npos);
     EXPECT_THAT(fake::commands(), IsEmpty());
+}
+
+TEST_F(VersionWrite, a_file_about_which_storage_gives_no_answer_starts_anew_from_the_factory_file) {
+    writeFile(kFile, R"({"serial" : "A7", "mpu_version" : 1})");
+    const upgradetest::UnansweredPath unanswered(kFile);
+    EXPECT_EQ(write(versionOf(1, 105, 8, 3)), 0);
+    EXPECT_THAT(fake::commands(), ElementsAre("cp /etc/kavro/version.json /config/versions.json"));
+    EXPECT_EQ(readVersions(kFile), versionOf(1, 105, 8, 3));
+    EXPECT_EQ(readFile(kFile).find("serial"), std::string::npos);
 }
 
 TEST_F(VersionWrite, a_damaged_file_becomes_a_version_file) {
