@@ -245,9 +245,3 @@ KAVRO_EXPORT void UPGRADE_set_giveup_upgrade_flag();
 // run stays until another run sets it. Pauses for half a second at each call, so that an answer to a request
 // is there.
 KAVRO_EXPORT int UPGRADE_get_giveup_sts();
-
-// The factory versions as "V01.104.007.002" (hw, mpu, mcu, bld). 0, or -1 with text untouched.
-KAVRO_EXPORT int UPGRADE_getIntervalVersionString(std::string& text);
-
-// The current versions in the same form, the microcontroller's as it answers. 0, or -1 with text untouched.
-KAVRO_EXPORT int UPGRADE_get_cur_ver_str(std::string& text);

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <cstdio>
 
-#include "common/flash_driver.h"
 #include "upgrade/internal.h"
 #include "upgrade/upgrade_api.h"
 

@@ -1,4 +1,5 @@
-// Flashing of the two processors, and the outcome of the last run that is kept across a restart.
+// Flashing of the two processors by their drivers (UpgradeLib), and the outcome of the last run that is kept across a
+// restart.
 #pragma once
 
 #include <cstdint>
@@ -6,6 +7,7 @@
 
 #include "common/async_proc.h"
 #include "common/export.h"
+#include "common/flash_driver.h"
 #include "upgrade/upgrade_version_ctrl.h"
 
 // How the last run ended, kept in UPGRADE_LAST_RUNTIME_FILE by its name: "none", "upgrade_success",

@@ -35,3 +35,9 @@ KAVRO_EXPORT int UPGRADE_write_target_version(L_VERSION_T& version, std::string 
 // differs from the installed one, in either direction. hw and rollback play no part. Always returns 0.
 KAVRO_EXPORT int UPGRADE_set_upgrade_flag(UPGRADE_FLAG_T& flag, L_VERSION_T current, L_VERSION_T package,
                                           bool rollback);
+
+// The factory versions as "V01.104.007.002" (hw, mpu, mcu, bld). 0, or -1 with text untouched.
+KAVRO_EXPORT int UPGRADE_getIntervalVersionString(std::string& text);
+
+// The current versions in the same form, the microcontroller's as it answers. 0, or -1 with text untouched.
+KAVRO_EXPORT int UPGRADE_get_cur_ver_str(std::string& text);
