@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <vector>
 
 #include "upgrade/internal.h"
@@ -65,35 +66,36 @@ bool hex_text_to_u32(const char* text, size_t length, uint32_t* out) {
     return true;
 }
 
-// Reads the number in front of an optional text, then as much of the text as fits and lies within the block:
-// field is zero-filled and stays terminated. Returns the stated length, or -1 when there is no number.
+// Reads the number in front of an optional text, then as much of the text as fits and lies within the block: field is
+// zero-filled and stays terminated. Returns the stated length; nothing when there is no number.
 //
-// The length counts as large where it would be negative as a signed number.
+// A length is a signed number of 32 bits. A negative one counts as large here, and leads backwards to what is behind the
+// text.
 template <size_t size>
-long readCountedText(const TrailerBlock& block, long at, char (&field)[size]) {
+std::optional<int32_t> readCountedText(const TrailerBlock& block, int64_t at, char (&field)[size]) {
     unsigned count = 0;
-    if (at >= kTrailerBytes || std::sscanf(block + at, "%8X", &count) < 1) {
-        return -1;
+    if (at < 0 || at >= kTrailerBytes || std::sscanf(block + at, "%8X", &count) < 1) {
+        return std::nullopt;
     }
-    const long textAt = at + static_cast<long>(kHexNumberBytes);
-    const long available = std::max(0L, kTrailerBytes - textAt);
-    const long kept = std::min({static_cast<long>(count), static_cast<long>(size) - 1, available});
-    std::memcpy(field, block + std::min(textAt, kTrailerBytes), static_cast<size_t>(kept));
-    return static_cast<long>(count);
+    const int64_t textAt = at + static_cast<int64_t>(kHexNumberBytes);
+    const int64_t available = std::max<int64_t>(0, kTrailerBytes - textAt);
+    const int64_t kept = std::min({static_cast<int64_t>(count), static_cast<int64_t>(size) - 1, available});
+    std::memcpy(field, block + std::min<int64_t>(textAt, kTrailerBytes), static_cast<size_t>(kept));
+    return static_cast<int32_t>(count);
 }
 
 // Branch and user are for people: a package without readable ones is still good.
 void readDescription(_UPGRADE_PKG_T& info, const TrailerBlock& block) {
-    const long keyBytes = info.pubkey_len;
-    const long branchBytes = readCountedText(block, kBranchNrAt + keyBytes, info.branch);
-    if (branchBytes < 0) {
+    const int64_t keyBytes = info.pubkey_len;
+    const std::optional<int32_t> branchBytes = readCountedText(block, kBranchNrAt + keyBytes, info.branch);
+    if (!branchBytes) {
         UPGRADE_LOG(3, "convert branchNr failed;\n");
         return;
     }
-    if (branchBytes == 0) {
+    if (*branchBytes == 0) {
         return;
     }
-    if (readCountedText(block, kBranchAt + keyBytes + branchBytes, info.user) < 0) {
+    if (!readCountedText(block, kBranchAt + keyBytes + *branchBytes, info.user)) {
         UPGRADE_LOG(3, "convert userNr failed;\n");
     }
 }

@@ -399,6 +399,8 @@ const std::vector<Damage> kDamages = {
            "the length of the branch text in the trailer is '-0000004'"},
     Damage{"branch_is_beyond_the_trailer", [](Trailer& trailer) { trailer.branchLength = "00001000"; },
            "the trailer is too short for its branch text of 4096 bytes"},
+    Damage{"branch_length_leads_backwards", [](Trailer& trailer) { trailer.branchLength = "FFFFFFFF"; },
+           "the trailer is too short for its branch text of 4294967295 bytes"},
     Damage{"user_length_is_no_number",
            [](Trailer& trailer) { trailer.userLength = std::string("\x1b[2J\0\0\0\0", 8); },
            "the length of the user text in the trailer is '\\x1b[2J\\x00\\x00\\x00\\x00'"},

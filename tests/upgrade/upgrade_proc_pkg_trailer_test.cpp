@@ -17,6 +17,7 @@
 #include "tests/support/device.h"
 #include "tests/support/fake_services.h"
 #include "tests/support/test_package.h"
+#include "tests/upgrade/failing_access.h"
 #include "tests/upgrade/package_services.h"
 #include "upgrade/upgrade_proc_pkg.h"
 
@@ -176,6 +177,12 @@ TEST_F(PackageTrailer, reading_leaves_no_descriptor_open) {
 TEST_F(PackageTrailer, missing_file_is_named) {
     EXPECT_EQ(readFrom("/firmware/none.pkg"), -1);
     EXPECT_EQ(logShape(), Lines{readError("pkg '/firmware/none.pkg' not exist!\n")});
+}
+
+TEST_F(PackageTrailer, file_about_which_storage_gives_no_answer_is_a_missing_file) {
+    const upgradetest::UnansweredPath unanswered(kPackage);
+    EXPECT_EQ(read(), -1);
+    EXPECT_EQ(logShape(), Lines{readError("pkg '/firmware/upgrade.pkg' not exist!\n")});
 }
 
 TEST_F(PackageTrailer, empty_path_is_a_missing_file) {
@@ -762,7 +769,7 @@ TEST_F(PackageTrailer, branch_number_cut_by_the_blocks_end_gives_an_empty_branch
 TEST_F(PackageTrailer, branch_number_that_points_outside_the_block_leaves_no_user) {
     trailer.branch = counting(300);
     for (const char* length :
-         {"FFFFFFFF", "80000000", "7FFFFFFF", "00001000", "00000F7A", "FFFFFF00", "FFFFF000"}) {
+         {"80000000", "7FFFFFFF", "00001000", "00000F7A", "FFFFFF77", "FFFFFF00", "FFFFF000"}) {
         package_services::reset();
         info = {};
         trailer.branchLength = length;
@@ -771,6 +778,42 @@ TEST_F(PackageTrailer, branch_number_that_points_outside_the_block_leaves_no_use
         EXPECT_EQ(user(), field("")) << length;
         EXPECT_EQ(logShape(), Lines{kNoUser}) << length;
     }
+}
+
+// As a signed number such a length leads backwards from the start of the branch text.
+TEST_F(PackageTrailer, negative_branch_number_leads_back_to_the_user) {
+    struct Case {
+        const char* length;
+        std::string branch;
+        std::string user;
+    };
+    const std::string behindNumber = counting(300);
+    const std::vector<Case> cases{
+        {"FFFFFFFF", "-234567" + behindNumber, behindNumber.substr(0, 15)},  // the number's own last digit
+        {"FFFFFFFE", "-23456" + behindNumber,
+         behindNumber.substr(0, 127)},                            // "FE", more than there is room for
+        {"FFFFFFF8", behindNumber, behindNumber.substr(0, 127)},  // the number itself, negative, too
+        {"-0000008", behindNumber, behindNumber.substr(0, 127)},
+        {"FFFFFFF7", behindNumber, "7" + behindNumber.substr(0, 126)},  // the version's last digit in front
+    };
+    for (const Case& given : cases) {
+        SCOPED_TRACE(given.length);
+        package_services::reset();
+        info = {};
+        trailer.branchLength = given.length;
+        trailer.branch = given.branch;
+        EXPECT_EQ(read(), 0);
+        EXPECT_EQ(branch(), field(given.branch.substr(0, 127)));
+        EXPECT_EQ(user(), field(given.user));
+        EXPECT_TRUE(fake::nothingLogged());
+    }
+}
+
+TEST_F(PackageTrailer, negative_branch_number_reaches_as_far_as_the_blocks_start) {
+    trailer.branchLength = "FFFFFF78";  // 136 bytes back, where 14 of them are the key's
+    EXPECT_EQ(read(), 0);
+    EXPECT_EQ(user(), field(trailer.block().substr(8, 100)));
+    EXPECT_TRUE(fake::nothingLogged());
 }
 
 TEST_F(PackageTrailer, user_number_in_the_last_bytes_gives_an_empty_user) {
@@ -870,7 +913,7 @@ void expectDescription(const std::string& block, Expectation& expected) {
     }
     expectText(block, kBranchAt + key, branchBytes, text);
     std::copy(text.begin(), text.end(), expected.info.branch);
-    const unsigned long userAt = kBranchAt + key + branchBytes;
+    const auto userAt = static_cast<uint32_t>(kBranchAt + key + branchBytes);
     unsigned userBytes = 0;
     if (sscanf(textAt(block, userAt).c_str(), "%08X", &userBytes) != 1) {
         expected.lines.push_back(kNoUser);

@@ -56,7 +56,8 @@ struct TrailerReading {
 };
 
 // The fields of the kTrailerBytes bytes. Stricter than a device, which overlooks an unreadable branch or user text and
-// what stands behind them: nothing else tells that a trailer was damaged.
+// what stands behind them, and follows a length that is negative as a signed number backwards: nothing else tells that a
+// trailer was damaged.
 TrailerReading decodeTrailer(const std::string& block);
 
 }  // namespace upgradectl
