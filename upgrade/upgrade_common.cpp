@@ -1,12 +1,14 @@
 #include "upgrade/upgrade_common.h"
 
 #include <json/json.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
-#include <memory>
+#include <future>
 
 #include "upgrade/internal.h"
 
@@ -19,46 +21,71 @@ constexpr int kOptionAbsent = -2;
 constexpr int kOptionNotInt = -3;
 constexpr int kOptionNotString = -4;
 
-// Configuration files are flat, so this is plenty. The parser recurses once a level, and it runs on threads with small
-// stacks.
-constexpr int kNestingLimit = 128;
+// The parser, the writer and the end of a value recurse once a level. The parser follows 999 levels, which takes half a
+// MiB, twice the stack of a job's thread.
+constexpr std::ptrdiff_t kLevelsOnAnyStack = 64;
+constexpr std::size_t kDeepStackBytes = 4 << 20;
 
-// The document as far as the parser gets: an empty or damaged file just lacks the wanted member.
-Json::Value parseFile(const std::string& file) {
-    const std::string text = COMMON_YR::readFile2String(file.c_str());
-    Json::CharReaderBuilder builder;
-    builder["collectComments"] = true;
-    builder["allowTrailingCommas"] = false;
-    builder["skipBom"] = false;
-    builder["stackLimit"] = kNestingLimit;
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+using Task = std::packaged_task<void()>;
+
+void* runTask(void* task) {
+    (*static_cast<Task*>(task))();
+    return nullptr;
+}
+
+// False when there is no thread to be had.
+bool runOnDeepStack(Task& task) {
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, kDeepStackBytes);
+    pthread_t thread;
+    const bool started = pthread_create(&thread, &attributes, runTask, &task) == 0;
+    pthread_attr_destroy(&attributes);
+    return started && pthread_join(thread, nullptr) == 0;
+}
+
+// Does work that parses the text: here, as long as it cannot nest deeply, since it has so few brackets. False, with
+// nothing done, when there is no place to do it. Exceptions of the work pass through.
+template <typename Work>
+bool withRoomFor(const std::string& text, const Work& work) {
+    const auto opens = [](char c) { return c == '[' || c == '{'; };
+    if (std::count_if(text.begin(), text.end(), opens) <= kLevelsOnAnyStack) {
+        work();
+        return true;
+    }
+    const COMMON_YR::CancelHold hold;
+    Task task(work);
+    if (!runOnDeepStack(task)) {
+        return false;
+    }
+    task.get_future().get();
+    return true;
+}
+
+// The document as far as the parser gets: an empty or damaged text just lacks the wanted member.
+Json::Value parse(const std::string& text) {
     Json::Value root;
     try {
-        reader->parse(text.data(), text.data() + text.size(), &root, nullptr);
+        Json::Reader().parse(text, root, true);
     } catch (const Json::Exception&) {
-        // Nested too deeply to be one of ours; what comes before that is in root.
+        // Nested too deeply for the parser; what comes before that is in root.
     }
     return root;
 }
 
-}  // namespace
-
-int UPGRADE_COMM_read_config(std::string file, std::string option, CFG_DATA_TYPE_E type, void* value) {
-    const Json::Value root = parseFile(file);
+int readOption(const std::string& text, const std::string& option, CFG_DATA_TYPE_E type, void* value) {
+    const Json::Value root = parse(text);
     if (!root.isObject() || !root.isMember(option)) {
-        UPGRADE_ERROR("file '%s', has on option '%s'\n", file.c_str(), option.c_str());
         return kOptionAbsent;
     }
     const Json::Value& member = root[option];
     if (type == CFG_DATA_TYPE_INT) {
         if (!member.isInt()) {
-            UPGRADE_ERROR("option '%s' not asInt\n", option.c_str());
             return kOptionNotInt;
         }
         *static_cast<int32_t*>(value) = member.asInt();
     } else if (type == CFG_DATA_TYPE_STRING) {
         if (!member.isString()) {
-            UPGRADE_ERROR("option '%s' not asString\n", option.c_str());
             return kOptionNotString;
         }
         *static_cast<std::string*>(value) = member.asString();
@@ -66,8 +93,10 @@ int UPGRADE_COMM_read_config(std::string file, std::string option, CFG_DATA_TYPE
     return 0;
 }
 
-int UPGRADE_COMM_write_config(std::string file, std::string option, CFG_DATA_TYPE_E type, const void* value) {
-    Json::Value root = parseFile(file);
+// The text of the document with the option set.
+std::string writeOption(const std::string& text, const std::string& option, CFG_DATA_TYPE_E type,
+                        const void* value) {
+    Json::Value root = parse(text);
     const bool setsMember = type == CFG_DATA_TYPE_INT || type == CFG_DATA_TYPE_STRING;
     if (setsMember && !root.isObject()) {
         root = Json::Value(Json::objectValue);
@@ -77,14 +106,42 @@ int UPGRADE_COMM_write_config(std::string file, std::string option, CFG_DATA_TYP
     } else if (type == CFG_DATA_TYPE_STRING) {
         root[option] = Json::Value(*static_cast<const std::string*>(value));
     }
-    std::string text = root.toStyledString();
-    return static_cast<int>(COMMON_YR::writeFile(file.c_str(), text.data(), text.size(), false));
+    return root.toStyledString();
+}
+
+}  // namespace
+
+int UPGRADE_COMM_read_config(std::string file, std::string option, CFG_DATA_TYPE_E type, void* value) {
+    const std::string text = COMMON_YR::readFile2String(file.c_str());
+    int result = kOptionAbsent;
+    withRoomFor(text, [&] { result = readOption(text, option, type, value); });
+    if (result == kOptionAbsent) {
+        UPGRADE_ERROR("file '%s', has on option '%s'\n", file.c_str(), option.c_str());
+    } else if (result == kOptionNotInt) {
+        UPGRADE_ERROR("option '%s' not asInt\n", option.c_str());
+    } else if (result == kOptionNotString) {
+        UPGRADE_ERROR("option '%s' not asString\n", option.c_str());
+    }
+    return result;
+}
+
+int UPGRADE_COMM_write_config(std::string file, std::string option, CFG_DATA_TYPE_E type, const void* value) {
+    const std::string text = COMMON_YR::readFile2String(file.c_str());
+    std::string changed;
+    if (!withRoomFor(text, [&] { changed = writeOption(text, option, type, value); })) {
+        return -1;
+    }
+    return static_cast<int>(COMMON_YR::writeFile(file.c_str(), changed.data(), changed.size(), false));
 }
 
 namespace kavro {
 
 bool pathExists(const std::string& path) {
-    return access(path.c_str(), F_OK) == 0 || errno == EIO;
+    return access(path.c_str(), F_OK) == 0;
+}
+
+bool pathMayExist(const std::string& path) {
+    return pathExists(path) || errno == EIO;
 }
 
 namespace {

@@ -5,6 +5,8 @@
 #include <json/json.h>
 #include <pthread.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdint>
 #include <limits>
 #include <sstream>
@@ -230,6 +232,14 @@ TEST_F(ConfigRead, comments_do_not_matter) {
     EXPECT_EQ(number, 3);
 }
 
+TEST_F(ConfigRead, a_number_with_a_plus_sign_is_no_number) {
+    writeFile(kFile, R"({"u" : 1, "v" : +1, "w" : 2})");
+    EXPECT_EQ(readInt("u"), 0);
+    EXPECT_LT(readInt("v"), 0);
+    EXPECT_LT(readInt("w"), 0);
+    EXPECT_EQ(number, 1);
+}
+
 // Documents of the wrong shape: nothing is found in them, and nothing worse happens.
 const std::vector<std::string>& wrongShapes() {
     static const std::vector<std::string> texts{"",
@@ -395,10 +405,60 @@ TEST_F(Config, many_levels_that_are_all_closed_give_result_codes) {
     }
 }
 
-TEST_F(ConfigRead, members_nested_as_deep_as_people_nest_them_do_not_hide_an_option) {
-    constexpr unsigned kLevels = 20;
-    writeFile(kFile, "{\"a\" : " + repeated("[", kLevels) + repeated("]", kLevels) + ", \"v\" : 3}");
-    ASSERT_TRUE(testsupport::runOnSmallStack([&] { EXPECT_EQ(readInt("v"), 0); }));
+// The parser follows 999 levels, the root's among them. Any thread reads what is behind them, one with a small stack too.
+TEST_F(ConfigRead, nested_members_do_not_hide_an_option) {
+    for (const auto& [opening, closing] : std::vector<std::pair<std::string, std::string>>{
+             {"[", "]"}, {"{\"v\":", "}"}, {"[ // why\n", "]"}, {"{\"[[[\":", "}"}}) {
+        for (const unsigned levels : {20U, 62U, 63U, 64U, 65U, 128U, 500U, 998U}) {
+            SCOPED_TRACE(opening + " " + std::to_string(levels));
+            writeFile(kFile, "{\"a\" : " + repeated(opening, levels) + "1" + repeated(closing, levels) +
+                                 ", \"v\" : 3, \"s\" : \"text\"}");
+            number = kUntouched;
+            text = "untouched";
+            ASSERT_TRUE(testsupport::runOnSmallStack([&] {
+                EXPECT_EQ(readInt("v"), 0);
+                EXPECT_EQ(readString("s"), 0);
+                EXPECT_EQ(readInt("a"), -3);
+            }));
+            EXPECT_EQ(number, 3);
+            EXPECT_EQ(text, "text");
+        }
+    }
+}
+
+TEST_F(ConfigRead, a_thousand_levels_are_not_followed) {
+    writeFile(kFile, "{\"u\" : 2, \"v\" : " + repeated("[", 999) + "1" + repeated("]", 999) + ", \"w\" : 3}");
+    EXPECT_EQ(readInt("u"), 0);
+    EXPECT_EQ(number, 2);
+    EXPECT_EQ(readInt("w"), -2);
+}
+
+TEST_F(ConfigWrite, nested_members_are_kept) {
+    for (const auto& [opening, closing] : brackets()) {
+        constexpr unsigned kLevels = 499;
+        SCOPED_TRACE(opening);
+        const std::string nested = repeated(opening, kLevels) + "1" + repeated(closing, kLevels);
+        writeFile(kFile, "{\"a\" : " + nested + ", \"v\" : 3}");
+        ASSERT_TRUE(testsupport::runOnSmallStack([&] { EXPECT_GT(writeInt("v", 5), 0); }));
+        EXPECT_EQ(readInt("v"), 0);
+        EXPECT_EQ(number, 5);
+        std::string written = readFile(kFile);
+        written.erase(
+            std::remove_if(written.begin(), written.end(), [](char c) { return std::isspace(c) != 0; }),
+            written.end());
+        EXPECT_EQ(written, "{\"a\":" + nested + ",\"v\":5}");
+    }
+}
+
+TEST_F(ConfigRead, a_deep_document_is_read_on_a_thread_that_is_being_cancelled) {
+    writeFile(kFile, "{\"a\" : " + repeated("[", 500) + repeated("]", 500) + ", \"v\" : 3}");
+    int result = -1;
+    std::thread thread([&] {
+        pthread_cancel(pthread_self());
+        result = readInt("v");
+    });
+    thread.join();
+    EXPECT_EQ(result, 0);
     EXPECT_EQ(number, 3);
 }
 
