@@ -53,7 +53,8 @@ KAVRO_EXPORT int runSystem(const char* format, ...) __attribute__((format(printf
 // stay holes, and blocks of zeros become some. A source that becomes shorter meanwhile is an error. When the
 // storage has no room for the new content beside the old destination, the old one is given up first. Returns
 // 0, or a negative value when either path is a directory, or on any read, write or flush error. A cancel takes
-// effect between two blocks and leaves no partial destination.
+// effect between two blocks and leaves no partial destination. A destination that has to be written in place, as with
+// writeFile, keeps its permission bits and is left empty by a failure or a cancel.
 KAVRO_EXPORT int cpFile(std::string src, std::string dst);
 
 // Moves a file: a rename where both paths are on one file system, otherwise a copy (as cpFile) followed by
@@ -68,8 +69,9 @@ KAVRO_EXPORT int rmFile(std::string path);
 KAVRO_EXPORT int createFile(const char* path, unsigned long size);
 
 // Replaces the content of a file by size bytes at data. A regular file is replaced as a whole: after a failure or
-// a power cut it holds the old content or the new, never a part. Only where its directory takes no new file is it
-// written in place, after room for all of it was reserved; a write that is cut short then leaves it empty.
+// a power cut it holds the old content or the new, never a part. Only where its directory takes no new file, or where
+// the file itself is a mount point, is it written in place, after room for all of it was reserved; a write that fails
+// then leaves it empty, and a power cut leaves a part.
 // Something that is no regular file is written to as it stands. flag is reserved and ignored. Returns the number
 // of bytes written, which is size, or a negative value.
 KAVRO_EXPORT long writeFile(const char* path, void* data, unsigned long size, bool flag);

@@ -1,5 +1,6 @@
 #include "platform/utility/destination.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -44,6 +45,12 @@ std::optional<Destination> locateDestination(const std::string& path) {
     }
     errno = destination.path.empty() ? ENOENT : ELOOP;
     return std::nullopt;
+}
+
+bool isMountPoint(const std::string& path) {
+    struct statx status;
+    return statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, 0, &status) == 0 &&
+           (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
 }
 
 bool isSameFile(const struct stat& one, const struct stat& other) {

@@ -3,8 +3,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
+#include "platform/utility/aligned_buffer.h"
 #include "platform/utility/file_io.h"
 
 namespace kavro {
@@ -48,20 +50,21 @@ FileUpdate::~FileUpdate() {
     }
 }
 
-bool FileUpdate::begin(const Destination& destination, off_t size, mode_t mode, const struct stat* spared) {
-    if (destination.isSpecial()) {
-        return beginInPlace(destination, size);
+bool FileUpdate::begin(const Destination& place, off_t size, mode_t mode, const struct stat* spared) {
+    destination = place;
+    if (destination.isSpecial() || (destination.exists && isMountPoint(destination.path))) {
+        return beginInPlace(size);
     }
     // Nobody may read through the new file what the old one's mode keeps from them.
     const mode_t openMode = destination.exists ? destination.status.st_mode & mode : mode;
     if (!part.create(destination.path, openMode, spared)) {
-        return destination.exists && forbidsNewFiles(errno) && beginInPlace(destination, size);
+        return destination.exists && forbidsNewFiles(errno) && beginInPlace(size);
     }
     return !destination.exists || takeOver(part.fd(), destination.status);
 }
 
 // Opened without O_TRUNC: the old content goes only when the new one has its room.
-bool FileUpdate::beginInPlace(const Destination& destination, off_t size) {
+bool FileUpdate::beginInPlace(off_t size) {
     // A FIFO without reader fails at once instead of waiting for one.
     inPlace = FileDescriptor(open(destination.path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (!inPlace.valid()) {
@@ -77,9 +80,36 @@ bool FileUpdate::beginInPlace(const Destination& destination, off_t size) {
 }
 
 bool FileUpdate::commit(off_t size) {
-    if (!writesInPlace()) {
-        return part.commit();
+    if (writesInPlace()) {
+        return commitInPlace(size);
     }
+    if (part.commit()) {
+        return true;
+    }
+    // A kernel before 5.8 tells only now that the destination is a mount point.
+    return part.isPlaceBusy() && destination.exists && copyIntoPlace(size) && commitInPlace(size);
+}
+
+bool FileUpdate::copyIntoPlace(off_t size) {
+    constexpr off_t kBlock = 1 << 20;
+    const AlignedBuffer block = makeAlignedBuffer(kBlock);
+    if (!block || !beginInPlace(size)) {
+        return false;
+    }
+    (void)leaveDirect(part.fd());
+    for (off_t position = 0; position < size;) {
+        const auto length = static_cast<std::size_t>(std::min(size - position, kBlock));
+        const ssize_t count = readFullyAt(part.fd(), block.get(), length, position);
+        if (count <= 0 ||
+            !writeFullyAt(inPlace.get(), block.get(), static_cast<std::size_t>(count), position)) {
+            return false;
+        }
+        position += count;
+    }
+    return true;
+}
+
+bool FileUpdate::commitInPlace(off_t size) {
     if (endsHalfWritten && ftruncate(inPlace.get(), size) != 0) {
         return false;
     }

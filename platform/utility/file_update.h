@@ -1,5 +1,5 @@
 // Giving a destination new content: through a file beside it that takes its place as a whole, or, where that
-// cannot be (a device, a FIFO, a directory that may not be written), into the destination as it stands.
+// cannot be (a device, a FIFO, a mount point, a directory that may not be written), into the destination as it stands.
 #pragma once
 
 #include <sys/types.h>
@@ -21,7 +21,7 @@ class FileUpdate {
 
     // Prepares for size bytes. A new file gets `mode` less the umask; one that replaces another keeps that
     // one's owner and mode. `spared`, if not null, is a file that must not be disturbed.
-    bool begin(const Destination& destination, off_t size, mode_t mode, const struct stat* spared);
+    bool begin(const Destination& place, off_t size, mode_t mode, const struct stat* spared);
 
     int fd() const { return writesInPlace() ? inPlace.get() : part.fd(); }
     bool writesInPlace() const { return inPlace.valid(); }
@@ -31,8 +31,11 @@ class FileUpdate {
     bool commit(off_t size);
 
   private:
-    bool beginInPlace(const Destination& destination, off_t size);
+    bool beginInPlace(off_t size);
+    bool copyIntoPlace(off_t size);
+    bool commitInPlace(off_t size);
 
+    Destination destination;
     PartFile part;
     FileDescriptor inPlace;
     bool endsHalfWritten = false;

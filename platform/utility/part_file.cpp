@@ -103,7 +103,11 @@ PartFile::Claim PartFile::claim(const std::string& candidate, mode_t mode, const
 }
 
 bool PartFile::commit() {
-    if (!flushFile(file.get()) || rename(path.c_str(), target.c_str()) != 0) {
+    if (!flushFile(file.get())) {
+        return false;
+    }
+    if (rename(path.c_str(), target.c_str()) != 0) {
+        placeBusy = errno == EBUSY;
         return false;
     }
     path.clear();

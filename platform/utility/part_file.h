@@ -29,13 +29,16 @@ class PartFile {
 
     // Flushes the content, lets it take the replaced file's place and flushes the directory.
     bool commit();
+    // Whether a commit failed since nothing can take that place. The content is still there then.
+    bool isPlaceBusy() const { return placeBusy; }
 
   private:
     enum class Claim { kDone, kTaken, kFailed };
     Claim claim(const std::string& candidate, mode_t mode, const struct stat* spared);
 
     std::string target;
-    std::string path;     // empty: nothing to remove
+    std::string path;  // empty: nothing to remove
+    bool placeBusy = false;
     FileDescriptor file;  // locked; closed after the removal, so that nobody else takes the name in between
 };
 

@@ -234,6 +234,35 @@ TEST_F(CpFileFault, failed_rename_is_a_failure) {
     expectCopyFails();
 }
 
+// What a kernel that does not tell a mount point says to the rename onto one.
+TEST_F(CpFileFault, destination_that_nothing_can_replace_is_written_in_place) {
+    ASSERT_EQ(chmod(destination.c_str(), 0640), 0);
+    fault.rename.error = EBUSY;
+    expectCopyWorks();
+    struct stat status = {};
+    ASSERT_EQ(stat(destination.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 0640U);
+}
+
+TEST_F(CpFileFault, error_while_writing_in_place_is_a_failure) {
+    fault.rename.error = EBUSY;
+    fault.pwrite.error = EIO;
+    fault.pwrite.from = 25;  // the copy beside takes 20
+    EXPECT_LT(cpFile(source, destination), 0);
+    EXPECT_GE(fault.pwrite.calls, fault.pwrite.from);
+    faults = nullptr;
+    EXPECT_EQ(slurp(destination), "");
+    EXPECT_EQ(directory.names(), (Names{"destination", "source"}));
+}
+
+TEST_F(CpFileFault, what_was_written_in_place_is_flushed) {
+    fault.rename.error = EBUSY;
+    fault.fsync.error = EIO;
+    fault.fsync.from = 2;
+    EXPECT_LT(cpFile(source, destination), 0);
+    EXPECT_EQ(fault.fsync.calls, 2);
+}
+
 TEST_F(CpFileFault, directory_that_cannot_be_flushed_is_a_failure) {
     fault.fsync.error = EIO;
     fault.fsync.from = 2;
@@ -370,6 +399,22 @@ TEST_F(WriteFileFault, interrupted_write_goes_on) {
 TEST_F(WriteFileFault, failed_rename_is_a_failure) {
     fault.rename.error = EIO;
     expectWriteFails();
+}
+
+TEST_F(WriteFileFault, destination_that_nothing_can_replace_is_written_in_place) {
+    fault.rename.error = EBUSY;
+    for (const std::string& text : {std::string("new"), std::string("longer than before"), std::string()}) {
+        EXPECT_EQ(write(text), static_cast<long>(text.size()));
+        EXPECT_EQ(slurp(destination), text);
+        EXPECT_EQ(directory.names(), (Names{"destination", "source"}));
+    }
+}
+
+TEST_F(WriteFileFault, new_file_that_cannot_take_its_name_is_a_failure) {
+    fault.rename.error = EBUSY;
+    std::string text = "new";
+    EXPECT_LT(COMMON_YR::writeFile((directory / "other").c_str(), text.data(), text.size(), false), 0);
+    EXPECT_EQ(directory.names(), (Names{"destination", "source"}));
 }
 
 using CreateFileFault = FaultTest;
