@@ -16,6 +16,7 @@ TWIN_ENVIRONMENT_BYTES=0x4000
 declare -A TWIN_PARTITION_SIZE=(
     [kernel_a]=32M [dtb_a]=1M [rootfs_a]=96M [kernel_b]=32M [dtb_b]=1M [rootfs_b]=96M [bootloader]=4M
     [env_a]=$((TWIN_ENVIRONMENT_BYTES)) [env_b]=$((TWIN_ENVIRONMENT_BYTES)))
+TWIN_PARTITIONS=("${!TWIN_PARTITION_SIZE[@]}")
 
 # Which file of a release is written to which partition.
 # shellcheck disable=SC2034  # for those who source this file
@@ -103,8 +104,8 @@ twin_little_endian_32() {
     printf '\\x%02x\\x%02x\\x%02x\\x%02x' $(($1 & 255)) $(($1 >> 8 & 255)) $(($1 >> 16 & 255)) $(($1 >> 24 & 255))
 }
 
-# twin_make_state plain|block DIR HW MPU MCU BLD: a device that has started from slot a and holds no firmware yet. Its
-# microcontroller is not there yet.
+# twin_make_state plain|block DIR HW MPU MCU BLD [NAME=VALUE...]: a device that has started from slot a and holds no
+# firmware yet; its boot environment has these variables besides. Its microcontroller is not there yet.
 twin_make_state() {
     local dir=$2
     mkdir -p "$dir"/{config,firmware,raw,etc-kavro,tmp,partitions,mcu,run}
@@ -116,22 +117,31 @@ twin_make_state() {
     fi
     twin_write_platform "$dir/etc-kavro/platform.json"
     twin_environment_config >"$dir/etc-kavro/fw_env.config"
-    twin_write_versions "$dir/etc-kavro/version.json" "${@:3}"
-    twin_make_environment "$dir"
+    twin_write_versions "$dir/etc-kavro/version.json" "${@:3:4}"
+    twin_make_environment "$dir" "${@:7}"
     printf 'a\n' >"$dir/run/running_slot"
+}
+
+# twin_read_links ARRAY LINK...: all with one process, for starting one takes longer than what it does here.
+twin_read_links() {
+    mapfile -t "$1" < <((($# < 2)) || readlink -- "${@:2}")
 }
 
 # twin_namespace DIR: fills the array TWIN_NAMESPACE with the arguments of bwrap that put DIR's device together.
 # The caller's own uid is kept: as uid 0 of a user name space tar could not restore the owners of files.
 twin_namespace() {
-    local dir=$1 path name
+    local dir=$1 path index links=() targets=() partitions=()
     TWIN_NAMESPACE=(--unshare-pid --unshare-ipc --die-with-parent --tmpfs / --ro-bind /usr /usr)
     for path in "${TWIN_HOST_SYSTEM[@]}"; do
         if [[ -L $path ]]; then
-            TWIN_NAMESPACE+=(--symlink "$(readlink "$path")" "$path")
+            links+=("$path")
         elif [[ -d $path ]]; then
             TWIN_NAMESPACE+=(--ro-bind "$path" "$path")
         fi
+    done
+    twin_read_links targets "${links[@]}"
+    for index in "${!links[@]}"; do
+        TWIN_NAMESPACE+=(--symlink "${targets[index]}" "${links[index]}")
     done
     TWIN_NAMESPACE+=(--proc /proc --dev /dev --tmpfs /etc --tmpfs /run --dir /run/lock --symlink /run/lock /var/lock)
     for path in "${TWIN_HOST_ETC[@]}"; do
@@ -149,8 +159,8 @@ twin_namespace() {
         --dev-bind "$dir/mcu" /dev/kavro-mcu
         --unsetenv TMPDIR)
     twin_is_block "$dir" || return 0
-    for name in "${!TWIN_PARTITION_SIZE[@]}"; do
-        path=$(readlink "$dir/partitions/$name")
+    twin_read_links partitions "${TWIN_PARTITIONS[@]/#/$dir/partitions/}"
+    for path in "${partitions[@]}"; do
         TWIN_NAMESPACE+=(--dev-bind "$path" "$path")
     done
 }

@@ -43,11 +43,22 @@ twin_make_disks() {
     done
 }
 
-# twin_is_attached DIR PARTITION: after a restart of the host the number may be another image's.
-twin_is_attached() {
-    local device
-    device=$(readlink "$1/partitions/$2") || return 1
-    [[ $(cat "/sys/class/block/${device##*/}/loop/backing_file" 2>/dev/null) == "$1/disks/$2.img" ]]
+# twin_read_partitions DIR: fills the array TWIN_ATTACHED with the partitions whose link leads to the loop device of their
+# image: after a restart of the host the number may be another image's.
+twin_read_partitions() {
+    local dir=$1 name image index links=() devices=()
+    TWIN_ATTACHED=()
+    for name in "${TWIN_PARTITIONS[@]}"; do
+        [[ ! -L $dir/partitions/$name ]] || links+=("$dir/partitions/$name")
+    done
+    twin_read_links devices "${links[@]}"
+    for index in "${!links[@]}"; do
+        name=${links[index]##*/}
+        if { read -r image <"/sys/class/block/${devices[index]##*/}/loop/backing_file"; } 2>/dev/null &&
+            [[ $image == "$dir/disks/$name.img" ]]; then
+            TWIN_ATTACHED+=("$name")
+        fi
+    done
 }
 
 # twin_attach_disks DIR: what is attached already stays.
@@ -57,8 +68,9 @@ twin_attach_disks() {
         mountpoint -q "$dir/$name" ||
             mount -t ext4 -o loop,noinit_itable "$dir/disks/$name.img" "$dir/$name" || return 1
     done
-    for name in "${!TWIN_PARTITION_SIZE[@]}"; do
-        ! twin_is_attached "$dir" "$name" || continue
+    twin_read_partitions "$dir"
+    for name in "${TWIN_PARTITIONS[@]}"; do
+        [[ " ${TWIN_ATTACHED[*]} " != *" $name "* ]] || continue
         device=$(losetup --find --show "$dir/disks/$name.img") || return 1
         ln -sfn "$device" "$dir/partitions/$name"
     done
@@ -71,18 +83,18 @@ twin_hold_partitions() {
     for device in "$1"/partitions/*; do
         # shellcheck disable=SC2034  # it is the descriptor that counts
         exec {held}<>"$device"
-        losetup --detach "$device"
     done
+    losetup --detach "$1"/partitions/*
 }
 
 # twin_detach_disks DIR: fails while something on the host still uses a file system.
 twin_detach_disks() {
-    local dir=$1 name
+    local dir=$1 name mounted=()
     for name in "${!TWIN_FILE_SYSTEM_SIZE[@]}"; do
-        ! mountpoint -q "$dir/$name" || umount "$dir/$name" || return 1
+        ! mountpoint -q "$dir/$name" || mounted+=("$dir/$name")
     done
-    for name in "${!TWIN_PARTITION_SIZE[@]}"; do
-        ! twin_is_attached "$dir" "$name" || losetup --detach "$(readlink "$dir/partitions/$name")" || return 1
-        rm -f "$dir/partitions/$name"
-    done
+    ((${#mounted[@]} == 0)) || umount "${mounted[@]}" || return 1
+    twin_read_partitions "$dir"
+    ((${#TWIN_ATTACHED[@]} == 0)) || losetup --detach "${TWIN_ATTACHED[@]/#/$dir/partitions/}" || return 1
+    rm -f "${TWIN_PARTITIONS[@]/#/$dir/partitions/}"
 }

@@ -866,11 +866,16 @@ test_remove_deletes_what_programs_made_unreadable() {
 
 # --- the launcher of the tests --------------------------------------------------------------------------------------
 
+# What the launcher keeps is a device that no case has used.
+devices_left() {
+    find twins -mindepth 1 -maxdepth 1 ! -name 'new-*'
+}
+
 test_launcher_removes_its_device_and_passes_the_status_on() {
     local status=0
     "$root/tests/support/in_twin.sh" "$PWD/twins" "$root" --run /bin/sh -c 'touch /config/x; exit 5' || status=$?
     equal "status" "$status" 5
-    equal "devices left" "$(ls -A twins)" ""
+    equal "devices left" "$(devices_left)" ""
 }
 
 # on block devices
@@ -879,8 +884,17 @@ test_launcher_leaves_nothing_of_its_block_devices() {
     "$root/tests/support/in_twin.sh" "$PWD/twins" "$root" --block --run /bin/sh -c \
         'test -b /dev/disk/by-partlabel/kernel_a && touch /config/x && exit 5' || status=$?
     equal "status" "$status" 5
-    equal "devices left" "$(ls -A twins)" ""
+    equal "devices left" "$(devices_left)" ""
     equal "loop devices left" "$(losetup --noheadings --output BACK-FILE | grep -c "^$PWD/" || true)" 0
+}
+
+# on both forms
+test_launcher_gives_each_case_a_new_device() {
+    local launcher=("$root/tests/support/in_twin.sh" "$PWD/twins" "$root") partition=/dev/disk/by-partlabel/kernel_a
+    [[ $form == plain ]] || launcher+=(--block)
+    "${launcher[@]}" --run /bin/sh -c "touch /config/x /raw/x; fw_setenv boot_slot b; echo x >$partition"
+    "${launcher[@]}" --run /bin/sh -c "test ! -e /config/x && test ! -e /raw/x && fw_printenv | grep -qx boot_slot=a &&
+        test \"\$(head -c 1 $partition | tr -d '\\0')\" = ''" || die "a case has found what another one left"
 }
 
 test_launcher_adds_options_to_the_name_space() {
