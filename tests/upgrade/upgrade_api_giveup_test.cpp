@@ -1,8 +1,9 @@
 // A run is given up at every kind of moment before flashing: it ends with -1, leaves nothing behind, and the
 // next run in the same process succeeds.
 //
-// The moments are spread over shards that run side by side, each with a device of its own. The pauses of
-// whole seconds are shortened in this program; they stay cancellation points.
+// The moments are spread over shards that run side by side, each with a device of its own. A shard takes one of its
+// moments, or all of them in the whole extent. The pauses of whole seconds are shortened in this program; they stay
+// cancellation points.
 
 #include <gtest/gtest.h>
 #include <time.h>
@@ -18,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/extent.h"
 #include "tests/upgrade/upgrade_run_support.h"
 
 namespace {
@@ -317,17 +319,28 @@ class GiveUp : public runtest::UpgradeRun, public testing::WithParamInterface<un
 
 constexpr unsigned long kShards = 48;
 
+std::vector<Moment> momentsOfShard(unsigned long shard) {
+    const std::vector<Moment> all = allMoments();
+    std::vector<Moment> moments;
+    for (unsigned long i = shard; i < all.size(); i += kShards) {
+        moments.push_back(all[i]);
+    }
+    return testsupport::isWholeExtent() ? moments : std::vector{moments[testsupport::drawn(shard, moments.size())]};
+}
+
 TEST_P(GiveUp, before_flashing_ends_the_run_cleanly_and_the_next_one_succeeds) {
-    const std::vector<Moment> moments = allMoments();
-    ASSERT_GE(moments.size(), 200U);
-    for (unsigned long i = GetParam(); i < moments.size() && !HasFailure(); i += kShards) {
+    ASSERT_GE(allMoments().size(), 200U);
+    for (const Moment& moment : momentsOfShard(GetParam())) {
+        if (HasFailure()) {
+            break;
+        }
         std::ostringstream name;
-        name << moments[i];
+        name << moment;
         SCOPED_TRACE("given up " + name.str());
         fake::log().clear();
         fake::node().clear();
         fake::calls().clear();
-        giveUpAt(moments[i]);
+        giveUpAt(moment);
     }
 }
 
