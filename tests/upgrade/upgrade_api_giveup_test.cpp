@@ -2,11 +2,9 @@
 // next run in the same process succeeds.
 //
 // The moments are spread over shards that run side by side, each with a device of its own. A shard takes one of its
-// moments, or all of them in the whole extent. The pauses of whole seconds are shortened in this program; they stay
-// cancellation points.
+// moments, or all of them in the whole extent.
 
 #include <gtest/gtest.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -21,20 +19,6 @@
 
 #include "tests/support/extent.h"
 #include "tests/upgrade/upgrade_run_support.h"
-
-namespace {
-
-constexpr long kShortSecondNs = 250000000;
-
-}  // namespace
-
-// Takes the place of the C library's for the library under test.
-extern "C" __attribute__((visibility("default"))) unsigned sleep(unsigned seconds) {
-    const long nanoseconds = static_cast<long>(seconds) * kShortSecondNs;
-    const timespec pause{nanoseconds / 1000000000, nanoseconds % 1000000000};
-    nanosleep(&pause, nullptr);
-    return 0;
-}
 
 namespace {
 

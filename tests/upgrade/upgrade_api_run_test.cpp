@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "tests/upgrade/failing_access.h"
+#include "tests/upgrade/short_second.h"
 #include "tests/upgrade/upgrade_run_support.h"
 
 namespace {
@@ -280,7 +281,7 @@ TEST_F(Run, caller_returns_a_second_after_the_worker_at_the_earliest) {
     });
     ASSERT_EQ(run(), 0) << fake::log();
     ASSERT_GT(workerEnd, 0);
-    EXPECT_GE(runtest::nowMs() - workerEnd, 1000.0);
+    EXPECT_GE(runtest::nowMs() - workerEnd, runtest::kShortSecondMs);
 }
 
 // ---------------------------------------------------------------------------------------------------------------------
@@ -536,7 +537,7 @@ class RunGivenUp : public Run {
 TEST_F(RunGivenUp, in_the_last_pause_ends_after_its_own_pauses) {
     runtest::writePackage(kInputPackage);
     writeKeptFiles();
-    constexpr double kPausesMs = 500.0 + 1000.0;
+    constexpr double kPausesMs = 500.0 + runtest::kShortSecondMs;
     std::atomic<double> requested{0};
     const Recorder recorder([&](const Recorder::Event& event) {
         if (event.text == textOf(publishedLine("SET_FLAG_DONE", "INPROGRESS_MPU"))) {
