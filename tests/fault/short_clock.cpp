@@ -151,7 +151,7 @@ clockid_t clockOf(const timespec& deadline) {
 
 // For an answer: what is at the other end of a descriptor takes its real time, too.
 Nanoseconds shortenedWait(Nanoseconds wait) {
-    constexpr Nanoseconds kEnoughToAnswer = 250 * kMillisecond;
+    constexpr Nanoseconds kEnoughToAnswer = 500 * kMillisecond;
     const Nanoseconds least = wait < kEnoughToAnswer ? wait : kEnoughToAnswer;
     const Nanoseconds brief = shortened(wait);
     return brief > least ? brief : least;
