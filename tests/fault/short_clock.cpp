@@ -149,7 +149,8 @@ clockid_t clockOf(const timespec& deadline) {
     return deadline.tv_sec < kTenYears ? CLOCK_MONOTONIC : CLOCK_REALTIME;
 }
 
-// For an answer: what is at the other end of a descriptor takes its real time, too.
+// For an answer: what is at the other end of a descriptor takes its real time, too. The usual limit of an answer stays as
+// it is, so that on a busy machine none is missed that would have been in time.
 Nanoseconds shortenedWait(Nanoseconds wait) {
     constexpr Nanoseconds kEnoughToAnswer = 500 * kMillisecond;
     const Nanoseconds least = wait < kEnoughToAnswer ? wait : kEnoughToAnswer;
