@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Runs fuzz targets, each in a name space of its own in which nothing of this host can be changed but BUILD/fuzz.
 #
-#   fuzz.sh BUILD TARGET SECONDS     TARGET may be `all`, one after the other
-#   fuzz.sh BUILD TARGET --keep      adds to corpus/TARGET what was found to lead somewhere else, as few as possible
+#   fuzz.sh BUILD TARGET SECONDS [JOBS]  TARGET may be `all`, then JOBS of them side by side (1)
+#   fuzz.sh BUILD TARGET --keep          adds to corpus/TARGET what was found to lead somewhere else, as few as possible
 #
 # A finding ends the target's run and stays in BUILD/fuzz/findings; exit 1 then.
 set -euo pipefail
@@ -12,6 +12,7 @@ root=$(cd -- "$here/../.." && pwd -P)
 build=$(realpath -- "$1")
 target=$2
 what=$3
+jobs=${4:-1}
 most_kept_bytes=2048
 
 targets() {
@@ -44,19 +45,18 @@ inputs() {
 }
 
 fuzz() {
-    local name=$1 found=$build/fuzz/corpus/$1 known
+    local name=$1 found=$build/fuzz/corpus/$1 known last
     mapfile -t known < <(inputs "$name")
     mkdir -p "$found" "$build/fuzz/findings"
-    printf '%s\n' "== $name, $what s"
     enclosed "$build/tests/fuzz/${name}_fuzz" -max_total_time="$what" -timeout=20 -rss_limit_mb=1024 -max_len=8192 \
         -print_final_stats=1 -verbosity=1 -reload=0 \
         -artifact_prefix="$build/fuzz/findings/$name-" "$found" "${known[@]}" >"$build/fuzz/$name.log" 2>&1 || {
-        tail -n 30 "$build/fuzz/$name.log"
-        printf 'the input lies in %s\n' "$build/fuzz/findings"
+        printf '== %s\n%s\nthe input lies in %s\n' "$name" "$(tail -n 30 "$build/fuzz/$name.log")" "$build/fuzz/findings"
         return 1
     }
-    # Of the last line: #N DONE cov: N ft: N corp: N/N lim: N exec/s: N rss: N
-    grep -aw DONE "$build/fuzz/$name.log"
+    # #N DONE cov: N ft: N corp: N/N lim: N exec/s: N rss: N
+    last=$(grep -aw DONE "$build/fuzz/$name.log")
+    printf '== %s, %s s\n%s\n' "$name" "$what" "$last"
 }
 
 keep() {
@@ -72,12 +72,26 @@ keep() {
         "$(cat "${known[0]}"/* | wc -c)"
 }
 
-result=0
-for name in $(targets); do
-    if [[ $what == --keep ]]; then
+# fuzz_all NAME...: no more side by side than asked for.
+fuzz_all() {
+    local name started=0 failed=0
+    for name; do
+        ((started++ < jobs)) || wait -n || failed=$((failed + 1))
+        fuzz "$name" &
+    done
+    for ((started = $# < jobs ? $# : jobs; started > 0; started--)); do
+        wait -n || failed=$((failed + 1))
+    done
+    printf '%d targets, %d failed\n' $# "$failed"
+    ((!failed))
+}
+
+mapfile -t names < <(targets)
+((${#names[@]})) || exit 2
+if [[ $what == --keep ]]; then
+    for name in "${names[@]}"; do
         keep "$name"
-    else
-        fuzz "$name" || result=1
-    fi
-done
-exit "$result"
+    done
+else
+    fuzz_all "${names[@]}"
+fi
