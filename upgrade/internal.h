@@ -16,8 +16,8 @@
 
 // An error line. Where a line number is given it is part of the message: people look for these numbers.
 #define UPGRADE_ERROR_AT(function, line, text, ...) \
-    UPGRADE_LOG(1, "file:%s, func:%s line:%d " text, kSourceUnit, function, line __VA_OPT__(, ) __VA_ARGS__)
-#define UPGRADE_ERROR(text, ...) UPGRADE_ERROR_AT(__func__, __LINE__, text __VA_OPT__(, ) __VA_ARGS__)
+    UPGRADE_LOG(1, "file:%s, func:%s line:%d " text, kSourceUnit, function, line, ##__VA_ARGS__)
+#define UPGRADE_ERROR(text, ...) UPGRADE_ERROR_AT(__func__, __LINE__, text, ##__VA_ARGS__)
 
 // A failed step of a larger function.
 #define UPGRADE_STEP_ERROR_AT(function, line) \

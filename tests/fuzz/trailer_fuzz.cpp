@@ -47,6 +47,7 @@ std::string paddedText(const char (&field)[size]) {
 
 // As a device keeps it: the first bytes, up to a NUL.
 std::string keptText(const std::string& text) {
+    // cppcheck-suppress stlcstrReturn
     return text.substr(0, 127).c_str();
 }
 

@@ -152,7 +152,9 @@ TEST_F(PackageChecking, an_upper_case_md5_is_in_order) {
 
 TEST_F(PackageChecking, packages_of_the_tool_itself_are_in_order_with_either_kind_of_key) {
     makeComponents(files / "components");
-    for (const auto& makeKey : {makeEcKey, +[](const fs::path& path) { makeRsaKey(path); }}) {
+    using MakeKey = void (*)(const fs::path&);
+    const MakeKey makeKeys[] = {makeEcKey, [](const fs::path& path) { makeRsaKey(path); }};
+    for (const MakeKey makeKey : makeKeys) {
         makeKey(files / "key.pem");
         const ProgramResult packed = tool_test::upgradectl(
             {"pack", "-k", files / "key.pem", "--version", "1.105.8.3", "-o", file, files / "components"});

@@ -321,6 +321,7 @@ TEST_F(MpuInterruption, bootloader_is_written_to_its_end_though_the_driver_goes_
     std::thread leaving;
     storage = {};
     storage.firstWriteTo = partition;
+    // cppcheck-suppress danglingLifetime  // called within upgrade() alone
     storage.inFirstWrite = [&] {
         leaving = std::thread([&mpu] { mpu.reset(); });
         usleep(100000);
@@ -336,6 +337,7 @@ TEST_F(MpuInterruption, operation_during_another_one_is_refused_and_leaves_it_al
     ASSERT_EQ(mpu.preUpgrade(kFirmware, false, true), 0);
     int called = 0;
     storage = {};
+    // cppcheck-suppress danglingLifetime  // called within upgrade() alone
     storage.inFirstWrite = [&] {
         for (const int result : {mpu.init(), mpu.preUpgrade(kFirmware, false, true), mpu.upgrade(),
                                  mpu.postUpgrade(), mpu.activate(true), mpu.activate(false)}) {
