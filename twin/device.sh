@@ -158,6 +158,9 @@ twin_namespace() {
         --dev-bind "$dir/partitions" /dev/disk/by-partlabel
         --dev-bind "$dir/mcu" /dev/kavro-mcu
         --unsetenv TMPDIR)
+    # What a build for `./dev coverage` counts goes to the host, where the build tree is read-only for the device.
+    [[ -z ${KAVRO_COVERAGE-} ]] || TWIN_NAMESPACE+=(--bind "$KAVRO_COVERAGE" /coverage
+        --setenv GCOV_PREFIX /coverage --setenv GCOV_PREFIX_STRIP "$(tr -cd / <<<"$KAVRO_COVERAGE" | wc -c)")
     twin_is_block "$dir" || return 0
     twin_read_links partitions "${TWIN_PARTITIONS[@]/#/$dir/partitions/}"
     for path in "${partitions[@]}"; do
