@@ -309,7 +309,8 @@ std::vector<Moment> momentsOfShard(unsigned long shard) {
     for (unsigned long i = shard; i < all.size(); i += kShards) {
         moments.push_back(all[i]);
     }
-    return testsupport::isWholeExtent() ? moments : std::vector{moments[testsupport::drawn(shard, moments.size())]};
+    return testsupport::isWholeExtent() ? moments
+                                        : std::vector{moments[testsupport::drawn(shard, moments.size())]};
 }
 
 TEST_P(GiveUp, before_flashing_ends_the_run_cleanly_and_the_next_one_succeeds) {
