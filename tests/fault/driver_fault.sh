@@ -14,12 +14,17 @@ source "${BASH_SOURCE[0]%/*}/series.sh"
 speed=60
 in_process=12
 
-# Every step fails once, and each of the other ways once.
+ids_of() {
+    printf '%s\n' "$@"
+}
+
+# Each step of each driver, on both at once or one after the other, in ways that are drawn; each way; and two faults at once.
 quick_selection() {
-    "$1" --list | grep -E '^(side|single):[a-z.A-Z]*=fails:' | sed -n '1~2p'
-    printf '%s\n' side:mpu.upgrade=hangs:again side:mcu.upgrade=late:again side:mpu.postUpgrade=late:overlapped \
-        side:mpu.upgrade=late:overlapped-by-failure side:mcu.preUpgrade=late-failure:again \
-        side:mpu.upgrade=hangs+mcu.upgrade=fails:again side:mpu.upgrade=fails+mcu.upgrade=fails:again
+    "$1" --list | in_drawn_order "$seed" | awk -F '[:=+]' '
+        /\+/ { if (++two <= 2) print; next }
+        { step = $2; way = $3 ($NF == "again" ? "" : "," $NF); mode = $1 "," $3 }
+        !steps[step]++ { ways[way]++; modes[mode]++; print; next }
+        !ways[way]++ || !modes[mode]++'
 }
 
 parse_options "$@"
@@ -32,7 +37,8 @@ elif [[ $extent == quick ]]; then
     quick_selection "$program"
 else
     "$program" --list
-fi | xargs -n "$in_process" | awk -v speed=$speed '{ print "drivers:" NR, "release", speed, "driver_fault", $0 }' \
+fi >"$work/names"
+xargs -n "$in_process" <"$work/names" | awk -v speed=$speed '{ print "drivers:" NR, "release", speed, "driver_fault", $0 }' \
     >"$work/processes"
 side_by_side "${jobs:-3}" <"$work/processes"
 conclude

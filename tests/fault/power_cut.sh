@@ -3,13 +3,15 @@
 #
 #   power_cut.sh [OPTION...]
 #
-#   --quick            a bounded selection (the default): some cuts of each scenario
+#   --quick            a bounded selection (the default): some cuts of each scenario, each POLICY, torn saves, and second
+#                      cuts, of the start that follows a first one; which ones is drawn
+#   --seed TEXT        from what it is drawn: the commit's id unless given
 #   --full             all cuts, with each way in which the kernel may have flushed what nobody flushed, and second cuts,
 #                      of the start that follows the first
 #   --list             the points of each scenario, and nothing is cut
 #   --scenario NAME    this one only; may be repeated
 #   --only ID          this cut only, as a failure names it
-#   --self-test        the suite must lose what was not flushed, and must find deliberate faults
+#   --self-test        the suite must lose what was not flushed, and must find deliberate faults, its own too
 #   --jobs N           how many devices are judged side by side (2)
 #   --build release=DIR  the build (build/release)
 #   --json FILE        a line for each cut: kind, id, outcome, and why it failed
@@ -18,7 +20,7 @@
 #
 # An id is SCENARIO/POLICY/CALL:PATH#NTH. A POLICY says what the kernel had written by itself at the instant of the cut:
 # `none` nothing; `config`, `firmware`, `partitions` that one; `all` the journals of all file systems and the partitions;
-# `torn` half of a save of the boot environment.
+# `torn` half of what is about to be flushed to a partition: of a save of the boot environment, say.
 # A second cut, in the start that follows the first one, is FIRST+POLICY/CALL:PATH#NTH.
 #
 # Exit status 1 when something failed, 77 when the host cannot run it.
@@ -31,7 +33,12 @@ twin=$root/twin/twin
 source "$root/twin/device.sh"
 # shellcheck source=releases.sh
 source "$here/releases.sh"
+# shellcheck source=results.sh
+source "$here/results.sh"
 
+name=power_cut
+judge_program=$here/check_device.sh
+seed=$(commit_seed)
 mode=quick only='' jobs=2 json='' work='' keep=false list=false self_test=false
 wanted=()
 build=$root/build/release
@@ -44,6 +51,7 @@ while (($#)); do
     --keep) keep=true ;;
     --scenario) wanted+=("$2") && shift ;;
     --only) only=$2 && shift ;;
+    --seed) seed=$2 && shift ;;
     --jobs) jobs=$2 && shift ;;
     --json) json=$(realpath -m -- "$2") && shift ;;
     --work) work=$(realpath -m -- "$2") && shift ;;
@@ -103,6 +111,7 @@ make_storage() {
     trap 'printf "power_cut: line %d: %s\n" "$LINENO" "$BASH_COMMAND" >&2' ERR
     trap 'exit 143' TERM
     trap 'exit 130' INT
+    begin_results "$work"
 }
 
 # copy_device FROM TO: of one that is detached.
@@ -210,7 +219,8 @@ cut_run() {
     watch "$device" --out "$2" "${policy[@]}" "${@:5}" -- "${words[@]}" >"$2.log" 2>&1 || status=$?
     "$twin" detach "$device"
     rm -rf -- "$device"
-    ((status == 0)) || remember_failure "${2#"$storage/cuts/"}/run" "the run that is cut failed, exit status $status: $(tail -n 2 "$2.log" | tr '\n' '|')"
+    ((status == 0)) ||
+        fail_suite "${2#"$storage/cuts/"}: the run that is cut failed, exit status $status: $(tail -n 2 "$2.log" | tr '\n' '|')"
 }
 
 # --- the states that cuts leave -------------------------------------------------------------------------------------
@@ -269,72 +279,84 @@ write_state() {
 # A line for each cut: SCENARIO, ID, STATE, DIRECTORY. Cuts that left the same may share a directory.
 cuts=()
 after_sync=0  # how many of them came after a flush of everything on this host, by the device or by another program
-failures=0
-
-remember_failure() {
-    failures=$((failures + 1))
-    printf 'FAILED %s: %s\n' "$1" "$2"
-    report "$1" failed "$2"
-}
-
-# report ID OUTCOME [WHY]
-report() {
-    [[ -z $json ]] || jq -cn --arg id "$1" --arg outcome "$2" --arg why "${3-}" \
-        '{kind: "power_cut", id: $id, outcome: $outcome} + if $why == "" then {} else {why: $why} end' >>"$json"
-}
 
 # collect SCENARIO PREFIX OUT: the cuts of a run, each with its state.
 collect() {
     local directory id synced
     for directory in "$3"/[0-9]*/; do
+        [[ -e $directory/cut ]] || continue
         in_parallel write_state "${directory%/}"
     done
-    wait
+    await_children
     for directory in "$3"/[0-9]*/; do
+        [[ -e $directory/cut ]] || continue
         while IFS=$'\t' read -r _ _ id _ _ synced; do
             [[ $synced != synced ]] || after_sync=$((after_sync + 1))
+            select_id "$2/$id"
             cuts+=("$1"$'\t'"$2/$id"$'\t'"$(<"$directory/state")"$'\t'"${directory%/}")
         done <"$directory/cut"
     done
 }
 
-# judge SCENARIO DIRECTORY [CHECK_OPTION...]: on a device of its own; DIRECTORY.verdict says "ok" or what does not hold.
+# judge_options_of SCENARIO: what the judge is told of the run that was cut. States of which it is told the same are judged once.
+judge_options_of() {
+    printf '%s\n' --run "$releases/${brings[$1]}"
+    [[ $1 != install-over* ]] || printf '%s\n' --over "$releases/second"
+}
+
+# ask_judge SPEED DEVICE SAID OPTION...: a copy is judged, for that changes it. Ends the child that asks where not even that
+# is possible.
+ask_judge() {
+    local device=$2.judged status=0
+    copy_device "$2" "$device" || exit 1
+    KAVRO_CLOCK_SPEED=$1 "$judge_program" --build "$build" --next "$releases/next" --keeps-package "${@:4}" "$device" \
+        "$releases"/{first,second,third} >"$3" 2>&1 || status=$?
+    ((status < 2)) || printf 'wrong: the judge ended with exit status %d\n' "$status" >>"$3"
+    "$twin" remove "$device" || exit 1
+    [[ $status == 0 && $(tail -n 1 "$3") == 'all holds' ]]
+}
+
+# complaints_in SAID: what does not hold; a judge that says nothing of the kind has not come to the end.
+complaints_in() {
+    grep '^wrong' "$1" || { printf 'the judge ended early: ' && tail -n 3 "$1" | tr '\n' '|'; }
+}
+
+# tells_of_a_crash SAID: a program that died of a signal, which no clock explains.
+tells_of_a_crash() {
+    grep -qE 'exit status (129|1[3-9][0-9]|2[0-9][0-9])\b|Sanitizer|runtime error: ' "$1"
+}
+
+# judge SCENARIO DIRECTORY [CHECK_OPTION...]: DIRECTORY.verdict has the outcome in its first line, and then why.
 # On a busy machine an answer may come too late for the short clock: what fails is judged once more by the real one.
 judge() {
-    local device=$2.judged speed over=()
-    [[ $1 != install-over* ]] || over=(--over "$releases/second")
-    for speed in 8 1; do
-        [[ ! -s $2.said ]] || cp -- "$2.said" "$2.said_before"
-        copy_device "$2" "$device"
-        KAVRO_CLOCK_SPEED=$speed "$here/check_device.sh" --build "$build" --next "$releases/next" \
-            --run "$releases/${brings[$1]}" --keeps-package "${judge_options[@]}" "${over[@]}" "${@:3}" "$device" \
-            "$releases"/{first,second,third} >"$2.said" 2>&1 || true
-        "$twin" remove "$device"
-        if [[ $(tail -n 1 "$2.said") == 'all holds' ]]; then
-            printf 'ok\n' >"$2.verdict"
-            return
-        fi
-    done
-    grep '^wrong' "$2.said" >"$2.verdict" ||
-        { printf 'the judge ended early: ' && tail -n 3 "$2.said" | tr '\n' '|'; } >"$2.verdict"
+    local options said=$2.said
+    mapfile -t options < <(judge_options_of "$1")
+    options+=("${judge_options[@]}" "${@:3}")
+    if ask_judge 8 "$2" "$said" "${options[@]}"; then
+        printf 'ok\n' >"$2.verdict"
+    elif ! tells_of_a_crash "$said" && ask_judge 1 "$2" "$said.again" "${options[@]}"; then
+        { printf 'ok at the second try\n' && complaints_in "$said"; } >"$2.verdict"
+    else
+        [[ ! -e $said.again ]] || said=$said.again
+        { printf 'failed\n' && complaints_in "$said"; } >"$2.verdict"
+    fi
 }
 
 declare -A first=() upgraded=()
 looked_at=0
 
-# judge_new, after all cuts, for a device that is judged calls `sync`, which flushes one that is cut too: of the cuts that were collected since the last time, each state that was not met before, for each release
-# that a run was to bring. One of those that differ only in what nobody reads is upgraded and rolled back, the others
-# are started.
+# judge_new, after all cuts, for a device that is judged calls `sync`, which flushes one that is cut too: of the cuts that
+# were collected since the last time, each state that was not met before. One of those that differ only in what nobody
+# reads is upgraded and rolled back, the others are started.
 judge_new() {
-    local line scenario id state directory exact rough
+    local line scenario id state directory told exact rough
     for line in "${cuts[@]:looked_at}"; do
         looked_at=$((looked_at + 1))
         IFS=$'\t' read -r scenario id state directory <<<"$line"
-        exact=${brings[$scenario]}/${state% *}
-        rough=${brings[$scenario]}/${state#* }
+        told=$(judge_options_of "$scenario")
+        exact=$told/${state% *} rough=$told/${state#* }
         [[ -z ${first[$exact]-} ]] || continue
         first[$exact]=$id$'\t'$directory
-        is_selected "${#first[@]}" || continue
         if [[ -z ${upgraded[$rough]-} ]]; then
             upgraded[$rough]=yes
             wholly[$scenario]=$((${wholly[$scenario]-0} + 1))
@@ -343,62 +365,46 @@ judge_new() {
             in_parallel judge "$scenario" "$directory" --quick
         fi
     done
+    await_children
 }
 
-count_all() {
+record_all() {
     local line scenario id state directory exact
-    wait
     for line in "${cuts[@]}"; do
         IFS=$'\t' read -r scenario id state directory <<<"$line"
-        exact=${first[${brings[$scenario]}/${state% *}]}
-        count "$scenario" "$id" "${exact#*$'\t'}" "${exact%%$'\t'*}"
+        exact=${first[$(judge_options_of "$scenario")/${state% *}]}
+        record_cut "$scenario" "$id" "${exact#*$'\t'}" "${exact%%$'\t'*}"
     done
 }
 
-# Of the selection in CI, an even spread.
-is_selected() {
-    [[ $mode == full || -n $only ]] || (($1 % every == 0))
-}
+declare -A tried=() distinct=() wholly=() failed=()
 
-declare -A tried=() judged=() distinct=() wholly=() failed=()
-
-# count SCENARIO ID DIRECTORY FIRST: FIRST is the id of the first cut that left this state, DIRECTORY where it was judged.
-count() {
-    local verdict
+# record_cut SCENARIO ID DIRECTORY FIRST: FIRST is the id of the first cut that left this state, DIRECTORY where it was judged. One
+# that nobody judged has no result.
+record_cut() {
+    local outcome why
     tried[$1]=$((${tried[$1]-0} + 1))
-    if [[ ! -s $3.verdict ]]; then
-        report "$2" 'not judged'
-        return
-    fi
-    judged[$1]=$((${judged[$1]-0} + 1))
     [[ $2 != "$4" ]] || distinct[$1]=$((${distinct[$1]-0} + 1))
-    verdict=$(<"$3.verdict")
-    if [[ $verdict == ok ]]; then
-        report "$2" ok
-        return
-    fi
-    failed[$1]=$((${failed[$1]-0} + 1))
-    failures=$((failures + 1))
-    [[ $2 != "$4" ]] || printf 'FAILED %s\n    %s\n' "$2" "${verdict//$'\n'/$'\n'    }"
-    report "$2" failed "$verdict"
+    [[ -s $3.verdict ]] || return 0
+    outcome=$(head -n 1 "$3.verdict") why=$(tail -n +2 "$3.verdict")
+    [[ $outcome != failed ]] || failed[$1]=$((${failed[$1]-0} + 1))
+    [[ $outcome == ok || $2 == "$4" ]] || why="as $4"
+    record "$2" "$outcome" "$why"
 }
 
 show_table() {
-    local scenario total=0 total_judged=0 noted
-    printf '%-22s %6s %8s %8s %9s %8s\n' scenario cuts judged states upgraded failed
+    local scenario noted
+    printf '%-22s %6s %8s %9s %8s\n' scenario cuts states upgraded failed
     for scenario in "${order[@]}" "${order[@]/%/+start}"; do
         [[ -n ${tried[$scenario]-} ]] || continue
-        printf '%-22s %6d %8d %8d %9d %8d\n' "$scenario" "${tried[$scenario]}" "${judged[$scenario]-0}" \
-            "${distinct[$scenario]-0}" "${wholly[$scenario]-0}" "${failed[$scenario]-0}"
-        total=$((total + tried[$scenario]))
-        total_judged=$((total_judged + ${judged[$scenario]-0}))
+        printf '%-22s %6d %8d %9d %8d\n' "$scenario" "${tried[$scenario]}" "${distinct[$scenario]-0}" \
+            "${wholly[$scenario]-0}" "${failed[$scenario]-0}"
     done
-    printf 'judged: cuts whose state was judged; states: distinct ones, each started once; upgraded: states of those that\n'
-    printf 'differ in what a program reads, each upgraded and rolled back besides\n'
+    printf 'states: distinct ones, each judged once; upgraded: of those that differ in what a program reads one each, upgraded\n'
+    printf 'and rolled back besides\n'
     noted=$(find "$storage/cuts" -name '*.said' -exec cat {} + | grep -c '^note' || true)
     printf 'states with a version file that was torn, and whole after init: %d\n' "$noted"
     printf 'cuts right after a sync, by the device or another program of this host: %d\n' "$after_sync"
-    printf 'power_cut: tried %d, ok %d, failed %d\n' "$total_judged" $((total_judged - failures)) "$failures"
 }
 
 # --- the method -----------------------------------------------------------------------------------------------------
@@ -442,13 +448,16 @@ cuts_as_expected() {
 # --- the suite ------------------------------------------------------------------------------------------------------
 
 judge_options=()
+policies=(none config firmware partitions all torn)
 case $mode in
-quick) policies=(none all) one_in=64 every=4 firsts=(none) scenarios=(install activate rollback-switch start) ;;
-full) policies=(none config firmware partitions all torn) one_in=16 every=1 firsts=(none all) scenarios=("${order[@]}") ;;
+quick) one_in=16 draws=3 firsts=(none all) ;;
+full) one_in=16 draws=0 firsts=(none all) ;;
 esac
 # The long ones have hundreds of points each, and most of them change nothing but one file system.
 declare -A only_policies=([install]='none config all' [rollback-flash]='none config all' [install-third]='none all'
     [install-over]='none all')
+saves_environment=(activate confirm rollback-switch rollback-flash start)
+scenarios=("${order[@]}")
 ((${#wanted[@]} == 0)) || scenarios=("${wanted[@]}")
 
 # A start that is cut off belongs to a scenario of its own, with what the first one was to bring.
@@ -470,13 +479,8 @@ cut_start() {
     collect "$1+start" "$2+$4" "$out"
 }
 
-# The instants in which two packages change places, and of a full run an even spread of all others that left a state of
-# their own.
+# The instants in which two packages change places, and an even spread of all others that left a state of their own.
 is_first_of_two() {
-    if [[ $mode == quick ]]; then
-        [[ $1 == activate/none/rename:* ]]
-        return
-    fi
     case $1 in
     activate/*/rename:/firmware/* | rollback-*/*/rename:/firmware/*.pkg#* | */unlink:/config/upgraded#*) return 0 ;;
     *) (($2 % 40 == 0)) ;;
@@ -504,10 +508,56 @@ cut_all() {
             [[ ${only_policies[$scenario]-$policy} == *"$policy"* ]] || continue
             cut_scenario "$scenario" "$policy"
         done
-        printf '%s: %d cuts so far, %d s\n' "$scenario" "${#cuts[@]}" "$SECONDS"
+        say_progress "$scenario"
     done
     cut_starts
-    printf 'starts after a cut: %d cuts so far, %d s\n' "${#cuts[@]}" "$SECONDS"
+    say_progress 'starts after a cut'
+}
+
+say_progress() {
+    printf '%s: %d cuts so far, %d s\n' "$1" "${#cuts[@]}" "$SECONDS"
+}
+
+# drawn COUNT WHAT WORD...: so many of the words, in an order of their own for each WHAT.
+drawn() {
+    printf '%s\n' "${@:3}" | in_drawn_order "$seed/$2" | head -n "$1"
+}
+
+# Every scenario with one of the policies, every policy with one of the scenarios, and torn saves.
+cut_drawn() {
+    local among=() policy scenario number=0
+    mapfile -t among < <(drawn 9 policies "${policies[@]/torn/}" | grep .)
+    mapfile -t scenarios < <(drawn 99 scenarios "${scenarios[@]}")
+    for scenario in "${scenarios[@]}"; do
+        cut_some "$scenario" "${among[number++ % ${#among[@]}]}" "$draws"
+    done
+    mapfile -t among < <(comm -12 <(printf '%s\n' "${scenarios[@]}" | sort) <(printf '%s\n' "${saves_environment[@]}" | sort))
+    ((${#among[@]} == 0)) || while read -r scenario; do
+        cut_some "$scenario" torn 2 </dev/null
+    done < <(drawn 2 torn "${among[@]}")
+    cut_drawn_starts
+}
+
+# cut_some SCENARIO POLICY COUNT
+cut_some() {
+    local before=${#cuts[@]}
+    cut_scenario "$1" "$2" --draw "$3" --seed "$seed/$1"
+    ((${#cuts[@]} > before)) || fail_suite "$1/$2: nothing was cut"
+    say_progress "$1/$2"
+}
+
+# Of each state that differs from all others in what a program reads, one start that is cut somewhere.
+cut_drawn_starts() {
+    local line scenario id state directory policy
+    local -A seen=()
+    for line in "${cuts[@]}"; do
+        IFS=$'\t' read -r scenario id state directory <<<"$line"
+        [[ -z ${seen[${state#* }]-} ]] || continue
+        seen[${state#* }]=yes
+        policy=$(drawn 1 "$id" "${firsts[@]}")
+        cut_start "$scenario" "$id" "$directory" "$policy" --draw 1 --seed "$seed/$id"
+    done
+    say_progress 'starts after a cut'
 }
 
 # cut_only SCENARIO/POLICY/POINT[+POLICY/POINT]
@@ -540,39 +590,53 @@ list_points() {
 
 # --- the suite's own test -------------------------------------------------------------------------------------------
 
-# expect_failures WHAT: of what was cut, some must fail.
-expect_failures() {
-    failures=0
-    judge_new
-    count_all >"$work/expected"
-    if ((failures)); then
-        printf '%s: noticed, %d of %d cuts fail, as\n' "$1" "$failures" "${#cuts[@]}"
-        grep -m 1 -A 1 '^FAILED' "$work/expected"
-    else
-        printf 'FAILED self-test: %s is not noticed\n' "$1"
-        missed=$((missed + 1))
-    fi
+# forget: what was cut and what came of it.
+forget() {
     cuts=() first=() upgraded=() looked_at=0
     rm -rf -- "$storage/cuts"
+    begin_results "$work"
+}
+
+missed=0
+
+# expect WHAT TEXT: of what was cut, something has come that TEXT, of a result, tells; and the suite has failed.
+expect() {
+    local status=0
+    conclude_results >"$work/concluded" || status=$?
+    if ((status == ${3-1})) && jq -r '"\(.outcome): \(.why)"' "$results" | grep -- "$2" >"$work/told"; then
+        printf '%s: noticed, %d of %d results, as %s\n' "$1" "$(wc -l <"$work/told")" "$(wc -l <"$results")" \
+            "$(head -n 1 "$work/told" | cut -c 1-200)"
+    else
+        printf 'FAILED self-test: %s is not noticed\n' "$1"
+        cat "$work/concluded"
+        missed=$((missed + 1))
+    fi
+    forget
+}
+
+judge_and_expect() {
+    judge_new
+    record_all
+    expect "$@"
 }
 
 test_itself() {
-    missed=0
+    test_own_faults
     judge_options=(--quick)
     watched+=('KAVRO_FAULT_SWALLOW=fsync,fdatasync,syncfs,sync')
     # Right after the first renaming of a status file, and not after a `sync` of another program, which flushes it.
     local tries
     for ((tries = 0; tries < 10; tries++)); do
-        cuts=() after_sync=0
-        rm -rf -- "$storage/cuts"
+        forget
+        after_sync=0
         cut_scenario install all --only 'fsync:/config#1'
         ((after_sync)) || break
     done
-    expect_failures "a library that flushes nothing"
+    judge_and_expect "a library that flushes nothing" '^failed: wrong'
     unset 'watched[-1]'
     judge_options=(--skip-init --quick)
     cut_scenario activate all
-    expect_failures "a start that completes no activation"
+    judge_and_expect "a start that completes no activation" '^failed: wrong'
     test_judge "an empty record of the written slot" '' config/written_slot.json
     test_judge "an outcome that is cut in the middle" 'upgrade_succ' config/upgrade_last_runtime
     ((missed == 0))
@@ -585,13 +649,45 @@ test_judge() {
     attach "$device" 300
     printf '%s' "$2" >"$device/$3"
     "$twin" detach "$device"
-    judge install "$device"
-    if [[ $(<"$device.verdict") == ok ]]; then
-        printf 'FAILED self-test: %s is not noticed\n' "$1"
-        missed=$((missed + 1))
-    else
-        printf '%s: noticed, %s\n' "$1" "$(head -n 1 "$device.verdict")"
-    fi
+    select_id "$1"
+    cuts=("install"$'\t'"$1"$'\t'"exact rough"$'\t'"$device")
+    judge_and_expect "$1" '^failed: wrong'
+}
+
+# Everything that a verdict depends on goes wrong once; a program that does so stands in the place of the real one.
+test_own_faults() {
+    local judge_program=$work/stub_judge twin=$work/stub_twin
+    stub "$twin" 'exit 0'
+    try_stub "a judge that dies" '^failed: wrong: the judge ended with exit status 139' 'kill -SEGV $$'
+    try_stub "a judge that ends early" 'the judge ended early' 'echo "starts slot a"'
+    try_stub "a judge that fails without a complaint" 'the judge ended early' 'echo "all holds"; exit 1'
+    try_stub "a program that crashes when time is short" '^failed: wrong' \
+        '((KAVRO_CLOCK_SPEED == 1)) && echo "all holds" || { echo "wrong: init fails (exit status 139): "; exit 1; }'
+    try_stub "what holds at the second try only" '^ok at the second try: wrong: too late' \
+        '((KAVRO_CLOCK_SPEED == 1)) && echo "all holds" || { echo "wrong: too late"; exit 1; }' 0
+    # shellcheck disable=SC2016  # the words of the stub
+    try_stub "a child that dies before its verdict" 'nobody has said' 'kill -KILL $PPID'
+    stub "$twin" 'exit 1'
+    try_stub "a device that cannot be removed" 'nobody has said' 'echo "all holds"'
+    judge_program=true
+    select_id "a cut that nobody looked at"
+    expect "a cut without a verdict" 'nobody has said'
+}
+
+# stub FILE TEXT
+stub() {
+    printf '#!/bin/bash\n%s\n' "$2" >"$1"
+    chmod +x "$1"
+}
+
+# try_stub WHAT TELLS TEXT [STATUS]: of a judge that does as TEXT says.
+try_stub() {
+    local device=$storage/cuts/stub
+    mkdir -p "$device"
+    stub "$judge_program" "$3"
+    select_id "$1"
+    cuts=("install"$'\t'"$1"$'\t'"exact rough"$'\t'"$device")
+    judge_and_expect "$1" "$2" "${4-1}"
 }
 
 make_storage
@@ -599,7 +695,6 @@ make_releases
 measure_components
 make_devices
 check_method
-[[ -z $json ]] || : >"$json"
 SECONDS=0
 if "$list"; then
     list_points
@@ -609,10 +704,13 @@ elif "$self_test"; then
     exit
 elif [[ -n $only ]]; then
     cut_only "$only"
+elif [[ $mode == quick ]]; then
+    printf 'drawn from %s\n' "$seed"
+    cut_drawn
 else
     cut_all
 fi
 judge_new
-count_all
+record_all
 show_table
-((failures == 0))
+conclude_results || exit 1

@@ -1,7 +1,8 @@
 // Runs a command on a twin of the block form and cuts its power, again and again, without harm to the run: before each
 // chosen call all of the device's programs are stopped, what its storage holds at that instant is copied, and they go on.
 //
-//   power_cut_watch --state DIR --out DIR [--commit FS,...] [--one-in K] [--only CALL:PATH#NTH] [--list] -- COMMAND...
+//   power_cut_watch --state DIR --out DIR [--commit FS,...] [--one-in K] [--only CALL:PATH#NTH] [--draw N --seed TEXT]
+//                   [--list] -- COMMAND...
 //
 // DIR is the twin's directory, on a file system with shared extents. COMMAND runs the device's program with
 // fault_interpose preloaded and KAVRO_FAULT_BOARD=/dev/kavro-mcu/board. Each cut becomes a twin of its own, OUT/NUMBER,
@@ -15,10 +16,14 @@
 // --commit    the file systems (config, firmware, raw) whose journal is committed just before each cut, as the kernel
 //             may do at any time by itself: names are on storage then, content that was not flushed is not. With
 //             `partitions` the partitions are flushed, as the kernel may do too. With `torn` a partition that is about to
-//             be flushed is, in its first 4096 bytes: a write of a save of the boot environment that was cut in the middle
+//             be flushed is, in its first 4096 bytes: a write of a save of the boot environment that was cut in the
+//             middle; there are no other cuts then
 // --one-in K  of the writes that follow one another to one file, the first and each Kth (16); of what is sent to the
 //             microcontroller four times as many
 // --only      cuts there only
+// --draw N    keeps N cuts, each of another CALL:PATH, as TEXT decides: every CALL:PATH is as likely as any other, and so
+//             is each time that it is called. How many there will be nobody knows before the end: all are looked at, and
+//             one that is drawn later takes the place of another one
 // --list      writes the lines of the cuts to standard output and cuts nothing
 //
 // The exit status is that of COMMAND.
@@ -46,10 +51,12 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <new>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/utility/file_descriptor.h"
@@ -81,6 +88,8 @@ struct Options {
     std::set<std::string> committed;
     unsigned long oneIn = 16;
     std::string only;
+    std::size_t draw = 0;
+    std::string seed;
     bool list = false;
     char** command = nullptr;
 };
@@ -116,6 +125,10 @@ Options parse(char** arguments) {
             options.oneIn = std::strtoul(value.c_str(), nullptr, 10);
         } else if (name == "--only") {
             options.only = value;
+        } else if (name == "--draw") {
+            options.draw = std::strtoul(value.c_str(), nullptr, 10);
+        } else if (name == "--seed") {
+            options.seed = value;
         } else {
             die("unknown option " + name);
         }
@@ -344,9 +357,66 @@ bool isWrite(const std::string& call) {
     return writes.count(call) != 0;
 }
 
+// The same in every run and on every machine.
+std::uint64_t digestOf(const std::string& text) {
+    constexpr std::uint64_t kBasis = 14695981039346656037U;
+    constexpr std::uint64_t kPrime = 1099511628211U;
+    std::uint64_t digest = kBasis;
+    for (const char letter : text) {
+        digest = (digest ^ static_cast<unsigned char>(letter)) * kPrime;
+    }
+    // What differs in the last letters differs in the low bits only, until they are mixed.
+    digest ^= digest >> 32U;
+    digest *= 0xd6e8feb86659fd93U;
+    return digest ^ digest >> 32U;
+}
+
+// Of things that come one after the other the few with the lowest digests, one of each kind.
+class Draw {
+  public:
+    Draw(std::size_t places, std::string text) : wanted(places), seed(std::move(text)) {}
+
+    // What is not need not be cut at all.
+    bool isWanted(const std::string& kind, const std::string& id) const {
+        const std::uint64_t rank = digestOf(seed + '/' + kind);
+        const auto known = drawn.find(rank);
+        if (known != drawn.end()) {
+            return digestOf(seed + '/' + id) < known->second.rank;
+        }
+        return drawn.size() < wanted || rank < std::prev(drawn.end())->first;
+    }
+
+    // Takes in one that isWanted(), and gives the name of what has to go for it, if anything has.
+    std::string take(const std::string& kind, const std::string& id, const std::string& name) {
+        const Drawn candidate = {digestOf(seed + '/' + id), name};
+        const auto [known, isNew] = drawn.emplace(digestOf(seed + '/' + kind), candidate);
+        if (!isNew) {
+            return std::exchange(known->second, candidate).name;
+        }
+        if (drawn.size() <= wanted) {
+            return {};
+        }
+        const auto last = std::prev(drawn.end());
+        std::string loser = last->second.name;
+        drawn.erase(last);
+        return loser;
+    }
+
+  private:
+    struct Drawn {
+        std::uint64_t rank;
+        std::string name;
+    };
+
+    std::size_t wanted;
+    std::string seed;
+    std::map<std::uint64_t, Drawn> drawn;  // by the rank of the kind
+};
+
 class Cutter {
   public:
-    explicit Cutter(const Options& wanted) : options(wanted), canary(options.state / "mcu/canary") {
+    explicit Cutter(const Options& wanted)
+        : options(wanted), canary(options.state / "mcu/canary"), draw(wanted.draw, wanted.seed) {
         for (const fs::directory_entry& entry : fs::directory_iterator(options.state / "partitions")) {
             if (entry.is_symlink()) {
                 partitions[fs::read_symlink(entry.path())] =
@@ -368,24 +438,46 @@ class Cutter {
         const bool isSent = std::strcmp(slot.call.name, "send") == 0;
         const unsigned long oneIn = std::max(isSent ? options.oneIn / 4 : options.oneIn, 1UL);
         if (options.only.empty() ? inARow % oneIn == 0 : options.only == id) {
-            cut(slot, id, path);
+            consider(slot, kind, id, path);
         }
     }
 
     void cutAtTheEnd() {
         if (options.only.empty() || options.only == "end:/#1") {
-            cut({}, "end:/#1", "/");
+            consider({}, "end:/", "end:/#1", "/");
         }
     }
 
   private:
+    void consider(const Slot& slot, const std::string& kind, const std::string& id, const std::string& path) {
+        if (options.committed.count("torn") != 0 && tornPartition(slot, path).empty()) {
+            return;
+        }
+        if (options.draw == 0 || options.list) {
+            cut(slot, id, path);
+        } else if (draw.isWanted(kind, id)) {
+            const std::string loser = draw.take(kind, id, cut(slot, id, path));
+            if (!loser.empty()) {
+                fs::remove_all(options.out / loser);
+            }
+        }
+    }
+
+    // The partition whose flush this is.
+    static std::string tornPartition(const Slot& slot, const std::string& path) {
+        const std::string prefix = "/dev/disk/by-partlabel/";
+        const bool isFlush = std::strcmp(slot.call.name, "fsync") == 0 && path.rfind(prefix, 0) == 0;
+        return isFlush ? path.substr(prefix.size()) : std::string();
+    }
+
     // The number of a loop device is another one each time.
     std::string named(const char* path) const {
         const auto found = partitions.find(path);
         return found == partitions.end() ? path : found->second;
     }
 
-    void cut(const Slot& slot, const std::string& id, const std::string& path) {
+    // Gives the name of the cut.
+    std::string cut(const Slot& slot, const std::string& id, const std::string& path) {
         char name[16];
         std::snprintf(name, sizeof(name), "%04u", ++cuts);
         const std::string from = slot.call.from[0] == '\0' ? "-" : named(slot.call.from);
@@ -394,29 +486,36 @@ class Cutter {
             std::string(name) + '\t' + std::to_string(slot.number) + '\t' + id + '\t' + program + '\t' + from;
         if (options.list) {
             std::puts(line.c_str());
-            return;
+            return name;
         }
         const std::set<pid_t> stopped = freeze();
         const bool isSynced = canary.isOnStorage();
         flushSome();
         copyStorage(options.state, options.out / name);
-        const std::string prefix = "/dev/disk/by-partlabel/";
-        if (options.committed.count("torn") != 0 && std::strcmp(slot.call.name, "fsync") == 0 &&
-            path.rfind(prefix, 0) == 0) {
-            const std::string partition = path.substr(prefix.size());
+        if (options.committed.count("torn") != 0) {
+            const std::string partition = tornPartition(slot, path);
             tear(options.state / "partitions" / partition,
                  options.out / name / "disks" / (partition + ".img"));
         }
         thaw(stopped);
-        const auto [known, isNew] = places.emplace(extentsOfDevice(options.out / name), name);
-        if (!isNew) {
-            fs::remove_all(options.out / name);
-        }
-        std::ofstream(options.out / known->second / "cut", std::ios::app)
+        std::ofstream(options.out / home(name) / "cut", std::ios::app)
             << line << (isSynced ? "\tsynced\n" : "\t-\n");
         if (isSynced) {
             canary.renew();
         }
+        return name;
+    }
+
+    // Where this cut is kept: with an earlier one that lay on the same extents. What is drawn may go again, alone.
+    std::string home(const std::string& name) {
+        if (options.draw != 0) {
+            return name;
+        }
+        const auto [known, isNew] = places.emplace(extentsOfDevice(options.out / name), name);
+        if (!isNew) {
+            fs::remove_all(options.out / name);
+        }
+        return known->second;
     }
 
     // As the kernel may do by itself.
@@ -432,6 +531,7 @@ class Cutter {
 
     const Options& options;
     Canary canary;
+    Draw draw;
     std::map<std::string, std::string> partitions;
     std::map<std::string, unsigned long> seen;
     std::map<std::string, unsigned long> writesInARow;

@@ -63,11 +63,3 @@ declare -A brings=([install]=second [install-third]=third [activate]=second [con
 words_of() {
     read -ra words <<<"${does[$1]//RELEASES/$releases}"
 }
-
-# in_parallel COMMAND...: not more than `jobs` at a time.
-in_parallel() {
-    while (($(jobs -rp | wc -l) >= jobs)); do
-        wait -n || true
-    done
-    "$@" &
-}

@@ -2,8 +2,10 @@
 # What the scripts share that make long series on twins: their options, one process after the other on a device of
 # its own, several side by side, and the count of what came of it. Sourced; the script sets `name`.
 #
-# Results are lines of JSON: {"kind", "id", "outcome"}, and "why" where the outcome is "failed".
+# The script says with `ids_of ARGUMENT...` which results a process of its program must bring.
 
+# shellcheck source=results.sh
+source "${BASH_SOURCE[0]%/*}/results.sh"
 fault_home=$(cd -- "${BASH_SOURCE[0]%/*}" && pwd -P)
 tree=$(cd -- "$fault_home/../.." && pwd -P)
 
@@ -15,7 +17,7 @@ usage: tests/fault/$name.sh [--quick|--full] [--only ID] [--json FILE] [--seed N
 --quick   the selection that goes with every change (the default); --full, everything
 --only    only the one with that id, as a failure names it
 --json    also writes the results to FILE, a line each
---seed    the first seed; drawn by chance unless given
+--seed    what is drawn is drawn from it, a number or any text; the commit's id unless given
 --jobs    how many run side by side
 --in      only in that build, where there are several: release, asan, tsan
 --build   where a build is that is not in build/NAME: release, asan, tsan
@@ -33,9 +35,9 @@ not_run() {
     unmade=true
 }
 
-# parse_options "$@": sets extent, only, json, seed, jobs, in and builds.
+# parse_options "$@": sets extent, only, json, seed, jobs, in and builds. The words of seed are those that were given.
 parse_options() {
-    extent=quick only='' json='' seed=$((RANDOM * 1000)) jobs='' in='' unmade=false
+    extent=quick only='' json='' seed=$(commit_seed) jobs='' in='' unmade=false
     declare -gA builds=([release]=build/release [asan]=build/asan [tsan]=build/tsan)
     while (($#)); do
         case $1 in
@@ -76,8 +78,8 @@ prepare() {
     }
     export KAVRO_TWIN_PROGRAMS=${builds[release]}/twin
     work=$(mktemp -d "${builds[release]}/$name.XXXXXXXX")
-    results=$work/results
-    : >"$results"
+    begin_results "$work"
+    printf '%s: drawn from %s\n' "$name" "$seed"
     trap 'rm -rf -- "$work"' EXIT
     trap 'exit 130' INT
     trap 'exit 143' TERM
@@ -101,62 +103,70 @@ build_environment() {
     esac
 }
 
-# record KIND ID OUTCOME [WHY]
-record() {
-    jq -cn --arg kind "$1" --arg id "$2" --arg outcome "$3" --arg why "${4-}" \
-        '{$kind, $id, $outcome} + if $why == "" then {} else {$why} end'
-}
-
 # make_process LABEL BUILD SPEED PROGRAM [ARGUMENT...]: one process on a device of its own. Its results get BUILD in front
-# of their ids. A process that ends badly without having said of what is a failure of its own; what it and the sanitizers
-# said is in its text.
+# of their ids.
 make_process() {
-    local label=$1 build=$2 speed=$3 dir=$work/$1.$2 settings code=0 said
+    local label=$1 build=$2 speed=$3 dir=$work/$1.$2 settings code=0
     mapfile -t settings < <(build_environment "$build" "$speed")
     mkdir -p "$dir"
-    twin/twin create "$dir/device" --plain >"$dir/errors" 2>&1 || return 1
+    twin/twin create "$dir/device" --plain >"$dir/errors" 2>&1
     env "${settings[@]}" nice setarch -R twin/twin run "$dir/device" --visible "${builds[$build]}" -- \
         "${builds[$build]}/tests/fault/$4" "${@:5}" >"$dir/lines" 2>>"$dir/errors" || code=$?
-    {
-        jq -c --arg build "$build" '.id = $build + ":" + .id' "$dir/lines"
-        if ((code)) && ! grep -q '"outcome":"failed"' "$dir/lines"; then
-            said=$(grep -E -A 25 'ERROR: |WARNING: |terminate|runtime error' "$dir/errors" | head -c 4000)
-            record "$name" "$build:$label:$(($(wc -l <"$dir/lines")))" failed \
-                "the process ended with status $code; ${said:-$(tail -n 3 "$dir/errors")}"
-        fi
-    } >"$dir/checked"
-    # shellcheck disable=SC2016  # the words of the inner shell
-    flock "$results" sh -c 'cat "$1" >>"$2"' sh "$dir/checked" "$results"
+    take_results "$dir" "$build"
+    judge_process "$dir" "$build:$label" "$code"
     twin/twin remove "$dir/device"
+}
+
+# take_results DIRECTORY BUILD: whole lines. What a process was about to say when it died is no result.
+take_results() {
+    jq -cR --arg build "$2" 'fromjson? | select(type == "object" and has("id")) | .id = $build + ":" + .id' "$1/lines" \
+        >"$1/taken"
+    append "$results" "$(<"$1/taken")"
+}
+
+# judge_process DIRECTORY LABEL STATUS: it ends with 0, or with 1 when it has said what failed, and without a word of the
+# sanitizers. Otherwise the suite has failed, whatever the process had said before.
+judge_process() {
+    local expected=0 said
+    ! grep -q '"outcome":"failed"' "$1/taken" || expected=1
+    said=$(grep -E -A 25 'ERROR: |WARNING: ThreadSanitizer|terminate called|runtime error: ' "$1/errors" | head -c 4000) || true
+    [[ $3 != "$expected" || -n $said ]] || return 0
+    fail_suite "$2: the process ended with status $3 after $(wc -l <"$1/taken") results; ${said:-$(tail -n 3 "$1/errors")}"
 }
 
 # side_by_side JOBS: reads lines of arguments of make_process and makes them.
 side_by_side() {
-    local line running=0 words
-    while read -r line; do
-        if ((running == $1)); then
-            wait -n
-            running=$((running - 1))
-        fi
+    local line words jobs=$1 lines
+    mapfile -t lines
+    for line in "${lines[@]}"; do
         read -ra words <<<"$line"
-        make_process "${words[@]}" </dev/null &
-        running=$((running + 1))
+        select_id "$(ids_of "${words[@]:4}" | sed "s/^/${words[1]}:/")"
+        in_parallel make_process "${words[@]}" </dev/null
     done
-    wait
+    await_children
+}
+
+# soak_ids SERIES --seed SEED --runs N | SERIES --seed SEED --index I: what `soak` tells with these arguments.
+soak_ids() {
+    local i
+    if [[ $4 == --index ]]; then
+        for ((i = 0; i < 10; i++)); do
+            printf '%s:%s:%s\n' "$1" "$3" "$5"
+        done
+        return
+    fi
+    for ((i = 0; i < $5; i++)); do
+        printf '%s:%s:%d\n' "$1" "$3" "$i"
+    done
+    printf '%s:%s:memory\n' "$1" "$3"
 }
 
 # conclude: tells what was tried and ends the script.
 conclude() {
-    local tried failed
-    [[ -z $json ]] || cp -- "$results" "$json"
-    tried=$(wc -l <"$results")
-    failed=$(jq -r 'select(.outcome == "failed") | .id' "$results" | wc -l)
-    jq -r 'select(.outcome == "failed") | "FAILED --only \(.id): \(.why)"' "$results"
+    local status=0
     jq -r '"\(.id | split(":")[0]): \(.outcome | split(",")[0])"' "$results" | sort | uniq -c |
         sed 's/^ *\([0-9]*\) \(.*\)$/  \2: \1/'
-    printf '%s: tried %d, ok %d, failed %d\n' "$name" "$tried" "$((tried - failed))" "$failed"
-    ((failed == 0)) || exit 1
-    "$unmade" && exit 77
-    ((tried > 0)) || exit 1
-    exit 0
+    conclude_results || status=1
+    ((status != 0)) || ! "$unmade" || status=77
+    exit $status
 }

@@ -16,6 +16,10 @@ source "${BASH_SOURCE[0]%/*}/series.sh"
 runs_in_process=100
 speed=20
 
+ids_of() {
+    soak_ids "$@"
+}
+
 # processes BUILD COUNT RUNS JOBS
 processes() {
     has_program "$1" soak || return 0
@@ -27,7 +31,7 @@ processes() {
 
 parse_options "$@"
 prepare
-printf '%s: seeds from %d\n' "$name" "$seed"
+seed=$(seed_number "$seed")
 if [[ -n $only ]]; then
     IFS=: read -r build series seed index <<<"$only"
     has_program "$build" soak || conclude

@@ -11,16 +11,21 @@ name=soak_mixed
 # shellcheck source=series.sh
 source "${BASH_SOURCE[0]%/*}/series.sh"
 
-speed=20
+ids_of() {
+    soak_ids "$@"
+}
+
+# Of fewer runs nothing could be said about memory.
+speed=20 fewest=40
 parse_options "$@"
 runs=500
 [[ $extent == full ]] || runs=80
 prepare
+seed=$(seed_number "$seed")
 if [[ -n $only ]]; then
     IFS=: read -r _ _ seed index <<<"$only"
-    [[ $index == memory ]] || runs=$((index + 1))
+    [[ $index == memory ]] || runs=$((index < fewest ? fewest : index + 1))
 fi
-printf '%s: seed %d\n' "$name" "$seed"
 has_program release soak || conclude
 side_by_side 1 <<<"mixed:$seed release $speed soak mixed --seed $seed --runs $runs"
 conclude
