@@ -10,20 +10,20 @@
 #   --scenario NAME    this one only; may be repeated
 #   --calls PATTERN    only points whose id has this in it (an extended regular expression)
 #   --only ID          this point only, as a failure names it
-#   --points N         how many the bounded selection has (48)
-#   --seed N           of the selection (1)
+#   --points N         how many the bounded selection has (48); each scenario, program and call is among them
+#   --seed TEXT        from what it is drawn: the commit's id unless given
 #   --jobs N           how many devices side by side (2)
 #   --json FILE        a line for each point: kind, id, outcome
 #   --work DIR         where the devices are (DIR is emptied; else a directory in memory)
 #   --keep             leaves the devices of failures in DIR/states
 #   --library DIR      the device's programs take libraries from DIR first
-#   --self-test        a library that takes a failed flush for done must be found, and a fault must leave its mark
+#   --self-test        a library that takes a failed flush for done must be found, and what goes wrong in the suite itself
 #
 # An id is SCENARIO|PROGRAM|CALL|PATH|NTH|EFFECT. What must hold:
 #
 #   - no crash, no hang (120 s), no process left behind
 #   - success is reported only where the device is then what it is after a run without faults, but for what is told
-#     on purpose without a failure: see `unlike`
+#     on purpose without a failure: see `tolerances`
 #   - a failure is reported with a text, no file is torn, and the same command, tried again, succeeds
 #   - of each state that came of it, once: all that check_device.sh asks for
 #
@@ -37,8 +37,13 @@ twin=$root/twin/twin
 source "$root/twin/device.sh"
 # shellcheck source=releases.sh
 source "$here/releases.sh"
+# shellcheck source=results.sh
+source "$here/results.sh"
 
-mode=quick only='' calls='' seed=1 quick_points=48 jobs=2 json='' work='' keep=false list=false library='' self_test=false
+name=call_fault
+judge_program=$here/check_device.sh
+seed=$(commit_seed)
+mode=quick only='' calls='' quick_points=48 jobs=2 json='' work='' keep=false list=false library='' self_test=false
 wanted=()
 while [[ ${1-} == --* ]]; do
     case $1 in
@@ -80,30 +85,15 @@ for program in "$upgradectl" "$programs"/libkavro_{short_clock,fault_interpose}.
     [[ -e $program ]] || not_run "$program is missing: ./dev build makes it"
 done
 
-# flushes [OPTION...]: what becomes of some flushes that fail.
-flushes() {
-    "${BASH_SOURCE[0]}" --full --scenario install --jobs "$jobs" "$@" \
-        --calls 'upgradectl\|fsync\|/(firmware/upgrade.pkg.part|config/written_slot.json.part)\|1\|EIO' "$build"
-}
-
-if "$self_test"; then
-    [[ -e $programs/careless/libcommon_yr.so.1 ]] || not_run "$programs/careless/libcommon_yr.so.1 is missing: ./dev build makes it"
-    flushes || die "flushes that fail are not all noticed by the library as it is"
-    ! said=$(flushes --library "$programs/careless") || die "a library that takes a failed flush for done is not found: $said"
-    grep -q '^call_fault: tried 2, ok [01], failed [12]$' <<<"$said" || die "the library with the defect was not tried: $said"
-    printf '%s\n' "$said"
-    printf 'a library that takes a failed flush for done is found\n'
-    exit 0
-fi
-
 make_work() {
     local parent=${TMPDIR:-/tmp} free
     free=$(stat -f -c '%a * %S' /dev/shm 2>/dev/null || printf 0)
     ((free < 4 << 30)) || parent=/dev/shm
     [[ -n $work ]] || work=$(mktemp -d "$parent/call_fault.XXXXXXXX")
     rm -rf -- "${work:?}"/*
-    bases=$work/bases releases=$work/releases states=$work/states results=$work/results
-    mkdir -p "$bases" "$releases" "$states" "$results"
+    bases=$work/bases releases=$work/releases states=$work/states checks=$work/checks seen=$work/seen
+    mkdir -p "$bases" "$releases" "$states" "$checks" "$seen"
+    begin_results "$work"
     "$keep" || trap 'rm -rf -- "$work"' EXIT
     trap 'exit 143' TERM
     trap 'exit 130' INT
@@ -200,7 +190,7 @@ package_fact() {
 facts_of() {
     local file part slot
     printf 'running slot %s\n' "$(<"$1/run/running_slot")"
-    twin_environment_tool "$1" fw_printenv 2>&1 | sort | sed 's/^/environment /'
+    { twin_environment_tool "$1" fw_printenv 2>&1 || printf 'cannot be read\n'; } | sort | sed 's/^/environment /'
     for file in "$1"/config/* "$1"/etc-kavro/version.json; do
         [[ ! -f $file ]] ||
             printf '%s: %s\n' "${file#"$1"}" "$(jq -cS . "$file" 2>/dev/null || tr '\n' ' ' <"$file" | head -c 400)"
@@ -258,8 +248,8 @@ points_of() {
         }' - "$work/$1.record" | sort
 }
 
-# record SCENARIO: the clean run, its points and what the device is then.
-record() {
+# record_calls SCENARIO: the clean run, its points and what the device is then.
+record_calls() {
     local device=$work/recorded words
     copy_device "$bases/${begins_with[$1]}" "$device"
     words_of "$1"
@@ -273,7 +263,8 @@ record() {
     rm -rf -- "$device"
 }
 
-# select_points: those to be tried; of the bounded selection an even spread of what is ordered by chance.
+# select_points: those to be tried. The bounded selection has each scenario, program and call, and then an even spread of
+# what is ordered by chance.
 select_points() {
     if [[ -n $only ]]; then
         printf '%s\n' "$only"
@@ -285,66 +276,103 @@ select_points() {
     done | { grep -E -- "$calls" || true; } | if [[ $mode == full ]]; then
         cat
     else
-        shuf --random-source=<(openssl enc -aes-128-ctr -nosalt -pass "pass:$seed" -pbkdf2 </dev/zero 2>/dev/null) |
-            awk -F '|' '{ kind = $1 "|" $2 "|" $3; print ++seen[kind] "\t" $0 }' |
-            sort -s -n -k 1,1 | cut -f 2- | awk -v wanted="$quick_points" 'NR <= wanted'
+        in_drawn_order "$seed" | awk -F '|' '{
+            isFirst = !scenarios[$1]++ + !programs[$2]++ + !calls[$3]++
+            print (isFirst ? 0 : ++many[$1 "|" $2 "|" $3]) "\t" $0
+        }' | sort -s -n -k 1,1 | awk -v wanted="$quick_points" '$1 == 0 || NR <= wanted' | cut -f 2-
     fi
 }
 
 # --- one point ------------------------------------------------------------------------------------------------------
 
-# try_point NUMBER ID: leaves in results/NUMBER the id, and what was seen: OUTCOME STATE TEXT, tabs in between.
+# try_point NUMBER ID: leaves in seen/NUMBER the verdict, and a line of: STATE STATUS ID, tabs in between. A state is that of a
+# scenario, and of a run that was said to be done or to have failed.
 try_point() {
-    local device=$work/device.$1 scenario=${2%%|*} point=${2#*|} words status left state unlike
+    local device=$work/device.$1 scenario=${2%%|*} point=${2#*|} words status left state
     copy_device "$bases/${begins_with[$scenario]}" "$device"
     words_of "$scenario"
     head -c 131072 /dev/zero >"$device/mcu/points"
     run_on "$device" $speed KAVRO_FAULT_POINTS=/dev/kavro-mcu/points KAVRO_FAULT_POINTS_RECORD=/dev/kavro-mcu/record \
-        "KAVRO_FAULT_FAIL=${point//|/$'\t'}" -- "${words[@]}" >"$results/$1.out" 2>"$results/$1.err" || true
+        "KAVRO_FAULT_FAIL=${point//|/$'\t'}" -- "${words[@]}" >"$seen/$1.out" 2>"$seen/$1.err" || true
     read -r status left <"$device/run/status" || status=none
-    facts_of "$device" >"$results/$1.facts"
-    state=$(sha256sum <"$results/$1.facts" | cut -c 1-16)
-    verdict_on "$1" "$scenario" "$2" >"$results/$1"
-    printf '%s\t%s\t%s\n' "$state" "$status" "$2" >>"$results/$1"
-    if mkdir "$states/$scenario.$state" 2>/dev/null; then
-        rm -f "$device/mcu/points" "$device/mcu/record"
-        mv "$device" "$states/$scenario.$state/device"
-        printf '%s\n' "$status" >"$states/$scenario.$state/status"
+    facts_of "$device" >"$seen/$1.facts"
+    state=$scenario.$(sha256sum <"$seen/$1.facts" | cut -c 1-16)
+    if [[ $status == 0 ]]; then state+=.done; else state+=.failed; fi
+    verdict_on "$1" "$scenario" "$2" >"$seen/$1.verdict"
+    printf '%s\t%s\t%s\n' "$state" "$status" "$2" >>"$seen/$1.verdict"
+    keep_state "$device" "$state"
+    mv "$seen/$1.verdict" "$seen/$1"
+}
+
+# keep_state DEVICE STATE: of the first that is like it.
+keep_state() {
+    if mkdir "$states/$2" 2>/dev/null; then
+        rm -f "$1/mcu/points" "$1/mcu/record"
+        mv "$1" "$states/$2/device"
     else
-        rm -rf -- "$device"
+        rm -rf -- "$1"
     fi
 }
 
-# Points at which the device is known not to be as it must, and why.
-known='^(activate|rollback-[a-z]+)\|upgradectl\|rename\|/firmware/current.pkg\|'
+# --- what is tolerated ----------------------------------------------------------------------------------------------
+
+# Faults of the system that the documents tell: the points, the only verdict that is taken for this fault, and why.
+known_points='^(activate|rollback-switch)\|upgradectl\|rename\|/firmware/current\.pkg\|1\|(EIO|ENOSPC)$'
+known_verdict='KNOWN_VERDICT'
 known_why='the library makes the later renames all the same, and one package replaces the other'
 
 version_record=/config/upgrade_config.json
 
-# unlike SCENARIO FACTS: what differs from a run without faults and may not. These may:
-#   - the record of the versions, which each start makes anew and nothing depends on as long as the microcontroller answers
-#   - the outcome of the last run, which may be told as a failure
-#   - of an activation the marker and the record that it has used up, and the places of the packages: init goes on there
-#   - the working copy of a package that could not be removed: the next run replaces it
-#   - whether what runs is flashed again, and of a rollback the copy that it flashes from: it is where that cannot be told
-#   - of a start the packages that the factory's archive was to become: it is tried once, whatever comes of it
+# The version record is a copy that `cp` makes of the version file; whoever cannot read either of them, or hear the
+# microcontroller, does not know which versions run.
+copies_versions='^((cp|sh)\||upgradectl\|(spawn\|sh|fork\||waitpid\|)|[^|]*\|[^|]*\|/(etc/kavro/version\.json|config/upgrade_config\.json)\|)'
+asks_versions='^upgradectl\|([^|]*\|/(etc/kavro/version\.json|config/upgrade_config\.json|dev/kavro-mcu/link)\||(socket|connect|send|recv)\|)'
+# What `init` does with the factory's archive.
+unpacks='^((tar|gzip)\||upgradectl\|(spawn\|tar|fork\||waitpid\||[^|]*\|/(firmware/(origin\.pkg|recv\.tar\.xz)|etc/kavro/origin)))'
+
+# What may differ from a run without faults where success is reported: in which scenarios, the fact that differs, at
+# which points, and why; `~` in between. `<` is what a run without faults leaves, `>` what this one has left. A point of
+# `again` is the run without a fault that follows one that failed.
+tolerances=(
+    "init.*~[<>] $version_record: .*~$copies_versions~each start makes the record of the versions anew"
+    ".*~[<>] $version_record: .*~^[^|]*\|[^|]*\|$version_record\|~each start makes the record of the versions anew"
+    ".*~(< /config/upgrade_last_runtime: (upgrade|rollback)_success|> /config/upgrade_last_runtime: (upgrade|rollback)_failure) *~\|/config/upgrade_last_runtime(\.part)?\|~a success whose outcome cannot be written is told as a failure"
+    "activate|rollback-.*~> /config/upgraded: *~^upgradectl\|unlink\|/config/upgraded\|~init goes on where the marker is still there"
+    "activate|rollback-.*~> /config/written_slot\.json: .*~^upgradectl\|unlink\|/config/written_slot\.json\|~the record is used up, and the next run replaces it"
+    "activate|rollback-.*~[<>] /firmware/(temp|current\.pkg|rollback\.pkg): (first|second|third)~^upgradectl\|rename\|/firmware/(temp|current\.pkg|rollback\.pkg)\|~the later renames are made all the same, and check_device.sh judges where the packages are after the next start"
+    ".*~> /firmware/upgrade\.pkg: .*~^upgradectl\|unlink\|/firmware/upgrade\.pkg\|~the next run replaces its working copy"
+    "install-third~[<>] microcontroller: .*~$asks_versions~it is flashed where nobody can tell that it need not be"
+    "rollback-switch~(> /firmware/recv\.tar\.xz: first|< boot loader: third|> boot loader: first|[<>] microcontroller: .*)~$asks_versions~what runs is flashed where nobody can tell that a switch is enough"
+    "init-origin~(< /firmware/recv\.tar\.xz: first|> /firmware/origin\.pkg: .*)~$unpacks~the archive is tried once, whatever comes of it"
+    "init-origin~> /etc-kavro/origin\.pkg\.tar\.gz: .*~^upgradectl\|unlink\|/etc/kavro/origin\.pkg\.tar\.gz\|~the archive is tried once more at the next start"
+    "init-torn~> /config/upgraded: *~^upgradectl\|unlink\|/config/upgraded\|~the next start completes it once more"
+    "install-third~[<>] microcontroller: .*~^again\|~it is flashed after a failure, which leaves no version on record"
+)
+
+# differences SCENARIO FACTS
+differences() {
+    diff "$work/$1.facts" "$2" | grep '^[<>]' || true
+}
+
+# tolerance_of SCENARIO DIFFERENCE ID: prints why it is tolerated; fails when it is not.
+tolerance_of() {
+    local line scenarios fact points why
+    for line in "${tolerances[@]}"; do
+        IFS='~' read -r scenarios fact points why <<<"$line"
+        if [[ $1 =~ ^($scenarios)$ && $2 =~ ^($fact)$ && ${3#*|} =~ $points ]]; then
+            printf '%s\n' "$why"
+            return
+        fi
+    done
+    return 1
+}
+
+# unlike SCENARIO FACTS ID: what differs from a run without faults and may not.
 unlike() {
-    local allowed="^[<>] ($version_record: |/config/upgrade_last_runtime: (upgrade|rollback)_)|^> /firmware/upgrade.pkg: "
-    grep -q '_last_runtime: .*_success' "$2" && ! grep -q '_last_runtime: .*_success' "$work/$1.facts" && allowed='^$'
-    case $1 in
-    activate | rollback-*)
-        # What else is wrong with the packages is for check_device.sh to say, after the next start.
-        allowed+='|^> /config/(upgraded|written_slot.json): |^[<>] /firmware/(temp|current.pkg|rollback.pkg): (first|second|third)$'
-        ;;
-    esac
-    case $1 in
-    install-third) allowed+='|^[<>] microcontroller: ' ;;
-    rollback-*) allowed+='|^[<>] /firmware/recv.tar.xz: first$|^< boot loader: third$|^> boot loader: first$' ;;
-    init-origin) allowed+='|^< /firmware/recv.tar.xz: first$|^> /firmware/origin.pkg: |^> /etc-kavro/origin.pkg.tar.gz: ' ;;
-    init-torn) allowed+='|^> /config/upgraded: $' ;;
-    esac
-    diff "$work/$1.facts" "$2" | grep '^[<>]' | grep -vE -- "$allowed" | tr '\n' ';' |
-        sed 's/^/success is reported, but: /' || true
+    local difference
+    while IFS= read -r difference; do
+        tolerance_of "$1" "$difference" "$3" >/dev/null || printf '%s;' "$difference"
+    done < <(differences "$1" "$2")
 }
 
 # must_last NUMBER ID: it is a flush of what the success that is reported depends on. The outcome of a run is first recorded
@@ -353,24 +381,27 @@ must_last() {
     [[ $2 =~ \|fsync\|/(config|firmware|dev)/ ]] || return 1
     case $2 in
     *"$version_record"* | rollback-*'|/config/upgraded|'* | *'|/config/upgrade_last_runtime.part|1|'*) return 1 ;;
-    *'|/config/upgrade_last_runtime.part|'*) ! grep -q '_last_runtime: .*_failure' "$results/$1.facts" ;;
+    *'|/config/upgrade_last_runtime.part|'*) ! grep -q '_last_runtime: .*_failure' "$seen/$1.facts" ;;
     esac
 }
 
-# verdict_on NUMBER SCENARIO ID: one line.
+# verdict_on NUMBER SCENARIO ID: one line. Of a program that crashed nothing else counts.
 verdict_on() {
+    local unlike
     if [[ ! -s $device/mcu/record ]]; then
         printf 'not reached\n'
-    elif [[ $status == none || $status -ge 124 ]]; then
-        printf 'ended with status %s: %s\n' "$status" "$(tail -n 2 "$results/$1.err" | tr '\n' '|')"
+    elif [[ $status == none || $status -gt 5 ]]; then
+        printf 'ended with status %s: %s\n' "$status" "$(tail -n 2 "$seen/$1.err" | tr '\n' '|')"
+    elif grep -qE 'Sanitizer|runtime error: ' "$seen/$1.err"; then
+        printf 'a sanitizer speaks: %s\n' "$(grep -m 1 -E 'Sanitizer|runtime error: ' "$seen/$1.err")"
     elif [[ $left != 0 ]]; then
         printf '%s processes left behind\n' "$left"
     elif ((status == 0)) && must_last "$1" "$3"; then
         printf 'success is reported, but what was written may not last\n'
     elif [[ $status == 0 ]]; then
-        unlike=$(unlike "$2" "$results/$1.facts")
-        printf '%s\n' "${unlike:-ok}"
-    elif [[ ! -s $results/$1.err ]]; then
+        unlike=$(unlike "$2" "$seen/$1.facts" "$3")
+        printf '%s\n' "${unlike:+success is reported, but: }${unlike:-ok}"
+    elif [[ ! -s $seen/$1.err ]]; then
         printf 'fails without a word\n'
     else
         printf 'ok\n'
@@ -379,104 +410,174 @@ verdict_on() {
 
 # --- the states that came of it -------------------------------------------------------------------------------------
 
-# judge_state DIRECTORY: what does not hold of it is in DIRECTORY/wrong.
-judge_state() {
-    local scenario=${1##*/} status words checked=$1/checked options=(--keeps-package)
-    scenario=${scenario%.*}
-    status=$(<"$1/status")
-    : >"$1/wrong"
+# A package that could not be copied is taken for one that did not fit: all others have made room for it.
+is_wiped() {
+    [[ ${1##*/} == @(install*|rollback-flash).* && -z $(ls -A "$1/device/firmware") ]]
+}
+
+# judge_options_of STATE: what check_device.sh is told, a word a line.
+judge_options_of() {
+    local scenario=${1##*/}
+    scenario=${scenario%%.*}
+    printf '%s\n' --run "$releases/${brings[$scenario]}"
+    [[ $scenario == init-origin ]] || is_wiped "$1" || printf '%s\n' --keeps-package
+}
+
+# check_of STATE: where the verdict on a device like this one is. States of several scenarios may be one.
+check_of() {
+    local facts=${1#*.}
+    printf '%s/%s.%s\n' "$checks" "${facts%.*}" "$(judge_options_of "$1" | sha256sum | cut -c 1-8)"
+}
+
+# try_again STATE: of one whose run has failed the same command must succeed. What does not hold is in STATE/wrong, which
+# is there when all was looked at.
+try_again() {
+    local scenario=${1##*/} words said=$1/again.said
+    scenario=${scenario%%.*}
     words_of "$scenario"
     [[ $scenario != rollback-* || ! -e $1/device/config/upgraded ]] || words=(activate)
-    # A package that could not be copied is taken for one that did not fit: all others have made room for it.
-    local wiped=false
-    [[ $scenario == @(install*|rollback-flash) && -z $(ls -A "$1/device/firmware") ]] && wiped=true
+    : >"$1/looking"
     # Of a rollback that failed after it had begun to flash, there is no package left to try again with.
-    if [[ $status != 0 && ($scenario != rollback-* || -e $1/device/firmware/rollback.pkg) ]]; then
+    if [[ $1 == *.failed && ($scenario != rollback-* || -e $1/device/firmware/rollback.pkg) ]]; then
         copy_device "$1/device" "$1/again"
-        run_on "$1/again" $speed -- "${words[@]}" >"$1/again.said" 2>&1 || true
+        run_on "$1/again" $speed -- "${words[@]}" >"$said" 2>&1 || true
         [[ $(<"$1/again/run/status") == "0 0" ]] ||
-            printf 'tried again it fails: %s\n' "$(tail -n 2 "$1/again.said" | tr '\n' '|')" >>"$1/wrong"
+            printf 'tried again it fails: %s\n' "$(tail -n 2 "$said" | tr '\n' '|')" >>"$1/looking"
         facts_of "$1/again" >"$1/again.facts"
-        "$wiped" || [[ $scenario == rollback-* ]] || unlike "$scenario" "$1/again.facts" | sed 's/^/tried again: /' >>"$1/wrong"
+        is_wiped "$1" || [[ $scenario == rollback-* ]] || unlike_again "$scenario" "$1/again.facts" >>"$1/looking"
         rm -rf -- "$1/again"
     fi
-    [[ $scenario != init-origin ]] && ! "$wiped" || options=()
-    copy_device "$1/device" "$checked"
-    KAVRO_CLOCK_SPEED=$speed "$here/check_device.sh" --build "$build" --next "$releases/next" \
-        --run "$releases/${brings[$scenario]}" "${options[@]}" "$checked" "$releases"/{first,second,third} >"$1/said" 2>&1 || true
-    grep '^wrong' "$1/said" >>"$1/wrong" || tail -n 1 "$1/said" | grep -q '^all holds$' ||
-        printf 'the check ended early: %s\n' "$(tail -n 3 "$1/said" | tr '\n' '|')" >>"$1/wrong"
-    rm -rf -- "$checked" "$checked.copy"
+    mv "$1/looking" "$1/wrong"
+}
+
+# unlike_again SCENARIO FACTS
+unlike_again() {
+    local unlike
+    unlike=$(unlike "$1" "$2" "$1|again|||")
+    [[ -z $unlike ]] || printf 'tried again: %s\n' "$unlike"
+}
+
+# check_state STATE CHECK: what does not hold of the device is in CHECK/wrong, which is there when the judge was heard.
+check_state() {
+    local status=0 options
+    mapfile -t options < <(judge_options_of "$1")
+    copy_device "$1/device" "$2/device"
+    KAVRO_CLOCK_SPEED=$speed "$judge_program" --build "$build" --next "$releases/next" "${options[@]}" "$2/device" \
+        "$releases"/{first,second,third} >"$2/said" 2>&1 || status=$?
+    if [[ $status == 0 && $(tail -n 1 "$2/said") == 'all holds' ]]; then
+        : >"$2/heard"
+    else
+        grep '^wrong' "$2/said" >"$2/heard" ||
+            printf 'the judge ended early, exit status %d: %s\n' "$status" "$(tail -n 3 "$2/said" | tr '\n' '|')" >"$2/heard"
+    fi
+    rm -rf -- "$2/device" "$2/device.copy"
+    mv "$2/heard" "$2/wrong"
+}
+
+judge_states() {
+    local state check
+    for state in "$states"/*/; do
+        state=${state%/}
+        in_parallel try_again "$state"
+        check=$(check_of "$state")
+        ! mkdir "$check" 2>/dev/null || in_parallel check_state "$state" "$check"
+    done
+    await_children
 }
 
 # --- the suite ------------------------------------------------------------------------------------------------------
 
-# report ID OUTCOME [WHY]
-report() {
-    [[ -z $json ]] || jq -cn --arg id "$1" --arg outcome "$2" --arg why "${3-}" \
-        '{kind: "call_fault", $id, $outcome} + if $why == "" then {} else {$why} end' >>"$json"
+# wrong_with STATE: what does not hold of it, in one line; fails when nobody has said.
+wrong_with() {
+    cat "$1/wrong" "$(check_of "$1")/wrong" | tr '\n' ';'
 }
 
-# conclude: a failure for each point that was not ok, and for the first of those that led to a state in which not all holds.
+# record_point FILE: what try_point has left. Without a verdict on the state, there is none on the point.
+record_point() {
+    local verdict state status id wrong
+    { read -r verdict && IFS=$'\t' read -r state status id; } <"$1" || return 0
+    if [[ $verdict == ok ]]; then
+        wrong=$(wrong_with "$states/$state") || return 0
+        [[ -z $wrong ]] || verdict="the device then ($state): $wrong"
+    fi
+    if [[ $verdict == ok || $verdict == "not reached" ]]; then
+        record "$id" "$verdict"
+    elif [[ $id =~ $known_points && $verdict =~ $known_verdict ]]; then
+        record "$id" known "$known_why"
+    else
+        record "$id" failed "$verdict"
+    fi
+}
+
+try_points() {
+    local number=10000 id
+    while IFS= read -r id; do
+        number=$((number + 1))
+        select_id "$id"
+        in_parallel try_point $number "$id"
+    done <"$work/selected_points"
+    await_children
+}
+
 conclude() {
-    local file verdict state status id scenario directory reported=0 unreached=0 tried=0 failed=0 known_ones=0
-    for file in "$results"/*[0-9]; do
-        { read -r verdict && IFS=$'\t' read -r state status id; } <"$file"
-        scenario=${id%%|*} directory=$states/${id%%|*}.$state
-        if [[ $verdict == "not reached" ]]; then
-            unreached=$((unreached + 1))
-            report "$id" "not reached"
-            continue
-        fi
-        tried=$((tried + 1))
-        ((status == 0)) || reported=$((reported + 1))
-        if [[ $verdict == ok && -s $directory/wrong ]]; then
-            verdict="the device then (${directory##*/}): $(tr '\n' ';' <"$directory/wrong")"
-            [[ ! -e $directory/shown ]] || verdict="leads to ${directory##*/} too"
-            : >"$directory/shown"
-        fi
-        if [[ $verdict == ok ]]; then
-            report "$id" ok
-        elif [[ $id =~ $known ]]; then
-            known_ones=$((known_ones + 1))
-            printf "KNOWN --only '%s': %s\n" "$id" "$known_why"
-            report "$id" known "$known_why"
-        else
-            failed=$((failed + 1))
-            printf "FAILED --only '%s': %s\n" "$id" "$verdict"
-            report "$id" failed "$verdict"
-        fi
+    local file scenario failures
+    for file in "$seen"/*[0-9]; do
+        record_point "$file"
     done
-    printf '%d points made the command fail, %d did not; %d distinct states, each judged once; %d points not reached\n' \
-        "$reported" $((tried - reported)) "$(find "$states" -mindepth 1 -maxdepth 1 | wc -l)" "$unreached"
-    printf 'call_fault: tried %d, ok %d, failed %d\n' "$tried" $((tried - failed - known_ones)) "$failed"
-    ((known_ones == 0)) || printf 'call_fault: %d of these are neither, their fault is known\n' "$known_ones"
-    ((failed == 0 && tried > 0))
+    for scenario in "${wanted[@]}"; do
+        [[ -n $only$calls ]] || grep -q "^$scenario|" "$selected" || fail_suite "$scenario: nothing was tried"
+    done
+    failures=$(find "$states" -mindepth 1 -maxdepth 1 -name '*.failed' | wc -l)
+    printf '%d distinct states, %d of them of a failed run, judged %d times\n' \
+        "$(find "$states" -mindepth 1 -maxdepth 1 | wc -l)" "$failures" "$(find "$checks" -mindepth 1 -maxdepth 1 | wc -l)"
+    conclude_results
 }
 
+# --- the suite's own test -------------------------------------------------------------------------------------------
+
+self=("${BASH_SOURCE[0]}" --full --scenario install --jobs "$jobs")
+flush_of='upgradectl\|fsync\|/(firmware/upgrade.pkg.part|config/written_slot.json.part)\|1\|EIO'
+missed=0
+
+# expect WHAT STATUS TEXT COMMAND...: it ends with this status, and says this.
+expect() {
+    local status=0 said
+    said=$("${@:4}" 2>&1) || status=$?
+    if [[ $status == "$2" ]] && grep -q -- "$3" <<<"$said"; then
+        printf '%s: exit status %d, as it should be; %s\n' "$1" "$status" "$(tail -n 1 <<<"$said")"
+    else
+        printf 'FAILED self-test: %s: exit status %d, and said was\n%s\n' "$1" "$status" "$said"
+        missed=$((missed + 1))
+    fi
+}
+
+test_itself() {
+    [[ -e $programs/careless/libcommon_yr.so.1 ]] || not_run "$programs/careless/libcommon_yr.so.1 is missing: ./dev build makes it"
+    expect "flushes that fail" 0 'tried 2, ok 2, failed 0' "${self[@]}" --calls "$flush_of" "$build"
+    expect "a library that takes a failed flush for done" 1 '^call_fault: tried 2, ok [01], failed [12]$' \
+        "${self[@]}" --library "$programs/careless" --calls "$flush_of" "$build"
+    ((missed == 0))
+}
+
+if "$self_test"; then
+    test_itself
+    exit
+fi
 ((${#wanted[@]})) || wanted=("${order[@]}")
 [[ -z $only ]] || wanted=("${only%%|*}")
 make_work
 make_releases
 make_devices
 for scenario in "${wanted[@]}"; do
-    record "$scenario"
+    record_calls "$scenario"
     printf '%s: %d points\n' "$scenario" "$(wc -l <"$work/$scenario.points")"
 done
-select_points >"$work/selected"
+select_points >"$work/selected_points"
 if "$list"; then
-    cat "$work/selected"
+    cat "$work/selected_points"
     exit 0
 fi
-[[ -z $json ]] || : >"$json"
-number=10000
-while IFS= read -r id; do
-    number=$((number + 1))
-    in_parallel try_point $number "$id"
-done <"$work/selected"
-wait
-for directory in "$states"/*/; do
-    in_parallel judge_state "${directory%/}"
-done
-wait
+[[ $mode == full ]] || printf 'drawn from %s\n' "$seed"
+try_points
+judge_states
 conclude

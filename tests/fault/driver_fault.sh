@@ -34,6 +34,7 @@ program=${builds[release]}/tests/fault/driver_fault
 if [[ -n $only ]]; then
     printf '%s\n' "${only#*:}"
 elif [[ $extent == quick ]]; then
+    in_process=4
     quick_selection "$program"
 else
     "$program" --list

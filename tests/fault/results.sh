@@ -27,7 +27,8 @@ seed_number() {
 in_drawn_order() {
     local key
     key=$(printf '%s' "$1" | sha256sum | cut -c 1-32)
-    LC_ALL=C sort | shuf --random-source=<(openssl enc -aes-128-ctr -nosalt -nopad -K "$key" -iv 0 </dev/zero 2>/dev/null)
+    LC_ALL=C sort |
+        shuf --random-source=<(openssl enc -aes-128-ctr -nosalt -K "$key" -iv 0 </dev/zero 2>/dev/null || true)
 }
 
 # --- results --------------------------------------------------------------------------------------------------------
