@@ -128,7 +128,9 @@ run_on() {
         ${library:+LD_LIBRARY_PATH="$library"} "${settings[@]}" "$upgradectl" "${@:2}"
 }
 
+# copy_device FROM TO: as it is when its microcontroller, which takes its link away at its end, is off.
 copy_device() {
+    [[ ! -e $1/mcu/flash.bin ]] || flock --timeout 60 "$1/mcu/flash.bin" true
     rm -rf -- "$2"
     cp -a --sparse=auto -- "$1" "$2"
 }
@@ -316,10 +318,26 @@ keep_state() {
 
 # --- what is tolerated ----------------------------------------------------------------------------------------------
 
-# Faults of the system that the documents tell: the points, the only verdict that is taken for this fault, and why.
-known_points='^(activate|rollback-switch)\|upgradectl\|rename\|/firmware/current\.pkg\|1\|(EIO|ENOSPC)$'
-known_verdict='KNOWN_VERDICT'
-known_why='the library makes the later renames all the same, and one package replaces the other'
+# Faults of the system that the documents tell: the points, what alone may be wrong with the device then, and why; `~` in
+# between.
+one_for_the_other='the library makes the later renames all the same, and one package replaces the other'
+known=(
+    "^activate\|upgradectl\|rename\|/firmware/current\.pkg\|1\|(EIO|ENOSPC)$~wrong: (current\.pkg is gone \(rollback\.pkg is first\)|after the next upgrade there is no package to roll back to)~$one_for_the_other"
+    "^rollback-(flash|switch)\|upgradectl\|rename\|/firmware/current\.pkg\|1\|(EIO|ENOSPC)$~wrong: (first runs, but current\.pkg is|after a rollback to first) (second|third)( runs)?~$one_for_the_other"
+)
+
+# why_known ID WRONG: prints why each of these, `;` behind it, is a known fault at this point; fails when one is not.
+why_known() {
+    local line points outcome why
+    for line in "${known[@]}"; do
+        IFS='~' read -r points outcome why <<<"$line"
+        if [[ $1 =~ $points && $2 =~ ^(($outcome)\;)+$ ]]; then
+            printf '%s\n' "$why"
+            return
+        fi
+    done
+    return 1
+}
 
 version_record=/config/upgrade_config.json
 
@@ -425,7 +443,8 @@ judge_options_of() {
 
 # check_of STATE: where the verdict on a device like this one is. States of several scenarios may be one.
 check_of() {
-    local facts=${1#*.}
+    local facts=${1##*/}
+    facts=${facts#*.}
     printf '%s/%s.%s\n' "$checks" "${facts%.*}" "$(judge_options_of "$1" | sha256sum | cut -c 1-8)"
 }
 
@@ -477,6 +496,7 @@ check_state() {
 judge_states() {
     local state check
     for state in "$states"/*/; do
+        [[ -d $state ]] || continue
         state=${state%/}
         in_parallel try_again "$state"
         check=$(check_of "$state")
@@ -494,18 +514,21 @@ wrong_with() {
 
 # record_point FILE: what try_point has left. Without a verdict on the state, there is none on the point.
 record_point() {
-    local verdict state status id wrong
+    local verdict state status id wrong why
     { read -r verdict && IFS=$'\t' read -r state status id; } <"$1" || return 0
-    if [[ $verdict == ok ]]; then
-        wrong=$(wrong_with "$states/$state") || return 0
-        [[ -z $wrong ]] || verdict="the device then ($state): $wrong"
+    if [[ $verdict != ok ]]; then
+        why=$verdict
+        if [[ $verdict == "not reached" ]]; then why=''; else verdict=failed; fi
+        record "$id" "$verdict" "$why"
+        return
     fi
-    if [[ $verdict == ok || $verdict == "not reached" ]]; then
-        record "$id" "$verdict"
-    elif [[ $id =~ $known_points && $verdict =~ $known_verdict ]]; then
-        record "$id" known "$known_why"
+    wrong=$(wrong_with "$states/$state") || return 0
+    if [[ -z $wrong ]]; then
+        record "$id" ok
+    elif why=$(why_known "$id" "$wrong"); then
+        record "$id" known "$why"
     else
-        record "$id" failed "$verdict"
+        record "$id" failed "the device then ($state): $wrong"
     fi
 }
 
@@ -522,7 +545,7 @@ try_points() {
 conclude() {
     local file scenario failures
     for file in "$seen"/*[0-9]; do
-        record_point "$file"
+        [[ ! -e $file ]] || record_point "$file"
     done
     for scenario in "${wanted[@]}"; do
         [[ -n $only$calls ]] || grep -q "^$scenario|" "$selected" || fail_suite "$scenario: nothing was tried"
@@ -551,8 +574,70 @@ expect() {
     fi
 }
 
+# stub_judge TEXT: what stands in the place of the judge does as it says.
+stub_judge() {
+    judge_program=$work/stub_judge
+    printf '#!/bin/bash\n%s\n' "$1" >"$judge_program"
+    chmod +x "$judge_program"
+}
+
+# tried_point VERDICT STATUS ID: as try_point leaves it, with an empty device.
+tried_point() {
+    local state=${3%%|*}.0123456789abcdef.done
+    mkdir -p "$states/$state/device/firmware"
+    select_id "$3"
+    printf '%s\n%s\t%s\t%s\n' "$1" "$state" "$2" "$3" >"$seen/10001"
+}
+
+# judged WHAT STATUS TEXT: of the point that was tried.
+judged() {
+    judge_states
+    expect "$@" conclude
+    make_work
+}
+
+# shellcheck disable=SC2016  # the words of the stubs
+test_judges() {
+    local point='install|upgradectl|fsync|/config/written_slot.json.part|1|EIO'
+    wanted=(install)
+    stub_judge 'echo "all holds"' && tried_point ok 4 "$point"
+    judged "a device in order" 0 'tried 1, ok 1, failed 0'
+    stub_judge 'kill -SEGV $$' && tried_point ok 4 "$point"
+    judged "a judge that dies" 1 'the judge ended early, exit status 139'
+    stub_judge 'echo "all holds"; exit 1' && tried_point ok 4 "$point"
+    judged "a judge that fails without a complaint" 1 'the judge ended early'
+    stub_judge 'kill -KILL $PPID' && tried_point ok 4 "$point"
+    judged "a child that dies before its verdict" 1 'nobody has said whether it holds'
+    stub_judge 'echo "all holds"' && tried_point ok 4 "$point" && rm "$seen/10001"
+    judged "a point that nobody tried" 1 'nobody has said whether it holds'
+    wanted=(activate) point='activate|upgradectl|rename|/firmware/current.pkg|1|EIO'
+    stub_judge 'echo "wrong: current.pkg is gone (rollback.pkg is first)"; exit 1' && tried_point ok 0 "$point"
+    judged "a known fault" 0 'known 1, not reached 0'
+    stub_judge 'echo "wrong: init fails (exit status 139)"; exit 1' && tried_point ok 0 "$point"
+    judged "a crash of the next start where a fault is known" 1 'exit status 139'
+    stub_judge 'echo "all holds"' && tried_point "ended with status 139: " 139 "$point"
+    judged "a crash where a fault is known" 1 'ended with status 139'
+}
+
+# A boot environment that cannot be read is something that is seen of a device, and not the end of looking at it.
+test_facts() {
+    local device=$work/empty
+    mkdir -p "$device"/{run,config,firmware,etc-kavro,partitions,mcu}
+    printf 'a\n' >"$device/run/running_slot"
+    : >"$device/mcu/flash.bin"
+    # shellcheck disable=SC2317  # facts_of calls it
+    twin_environment_tool() { return 1; }
+    in_parallel facts_of "$device" >"$work/facts" 2>/dev/null
+    await_children
+    expect "a boot environment that cannot be read" 0 'environment cannot be read' cat "$work/facts"
+    expect "what is looked at after that" 0 '^microcontroller: ' cat "$work/facts"
+}
+
 test_itself() {
     [[ -e $programs/careless/libcommon_yr.so.1 ]] || not_run "$programs/careless/libcommon_yr.so.1 is missing: ./dev build makes it"
+    make_work
+    test_judges
+    test_facts
     expect "flushes that fail" 0 'tried 2, ok 2, failed 0' "${self[@]}" --calls "$flush_of" "$build"
     expect "a library that takes a failed flush for done" 1 '^call_fault: tried 2, ok [01], failed [12]$' \
         "${self[@]}" --library "$programs/careless" --calls "$flush_of" "$build"
