@@ -112,7 +112,9 @@ complaint_on() {
 count() {
     local results=$work/$1.json
     [[ -e $results ]] || : >"$results"
-    counts=([failed]=$(count_of failed) [second]=$(count_of "ok at the second try") [known]=$(count_of known))
+    counts=([failed]=$(count_of failed) [known]=$(count_of known))
+    counts[second]=$(jq -r 'select(.outcome == "ok at the second try" or (.at_first and .outcome != "failed")) | .id' \
+        "$results" | wc -l)
     counts[tried]=$(jq -r 'select(.outcome != "not reached") | .id' "$results" | wc -l)
     counts[ok]=$((counts[tried] - counts[failed] - counts[second] - counts[known]))
 }
