@@ -12,7 +12,7 @@
 #   --only ID          this point only, as a failure names it
 #   --points N         how many the bounded selection has (48); each scenario, program and call is among them
 #   --seed TEXT        from what it is drawn: the commit's id unless given
-#   --jobs N           how many devices side by side (2)
+#   --jobs N           how many devices side by side (3)
 #   --json FILE        a line for each point: kind, id, outcome
 #   --work DIR         where the devices are (DIR is emptied; else a directory in memory)
 #   --keep             leaves the devices of failures in DIR/states
@@ -43,7 +43,7 @@ source "$here/results.sh"
 name=call_fault
 judge_program=$here/check_device.sh
 seed=$(commit_seed)
-mode=quick only='' calls='' quick_points=48 jobs=2 json='' work='' keep=false list=false library='' self_test=false
+mode=quick only='' calls='' quick_points=48 jobs=3 json='' work='' keep=false list=false library='' self_test=false
 wanted=()
 while [[ ${1-} == --* ]]; do
     case $1 in
@@ -360,7 +360,7 @@ tolerances=(
     "activate|rollback-.*~[<>] /firmware/(temp|current\.pkg|rollback\.pkg): (first|second|third)~^upgradectl\|rename\|/firmware/(temp|current\.pkg|rollback\.pkg)\|~the later renames are made all the same, and check_device.sh judges where the packages are after the next start"
     ".*~> /firmware/upgrade\.pkg: .*~^upgradectl\|unlink\|/firmware/upgrade\.pkg\|~the next run replaces its working copy"
     "install-third~[<>] microcontroller: .*~$asks_versions~it is flashed where nobody can tell that it need not be"
-    "rollback-switch~(> /firmware/recv\.tar\.xz: first|< boot loader: third|> boot loader: first|[<>] microcontroller: .*)~$asks_versions~what runs is flashed where nobody can tell that a switch is enough"
+    "rollback-switch~(> /firmware/recv\.tar\.xz: first|< boot loader: third|> boot loader: first|[<>] microcontroller: .*|< /config/upgrade_last_runtime: upgrade_success *|> /config/upgrade_last_runtime: rollback_success *)~$asks_versions~what runs is flashed where nobody can tell that a switch is enough"
     "init-origin~(< /firmware/recv\.tar\.xz: first|> /firmware/origin\.pkg: .*)~$unpacks~the archive is tried once, whatever comes of it"
     "init-origin~> /etc-kavro/origin\.pkg\.tar\.gz: .*~^upgradectl\|unlink\|/etc/kavro/origin\.pkg\.tar\.gz\|~the archive is tried once more at the next start"
     "init-torn~> /config/upgraded: *~^upgradectl\|unlink\|/config/upgraded\|~the next start completes it once more"

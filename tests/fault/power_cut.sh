@@ -12,7 +12,7 @@
 #   --scenario NAME    this one only; may be repeated
 #   --only ID          this cut only, as a failure names it
 #   --self-test        the suite must lose what was not flushed, and must find deliberate faults, its own too
-#   --jobs N           how many devices are judged side by side (2)
+#   --jobs N           how many devices are judged side by side (3)
 #   --build release=DIR  the build (build/release)
 #   --json FILE        a line for each cut: kind, id, outcome, and why it failed
 #   --work DIR         where the devices are (a directory of the build; a few GiB)
@@ -39,7 +39,7 @@ source "$here/results.sh"
 name=power_cut
 judge_program=$here/check_device.sh
 seed=$(commit_seed)
-mode=quick only='' jobs=2 json='' work='' keep=false list=false self_test=false
+mode=quick only='' jobs=3 json='' work='' keep=false list=false self_test=false
 wanted=()
 build=$root/build/release
 given=("$@")
