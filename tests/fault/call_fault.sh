@@ -639,7 +639,7 @@ test_itself() {
     test_judges
     test_facts
     expect "flushes that fail" 0 'tried 2, ok 2, failed 0' "${self[@]}" --calls "$flush_of" "$build"
-    expect "a library that takes a failed flush for done" 1 '^call_fault: tried 2, ok [01], failed [12]$' \
+    expect "a library that takes a failed flush for done" 1 'success is reported, but what was written may not last' \
         "${self[@]}" --library "$programs/careless" --calls "$flush_of" "$build"
     ((missed == 0))
 }
