@@ -572,6 +572,7 @@ cut_only() {
     [[ -n $second ]] || return 0
     directory=${cuts[0]##*$'\t'}
     cuts=()
+    : >"$selected"
     cut_start "$scenario" "${1%%+*}" "$directory" "${second%%/*}" --only "${second#*/}"
     ((${#cuts[@]} == 1)) || die "there was no such point: $second"
 }
