@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <deque>
+#include <filesystem>
 #include <utility>
 
 #include "common/cancellation.h"
@@ -98,6 +99,39 @@ void failThreads(std::vector<bool> which) {
     creations.failing.assign(which.begin(), which.end());
 }
 
+namespace {
+
+struct FlushHook {
+    std::mutex mutex;
+    std::function<void(const std::string& path)> tell;
+};
+
+void tellFlush(const std::string& path) {
+    const COMMON_YR::CancelHold hold;
+    std::function<void(const std::string& path)> tell;
+    {
+        auto& hook = immortal<FlushHook>();
+        const std::lock_guard<std::mutex> lock(hook.mutex);
+        tell = hook.tell;
+    }
+    if (tell) {
+        tell(path);
+    }
+}
+
+std::string pathOf(int descriptor) {
+    std::error_code error;
+    return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor), error).string();
+}
+
+}  // namespace
+
+void onFlush(std::function<void(const std::string& path)> hook) {
+    auto& current = immortal<FlushHook>();
+    const std::lock_guard<std::mutex> lock(current.mutex);
+    current.tell = std::move(hook);
+}
+
 pthread_t lastThread() {
     auto& creations = immortal<ThreadCreations>();
     const std::lock_guard<std::mutex> lock(creations.mutex);
@@ -129,6 +163,20 @@ KAVRO_EXPORT unsigned sleep(unsigned seconds) {
 KAVRO_EXPORT int usleep(useconds_t microseconds) {
     static auto* const original = spy::next<int(useconds_t)>("usleep");
     return spy::recordSleep(microseconds) ? original(microseconds) : 0;
+}
+
+KAVRO_EXPORT int fsync(int descriptor) {
+    static auto* const original = spy::next<int(int)>("fsync");
+    const int before = errno;
+    spy::tellFlush(spy::pathOf(descriptor));
+    errno = before;
+    return original(descriptor);
+}
+
+KAVRO_EXPORT void sync() noexcept {
+    static auto* const original = spy::next<void()>("sync");
+    spy::tellFlush(spy::kEverything);
+    original();
 }
 
 KAVRO_EXPORT int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),

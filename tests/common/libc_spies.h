@@ -1,8 +1,9 @@
-// Watches and bends two things that code asks of the C library: to sleep, and to start a thread.
+// Watches and bends three things that code asks of the C library: to sleep, to start a thread, and to flush.
 //
-// A test that links `libc_spies` defines sleep, usleep and pthread_create in its own executable; they record
-// the call and pass it on, unless the test says otherwise. So a wait of minutes can be counted in seconds,
-// and a system that has no more threads is at hand. May be used from any thread.
+// A test that links `libc_spies` defines sleep, usleep, pthread_create, fsync and sync in its own executable; they
+// record the call and pass it on, unless the test says otherwise. So a wait of minutes can be counted in seconds,
+// a system that has no more threads is at hand, and what a power cut may not take is seen without one. May be used
+// from any thread.
 #pragma once
 
 #include <pthread.h>
@@ -49,6 +50,10 @@ void failThreads(std::vector<bool> which);
 
 // The thread that was created last: for a test that has to give up a thread which code leaves behind on purpose.
 pthread_t lastThread();
+
+// Told at each fsync, before it, the path of what is flushed, and at each sync kEverything. Empty for nobody.
+void onFlush(std::function<void(const std::string& path)> hook);
+inline const std::string kEverything = "everything";
 
 // The name of the calling thread as /proc shows it.
 std::string ownThreadName();

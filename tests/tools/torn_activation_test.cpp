@@ -5,6 +5,7 @@
 
 #include <map>
 
+#include "tests/common/libc_spies.h"
 #include "tests/support/program.h"
 #include "tests/tools/device_support.h"
 #include "tools/upgradectl/tool_error.h"
@@ -44,6 +45,10 @@ class TornActivation : public testsupport::DeviceTest {
         writeFile(kMarker, "");
         writeFile(kVersions, "{}");
     }
+    void TearDown() override {
+        spy::onFlush({});
+        DeviceTest::TearDown();
+    }
 
     // The boot environment after a switch to a slot that holds what the package has.
     static void starts(const std::string& slot, const TestPackage& package) {
@@ -64,6 +69,18 @@ class TornActivation : public testsupport::DeviceTest {
         return exists(path)
                    ? runProgram({"sh", "-c", "tail -c 4096 " + path + " | grep -aoE '00110[0-9]{7}'"}).out
                    : "none";
+    }
+
+    // A power cut keeps what was flushed and may lose everything else: the marker must not be the first to go.
+    static bool flushesExchangeBeforeMarkerGoes() {
+        bool flushed = false;
+        spy::onFlush([&flushed](const std::string& path) {
+            const bool exchanged =
+                versionsOf(kCurrent) == kAfter && versionsOf(kRollback) == kBefore && !exists(kAside);
+            flushed = flushed || (path == "/firmware" && exchanged && exists(kMarker));
+        });
+        upgradectl::completeTornActivation();
+        return flushed;
     }
 
     static void expectExchanged() {
@@ -117,6 +134,31 @@ TEST_F(TornActivation, whose_marker_went_before_its_renames_is_completed) {
     after.writeTo(kCurrent);
     EXPECT_NE(upgradectl::completeTornActivation(), "");
     expectExchanged();
+}
+
+TEST_F(TornActivation, has_its_exchange_on_storage_before_the_marker_goes) {
+    starts("b", after);
+    before.writeTo(kCurrent);
+    after.writeTo(kRollback);
+    EXPECT_TRUE(flushesExchangeBeforeMarkerGoes());
+    EXPECT_FALSE(exists(kMarker));
+}
+
+TEST_F(TornActivation, whose_exchange_was_begun_is_on_storage_before_the_marker_goes) {
+    starts("b", after);
+    before.writeTo(kAside);
+    after.writeTo(kCurrent);
+    EXPECT_TRUE(flushesExchangeBeforeMarkerGoes());
+    EXPECT_FALSE(exists(kMarker));
+}
+
+// Whoever made the exchange may have been killed before it was flushed.
+TEST_F(TornActivation, whose_packages_are_in_their_places_is_on_storage_before_the_marker_goes) {
+    starts("b", after);
+    after.writeTo(kCurrent);
+    before.writeTo(kRollback);
+    EXPECT_TRUE(flushesExchangeBeforeMarkerGoes());
+    EXPECT_FALSE(exists(kMarker));
 }
 
 TEST_F(TornActivation, is_completed_once) {

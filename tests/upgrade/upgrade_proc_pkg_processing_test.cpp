@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "tests/common/libc_spies.h"
 #include "tests/support/device.h"
 #include "tests/support/fake_services.h"
 #include "tests/support/shell_recorder.h"
@@ -62,7 +63,10 @@ class PackageProcessing : public testing::Test {
         out.version.bld = 74;
         out.pubkey_file = "/not/set";
     }
-    ~PackageProcessing() override { package_services::reset(); }
+    ~PackageProcessing() override {
+        spy::onFlush({});
+        package_services::reset();
+    }
 
     int process(const std::string& path, const std::string& dir) {
         return UPGRADE_proc_upgrade_pkg(out, {path, dir}, false);
@@ -344,6 +348,20 @@ TEST_F(PackageProcessing, package_that_vanishes_before_the_cut_is_named) {
                      errorShape(kUnit, "truncate_upgrade_pkg", "file '/firmware/upgrade.pkg' not exist;\n"),
                      kFailed}));
     expectOutputUntouched();
+}
+
+TEST_F(PackageProcessing, cut_package_is_on_storage_before_its_digest_is_taken) {
+    Lines before;
+    long flushed = 0;
+    spy::onFlush([&](const std::string& path) {
+        if (path == spy::kEverything) {
+            before = logShape();
+            flushed = testsupport::sizeOf(kPackage);
+        }
+    });
+    EXPECT_EQ(writeAndProcess(), 0);
+    EXPECT_EQ(flushed, static_cast<long>(package.payloadBytes()));
+    EXPECT_EQ(before, (Lines{kReadStep, kTruncateStep}));
 }
 
 TEST_F(PackageProcessing, refused_cut_is_named_with_the_length_as_a_signed_number) {

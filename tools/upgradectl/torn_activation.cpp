@@ -107,11 +107,16 @@ std::string completeExchange(const kavro::SlotContent& content) {
         return "an activation or a rollback was cut off; the packages are in their places";
     }
     exchangeTheRest(begun);
+    return "an activation was cut off; its packages were given their places";
+}
+
+// The marker lies on another file system, and its removal may last where an exchange that nobody flushed does not: also
+// one that was made before its program was killed.
+void flushPackages() {
     if (!kavro::flushDirectory(kPackageDirectory)) {
         throw incomplete(std::string("'") + kPackageDirectory +
                          "' cannot be flushed: " + std::strerror(errno));
     }
-    return "an activation was cut off; its packages were given their places";
 }
 
 }  // namespace
@@ -127,6 +132,7 @@ std::string completeTornActivation() {
         return {};
     }
     std::string done = completeExchange(*content);
+    flushPackages();
     COMMON_YR::rmFile(UpgradeProc::currentCfg);  // of the software before
     COMMON_YR::rmFile(kMarker);
     return done;
