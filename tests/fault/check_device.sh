@@ -13,18 +13,22 @@
 #   --over DIR    a release that was installed and activated, and never started, when that run began: the last success may
 #                 be told of it, and its package stays the current one when the boot loader goes back from what it lost
 #   --keeps-package  the device had a current package before, so it must have one now
+#   --keeps-way-back  the device was upgraded and activated, and what was cut off takes no package to roll back to away (an
+#                 activation, a confirmation, an init, a start): where nothing awaits activation, there must be one now
 #   --skip-init   what init mends stays torn: shows that this is noticed
-#   --quick       without the installations and rollbacks: starts, files and init only
+#   --quick       without the installations and rollbacks: starts, trials, files and init only
 #
 # Every step that asks for a device of its own works on a copy of STATE, in STATE.copy. One line for each thing that does
-# not hold; exit status 1 if there is any.
+# not hold; exit status 1 if there is any. "all holds" is the last line of a judgement that came to its end, and only
+# with exit status 0.
 set -euo pipefail
 
 root=$(cd -- "${BASH_SOURCE[0]%/*}/../.." && pwd)
 twin=$root/twin/twin
 package_bytes=134217728
 
-build=$root/build/release next='' run_release='' over='' quick=false keeps_package=false skip_init=false
+build=$root/build/release next='' run_release='' over='' quick=false keeps_package=false keeps_way_back=false
+skip_init=false
 while [[ ${1-} == --* ]]; do
     case $1 in
     --build) build=$(realpath -- "$2") && shift ;;
@@ -34,13 +38,14 @@ while [[ ${1-} == --* ]]; do
     --quick) quick=true ;;
     --skip-init) skip_init=true ;;
     --keeps-package) keeps_package=true ;;
+    --keeps-way-back) keeps_way_back=true ;;
     *) printf "%s: unknown option %s\n" "$0" "$1" >&2 && exit 2 ;;
     esac
     shift
 done
 state=$(realpath -- "$1")
 releases=()
-for release in "${@:2}"; do
+for release in "${@:2}" "$next"; do
     releases+=("$(realpath -- "$release")")
 done
 export KAVRO_TWIN_PROGRAMS=$build/twin
@@ -84,8 +89,50 @@ holds_slot() {
 # release_in DIR SLOT: prints which release the slot holds, wholly; fails when none.
 release_in() {
     local release
-    for release in "${releases[@]}" "$next"; do
+    for release in "${releases[@]}"; do
         if holds_slot "$1" "$2" "$release"; then
+            printf '%s\n' "$release"
+            return
+        fi
+    done
+    return 1
+}
+
+# look_at DIR: sets `shown`, what `twin show` says of the device, which looks at it from outside, and `current` and
+# `rollback`, the releases whose packages it keeps.
+look_at() {
+    shown=$("$twin" show "$1") || { wrong "twin show fails" && return 1; }
+    current=$(package_of "$1/firmware/current.pkg")
+    rollback=$(package_of "$1/firmware/rollback.pkg")
+}
+
+# told WHAT: of what is shown.
+told() {
+    sed -n "s/^$1  *\([^(]*[^( ]\) *(.*$/\1/p" <<<"$shown"
+}
+
+# number_of RELEASE PART: hardware, main_processor, microcontroller or boot_loader.
+number_of() {
+    awk -v part="$2" '$1 == part { print $2 }' "$1/version_list.acs"
+}
+
+# versions_of RELEASE [MICROCONTROLLER]: as upgradectl says them.
+versions_of() {
+    printf 'V%02d.%03d.%03d.%03d\n' "$(number_of "$1" hardware)" "$(number_of "$1" main_processor)" \
+        "${2:-$(number_of "$1" microcontroller)}" "$(number_of "$1" boot_loader)"
+}
+
+# application_in DIR, which was looked at: prints the release whose application the microcontroller holds, wholly, and would run; "none" when it
+# runs none; fails when it runs anything else.
+application_in() {
+    local release version
+    version=$(told microcontroller)
+    if [[ $version == none ]]; then
+        printf 'none\n'
+        return
+    fi
+    for release in "${releases[@]}"; do
+        if [[ $version == "$(number_of "$release" microcontroller)" ]] && holds_slot "$1" mcu "$release"; then
             printf '%s\n' "$release"
             return
         fi
@@ -107,7 +154,7 @@ starts() {
 package_of() {
     local release
     [[ -e $1 ]] || { printf 'none\n' && return; }
-    for release in "${releases[@]}" "$next"; do
+    for release in "${releases[@]}"; do
         if cmp -s "$1" "$release.pkg"; then
             printf '%s\n' "$release"
             return
@@ -116,14 +163,21 @@ package_of() {
     printf 'other\n'
 }
 
-# with_copy STEP...: the step on a device of its own, which is what this one is now. Both are attached.
+# carried_out STEP...: a step that ends early without saying what does not hold has failed, too.
+carried_out() {
+    local before=$faults
+    "$@" || ((faults > before)) || wrong "the check ended early: $1"
+}
+
+# with_copy STEP...: the step on a device of its own, which is what this one is now. Both are attached. What runs on the
+# copy is not what runs here.
 with_copy() {
-    local copy=$state.copy
+    local copy=$state.copy slot=$slot runs=$runs shown=$shown current=$current rollback=$rollback
     [[ ! -d $state/disks ]] || "$twin" detach "$state" || return 1
     rm -rf -- "$copy"
-    cp -a --reflink=auto --sparse=always -- "$state" "$copy"
-    attached "$state" && attached "$copy"
-    "$@" "$copy" || true
+    cp -a --reflink=auto -- "$state" "$copy" || return 1
+    attached "$state" && attached "$copy" || return 1
+    carried_out "$@" "$copy"
     "$twin" remove "$copy"
 }
 
@@ -138,10 +192,13 @@ is_installed() {
     [[ -n $1 ]] && { holds_slot "$state" a "$1" || holds_slot "$state" b "$1"; }
 }
 
+# Sets `last_run`. None is what a device tells that was never upgraded, or was asked.
 check_last_run() {
     local file=$state/config/upgrade_last_runtime word
+    last_run=none
     [[ -e $file ]] || return 0
     word=$(<"$file")
+    last_run=$word
     case $word in
     upgrade_failure | rollback_failure) ;;
     upgrade_success | rollback_success)
@@ -171,18 +228,148 @@ check_file_systems() {
     done
 }
 
-# The package that is kept as the current one is that of the software that starts, unless it awaits its activation.
+# Sets `awaiting`, the release in the slot that was written and awaits its activation. Of a run that reported success, it
+# holds one.
+check_written_slot() {
+    local written
+    awaiting=
+    written=$(told 'written slot')
+    # A record that names the slot that runs was used up by its activation.
+    [[ $written != none && $written != "$slot" ]] || return 0
+    awaiting=$(release_in "$state" "$written") || awaiting=other
+    [[ $awaiting != other || $last_run != *_success ]] ||
+        wrong "the last run is said to be a success ($last_run), but slot $written, which awaits its activation, holds no release"
+}
+
+# The package that is kept as the current one is that of the software that starts, unless it awaits its activation. That
+# of what awaits its activation is there before the run tells of its success.
 check_packages() {
-    local current rollback
-    current=$(package_of "$state/firmware/current.pkg")
-    rollback=$(package_of "$state/firmware/rollback.pkg")
     [[ $current != other ]] || wrong "current.pkg is none of the packages that were given to the device"
     [[ $rollback != other ]] || wrong "rollback.pkg is none of the packages that were given to the device"
     [[ $current == none || $current == other || $current == "$runs" || $current == "$over" ]] ||
         wrong "${runs##*/} runs, but current.pkg is ${current##*/}"
     [[ $current != none ]] || ! "$keeps_package" ||
         wrong "current.pkg is gone (rollback.pkg is ${rollback##*/})"
+    if [[ -n $awaiting && $last_run == *_success ]]; then
+        [[ $rollback == "$awaiting" ]] ||
+            wrong "${awaiting##*/} awaits its activation after $last_run, but rollback.pkg is ${rollback##*/}"
+    elif "$keeps_way_back"; then
+        [[ $rollback != none && $rollback != "$current" ]] ||
+            wrong "there is nothing to roll back to: current.pkg is ${current##*/}, rollback.pkg ${rollback##*/}"
+    fi
     [[ ! -e $state/firmware/temp ]] || wrong "a package was left aside (/firmware/temp)"
+}
+
+# flashed_last: the release of the last run that reported success; empty where nothing tells. A boot loader that goes back
+# leaves it the current package.
+flashed_last() {
+    if [[ -n $awaiting ]]; then
+        printf '%s\n' "${awaiting#other}"
+    elif [[ $current == */* ]]; then
+        printf '%s\n' "$current"
+    fi
+}
+
+# is_one_of RELEASE OTHER...: for the microcontroller, whose applications of the same version are as good as each other.
+is_one_of() {
+    local other
+    for other in "${@:2}"; do
+        [[ $other != */* || $(number_of "$1" microcontroller) != "$(number_of "$other" microcontroller)" ]] || return 0
+    done
+    return 1
+}
+
+# What the microcontroller has to hold, and the boot loader's partition. A run erases the application before it programs
+# the next one, and tells of a failure from before that moment until it is done: only then may there be none, or that of
+# the run.
+check_firmware() {
+    local holds last
+    last=$(flashed_last)
+    if ! holds=$(application_in "$state"); then
+        wrong "the microcontroller runs version $(told microcontroller), and holds no release as a whole"
+    elif [[ $last_run == *_failure ]]; then
+        [[ $holds == none || -z $run_release ]] || is_one_of "$holds" "$runs" "$current" "$over" "$run_release" ||
+            wrong "after $last_run the microcontroller holds ${holds##*/}, which is neither of before nor ${run_release##*/}"
+    elif [[ $holds == none ]]; then
+        wrong "the microcontroller holds no application, and the last run is said to be: $last_run"
+    elif [[ -n $last ]]; then
+        is_one_of "$holds" "$last" ||
+            wrong "the microcontroller holds ${holds##*/}, but the last run ($last_run) was of ${last##*/}"
+    fi
+    [[ $last_run == *_failure ]] || holds_a_boot_loader "$state" ||
+        wrong "the boot loader's partition holds no release as a whole, and the last run is said to be: $last_run"
+}
+
+holds_a_boot_loader() {
+    local release
+    for release in "${releases[@]}"; do
+        ! holds_slot "$1" bootloader "$release" || return 0
+    done
+    return 1
+}
+
+# is_told TEXT WHAT ACTUAL EXPECTED
+is_told() {
+    [[ $3 == "$4" ]] || wrong "$1: $2 is told as '$3', and is '$4'"
+}
+
+# check_versions DIR TEXT: after init, of a device that was looked at since. What a microcontroller without an application
+# is said to hold is left open: it gives no answer, and the record may be of before.
+check_versions() {
+    local said microcontroller record
+    said=$(on_device "$1" versions --json 2>/dev/null) || { wrong "$2: upgradectl versions fails" && return 1; }
+    microcontroller=$(told microcontroller)
+    is_told "$2" "the microcontroller" "$(jq -r .microcontroller <<<"$said")" "${microcontroller/#none/null}"
+    is_told "$2" "the factory version" "$(jq -r .factory_version <<<"$said")" "$(versions_of "$runs")"
+    [[ $microcontroller == none ]] || is_told "$2" "the current version" "$(jq -r .current_version <<<"$said")" \
+        "$(versions_of "$runs" "$microcontroller")"
+    IFS=. read -ra record < <(told 'version record')
+    "$skip_init" || is_told "$2" "the version record" "$(printf 'V%02d.%03d.%03d.%03d' "${record[@]}")" \
+        "$(jq -r .current_version <<<"$said")"
+    is_told "$2" "current.pkg" "$(jq -r '.packages[0].version' <<<"$said")" "$(versions_of_package "$current")"
+    is_told "$2" "rollback.pkg" "$(jq -r '.packages[1].version' <<<"$said")" "$(versions_of_package "$rollback")"
+}
+
+# versions_of_package RELEASE|none|other: null where there is no such file, or none that is known.
+versions_of_package() {
+    if [[ $1 == */* ]]; then
+        versions_of "$1"
+    else
+        printf 'null\n'
+    fi
+}
+
+# starts_left: of a slot on trial, before the boot loader gives it up; 0 when none is on trial.
+starts_left() {
+    local trial
+    trial=$(told trial)
+    if [[ $trial =~ ^start\ ([0-9]+)\ of\ ([0-9]+)$ ]]; then
+        printf '%d\n' $((BASH_REMATCH[2] - BASH_REMATCH[1] + 1))
+    else
+        printf '0\n'
+    fi
+}
+
+# runs_trial_out DIR: on a copy, a trial that nobody confirms. The boot loader goes back to the other slot, unless that one
+# was written since and never activated, or is half a slot. Whichever runs then is whole and ready, and nothing is lost.
+runs_trial_out() {
+    local left tried=$slot held kept=$current,$rollback firmware
+    left=$(starts_left) firmware=$(told microcontroller)
+    held=$(release_in "$1" "$(tr ab ba <<<"$slot")") || held=none
+    while ((left-- > 0)); do
+        starts "$1" "a start on trial" || return 1
+    done
+    if [[ $slot == "$tried" ]]; then
+        [[ $held == none || -n $awaiting || $last_run == *_failure ]] ||
+            wrong "after its trial slot $tried still runs, though the other one holds ${held##*/} as a whole"
+    else
+        [[ -z $awaiting ]] || wrong "after its trial slot $tried was given up for one that was never activated"
+    fi
+    must "init fails after the trial" on_device "$1" init || return 1
+    look_at "$1" || return 1
+    [[ $current,$rollback == "$kept" ]] || wrong "after the trial the packages are $current,$rollback, and were $kept"
+    is_told "after the trial" "the microcontroller" "$(told microcontroller)" "$firmware"
+    check_versions "$1" "after the trial"
 }
 
 can_roll_back() {
@@ -191,22 +378,26 @@ can_roll_back() {
 
 # On a copy: the step that the user may take next.
 rolls_back() {
-    local to
-    to=$(package_of "$1/firmware/rollback.pkg")
+    local to=$rollback
     must "rollback fails" on_device "$1" rollback || return 1
     starts "$1" "after a rollback" || return 1
     [[ $to == other || $to == "$runs" ]] || wrong "after a rollback to ${to##*/} ${runs##*/} runs"
+    must "init fails after the rollback" on_device "$1" init || return 1
+    look_at "$1" || return 1
+    [[ $(application_in "$1") == */* ]] || wrong "after the rollback the microcontroller holds no release as a whole"
+    check_versions "$1" "after the rollback"
 }
 
 activates() {
-    local to
-    to=$(package_of "$1/firmware/rollback.pkg")
+    local to=$rollback
     must "activate fails" on_device "$1" activate || return 1
     starts "$1" "after the activation that was waited for" || return 1
     [[ $to == other || $to == "$runs" ]] || wrong "after the activation of ${to##*/} ${runs##*/} runs"
     must "init fails after the activation" on_device "$1" init || return 1
-    [[ $(package_of "$1/firmware/current.pkg") == "$runs" ]] ||
-        wrong "after the activation ${runs##*/} runs, but current.pkg is another"
+    look_at "$1" || return 1
+    [[ $current == "$runs" ]] || wrong "after the activation ${runs##*/} runs, but current.pkg is ${current##*/}"
+    check_versions "$1" "after the activation"
+    awaiting='' runs_trial_out "$1"
 }
 
 takes_next() {
@@ -217,6 +408,11 @@ takes_next() {
     must "init fails after the next upgrade" on_device "$state" init || return 1
     must "confirm fails" on_device "$state" confirm || return 1
     must "the microcontroller does not hold ${next##*/}" "$twin" compare "$state" mcu "$next" || return 1
+    must "the boot loader is not that of ${next##*/}" "$twin" compare "$state" bootloader "$next" || return 1
+    look_at "$state" || return 1
+    check_versions "$state" "after the next upgrade" || return 1
+    [[ $current == "$next" ]] || wrong "after the next upgrade current.pkg is ${current##*/}"
+    [[ $(told 'last run') == upgrade_success ]] || wrong "after the next upgrade the last run is told as $(told 'last run')"
     if can_roll_back "$state"; then
         rolls_back "$state"
     else
@@ -232,14 +428,19 @@ check() {
     check_whole_json note
     "$skip_init" || must "init fails" on_device "$state" init || return 0
     check_whole_json wrong
+    look_at "$state"
+    check_written_slot
     check_packages
+    check_firmware
+    carried_out check_versions "$state" "after init"
+    (($(starts_left) == 0)) || with_copy runs_trial_out
     ! "$quick" || return 0
     if [[ -e $state/config/upgraded ]]; then
         with_copy activates
     elif can_roll_back "$state"; then
         with_copy rolls_back
     fi
-    takes_next || true
+    carried_out takes_next
 }
 
 check
