@@ -3,30 +3,35 @@
 #
 #   package_mutation.sh [OPTION...] BUILD_DIR
 #
-#   --quick       some of each kind (the default); --full, several hundred
+#   --quick       some of each kind (the default), drawn from those of --full, which are several hundred
+#   --seed WORD   what they are drawn from: the id of the commit unless given, so that each state of the code has its own
 #   --only ID     this one only, as a failure names it; ID,ID...: one after the other on the same device
 #   --seconds N   begins no further package after this time, and says how many it left out
 #   --jobs N      how many devices side by side (2)
 #   --speed N     how many times faster the devices' clocks go (10)
-#   --json FILE   a line for each package: kind, id, outcome
+#   --json FILE   a line for each package: kind, id, outcome, and `at_first` where it passed only at the second try
 #   --work DIR    where the devices are; a temporary directory unless given
 #
 # A device that refuses a package is as it was: partitions, boot environment, microcontroller, versions and kept packages, and
 # nothing lies outside of the places that a run works in. It says why, with an exit code of 1 or 3, and takes a good package
 # afterwards. A device that takes a package has flashed nothing but what is signed in it. What `verify` finds in order, a
-# device takes; what only `verify` refuses is of the kinds that `only_verify_refuses` lists.
+# device takes; what a device takes though `verify` refuses it has one of the reasons in `may_be_taken`, and no other one.
 #
-# Exit status 1 when something failed, 77 when the host cannot run it.
+# The devices' clocks go faster than this host, on which other things run: what fails is tried once more in real time, told
+# and counted, but for a crash or a hang, which is one however often it does not come again.
+#
+# Exit status 1 when something failed or is without a verdict, 77 when the host cannot run it, which is a failure in CI.
 set -euo pipefail
 
 root=$(cd -- "${BASH_SOURCE[0]%/*}/../.." && pwd -P)
 here=$root/tests/fault
 twin=$root/twin/twin
 
-mode=quick only='' seconds=86400 jobs=2 speed=10 json='' work=''
+mode=quick only='' seconds=86400 jobs=2 speed=10 json='' work='' seed=''
 while [[ ${1-} == --* ]]; do
     case $1 in
     --quick | --full) mode=${1#--} ;;
+    --seed) seed=$2 && shift ;;
     --only) only=$2 && shift ;;
     --seconds) seconds=$2 && shift ;;
     --jobs) jobs=$2 && shift ;;
@@ -45,31 +50,57 @@ clock=$build/tests/fault/libkavro_short_clock.so
 
 not_run() {
     printf 'package_mutation: not run: %s\n' "$1"
+    [[ -n ${CI-} ]] && exit 1
     exit 77
 }
 
-# What a device takes though `verify` refuses it, and why that is right.
-only_verify_refuses() {
+# may_be_taken KIND: whether a device may take what `verify` refuses, for each of the faults in `faults` and for nothing else.
+may_be_taken() {
+    local allowed
     case $1 in
     # Texts for people, and what stands behind them; numbers that a device reads with fewer digits or a sign.
-    trailer_field | trailer_bit) ;;
-    # `tar` knows by itself how a payload is compressed.
-    compressed) ;;
+    trailer_field | trailer_bit)
+        allowed="trailer: (a version in the trailer is|the length of the user text|.* too short for its (branch|user) text|the unused end)"
+        ;;
+    # `tar` knows by itself how a payload is compressed; so nothing is where a plain archive would have it.
+    compressed)
+        allowed="archive: (the payload of .* is no whole number of tar blocks|.*Unrecognized archive format)|.*: '.*' is missing from the archive" ;;
     # The last one of a name counts, and it is checked.
-    duplicate) ;;
+    duplicate) allowed="[^:]*: the archive holds '.*', which it has more than once" ;;
     # What is none of the 14 files does not matter: `tar` keeps it within the directory, or leaves it out.
-    besides | long_name | outside_name | link_then_through) ;;
+    besides) allowed="archive: the archive holds '.*', and a device takes a name with a comma for two" ;;
+    long_name) allowed="archive: the archive holds '.*', which is a longer name than a device can store" ;;
+    outside_name) allowed="archive: the archive holds '.*', which does not lie at the archive's top level" ;;
+    link_then_through)
+        allowed="archive: the archive holds '.*', which (is no regular file \(symbolic link\)|does not lie at the archive's top level)"
+        ;;
     # The list of versions is for people: it is signed, and not flashed.
-    empty_component) ;;
+    empty_component) allowed="version_list.acs: 'version_list.acs' is empty" ;;
     # Names and types that `tar` makes a file of the right name of, by whose content all is decided: ".//ext4".
-    component_renamed | link | other_type | header_bit | payload_bit_and_md5 | pax) ;;
+    component_renamed)
+        allowed="archive: the archive holds '.*', which does not lie at the archive's top level|.*: .*is missing from the archive"
+        ;;
+    link)
+        allowed="archive: the archive holds '.*', which is no regular file \((symbolic|hard) link\)"
+        allowed+="|.*: the archive holds '.*', which is no regular file \((symbolic|hard) link\)"
+        ;;
+    other_type | header_bit | payload_bit_and_md5 | pax)
+        allowed="archive: the payload cannot be read as a plain tar archive: .*|.*: .*is missing from the archive"
+        ;;
     *) return 1 ;;
     esac
+    [[ -n $faults ]] && ! grep -qvE "^($allowed)" <<<"$faults"
 }
 
-# What is signed, but nothing that can be flashed: the inactive slot is half written then, and nothing awaits activation.
+# fails_while_flashing KIND: what is signed, but nothing that can be flashed. The inactive slot is half written then, and
+# nothing awaits activation.
 fails_while_flashing() {
-    [[ $1 == empty_component ]]
+    [[ $1 == empty_component ]] && ! grep -qvE "^[^:]*: '[^']*' is empty$" <<<"$faults"
+}
+
+# has_no_room STATE KIND: the device refuses what is in order where there is no room for it, and says so.
+has_no_room() {
+    [[ $2 == bomb && $code == 1 ]] && grep -q 'No space left on device' "$1.said"
 }
 
 # --- a device -------------------------------------------------------------------------------------------------------
@@ -91,11 +122,11 @@ facts() {
         -type d -printf '%p %y %m %U\n' | grep -v '^\./raw ' | sort)
 }
 
-# install STATE PACKAGE [OPTION...]: on the device, under the short clock. The microcontroller's limits get shorter with it, and
+# install STATE PACKAGE SPEED [OPTION...]: on the device, under the short clock. The microcontroller's limits get shorter with it, and
 # a busy host misses them at a high speed. Sets code; what was said is in STATE.said.
 install() {
-    local state=$1 package=$2
-    shift 2
+    local state=$1 package=$2 speed=$3
+    shift 3
     code=0
     "$twin" run "$state" --visible "$build" --visible "${package%/*}" --env "LD_PRELOAD=$clock" \
         --env "KAVRO_CLOCK_SPEED=$speed" "$@" -- "$here/package_mutation_inside.sh" "$upgradectl" "$package" \
@@ -175,64 +206,129 @@ judge() {
     124 | 137) complain "the run did not end" ;;
     *) complain "exit code $code: $(why "$state")" ;;
     esac
-    ((verified != 0 || code == 0 || kind_needs_room)) || complain "verify finds it in order, the device refuses it"
-    ((verified == 0 || code != 0)) || only_verify_refuses "$kind" || complain "the device takes what verify refuses"
+    ((verified != 0 || code == 0)) || has_no_room "$state" "$kind" ||
+        complain "verify finds it in order, the device refuses it: $(why "$state")"
+    ((verified == 0 || code != 0)) || may_be_taken "$kind" || complain "the device takes what verify refuses: $faults"
     ((verified == 0 || verified == 3)) || complain "verify ends with exit code $verified"
+    ((verified != 3)) || [[ -n $faults ]] || grep -q '^upgradectl: ' "$state.verify_said" ||
+        complain "verify refuses it without a reason"
+}
+
+# has_crashed: a program was killed, or did not end. `timeout` tells of either.
+has_crashed() {
+    ((verified >= 124 || code >= 124))
 }
 
 # --- the series -----------------------------------------------------------------------------------------------------
 
-# try STATE ID: a line of JSON.
-try() {
-    local state=$1 id=$2 kind=${2%%:*} verified=0 outcome options code kind_needs_room=0 flashed=false
-    complaints=()
+# attempt STATE ID SPEED: of a package that is there. Sets `complaints`, `code` and `verified`; leaves the device as new.
+attempt() {
+    local state=$1 kind=${2%%:*} package=$1.packages/mutation.pkg options flashed=false seen
+    complaints=() verified=0
     mapfile -t options < <(options_of "$kind")
-    ((${#options[@]} == 0)) || kind_needs_room=1
-    rm -rf "$state.components" "$state.packages"
-    mkdir -p "$state.packages"
-    "$maker" make "$id" "$state.packages/mutation.pkg" "$state.components" 2>"$state.said" || {
-        jq -cn --arg id "$id" --arg why "$(<"$state.said")" '{kind: "package_mutation", $id, outcome: "failed", $why}'
-        return
-    }
-    "$upgradectl" verify "$state.packages/mutation.pkg" >"$state.verified" 2>&1 </dev/null || verified=$?
+    timeout 120 "$upgradectl" verify --json "$package" >"$state.verified" 2>"$state.verify_said" </dev/null || verified=$?
+    faults=$(jq -r '.checks[] | .name as $name | .faults[] | "\($name): \(.)"' "$state.verified") ||
+        complain "verify prints what is no JSON"
     facts "$state" >"$state.before"
-    install "$state" "$state.packages/mutation.pkg" "${options[@]}"
+    install "$state" "$package" "$3" "${options[@]}"
     judge "$state" "$kind" "$verified"
-    outcome="verify $verified, device $code"
-    if ((code == 4 || (code != 0 && kind_needs_room))); then
+    seen=$code
+    if ((code == 4 || (code != 0 && ${#options[@]}))) && ! has_crashed; then
         flashed=true
-        install "$state" "$work/good.pkg"
-        ((code == 0)) || complain "no good package can be installed afterwards"
+        install "$state" "$work/good.pkg" "$3"
+        ((code == 0)) || complain "no good package can be installed afterwards: $(why "$state")"
+        has_crashed || code=$seen
     fi
     # What a device has changed, and what a refused package may have left behind unseen, is gone before the next one.
     if ((code == 0 || ${#complaints[@]})) || "$flashed"; then
         make_device "$state"
     fi
-    ((${#complaints[@]} == 0)) || outcome=failed
-    jq -cn --arg id "$id" --arg outcome "$outcome" --arg why "$(printf '%s; ' "${complaints[@]}")" \
-        '{kind: "package_mutation", $id, $outcome} + if $outcome == "failed" then {$why} else {} end'
 }
 
-# Every refused package together: the device is as good as new.
-try_good_package() {
-    local state=$1 code
-    install "$state" "$work/good.pkg"
-    if ((code != 0)); then
-        jq -cn --arg why "$(<"$state.said")" \
-            '{kind: "package_mutation", id: "good_package_after_all", outcome: "failed", $why}'
+# result ID OUTCOME [AT_FIRST]: a line of JSON, with what is complained of.
+result() {
+    jq -cn --arg id "$1" --arg outcome "$2" --arg at_first "${3-}" --arg why "$(printf '%s; ' "${complaints[@]}")" \
+        '{kind: "package_mutation", $id, $outcome} + if $outcome == "failed" then {$why} else {} end +
+         if $at_first == "" then {} else {$at_first} end'
+}
+
+# try STATE ID: a result.
+try() {
+    local state=$1 id=$2 verified code faults at_first=''
+    rm -rf "$state.components" "$state.packages"
+    mkdir -p "$state.packages"
+    complaints=()
+    if ! "$maker" make "$id" "$state.packages/mutation.pkg" "$state.components" 2>"$state.said"; then
+        complain "it cannot be made: $(<"$state.said")"
+        result "$id" failed
+        return
+    fi
+    attempt "$state" "$id" "$speed"
+    if ((${#complaints[@]})) && ! has_crashed; then
+        at_first=$(printf '%s; ' "${complaints[@]}")
+        attempt "$state" "$id" 1
+    fi
+    if ((${#complaints[@]})); then
+        result "$id" failed "$at_first"
+    else
+        result "$id" "verify $verified, device $code" "$at_first"
     fi
 }
 
-# series NUMBER: every `jobs`-th of the ids.
+# try_good_package STATE NUMBER: every refused package together, and the device is as good as new.
+try_good_package() {
+    local state=$1 code id="good_package_after_all:$2" at_first=''
+    complaints=()
+    install "$state" "$work/good.pkg" "$speed"
+    if ((code != 0 && code < 124)); then
+        at_first=$(why "$state")
+        install "$state" "$work/good.pkg" 1
+    fi
+    if ((code != 0)); then
+        complain "exit code $code: $(why "$state")"
+        result "$id" failed "$at_first"
+    else
+        result "$id" "device 0" "$at_first"
+    fi
+}
+
+# series NUMBER: every `jobs`-th of the ids, on a device of its own.
 series() {
     local state=$work/device$1 id
     make_device "$state"
     cp -a --sparse=always "$state" "$state.pristine"
-    awk -v jobs="$jobs" -v number="$1" 'NR % jobs == number' "$work/ids" >"$work/ids$1"
     while ((SECONDS < seconds)) && read -r id; do
         try "$state" "$id" </dev/null
     done <"$work/ids$1" >"$work/results$1"
-    try_good_package "$state" >>"$work/results$1"
+    try_good_package "$state" "$1" >"$work/last$1"
+}
+
+# conclude STATUS...: of the series. Each package that was selected has one result, unless time is up, and each device one.
+conclude() {
+    local status tried failed=0 left_out second lost
+    cat "$work"/results* "$work"/last* >"$work/all"
+    [[ -z $json ]] || cp -- "$work/all" "$json"
+    tried=$(wc -l <"$work/all")
+    failed=$(jq -r 'select(.outcome == "failed") | .id' "$work/all" | wc -l)
+    jq -r 'select(.outcome == "failed") | "FAILED --only \(.id): \(.why)"' "$work/all"
+    second=$(jq -r 'select(.at_first and .outcome != "failed") | "SECOND TRY --only \(.id): at first: \(.at_first)"' "$work/all")
+    [[ -z $second ]] || printf '%s\n' "$second"
+    jq -r .outcome "$work/all" | sort | uniq -c | sed 's/^ */  /'
+    printf 'of each kind: %s\n' "$(jq -r .id "$work/all" | cut -d : -f 1 | sort | uniq -c | awk '{ printf "%s %d, ", $2, $1 }')"
+    lost=$(comm -23 <(sort -u "$work/ids") <(jq -r .id "$work/all" | sort -u))
+    left_out=$(grep -c . <<<"$lost" || true)
+    if ((left_out)); then
+        printf 'package_mutation: %d packages were left out, from %s on\n' "$left_out" "$(head -n 1 <<<"$lost")"
+        ((SECONDS >= seconds)) || failed=$((failed + left_out))
+    fi
+    for status; do
+        ((status == 0)) || { printf 'FAILED a series ended with status %d\n' "$status" && failed=$((failed + 1)); }
+    done
+    ((tried == $(wc -l <"$work/ids") + jobs - left_out)) ||
+        { printf 'FAILED there are %d results\n' "$tried" && failed=$((failed + 1)); }
+    printf 'package_mutation: passed only at the second try: %d\n' "$(grep -c . <<<"$second" || true)"
+    printf 'package_mutation: tried %d, ok %d, failed %d\n' "$tried" "$((tried > failed ? tried - failed : 0))" "$failed"
+    ((failed == 0 && tried > jobs))
 }
 
 bwrap --ro-bind / / --unshare-pid --proc /proc --dev /dev -- true 2>/dev/null ||
@@ -245,25 +341,32 @@ if [[ -z $work ]]; then
     trap 'rm -rf -- "$work"' EXIT
 fi
 mkdir -p "$work"
-rm -f "$work"/results*
+rm -f "$work"/{results,last}*
 "$maker" make as_it_is:1 "$work/good.pkg" "$work/good"
-"$maker" list "$mode" >"$work/ids"
-[[ -z $only ]] || { tr , '\n' <<<"$only" >"$work/ids" && jobs=1; }
+if [[ -n $only ]]; then
+    tr , '\n' <<<"$only" >"$work/ids"
+    jobs=1
+elif [[ $mode == full ]]; then
+    "$maker" list full >"$work/ids"
+else
+    [[ -n $seed ]] || seed=$(git -C "$root" rev-parse HEAD 2>/dev/null) || seed='no commit'
+    printf 'drawn with --seed %q\n' "$seed"
+    "$maker" list quick "$seed" >"$work/ids"
+fi
+# None is drawn twice, and each kind is among them.
+[[ -z $(sort "$work/ids" | uniq -d) ]] || { printf 'package_mutation: some are listed twice\n' && exit 1; }
+[[ -n $only ]] || [[ -z $(comm -13 <(cut -d : -f 1 "$work/ids" | sort -u) <("$maker" kinds | sort)) ]] ||
+    { printf 'package_mutation: not every kind is selected\n' && exit 1; }
 
+pids=() statuses=()
 for ((number = 0; number < jobs; ++number)); do
+    awk -v jobs="$jobs" -v number="$number" 'NR % jobs == number' "$work/ids" >"$work/ids$number"
     series "$number" &
+    pids+=($!)
 done
-wait
-cat "$work"/results[0-9]* >"$work/results"
-[[ -z $json ]] || cp -- "$work/results" "$json"
-
-tried=$(wc -l <"$work/results")
-failed=$(jq -r 'select(.outcome == "failed") | .id' "$work/results" | wc -l)
-left_out=$(($(wc -l <"$work/ids") - tried))
-lost=0
-((left_out <= 0)) || printf 'package_mutation: %d packages were left out\n' "$left_out"
-((left_out <= 0 || SECONDS >= seconds)) || lost=$left_out
-jq -r 'select(.outcome == "failed") | "FAILED --only \(.id): \(.why)"' "$work/results"
-jq -r '.outcome' "$work/results" | sort | uniq -c | sed 's/^ */  /'
-printf 'package_mutation: tried %d, ok %d, failed %d\n' "$tried" "$((tried - failed))" "$failed"
-((failed == 0 && lost == 0 && tried > 0))
+for pid in "${pids[@]}"; do
+    status=0
+    wait "$pid" || status=$?
+    statuses+=("$status")
+done
+conclude "${statuses[@]}"

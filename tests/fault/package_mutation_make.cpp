@@ -1,6 +1,8 @@
 // Makes packages with something wrong, for package_mutation.sh:
 //
-//   package_mutation_make list quick|full     the ids: KIND:SEED
+//   package_mutation_make kinds               their names
+//   package_mutation_make list full           the ids: KIND:SEED
+//   package_mutation_make list quick WORD     some of each kind, drawn from these by the word
 //   package_mutation_make make ID FILE DIR    that package, and in DIR the components that a device may flash from it
 //
 // A kind's seed says which of its many forms; the same id gives the same package, but for keys and signatures.
@@ -13,6 +15,7 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <numeric>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -462,17 +465,37 @@ constexpr Kind kKinds[] = {
     {"owner", 1, 10, otherOwner},
     {"empty_component", 1, 7, emptyComponent},
     {"bomb", 1, 3, bomb},
-    {"many_files", 0, 1, manyFiles},
+    {"many_files", 1, 1, manyFiles},
 };
 
+std::vector<unsigned> allSeeds(const Kind& kind) {
+    std::vector<unsigned> seeds(kind.full);
+    std::iota(seeds.begin(), seeds.end(), 1);
+    return seeds;
+}
+
+// Of each kind some, the same for the same word. The shuffle is our own, for that of a library may change.
+std::vector<unsigned> drawnSeeds(const Kind& kind, const std::string& word) {
+    const std::string text = word + kind.name;
+    std::seed_seq sequence(text.begin(), text.end());
+    std::mt19937 random(sequence);
+    std::vector<unsigned> seeds = allSeeds(kind);
+    for (unsigned place = 0; place < kind.quick; ++place) {
+        std::swap(seeds[place], seeds[place + random() % (kind.full - place)]);
+    }
+    seeds.resize(kind.quick);
+    return seeds;
+}
+
 // One of each kind, then the second of each, so that a series that is cut short has tried all kinds.
-void list(bool full) {
+void list(const std::function<std::vector<unsigned>(const Kind& kind)>& choose) {
     bool any = true;
-    for (unsigned seed = 1; any; ++seed) {
+    for (std::size_t round = 0; any; ++round) {
         any = false;
         for (const Kind& kind : kKinds) {
-            if (seed <= (full ? kind.full : kind.quick)) {
-                std::printf("%s:%u\n", kind.name, seed);
+            const std::vector<unsigned> seeds = choose(kind);
+            if (round < seeds.size()) {
+                std::printf("%s:%u\n", kind.name, seeds[round]);
                 any = true;
             }
         }
@@ -509,8 +532,18 @@ void make(const std::string& id, const std::string& file, const std::string& dir
 int main(int argc, char** argv) {
     const std::vector<std::string> words(argv + 1, argv + argc);
     try {
-        if (words.size() == 2 && words[0] == "list") {
-            list(words[1] == "full");
+        if (words == std::vector<std::string>{"kinds"}) {
+            for (const Kind& kind : kKinds) {
+                std::printf("%s\n", kind.name);
+            }
+            return 0;
+        }
+        if (words == std::vector<std::string>{"list", "full"}) {
+            list(allSeeds);
+            return 0;
+        }
+        if (words.size() == 3 && words[0] == "list" && words[1] == "quick") {
+            list([&words](const Kind& kind) { return drawnSeeds(kind, words[2]); });
             return 0;
         }
         if (words.size() == 4 && words[0] == "make") {
@@ -521,6 +554,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "package_mutation_make: %s\n", problem.what());
         return 1;
     }
-    std::fprintf(stderr, "usage: package_mutation_make list quick|full | make ID FILE DIR\n");
+    std::fprintf(stderr,
+                 "usage: package_mutation_make kinds | list full | list quick WORD | make ID FILE DIR\n");
     return 2;
 }

@@ -137,4 +137,5 @@ done
 say "how the device came back"
 printf '%-14s %6s %8s  %s\n' fault starts after "the boot loader said"
 printf '%s\n' "${summary[@]}"
+expect "emulators that ended by themselves" "${#machine_faults[@]}" 0
 end_with_failures broken

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Power cuts of a whole device, in the virtual machine, at moments that are spread over an installation, an activation, a
-# rollback and the start after an activation. Each time the device must come up from a whole slot, be ready for upgrades,
+# Power cuts of a whole device, in the virtual machine, at moments that are drawn within an installation, an activation, a
+# rollback and the start after an activation: one in each of as many equal shares as there are cuts of that kind. Each time the device must come up from a whole slot, be ready for upgrades,
 # and take the next one. There are two kinds:
 #
 #   killed     the emulators of both processors are killed. What the kernel of the device has not handed over to its disk
@@ -10,8 +10,12 @@
 #              of the boot loader are few: `loader` and `loader-back` are an installation and a rollback that are cut off
 #              just there
 #
-#   cuts.sh HOST_BUILD ARM64_BUILD SYSROOT WORK [NUMBER_KILLED [NUMBER_UNFLUSHED]]
+#   cuts.sh HOST_BUILD ARM64_BUILD SYSROOT WORK [NUMBER_KILLED [NUMBER_UNFLUSHED [SEED]]]
+#
+# SEED is what the moments, and the kinds of the first ones, are drawn from: any word. It is the id of the commit unless
+# given, so that every state of the code is cut elsewhere. Exit status 1 when a cut failed, or has no verdict.
 set -euo pipefail
+shopt -s inherit_errexit
 
 here=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")" && pwd)
 # shellcheck source=releases.sh
@@ -20,6 +24,7 @@ source "$here/releases.sh"
 host=$(realpath -- "$1") target=$(realpath -- "$2") sysroot=$(realpath -- "$3")
 work=$(realpath -m -- "$4")/cuts
 number=${5:-10} unflushed=${6:-10}
+seed=${7:-$(git -C "$here" rev-parse HEAD 2>/dev/null || printf 'no commit')}
 machine=$work/machine
 export KAVRO_TWIN_PROGRAMS=$host/twin
 
@@ -34,7 +39,10 @@ declare -A command_of=([install]="upgradectl install --plain /media/$second.pkg"
 kinds_killed=(install start install activate rollback)
 kinds_unflushed=(install loader start install activate rollback loader-back)
 declare -A loader_written_by=([loader]=install [loader-back]=rollback)
+# The version of the microcontroller's application before the command and after it.
+declare -A mcu_before=([install]=7 [activate]=8 [start]=8 [rollback]=8) mcu_after=([install]=8 [rollback]=7)
 declare -A milliseconds_of=() cuts_of=() done_of=()
+judged=0
 
 now_in_milliseconds() {
     printf '%d\n' $((${EPOCHREALTIME/./} / 1000))
@@ -143,20 +151,42 @@ loader_of() {
     printf 'part\n'
 }
 
+# ask COMMAND...: what the device answers; that it does not is a fault, too.
+ask() {
+    answer=$(machine_run "$@") || faults+=("'$*' fails: $(tail -n 1 <<<"$answer")")
+}
+
+# check_microcontroller RUN: only a run that has not told of its success may leave it as it was, or without an application.
+check_microcontroller() {
+    local allowed last_run
+    ask upgradectl status --json
+    last_run=$(jq -r .last_run <<<"$answer") || last_run=unreadable
+    case $1:$last_run in
+    install:upgrade_success | rollback:rollback_success) allowed=${mcu_after[$1]} ;;
+    install:*_failure | rollback:*_failure) allowed="${mcu_before[$1]} ${mcu_after[$1]} null" ;;
+    *) allowed=${mcu_before[$1]} ;;
+    esac
+    [[ " ${put:-$allowed} " == *" $mcu "* ]] || faults+=("the microcontroller runs $mcu, the last run was: $last_run")
+}
+
 # come_back RUN: the power is there again. Each of these must be so; what is not is in `faults`.
 come_back() {
-    faults=() starts=0 slot=- release=- mcu=- next=-
+    starts=0 slot=- release=- mcu=- next=-
     loader=$(loader_of)
-    mcu_start "$machine"
+    mcu_start "$machine" || { faults+=("the microcontroller does not start") && return; }
     machine_boot "$machine" || { faults+=("does not come up") && return; }
-    slot=$(machine_run fw_printenv -n boot_slot)
-    release=$(machine_run cat /etc/kavro-release)
+    ask fw_printenv -n boot_slot
+    slot=$answer
+    ask cat /etc/kavro-release
+    release=$answer
     case $1 in
     install) [[ $release == "$first" ]] || faults+=("left the old slot") ;;
     start | activate | rollback) [[ $release == "$first" || $release == "$second" ]] || faults+=("no whole slot") ;;
     esac
-    machine_run upgradectl init >"$work/init.log" || faults+=("init: $(tail -n 1 "$work/init.log")")
-    mcu=$(machine_run upgradectl versions --json | jq .microcontroller)
+    ask upgradectl init
+    ask upgradectl versions --json
+    mcu=$(jq .microcontroller <<<"$answer") || faults+=("upgradectl versions says: $answer")
+    check_microcontroller "$1"
 }
 
 # install_next: as if nothing had been.
@@ -169,24 +199,38 @@ install_next() {
             $(machine_run upgradectl versions --json | jq .microcontroller) == 9 ]]
 }
 
-# share_of KIND WHOLE: the middle of the share of the next cut of its kind.
+# drawn LIMIT WORD...: a number from 0 to LIMIT - 1, always the same of the same words and the same seed.
+drawn() {
+    local digest
+    digest=$(printf '%s ' "$seed" "${@:2}" | sha256sum)
+    printf '%d\n' $((16#${digest:0:12} % $1))
+}
+
+# share_of KIND WHOLE: a moment within the share of the next cut of its kind.
 share_of() {
-    printf '%d\n' $(($2 * (2 * ${done_of[$1]-0} + 1) / (2 * cuts_of[$1])))
+    local number=${done_of[$1]-0} from to
+    from=$(($2 * number / cuts_of[$1]))
+    to=$(($2 * (number + 1) / cuts_of[$1]))
+    printf '%d\n' $((from + $(drawn $((to > from ? to - from : 1)) "$1" "$number")))
 }
 
 # judge KIND AT WHAT [RUN]: what becomes of the device after the cut.
 judge() {
     local verdict=ok
+    faults=()
     come_back "${4-$1}"
     ((${#faults[@]})) || install_next || faults+=("the next installation: $(tail -n 1 "$work/next.log")")
     ((${#faults[@]})) || [[ $(loader_of) == "${third##*.}" ]] || faults+=("the boot loader is that of $(loader_of)")
     machine_cut
+    faults+=("${machine_faults[@]}")
+    machine_faults=()
     if ((${#faults[@]})); then
-        verdict="FAIL: ${faults[*]}"
+        verdict="FAIL: $(printf '%s; ' "${faults[@]}")"
         failures=$((failures + 1))
         mv "$machine" "$work/failed-$failures"
     fi
     done_of[$1]=$((${done_of[$1]-0} + 1))
+    judged=$((judged + 1))
     printf '%-11s %12s  %-48.48s %-6s %6d %-4s %-10s %-5s %-10s %s\n' "$1" "$2" "$3" "$loader" "$starts" "$slot" \
         "$release" "$mcu" "$next" "$verdict"
 }
@@ -195,6 +239,7 @@ kill_during() {
     local at
     at=$(share_of "$1" "${milliseconds_of[$1]}")
     cut_at "$1" "$at"
+    put=
     judge "$1" "$at ms" "$heard"
 }
 
@@ -214,11 +259,20 @@ log_writes() {
     mv "$work/logged/mcu/flash.bin" "$work/$1.mcu"
 }
 
-# put_microcontroller KIND RUN: as it was, without its application, or done: nobody knows at which write it was where.
+# put_microcontroller KIND RUN: as it was, without its application, or done: nobody knows at which write it was where. Sets
+# `put`, what it is then; a command that does not program it leaves it as it was.
 put_microcontroller() {
-    case $((${done_of[$1]-0} % 3)) in
-    1) "$KAVRO_TWIN_PROGRAMS/mcu-emulator" format "$machine/mcu/flash.bin" ;;
-    2) cp "$work/$2.mcu" "$machine/mcu/flash.bin" ;;
+    put=${mcu_before[$2]}
+    [[ -n ${mcu_after[$2]-} ]] || return 0
+    case $(drawn 3 microcontroller "$1" "${done_of[$1]-0}") in
+    1)
+        "$KAVRO_TWIN_PROGRAMS/mcu-emulator" format "$machine/mcu/flash.bin"
+        put=null
+        ;;
+    2)
+        cp "$work/$2.mcu" "$machine/mcu/flash.bin"
+        put=${mcu_after[$2]}
+        ;;
     esac
 }
 
@@ -255,20 +309,29 @@ cuts() {
     done
 }
 
-# first_of NUMBER KIND...: as many kinds, over and over.
-first_of() {
-    local index
+# choose NUMBER KIND...: sets `chosen` to as many kinds, over and over, from a drawn one on.
+choose() {
+    local index first
+    chosen=()
+    first=$(drawn $(($# - 1)) first "${@:2}")
     for ((index = 0; index < $1; index++)); do
-        printf '%s\n' "${@:2 + index % ($# - 1):1}"
+        chosen+=("${@:2 + (first + index) % ($# - 1):1}")
     done
 }
 
-trap machine_cut EXIT
+# Also when the script ends early: a cut without a verdict is a failure.
+conclude() {
+    local status=$?
+    machine_cut
+    printf '\n%d cuts of %d have a verdict, %d failed; drawn from %s\n' "$judged" $((number + unflushed)) "$failures" "$seed"
+    ((status == 0 && judged == number + unflushed && judged > 0 && failures == 0)) || exit 1
+}
+
+trap conclude EXIT
+say "drawn from $seed"
 make_packages
 make_states
-# shellcheck disable=SC2046  # kinds are words
-cuts kill_during "both processors are killed" $(first_of "$number" "${kinds_killed[@]}")
-# shellcheck disable=SC2046
-cuts lose_during "the disk loses what was not flushed" $(first_of "$unflushed" "${kinds_unflushed[@]}")
-printf '\n%d cuts, %d failed\n' $((number + unflushed)) "$failures"
-((!failures))
+choose "$number" "${kinds_killed[@]}"
+cuts kill_during "both processors are killed" "${chosen[@]}"
+choose "$unflushed" "${kinds_unflushed[@]}"
+cuts lose_during "the disk loses what was not flushed" "${chosen[@]}"

@@ -147,10 +147,21 @@ machine_read_loader() {
     machine_get "$1/disk.img" bootloader "$1/loader.bin"
 }
 
-# end PID: at once, as power does.
+# What an emulator did that no device does: it ended by itself, in another way than by a reset. Whoever drives the machine
+# counts it among the failures.
+machine_faults=()
+
+# machine_end_process WHAT PID STATUS...: at once, as power does. It may have ended just before, with one of these.
 machine_end_process() {
-    kill -KILL "$1" 2>/dev/null || true
-    wait "$1" 2>/dev/null || true
+    kill -KILL "$2" 2>/dev/null || true
+    machine_collect "$@" 137
+}
+
+# machine_collect WHAT PID STATUS...: of an emulator that has ended or is about to; each of these is in order.
+machine_collect() {
+    local status=0
+    wait "$2" 2>/dev/null || status=$?
+    [[ " ${*:3} " == *" $status "* ]] || machine_faults+=("the emulator of the $1 ended by itself, with status $status")
 }
 
 # mcu_start MACHINE [FAULT...]
@@ -214,9 +225,15 @@ machine_is_on() {
 
 # machine_cut: the power goes, of both processors. What the main processor has not handed over to its disk is lost.
 machine_cut() {
-    [[ -z $machine_pid ]] || machine_end_process "$machine_pid"
-    [[ -z $mcu_pid ]] || machine_end_process "$mcu_pid"
+    [[ -z $machine_pid ]] || machine_end_process "main processor" "$machine_pid" 0
+    [[ -z $mcu_pid ]] || machine_end_process microcontroller "$mcu_pid"
     machine_pid='' mcu_pid=''
+}
+
+# machine_note_reset: of a main processor that is off. The emulator ends with 0 then.
+machine_note_reset() {
+    machine_collect "main processor" "$machine_pid" 0
+    machine_pid=
 }
 
 # machine_wait_for_reset SECONDS: until the main processor has reset itself.
@@ -226,8 +243,7 @@ machine_wait_for_reset() {
         ((SECONDS < end)) || return 1
         sleep 0.1
     done
-    wait "$machine_pid" 2>/dev/null || true
-    machine_pid=
+    machine_note_reset
 }
 
 # machine_read_line SECONDS: what the device says next, in `line`. Fails when it says nothing in that time, or is off.
@@ -287,6 +303,7 @@ machine_boot() {
         starts=$((starts + 1))
         ! machine_wait_until_ready 180 || return 0
         ! machine_is_on || return 1
+        machine_note_reset
     done
     return 1
 }

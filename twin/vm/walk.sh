@@ -175,4 +175,6 @@ roll_back
 restart
 check_first_runs_again
 show_summary
+machine_cut
+expect "emulators that ended by themselves" "${#machine_faults[@]}" 0
 end_with_failures device
