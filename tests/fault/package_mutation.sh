@@ -54,42 +54,40 @@ not_run() {
     exit 77
 }
 
-# may_be_taken KIND: whether a device may take what `verify` refuses, for each of the faults in `faults` and for nothing else.
+# may_be_taken KIND: whether a device may take what `verify` refuses. Each of the faults in `faults` must be the reason that
+# is right for this kind, or follow from it: what cannot be read as a plain archive has nothing in it.
 may_be_taken() {
-    local allowed
+    local reason follows='nothing' unread="the payload cannot be read as a plain tar archive"
+    local missing="[^:]*: .*'[^']*' is missing from the archive"
     case $1 in
     # Texts for people, and what stands behind them; numbers that a device reads with fewer digits or a sign.
     trailer_field | trailer_bit)
-        allowed="trailer: (a version in the trailer is|the length of the user text|.* too short for its (branch|user) text|the unused end)"
+        reason="trailer: (a version in the trailer is|the length of the user text|.* too short for its (branch|user) text|the unused end)"
         ;;
-    # `tar` knows by itself how a payload is compressed; so nothing is where a plain archive would have it.
+    # `tar` knows by itself how a payload is compressed.
     compressed)
-        allowed="archive: (the payload of .* is no whole number of tar blocks|.*Unrecognized archive format)|.*: '.*' is missing from the archive" ;;
+        reason="archive: $unread: Unrecognized archive format$"
+        follows="archive: the payload of .* is no whole number of tar blocks|$missing"
+        ;;
     # The last one of a name counts, and it is checked.
-    duplicate) allowed="[^:]*: the archive holds '.*', which it has more than once" ;;
+    duplicate) reason="[^:]*: the archive holds '.*', which it has more than once$" ;;
     # What is none of the 14 files does not matter: `tar` keeps it within the directory, or leaves it out.
-    besides) allowed="archive: the archive holds '.*', and a device takes a name with a comma for two" ;;
-    long_name) allowed="archive: the archive holds '.*', which is a longer name than a device can store" ;;
-    outside_name) allowed="archive: the archive holds '.*', which does not lie at the archive's top level" ;;
-    link_then_through)
-        allowed="archive: the archive holds '.*', which (is no regular file \(symbolic link\)|does not lie at the archive's top level)"
-        ;;
+    outside_name) reason="archive: the archive holds '.*', which does not lie at the archive's top level$" ;;
+    link_then_through) reason="archive: the archive holds '.*', which is no regular file \(symbolic link\)$" ;;
     # The list of versions is for people: it is signed, and not flashed.
-    empty_component) allowed="version_list.acs: 'version_list.acs' is empty" ;;
-    # Names and types that `tar` makes a file of the right name of, by whose content all is decided: ".//ext4".
+    empty_component) reason="version_list.acs: 'version_list.acs' is empty$" ;;
+    # Names and types that `tar` makes a file of the right name of, by whose content all is decided.
     component_renamed)
-        allowed="archive: the archive holds '.*', which does not lie at the archive's top level|.*: .*is missing from the archive"
+        reason="archive: the archive holds '.*', which does not lie at the archive's top level$"
+        follows=$missing
         ;;
-    link)
-        allowed="archive: the archive holds '.*', which is no regular file \((symbolic|hard) link\)"
-        allowed+="|.*: the archive holds '.*', which is no regular file \((symbolic|hard) link\)"
-        ;;
-    other_type | header_bit | payload_bit_and_md5 | pax)
-        allowed="archive: the payload cannot be read as a plain tar archive: .*|.*: .*is missing from the archive"
+    link) reason="[^:]*: the archive holds '.*', which is no regular file \((symbolic|hard) link\)$" ;;
+    other_type | pax)
+        reason="archive: $unread: (an entry has the type '.*', which no entry of a package may have|the header of '.*' has '.*' for its size with its holes)$"
         ;;
     *) return 1 ;;
     esac
-    [[ -n $faults ]] && ! grep -qvE "^($allowed)" <<<"$faults"
+    grep -qE "^($reason)" <<<"$faults" && ! grep -qvE "^($reason|$follows)" <<<"$faults"
 }
 
 # fails_while_flashing KIND: what is signed, but nothing that can be flashed. The inactive slot is half written then, and
@@ -361,6 +359,8 @@ fi
 pids=() statuses=()
 for ((number = 0; number < jobs; ++number)); do
     awk -v jobs="$jobs" -v number="$number" 'NR % jobs == number' "$work/ids" >"$work/ids$number"
+    : >"$work/results$number"
+    : >"$work/last$number"
     series "$number" &
     pids+=($!)
 done
