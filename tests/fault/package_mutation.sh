@@ -81,7 +81,7 @@ may_be_taken() {
         reason="archive: the archive holds '.*', which does not lie at the archive's top level$"
         follows=$missing
         ;;
-    link) reason="[^:]*: the archive holds '.*', which is no regular file \((symbolic|hard) link\)$" ;;
+    link) reason="archive: the archive holds '.*', which is no regular file \((symbolic|hard) link\)$" ;;
     other_type | pax)
         reason="archive: $unread: (an entry has the type '.*', which no entry of a package may have|the header of '.*' has '.*' for its size with its holes)$"
         ;;
