@@ -439,6 +439,7 @@ judge_options_of() {
     scenario=${scenario%%.*}
     printf '%s\n' --run "$releases/${brings[$scenario]}"
     [[ $scenario == init-origin ]] || is_wiped "$1" || printf '%s\n' --keeps-package
+    [[ $scenario != init-@(trial|torn) ]] || printf '%s\n' --keeps-way-back
 }
 
 # check_of STATE: where the verdict on a device like this one is. States of several scenarios may be one.

@@ -302,6 +302,7 @@ collect() {
 judge_options_of() {
     printf '%s\n' --run "$releases/${brings[$1]}"
     [[ $1 != install-over* ]] || printf '%s\n' --over "$releases/second"
+    [[ $1 != @(activate|confirm|start)?(+start) ]] || printf '%s\n' --keeps-way-back
 }
 
 # ask_judge SPEED DEVICE SAID OPTION...: a copy is judged, for that changes it. Ends the child that asks where not even that
