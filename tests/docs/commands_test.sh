@@ -25,20 +25,12 @@ make_place() {
     ln -s "$build" "$work/tree/build/release"
 }
 
-# Pauses are shortened, but when everything is tried as it is.
-short_clock() {
-    local clock=$build/tests/fault/libkavro_short_clock.so
-    [[ ${KAVRO_TEST_EXTENT-} == whole || ! -e $clock ]] || printf '%s\n' --setenv LD_PRELOAD "$clock" --setenv KAVRO_CLOCK_SPEED 8
-}
-
 # No loop devices inside: a twin has the plain form, whoever runs this, and nothing stays behind on the host.
 run_in_place() {
-    local clock
-    mapfile -t clock < <(short_clock)
     bwrap --unshare-pid --die-with-parent --dev-bind / / --proc /proc --dev /dev --bind "$work/tmp" /tmp \
         --ro-bind "$root" "$root" --ro-bind "$build" "$build" --bind "$work" "$work" --chdir "$work/tree" \
         --setenv KAVRO_TWIN_PROGRAMS "$build/twin" --setenv PATH "$build/tools/upgradectl:$build/twin:$PATH" \
-        --setenv LC_ALL C.UTF-8 --setenv TZ UTC --unsetenv SOURCE_DATE_EPOCH "${clock[@]}" \
+        --setenv LC_ALL C.UTF-8 --setenv TZ UTC --unsetenv SOURCE_DATE_EPOCH \
         -- "$0" --inside "$work" "$document"
 }
 

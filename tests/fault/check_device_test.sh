@@ -12,13 +12,16 @@ twin=$root/twin/twin
 source "$root/twin/device.sh"
 # shellcheck source=releases.sh
 source "$here/releases.sh"
+# shellcheck source=results.sh
+source "$here/results.sh"
 
 build=$(realpath -- "$1")
 export KAVRO_TWIN_PROGRAMS=$build/twin
 upgradectl=$build/tools/upgradectl/upgradectl
 programs=$build/tests/fault
 work=$(mktemp -d)
-jobs=4
+# shellcheck disable=SC2034  # both are of what the suites share
+name=check_device_test jobs=4
 trap 'rm -rf -- "$work"' EXIT
 bases=$work/bases releases=$work/releases
 mkdir -p "$bases" "$releases"
@@ -89,7 +92,7 @@ is_wrong() {
 # conclude: each one that was asked has a verdict.
 conclude() {
     local right
-    wait
+    await_children
     cat "$work"/verdict.*
     right=$(cat "$work"/verdict.* | grep -cE '^(all holds|noticed): ' || true)
     printf 'check_device_test: judged %d, ok %d\n' "$asked" "$right"

@@ -3,7 +3,6 @@
 #include <stdexcept>
 
 #include "tests/support/device.h"
-#include "tests/support/extent.h"
 #include "tests/support/test_package.h"
 
 namespace tool_test {
@@ -43,15 +42,6 @@ void makeRsaKey(const fs::path& path, int bits) {
         runProgram({"openssl", "genpkey", "-algorithm", "RSA", "-pkeyopt",
                     "rsa_keygen_bits:" + std::to_string(bits), "-out", path.string()});
     require(result.exitCode == 0, "openssl genpkey: " + result.err);
-}
-
-std::vector<std::string> shortPauses() {
-#ifdef KAVRO_SHORT_CLOCK
-    if (!testsupport::isWholeExtent()) {
-        return {"LD_PRELOAD=" KAVRO_SHORT_CLOCK, "KAVRO_CLOCK_SPEED=8"};
-    }
-#endif
-    return {};
 }
 
 ProgramResult upgradectl(std::vector<std::string> arguments, const std::vector<std::string>& environment) {

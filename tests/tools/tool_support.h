@@ -22,11 +22,8 @@ void makeComponents(const std::filesystem::path& directory);
 void makeEcKey(const std::filesystem::path& path);
 void makeRsaKey(const std::filesystem::path& path, int bits = 2048);
 
-// Settings for a program's environment that shorten its pauses, where there is a clock for that; none in the whole extent.
-std::vector<std::string> shortPauses();
-
 // Runs upgradectl to its end.
 ProgramResult upgradectl(std::vector<std::string> arguments,
-                         const std::vector<std::string>& environment = shortPauses());
+                         const std::vector<std::string>& environment = {});
 
 }  // namespace tool_test

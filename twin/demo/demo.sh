@@ -7,8 +7,7 @@
 #   demo.sh [--plain] [--brief] BUILD_DIR [WORK_DIR]
 #
 # As root the device has real file systems and block devices, unless --plain is given or the host has no loop devices.
-# --brief is the same with small components, and with the pauses of the device's programs shortened where BUILD_DIR has a
-# clock for it.
+# --brief is the same with small components.
 set -euo pipefail
 
 here=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")" && pwd)
@@ -17,7 +16,7 @@ source "$here/../device.sh"
 # shellcheck source=../checks.sh
 source "$here/../checks.sh"
 
-form=block release_options=() loses_power_at=40 clock_speed=8
+form=block release_options=() loses_power_at=40
 if [[ $1 == --plain || -n $(twin_why_no_block_devices) ]]; then form=plain; fi
 [[ $1 != --plain ]] || shift
 # The microcontroller's application has fewer blocks then.
@@ -37,11 +36,6 @@ third=1.106.9.3
 package_bytes=134217728
 start_limit=3
 summary=()
-clock=$build/tests/fault/libkavro_short_clock.so
-on_clock=()
-if ((${#release_options[@]})) && [[ -e $clock ]]; then
-    on_clock=(env "LD_PRELOAD=$clock" "KAVRO_CLOCK_SPEED=$clock_speed")
-fi
 
 twin() {
     "$here/../twin" "$@"
@@ -59,7 +53,7 @@ run_on_device() {
 
 on_device() {
     printf '$ upgradectl %s\n' "$*"
-    run_on_device -- "${on_clock[@]}" "$upgradectl" "$@"
+    run_on_device -- "$upgradectl" "$@"
     look
 }
 
@@ -156,7 +150,7 @@ start_anew() {
 
 # Another program on the device follows the run by its messages and its log.
 start_watching() {
-    run_on_device -- "${on_clock[@]}" timeout 120 "$upgradectl" watch --until-end >"$work/watch.txt" 2>&1 &
+    run_on_device -- timeout 120 "$upgradectl" watch --until-end >"$work/watch.txt" 2>&1 &
     watcher=$!
 }
 
@@ -223,7 +217,7 @@ fail_to_install_third() {
     local before status=0
     before=$(digest_of_what_runs)
     printf '$ upgradectl install %s\n' "$work/$third.pkg"
-    run_on_device --mcu-fault "power-loss=$loses_power_at" -- "${on_clock[@]}" "$upgradectl" install "$work/$third.pkg" || status=$?
+    run_on_device --mcu-fault "power-loss=$loses_power_at" -- "$upgradectl" install "$work/$third.pkg" || status=$?
     look
     printf 'the last that was heard of the microcontroller:\n'
     tail -n 4 "$device/mcu/log"
