@@ -84,7 +84,14 @@ twin_hold_partitions() {
         # shellcheck disable=SC2034  # it is the descriptor that counts
         exec {held}<>"$device"
     done
-    losetup --detach "$1"/partitions/*
+    twin_detach_links "$1"/partitions/*
+}
+
+# twin_detach_links LINK...: losetup cuts a long path off, so it is given the devices themselves.
+twin_detach_links() {
+    local devices
+    mapfile -t devices < <(readlink -- "$@")
+    losetup --detach "${devices[@]}"
 }
 
 # twin_detach_disks DIR: fails while something on the host still uses a file system.
@@ -95,6 +102,6 @@ twin_detach_disks() {
     done
     ((${#mounted[@]} == 0)) || umount "${mounted[@]}" || return 1
     twin_read_partitions "$dir"
-    ((${#TWIN_ATTACHED[@]} == 0)) || losetup --detach "${TWIN_ATTACHED[@]/#/$dir/partitions/}" || return 1
+    ((${#TWIN_ATTACHED[@]} == 0)) || twin_detach_links "${TWIN_ATTACHED[@]/#/$dir/partitions/}" || return 1
     rm -f "${TWIN_PARTITIONS[@]/#/$dir/partitions/}"
 }

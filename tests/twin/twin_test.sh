@@ -762,6 +762,17 @@ test_a_removed_block_device_leaves_nothing_on_the_host() {
 }
 
 # on block devices
+test_a_device_below_a_long_path_is_removed() {
+    local place
+    place=$(printf 'long%.0s' {1..40})
+    mkdir "$place"
+    "$twin" create "$place/device" --mpu 104 --mcu 7 --bld 2 >/dev/null
+    "$twin" remove "$place/device"
+    equal "loop devices left" "$(losetup --list --noheadings --output BACK-FILE | grep -c "$place")" 0
+    [[ ! -e $place/device ]] || die "the directory is left"
+}
+
+# on block devices
 test_a_refused_create_leaves_no_block_devices() {
     make_release 1 104 7 2
     truncate -s $((1024 * 1024 + 1)) release/cv22_kavro_qz7.dtb
