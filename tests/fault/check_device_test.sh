@@ -22,6 +22,7 @@ programs=$build/tests/fault
 work=$(mktemp -d)
 # shellcheck disable=SC2034  # both are of what the suites share
 name=check_device_test jobs=4
+begin_results "$work"
 trap 'rm -rf -- "$work"' EXIT
 bases=$work/bases releases=$work/releases
 mkdir -p "$bases" "$releases"
