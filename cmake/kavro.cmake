@@ -20,6 +20,10 @@ function(kavro_target target)
     # A unique symbol would pin its library in memory: dlclose could never unload it.
     target_compile_options(${target} PRIVATE -fno-gnu-unique)
   endif()
+  get_target_property(type ${target} TYPE)
+  if(kavro_headers AND NOT type STREQUAL "EXECUTABLE")
+    target_precompile_headers(${target} REUSE_FROM ${kavro_headers})
+  endif()
   if(KAVRO_SANITIZE)
     target_link_options(${target} PRIVATE -fsanitize=${KAVRO_SANITIZE})
     if(NOT "UNINSTRUMENTED" IN_LIST ARGN)
@@ -30,6 +34,20 @@ function(kavro_target target)
     endif()
   endif()
 endfunction()
+
+# kavro_precompiled_headers(TARGET HEADER): reads a header once for all libraries that kavro_target makes afterwards, in this
+# directory and below, for they are compiled with the same options; programs are not. clang's would have to be sanitized
+# alike as well.
+macro(kavro_precompiled_headers target header)
+  set(kavro_headers "")
+  file(GENERATE OUTPUT ${CMAKE_CURRENT_BINARY_DIR}/${target}.cpp CONTENT "")
+  add_library(${target} OBJECT ${CMAKE_CURRENT_BINARY_DIR}/${target}.cpp)
+  kavro_target(${target})
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    target_precompile_headers(${target} PRIVATE ${header})
+    set(kavro_headers ${target})
+  endif()
+endmacro()
 
 # A shared library of the device: a soname, and no symbol left undefined. Its name is that of an installed one too.
 function(kavro_shared_library target)
