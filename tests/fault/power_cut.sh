@@ -4,7 +4,8 @@
 #   power_cut.sh [OPTION...]
 #
 #   --quick            a bounded selection (the default): some cuts of each scenario, each POLICY, torn saves, and second
-#                      cuts, of the start that follows a first one; which ones is drawn
+#                      cuts, of the start that follows a first one; which ones is drawn. One device of each scenario is
+#                      upgraded and rolled back, the others are started
 #   --seed TEXT        from what it is drawn: the commit's id unless given
 #   --full             all cuts, with each way in which the kernel may have flushed what nobody flushed, and second cuts,
 #                      of the start that follows the first
@@ -358,7 +359,7 @@ judge_new() {
         exact=$told/${state% *} rough=$told/${state#* }
         [[ -z ${first[$exact]-} ]] || continue
         first[$exact]=$id$'\t'$directory
-        if [[ -z ${upgraded[$rough]-} ]]; then
+        if [[ -z ${upgraded[$rough]-} ]] && may_be_upgraded "$scenario"; then
             upgraded[$rough]=yes
             wholly[$scenario]=$((${wholly[$scenario]-0} + 1))
             in_parallel judge "$scenario" "$directory"
@@ -367,6 +368,11 @@ judge_new() {
         fi
     done
     await_children
+}
+
+# may_be_upgraded SCENARIO: in the selection one state of each scenario is enough, for that is what takes most of the time.
+may_be_upgraded() {
+    [[ $mode == full || -n $only ]] || [[ $1 != *+start && -z ${wholly[$1]-} ]]
 }
 
 record_all() {
