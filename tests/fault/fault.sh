@@ -4,7 +4,7 @@
 #   fault.sh [--quick|--full] [--seed TEXT] [--json FILE] [--work DIR] [KIND...]
 #
 #   --quick      the selection that goes with every change: drawn, so that each commit tries another one. Kinds that wait more
-#                than they compute go side by side
+#                than they compute go side by side, at the end
 #   --full       everything (the default); some hours
 #   --seed TEXT  what the selection is drawn from; the commit's id unless given
 #   --json FILE  all results, a line each: kind, id, outcome, and why it failed
@@ -27,7 +27,8 @@ extent=full json='' work=build/fault seed=$(commit_seed)
 # The kinds, in the order in which they run, and how their scripts are called.
 kinds=(power_cut self_test call_fault package_mutation driver_fault soak_giveup soak_mixed)
 declare -A takes_build=([call_fault]=1 [package_mutation]=1) takes_no_seed=([self_test]=1)
-# Not beside the power cuts: each of their devices flushes what those were to lose.
+# Not beside the others: each of their devices flushes what the power cuts are to lose, and where others compute their
+# microcontrollers wait in vain.
 declare -A waits_mostly=([driver_fault]=1 [soak_giveup]=1 [soak_mixed]=1)
 
 # Fewer than these would be another suite than the one that is meant.
@@ -68,22 +69,19 @@ try_unseen() {
 }
 
 try_all() {
-    local kind jobs=${#kinds[@]} beside=()
+    local kind beside=()
     for kind in "${kinds[@]}"; do
         rm -f "$work/$kind".{status,json,log}
     done
     for kind in "${kinds[@]}"; do
         if [[ $extent == quick && -n ${waits_mostly[$kind]-} ]]; then
             beside+=("$kind")
-        elif [[ $kind == power_cut ]]; then
+        else
             try "$kind"
         fi
     done
     for kind in "${beside[@]}"; do
         try_unseen "$kind" &
-    done
-    for kind in "${kinds[@]}"; do
-        [[ -e $work/$kind.status || " ${beside[*]} " == *" $kind "* ]] || try "$kind"
     done
     wait
 }
