@@ -346,7 +346,7 @@ version_record=/config/upgrade_config.json
 copies_versions='^((cp|sh)\||upgradectl\|(spawn\|sh|fork\||waitpid\|)|[^|]*\|[^|]*\|/(etc/kavro/version\.json|config/upgrade_config\.json)\|)'
 asks_versions='^upgradectl\|([^|]*\|/(etc/kavro/version\.json|config/upgrade_config\.json|dev/kavro-mcu/link)\||(socket|connect|send|recv)\|)'
 # What `init` does with the factory's archive.
-unpacks='^((tar|gzip)\||upgradectl\|(spawn\|(sh|tar)\||fork\||waitpid\||[^|]*\|/(firmware/(origin\.pkg|recv\.tar\.xz)|etc/kavro/origin)))'
+unpacks='^((tar|gzip|sh)\||upgradectl\|(spawn\|(sh|tar)\||fork\||waitp?id\||[^|]*\|/(firmware/(origin\.pkg|recv\.tar\.xz)|etc/kavro/origin)))'
 
 # What may differ from a run without faults where success is reported: in which scenarios, the fact that differs, at
 # which points, and why; `~` in between. `<` is what a run without faults leaves, `>` what this one has left. A point of
