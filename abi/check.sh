@@ -18,9 +18,11 @@ build=$1
 # Only what the public headers declare counts.
 headers=$(mktemp -d)
 trap 'rm -rf "$headers"' EXIT
-mkdir "$headers/upgrade"
 cp -r common "$headers"
-cp upgrade/*.h "$headers/upgrade"
+for room in package upgrade; do
+    mkdir "$headers/$room"
+    cp "$room"/*.h "$headers/$room"
+done
 rm "$headers/upgrade/internal.h"
 
 exported() {
@@ -32,7 +34,7 @@ recorded() {
 }
 
 status=0
-for library in upgrade/libupgrade platform/utility/libcommon_yr platform/node/libvel_node platform/flash/libflash_drivers; do
+for library in upgrade/libupgrade package/libkavro_package platform/utility/libcommon_yr platform/node/libvel_node platform/flash/libflash_drivers; do
     name=${library##*/}
     if "$update"; then
         abidw --headers-dir "$headers" --drop-private-types --exported-interfaces-only --no-corpus-path \

@@ -10,8 +10,8 @@ shift 2
 
 # The test programs, by their targets: formats, digests, files, partitions, the microcontroller's protocol, the package.
 programs=(
-    fake_services_test platform_config_test
-    utility_test utility_log_test utility_partitions_test utility_private_test
+    fake_services_test base_test package_test platform_config_test
+    utility_test utility_log_test utility_partitions_test
     mcu_test mcu_spidev_link_test flash_mcu_test flash_mpu_test
     upgrade_package_test tools_test mcu_emulator_test)
 in_part=(upgrade_run_test upgrade_test)

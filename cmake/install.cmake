@@ -6,7 +6,7 @@
 
 include(CMakePackageConfigHelpers)
 
-set(kavro_libraries upgrade common_yr vel_node flash_drivers)
+set(kavro_libraries upgrade kavro_package common_yr vel_node flash_drivers)
 set(kavro_share ${CMAKE_INSTALL_DATADIR}/kavro-upgrade)
 set(kavro_programs ${CMAKE_INSTALL_LIBEXECDIR}/kavro-upgrade)
 set(kavro_cmake ${CMAKE_INSTALL_LIBDIR}/cmake/kavro-upgrade)
@@ -40,9 +40,9 @@ install(TARGETS kavro_common ${kavro_libraries} EXPORT kavro-upgrade
   LIBRARY COMPONENT runtime NAMELINK_COMPONENT development
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kavro-upgrade)
 
-install(DIRECTORY ${KAVRO_ROOT}/common ${KAVRO_ROOT}/upgrade
+install(DIRECTORY ${KAVRO_ROOT}/common ${KAVRO_ROOT}/package ${KAVRO_ROOT}/upgrade
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kavro-upgrade COMPONENT development
-  FILES_MATCHING PATTERN "*.h" PATTERN "internal.h" EXCLUDE)
+  FILES_MATCHING PATTERN "*.h" PATTERN "internal*" EXCLUDE)
 
 install(EXPORT kavro-upgrade NAMESPACE kavro-upgrade:: FILE kavro-upgrade-targets.cmake
   DESTINATION ${kavro_cmake} COMPONENT development)
@@ -56,9 +56,13 @@ install(FILES ${kavro_generated}/kavro-upgrade-config.cmake ${kavro_generated}/k
 
 kavro_path_between(${CMAKE_INSTALL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_LIBDIR} kavro_way_to_libraries)
 kavro_path_between(${CMAKE_INSTALL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_INCLUDEDIR} kavro_way_to_headers)
-configure_file(${CMAKE_CURRENT_LIST_DIR}/kavro-upgrade.pc.in ${kavro_generated}/kavro-upgrade.pc @ONLY)
-install(FILES ${kavro_generated}/kavro-upgrade.pc
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+# kavro_pkg_config(NAME DESCRIPTION LIBS): one for each library that a program may want alone.
+function(kavro_pkg_config name description libs)
+  configure_file(${KAVRO_ROOT}/cmake/kavro.pc.in ${kavro_generated}/${name}.pc @ONLY)
+  install(FILES ${kavro_generated}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+endfunction()
+kavro_pkg_config(kavro-upgrade "${PROJECT_DESCRIPTION}" "-lupgrade -lflash_drivers -lvel_node -lcommon_yr")
+kavro_pkg_config(kavro-package "Upgrade packages of an embedded camera device: check, read, make" "-lkavro_package")
 
 install(FILES ${KAVRO_ROOT}/README.md ${KAVRO_ROOT}/CHANGELOG.md
   DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)

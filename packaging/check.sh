@@ -71,7 +71,7 @@ build_examples() {
     cmake -S /source/tests/install/consumer -B /trial/consumer -G Ninja \
         -DEXAMPLES=/usr/share/doc/libkavro-upgrade-dev/examples >/dev/null
     cmake --build /trial/consumer
-    for example in /trial/minimal_app /trial/consumer/minimal_app; do
+    for example in /trial/minimal_app /trial/consumer/minimal_app /trial/consumer/check_package; do
         ! ldd "$example" | grep "not found" || die "$example does not find its libraries"
     done
 }

@@ -4,7 +4,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <memory>
-#include <system_error>
+
+#include "base/errno_text.h"
+#include "base/file_io.h"
 
 namespace kavro {
 namespace {
@@ -15,33 +17,16 @@ constexpr std::size_t kMaxFileBytes = 1 << 20;
 // The files nest four levels deep.
 constexpr int kMaxNesting = 32;
 
-struct FileCloser {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-
 std::string cannotBeRead(int errorNumber) {
-    return "cannot be read: " + std::generic_category().message(errorNumber);
+    return "cannot be read: " + reasonOf(errorNumber);
 }
 
 // The file's text; empty with the reason in `fault` when it cannot be read or is too long.
 std::string readText(const std::string& path, std::string& fault) {
-    const std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "re"));
-    if (file == nullptr) {
-        fault = cannotBeRead(errno);
-        return {};
-    }
-
     std::string text;
-    char block[4096];
-    for (std::size_t count; (count = std::fread(block, 1, sizeof block, file.get())) > 0;) {
-        text.append(block, count);
-        if (text.size() > kMaxFileBytes) {
-            fault = cannotBeRead(EFBIG);
-            return {};
-        }
-    }
-    if (std::ferror(file.get()) != 0) {
-        fault = cannotBeRead(errno);
+    const bool read = readBeginning(path, kMaxFileBytes + 1, text);
+    if (!read || text.size() > kMaxFileBytes) {
+        fault = cannotBeRead(read ? EFBIG : errno);
         return {};
     }
     return text;

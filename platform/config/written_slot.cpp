@@ -1,5 +1,6 @@
 #include "platform/config/written_slot.h"
 
+#include "base/hex_digit.h"
 #include "common/utility.h"
 #include "platform/config/json_object.h"
 
@@ -25,7 +26,7 @@ bool readContent(const Json::Value& part, PartContent& content) {
 
 bool isPossible(const PartContent& content) {
     return content.bytes > 0 && content.sha256.size() == kSha256Digits &&
-           content.sha256.find_first_not_of("0123456789abcdef") == std::string::npos;
+           content.sha256.find_first_not_of(kLowerHexDigits) == std::string::npos;
 }
 
 bool readWrittenSlot(const std::string& path, std::optional<WrittenSlot>& record, std::string& error) {

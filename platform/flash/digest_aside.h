@@ -6,8 +6,8 @@
 #include <mutex>
 #include <string>
 
+#include "base/digest.h"
 #include "common/user_thread.h"
-#include "platform/utility/digest.h"
 
 namespace kavro {
 

@@ -11,9 +11,10 @@
 #include <memory>
 #include <sstream>
 
+#include "base/errno_text.h"
+#include "base/file_io.h"
+#include "base/raw_file.h"
 #include "common/utility.h"
-#include "platform/mcu/raw_file.h"
-#include "platform/utility/file_io.h"
 
 namespace kavro {
 namespace {

@@ -6,9 +6,11 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "base/block_reader.h"
+#include "base/digest.h"
+#include "base/errno_text.h"
+#include "base/file_io.h"
 #include "platform/flash/digest_aside.h"
-#include "platform/utility/block_reader.h"
-#include "platform/utility/digest.h"
 
 namespace kavro {
 namespace {
@@ -50,7 +52,7 @@ bool openComponent(const Placement& placement, RawFile& file, std::string& error
 // Whoever writes to a file, or puts another one in its place, leaves another time of change behind, unless it is within
 // one tick of the file system's clock.
 bool isSameState(const struct stat& left, const struct stat& right) {
-    return left.st_dev == right.st_dev && left.st_ino == right.st_ino && left.st_size == right.st_size &&
+    return isSameFile(left, right) && left.st_size == right.st_size &&
            left.st_ctim.tv_sec == right.st_ctim.tv_sec && left.st_ctim.tv_nsec == right.st_ctim.tv_nsec;
 }
 

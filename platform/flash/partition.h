@@ -8,8 +8,8 @@
 
 #include <string>
 
+#include "base/raw_file.h"
 #include "platform/config/written_slot.h"
-#include "platform/mcu/raw_file.h"
 
 namespace kavro {
 

@@ -5,8 +5,9 @@
 #include <cerrno>
 #include <sstream>
 
+#include "base/errno_text.h"
+#include "base/file_io.h"
 #include "common/utility.h"
-#include "platform/mcu/raw_file.h"
 
 namespace kavro {
 namespace {
@@ -129,7 +130,7 @@ bool isSameStorage(const std::string& left, const std::string& right) {
     if (S_ISBLK(leftStatus.st_mode) && S_ISBLK(rightStatus.st_mode)) {
         return leftStatus.st_rdev == rightStatus.st_rdev;
     }
-    return leftStatus.st_dev == rightStatus.st_dev && leftStatus.st_ino == rightStatus.st_ino;
+    return isSameFile(leftStatus, rightStatus);
 }
 
 }  // namespace

@@ -6,13 +6,13 @@
 #include <string>
 #include <utility>
 
+#include "base/mcu_image.h"
 #include "common/cancellation.h"
 #include "common/flash_driver.h"
 #include "common/utility.h"
 #include "platform/config/platform_config.h"
 #include "platform/flash/operation.h"
 #include "platform/mcu/mcu_client.h"
-#include "platform/mcu/mcu_image.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 
 #include <cerrno>
 
+#include "base/errno_text.h"
 #include "platform/mcu/byte_link.h"
-#include "platform/mcu/raw_file.h"
 
 namespace kavro {
 

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "platform/utility/file_descriptor.h"
+#include "base/file_descriptor.h"
 
 namespace kavro {
 

@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <limits>
 
+#include "base/mcu_image.h"
 #include "common/utility.h"
-#include "platform/mcu/mcu_image.h"
 #include "platform/mcu/uds.h"
 
 namespace kavro {

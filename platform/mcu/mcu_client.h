@@ -11,9 +11,9 @@
 #include <string>
 #include <vector>
 
+#include "base/raw_file.h"
+#include "base/srecord.h"
 #include "platform/config/platform_config.h"
-#include "platform/mcu/raw_file.h"
-#include "platform/mcu/srecord.h"
 #include "platform/mcu/uds_client.h"
 
 namespace kavro {

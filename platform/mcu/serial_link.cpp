@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "base/errno_text.h"
 #include "platform/mcu/link_lock.h"
-#include "platform/mcu/raw_file.h"
 #include "platform/mcu/stream_link.h"
 
 namespace kavro {

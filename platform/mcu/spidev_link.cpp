@@ -10,8 +10,8 @@
 #include <chrono>
 #include <utility>
 
+#include "base/errno_text.h"
 #include "platform/mcu/link_lock.h"
-#include "platform/mcu/raw_file.h"
 
 namespace kavro {
 namespace {

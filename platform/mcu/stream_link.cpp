@@ -9,7 +9,7 @@
 #include <chrono>
 #include <utility>
 
-#include "platform/mcu/raw_file.h"
+#include "base/errno_text.h"
 
 namespace kavro {
 namespace {

@@ -3,8 +3,8 @@
 
 #include <string>
 
+#include "base/file_descriptor.h"
 #include "platform/mcu/byte_link.h"
-#include "platform/utility/file_descriptor.h"
 
 namespace kavro {
 

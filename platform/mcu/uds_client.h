@@ -10,8 +10,8 @@
 #include <optional>
 #include <string>
 
+#include "base/raw_file.h"
 #include "platform/mcu/byte_link.h"
-#include "platform/mcu/raw_file.h"
 
 namespace kavro {
 

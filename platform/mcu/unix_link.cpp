@@ -8,8 +8,8 @@
 #include <cstring>
 #include <utility>
 
+#include "base/errno_text.h"
 #include "platform/mcu/link_lock.h"
-#include "platform/mcu/raw_file.h"
 #include "platform/mcu/stream_link.h"
 
 namespace kavro {

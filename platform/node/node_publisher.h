@@ -10,7 +10,7 @@
 #include <mutex>
 #include <string>
 
-#include "platform/utility/file_descriptor.h"
+#include "base/file_descriptor.h"
 
 namespace kavro {
 

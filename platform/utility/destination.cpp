@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <climits>
 
-#include "platform/utility/file_io.h"
+#include "base/file_io.h"
 
 namespace kavro {
 namespace {
@@ -51,10 +51,6 @@ bool isMountPoint(const std::string& path) {
     struct statx status;
     return statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, 0, &status) == 0 &&
            (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
-}
-
-bool isSameFile(const struct stat& one, const struct stat& other) {
-    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
 }  // namespace kavro

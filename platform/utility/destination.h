@@ -25,6 +25,4 @@ std::optional<Destination> locateDestination(const std::string& path);
 // Whether the file is a mount point, which no other file can replace; false where the kernel does not tell.
 bool isMountPoint(const std::string& path);
 
-bool isSameFile(const struct stat& one, const struct stat& other);
-
 }  // namespace kavro

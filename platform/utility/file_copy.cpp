@@ -12,11 +12,11 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/aligned_buffer.h"
+#include "base/file_io.h"
 #include "common/cancellation.h"
 #include "common/utility.h"
-#include "platform/utility/aligned_buffer.h"
 #include "platform/utility/destination.h"
-#include "platform/utility/file_io.h"
 #include "platform/utility/file_update.h"
 
 namespace COMMON_YR {

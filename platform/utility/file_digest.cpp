@@ -5,34 +5,23 @@
 
 #include <vector>
 
+#include "base/block_reader.h"
+#include "base/digest.h"
+#include "base/file_io.h"
 #include "common/cancellation.h"
 #include "common/utility.h"
-#include "platform/utility/block_reader.h"
-#include "platform/utility/digest.h"
-#include "platform/utility/file_io.h"
 
 namespace COMMON_YR {
 namespace {
 
-constexpr std::size_t kBlock = 256 << 10;
 constexpr off_t kReadAheadFrom = 4 << 20;  // a thread for less costs more than it brings
 constexpr std::size_t kMd5Bytes = 16;
 
 // The md5 of what is left to read of the file; empty on failure.
 std::vector<unsigned char> md5Of(int fd, const CancelHold& hold) {
     kavro::Digest digest(kavro::Digest::Kind::kMd5);
-    std::vector<char> block(kBlock);
-    for (;;) {
-        const ssize_t count = kavro::readFully(fd, block.data(), block.size());
-        if (count < 0) {
-            return {};
-        }
-        digest.add(block.data(), static_cast<std::size_t>(count));
-        if (static_cast<std::size_t>(count) < block.size()) {
-            return digest.finish();
-        }
-        hold.checkpoint();
-    }
+    return digest.addRest(fd, [&hold] { hold.checkpoint(); }) ? digest.finish()
+                                                              : std::vector<unsigned char>();
 }
 
 // The md5 of a file of that size, read on another thread meanwhile; empty on failure, and when it has grown. A package was copied past the cache,

@@ -8,9 +8,9 @@
 #include <cerrno>
 #include <memory>
 
+#include "base/file_io.h"
 #include "common/cancellation.h"
 #include "common/utility.h"
-#include "platform/utility/file_io.h"
 
 namespace COMMON_YR {
 namespace {

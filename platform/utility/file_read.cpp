@@ -7,9 +7,9 @@
 #include <new>
 #include <stdexcept>
 
+#include "base/file_io.h"
 #include "common/cancellation.h"
 #include "common/utility.h"
-#include "platform/utility/file_io.h"
 
 namespace COMMON_YR {
 namespace {

@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "platform/utility/aligned_buffer.h"
-#include "platform/utility/file_io.h"
+#include "base/aligned_buffer.h"
+#include "base/file_io.h"
 
 namespace kavro {
 namespace {

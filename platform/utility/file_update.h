@@ -4,9 +4,9 @@
 
 #include <sys/types.h>
 
+#include "base/file_descriptor.h"
+#include "base/part_file.h"
 #include "platform/utility/destination.h"
-#include "platform/utility/file_descriptor.h"
-#include "platform/utility/part_file.h"
 
 namespace kavro {
 

@@ -6,10 +6,10 @@
 
 #include <climits>
 
+#include "base/file_io.h"
 #include "common/cancellation.h"
 #include "common/utility.h"
 #include "platform/utility/destination.h"
-#include "platform/utility/file_io.h"
 #include "platform/utility/file_update.h"
 
 namespace COMMON_YR {

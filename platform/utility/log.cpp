@@ -10,13 +10,13 @@
 #include <string>
 #include <string_view>
 
+#include "base/file_io.h"
+#include "base/time_stamp.h"
 #include "common/cancellation.h"
 #include "common/utility.h"
 #include "platform/config/platform_config.h"
-#include "platform/utility/file_io.h"
 #include "platform/utility/format_text.h"
 #include "platform/utility/log_file.h"
-#include "platform/utility/time_stamp.h"
 
 namespace {
 

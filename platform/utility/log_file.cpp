@@ -9,7 +9,7 @@
 #include <limits>
 #include <utility>
 
-#include "platform/utility/file_io.h"
+#include "base/file_io.h"
 
 namespace kavro {
 namespace {
@@ -45,10 +45,7 @@ bool LogFile::wouldOutgrow(long long bytes, std::string_view line) const {
 }
 
 bool LogFile::isCurrent() const {
-    struct stat opened {};
-    struct stat named {};
-    return file.valid() && ::fstat(file.get(), &opened) == 0 && ::lstat(name.c_str(), &named) == 0 &&
-           opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
+    return file.valid() && isNamed(file.get(), name);
 }
 
 bool LogFile::follow() {

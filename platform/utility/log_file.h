@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/utility/file_descriptor.h"
+#include "base/file_descriptor.h"
 
 namespace kavro {
 

@@ -7,11 +7,11 @@
 #include <cstdarg>
 #include <string_view>
 
+#include "base/child_process.h"
+#include "base/file_descriptor.h"
+#include "base/file_io.h"
 #include "common/cancellation.h"
 #include "common/utility.h"
-#include "platform/utility/child_process.h"
-#include "platform/utility/file_descriptor.h"
-#include "platform/utility/file_io.h"
 #include "platform/utility/format_text.h"
 
 namespace COMMON_YR {

@@ -3,8 +3,8 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/hex_digit.h"
 #include "common/utility.h"
-#include "platform/utility/hex_digit.h"
 
 namespace COMMON_YR {
 

@@ -38,12 +38,20 @@ const std::set<std::string> kNoLogTexts = {
     ".%03ld",
     "%.*s",
     "UPGRADE_write_target_version ",
+    // of the tools'
+    "check the directory, its permissions and the room there",
+    "check the memory and the storage of this machine",
+    "' cannot be ",
+    "' exists and is no regular file",
+    "flushed to storage",
+    "give another output file",
+    "given its name",
     // of the compiler's
     "the message node carries messages of this size",
 };
 
 std::vector<Literal> sourceLiterals() {
-    return testsupport::literalsBelow({"upgrade", "platform", "common"});
+    return testsupport::literalsBelow({"upgrade", "platform", "base", "common"});
 }
 
 bool isText(const std::string& text) {

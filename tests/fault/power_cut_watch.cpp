@@ -59,7 +59,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/utility/file_descriptor.h"
+#include "base/file_descriptor.h"
 #include "tests/fault/interpose/board.h"
 
 namespace {

@@ -2,26 +2,25 @@
 
 #include <algorithm>
 
+#include "package/internal/archive_walk.h"
 #include "tests/fuzz/fuzz.h"
-#include "tools/upgradectl/archive_walk.h"
-#include "tools/upgradectl/package_check.h"
 
 namespace {
 
 using fuzz::require;
-using upgradectl::ArchiveEntry;
+using kavro::package::Entry;
 
 constexpr std::size_t kMostWanted = std::size_t{1} << 20;
 
 const char* const kTypes[] = {"file", "directory", "symbolic link", "hard link", "device", "fifo", "unknown"};
 
 // Requires the order of the calls and that the contents are as long as they were said to be.
-class CountingVisitor : public upgradectl::ArchiveVisitor {
+class CountingVisitor : public kavro::package::ArchiveVisitor {
   public:
-    bool begin(const ArchiveEntry& entry) override {
+    bool begin(const Entry& entry) override {
         require(std::count(std::begin(kTypes), std::end(kTypes), entry.type) == 1,
                 "an entry has one of the types");
-        const std::string name = upgradectl::unpackedName(entry);
+        const std::string name = kavro::package::unpackedName(entry);
         require(name.rfind("./", 0) != 0 && name.size() <= entry.name.size(), "a name loses only its front");
         wanted = entry.bytes <= kMostWanted && entry.type == "file";
         left = entry.bytes;
@@ -63,7 +62,7 @@ Outcome walk(const std::uint8_t* data, std::size_t size, std::size_t blockBytes)
         position += count;
         return static_cast<long>(count);
     };
-    const std::string fault = upgradectl::walkArchive(next, visitor);
+    const std::string fault = kavro::package::walkArchive(next, visitor);
     return {fault, visitor.entries};
 }
 

@@ -1,6 +1,6 @@
 // Texts from a package, as people see them, and log lines, as the tool reads them. An input is a text.
 
-#include "tools/upgradectl/escaped_text.h"
+#include "base/escaped_text.h"
 
 #include "tests/fuzz/fuzz.h"
 #include "tools/upgradectl/run_log.h"
@@ -47,7 +47,7 @@ void requireHarmless(const std::string& text) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
-    const std::string shown = upgradectl::escaped(text);
+    const std::string shown = kavro::escaped(text);
     requireHarmless(shown);
     require(plain(shown) == text, "an escaped text stands for the text");
 

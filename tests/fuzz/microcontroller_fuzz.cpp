@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-#include "platform/mcu/mcu_image.h"
+#include "base/mcu_image.h"
 #include "platform/mcu/uds.h"
 #include "tests/fuzz/fuzz.h"
 

@@ -3,8 +3,8 @@
 #include <array>
 #include <cstdio>
 
-#include "platform/mcu/mcu_image.h"
-#include "platform/mcu/srecord.h"
+#include "base/mcu_image.h"
+#include "base/srecord.h"
 #include "tests/fuzz/fuzz.h"
 
 namespace {

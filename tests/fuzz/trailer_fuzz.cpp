@@ -4,9 +4,8 @@
 #include <cstring>
 
 #include "common/utility.h"
+#include "package/trailer.h"
 #include "tests/fuzz/fuzz.h"
-#include "tools/upgradectl/package_trailer.h"
-#include "tools/upgradectl/tool_error.h"
 #include "upgrade/upgrade_proc_pkg.h"
 
 namespace {
@@ -26,11 +25,11 @@ long COMMON_YR::writeFile(const char* /*path*/, void* data, unsigned long size, 
 namespace {
 
 using fuzz::require;
-using upgradectl::kMaxPayloadBytes;
-using upgradectl::kPackageBytes;
-using upgradectl::kTrailerBytes;
-using upgradectl::PackageTrailer;
-using upgradectl::TrailerReading;
+using kavro::package::kMaxPayloadBytes;
+using kavro::package::kPackageBytes;
+using kavro::package::kTrailerBytes;
+using kavro::package::Trailer;
+using kavro::package::TrailerReading;
 
 template <std::size_t size>
 bool isTerminated(const char (&field)[size]) {
@@ -64,7 +63,7 @@ void requireSaneReading(const _UPGRADE_PKG_T& info, const std::string& block) {
     }
 }
 
-void requireSameReading(const _UPGRADE_PKG_T& info, const PackageTrailer& trailer) {
+void requireSameReading(const _UPGRADE_PKG_T& info, const Trailer& trailer) {
     require(info.pkg_file_len == trailer.payloadBytes, "both read the same length of the payload");
     require(info.md5 == trailer.md5, "both read the same md5");
     require(info.pubkey_len == trailer.publicKey.size() && writtenKey == trailer.publicKey,
@@ -78,13 +77,13 @@ void requireSameReading(const _UPGRADE_PKG_T& info, const PackageTrailer& traile
     require(info.user == keptText(trailer.user), "both read the same user text");
 }
 
-void requireRoundTrip(const PackageTrailer& trailer) {
-    upgradectl::requireTrailerFits(trailer);
-    const std::string block = upgradectl::encodeTrailer(trailer);
+void requireRoundTrip(const Trailer& trailer) {
+    require(kavro::package::checkTrailerFits(trailer).ok(), "what was read fits");
+    const std::string block = kavro::package::encodeTrailer(trailer);
     require(block.size() == kTrailerBytes, "a trailer has its length");
-    const TrailerReading again = upgradectl::decodeTrailer(block);
+    const TrailerReading again = kavro::package::decodeTrailer(block);
     require(again.faults.empty() && again.payloadKnown, "what is written can be read");
-    require(upgradectl::encodeTrailer(again.trailer) == block, "what is read is what was written");
+    require(kavro::package::encodeTrailer(again.trailer) == block, "what is read is what was written");
 }
 
 }  // namespace
@@ -101,7 +100,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (deviceTakesIt) {
         requireSaneReading(info, block);
     }
-    const TrailerReading reading = upgradectl::decodeTrailer(block);
+    const TrailerReading reading = kavro::package::decodeTrailer(block);
     require(reading.payloadKnown || !reading.faults.empty(), "an unknown payload is a fault");
     if (reading.faults.empty()) {
         require(deviceTakesIt, "a device takes a trailer in which the tool finds no fault");

@@ -52,7 +52,7 @@ for header in */*.h; do
     c++ -std=c++17 -fsyntax-only -Wall -Werror -x c++ "${flags[@]}" - <<<"#include \"$header\""
 done
 cd "$work"
-[[ -z $(find "$prefix" -name internal.h) ]] || die "internal.h is installed"
+[[ -z $(find "$prefix" -name 'internal*') ]] || die "what is internal is installed"
 for file in man/man1/upgradectl.1 man/man1/upgradectl-pack.1 bash-completion/completions/upgradectl; do
     [[ -s $prefix/share/$file ]] || die "$file is not installed"
 done
@@ -69,6 +69,15 @@ installs_a_package "$work/with_pkg_config"
 cmake -S "$root/tests/install/consumer" -B "$work/consumer" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
     -DEXAMPLES="$root/examples" >"$work/configured.txt"
 cmake --build "$work/consumer"
+read -ra flags <<<"$(pkg-config --cflags --libs kavro-package)"
+c++ -std=c++17 -o "$work/check_package" "$root/examples/check_package.cpp" "${flags[@]}" \
+    -Wl,-rpath,"$(pkg-config --variable=libdir kavro-package)"
+openssl pkey -in "$work/key.pem" -pubout -out "$work/public.pem"
+for program in "$work/check_package" "$work/consumer/check_package"; do
+    [[ $("$program" "$work/release.pkg" "$work/public.pem") == "V01.105.008.003, signed with RSA"* ]] ||
+        die "$program does not take the package"
+done
+
 upgradectl twin create "$device" --plain
 status=0
 on_device "$work/consumer/minimal_app" >"$work/said.txt" || status=$?

@@ -144,6 +144,41 @@ TEST(Cli, pack_writes_a_package_and_says_what_is_in_it) {
     EXPECT_EQ(std::filesystem::file_size(files / "out.pkg"), 134217728U);
 }
 
+// The shell's limit is in blocks of 512 bytes or 1 KiB: either is beyond the archive and below the package.
+TEST(Cli, a_file_size_limit_in_the_way_is_reported_and_leaves_nothing_behind) {
+    const TemporaryDirectory files;
+    makeComponents(files / "components");
+    makeEcKey(files / "key.pem");
+    const std::vector<std::string> before = files.names();
+    const ProgramResult result = runProgram({"sh", "-c", "trap '' XFSZ; ulimit -f 20000; exec \"$@\"", "sh",
+                                             UPGRADECTL, "pack", "--key", files / "key.pem", "--version",
+                                             "1.105.8.3", "-o", files / "out.pkg", files / "components"});
+    EXPECT_EQ(result.exitCode, 1) << result.err;
+    EXPECT_TRUE(contains(result.err, "out.pkg' cannot be written")) << result.err;
+    EXPECT_EQ(files.names(), before);
+}
+
+// It comes while the archive is made, from a program in tar's place.
+TEST(Cli, an_interrupt_of_pack_ends_with_exit_code_5_and_leaves_nothing_behind) {
+    const TemporaryDirectory files;
+    makeComponents(files / "components");
+    makeEcKey(files / "key.pem");
+    const std::string tar = files / "tar";
+    kavro_test::spill(tar, R"sh(#!/bin/sh
+tool=$PPID
+[ "$(cat "/proc/$tool/comm")" != sh ] || tool=$(sed 's/.*) . //; s/ .*//' "/proc/$tool/stat")
+kill -INT "$tool"
+)sh");
+    std::filesystem::permissions(tar, std::filesystem::perms::owner_all);
+    const std::vector<std::string> before = files.names();
+    const ProgramResult result = runProgram({"env", "PATH=" + files.path() + ":/usr/bin:/bin", UPGRADECTL,
+                                             "pack", "-k", files / "key.pem", "--version", "1.105.8.3", "-o",
+                                             files / "out.pkg", files / "components"});
+    EXPECT_EQ(result.exitCode, 5) << result.err;
+    EXPECT_TRUE(contains(result.err, "interrupted, no package was written")) << result.err;
+    EXPECT_EQ(files.names(), before);
+}
+
 TEST(Cli, refused_component_ends_with_exit_code_3_and_the_next_step) {
     const TemporaryDirectory files;
     makeComponents(files / "components");

@@ -8,7 +8,7 @@
 
 #include "tests/support/device.h"
 #include "tests/support/temp_dir.h"
-#include "tools/upgradectl/tool_error.h"
+#include "tools/upgradectl/exit_code.h"
 #include "upgrade/upgrade_api.h"
 
 namespace {
@@ -332,7 +332,7 @@ TEST(RunReport, is_written_whole_or_not_at_all) {
     try {
         upgradectl::writeRunReport(directory / "nowhere/run.html", goodRun());
         FAIL() << "a report in a directory that is not there was written";
-    } catch (const upgradectl::ToolError& error) {
+    } catch (const kavro::Failure& error) {
         EXPECT_TRUE(contains(error.what(), "nowhere/run.html")) << error.what();
     }
 }

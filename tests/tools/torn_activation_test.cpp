@@ -8,7 +8,7 @@
 #include "tests/common/libc_spies.h"
 #include "tests/support/program.h"
 #include "tests/tools/device_support.h"
-#include "tools/upgradectl/tool_error.h"
+#include "tools/upgradectl/exit_code.h"
 
 namespace {
 
@@ -240,7 +240,7 @@ TEST_F(TornActivation, that_cannot_be_judged_is_told_and_left_alone) {
     before.writeTo(kCurrent);
     after.writeTo(kRollback);
     std::filesystem::remove("/etc/kavro/fw_env.config");
-    EXPECT_THROW(upgradectl::completeTornActivation(), upgradectl::ToolError);
+    EXPECT_THROW(upgradectl::completeTornActivation(), kavro::Failure);
     EXPECT_EQ(versionsOf(kCurrent), kBefore);
     EXPECT_TRUE(exists(kMarker));
 }

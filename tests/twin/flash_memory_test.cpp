@@ -4,7 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "platform/mcu/mcu_image.h"
+#include "base/mcu_image.h"
 #include "tests/support/temp_dir.h"
 #include "twin/emulator/application.h"
 

@@ -4,7 +4,7 @@
 #include <functional>
 #include <optional>
 
-#include "tools/upgradectl/tool_error.h"
+#include "tools/upgradectl/exit_code.h"
 
 namespace CLI {
 class App;
@@ -12,7 +12,7 @@ class App;
 
 namespace upgradectl {
 
-// What a command line asks for. It outlives the parser. Throws ToolError.
+// What a command line asks for. It outlives the parser. Throws Failure.
 using Action = std::function<void()>;
 
 // Sets chosen, unless the command line asks for nothing that is to be run: help, the version, or something wrong, which has

@@ -4,24 +4,26 @@
 #include <memory>
 #include <string>
 
+#include "base/failure.h"
+#include "package/pack.h"
+#include "package/version.h"
 #include "tools/upgradectl/argument_checks.h"
 #include "tools/upgradectl/command_line.h"
 #include "tools/upgradectl/interrupts.h"
-#include "tools/upgradectl/pack.h"
-#include "tools/upgradectl/package_version.h"
 
 namespace upgradectl {
 
 namespace {
 
-void runPack(const PackRequest& request) {
+void runPack(const kavro::package::PackRequest& request) {
     const Interrupts interrupts;
-    const PackSummary summary = pack(request, interrupts);
+    const kavro::package::PackSummary summary =
+        kavro::valueOf(kavro::package::pack(request, [&interrupts] { return interrupts.count() == 0; }));
     for (const std::string& warning : summary.warnings) {
         std::fprintf(stderr, "upgradectl: warning: %s\n", warning.c_str());
     }
     std::printf("package   %s\n", request.output.c_str());
-    std::printf("version   %s\n", formatVersion(request.version).c_str());
+    std::printf("version   %s\n", kavro::package::formatVersion(request.version).c_str());
     std::printf("payload   %u bytes, md5 %s\n", summary.payloadBytes, summary.md5.c_str());
     std::printf("signed    %s\n", summary.keyDescription.c_str());
 }
@@ -44,7 +46,7 @@ void addPack(CLI::App& app, Action& chosen) {
         "  upgradectl pack --key signing.pem --version 1.105.8.3 --output camera.pkg components/\n");
 
     struct Options {
-        PackRequest request;
+        kavro::package::PackRequest request;
         std::string version, stamp;
     };
     const auto options = std::make_shared<Options>();
@@ -76,7 +78,7 @@ void addPack(CLI::App& app, Action& chosen) {
             options->request.stamp = options->stamp;
         }
         chosen = [options] {
-            options->request.version = parseVersion(options->version);
+            options->request.version = kavro::valueOf(kavro::package::parseVersion(options->version));
             runPack(options->request);
         };
     });

@@ -6,42 +6,43 @@
 #include <optional>
 #include <string>
 
+#include "package/check.h"
 #include "tools/upgradectl/argument_checks.h"
 #include "tools/upgradectl/command_line.h"
-#include "tools/upgradectl/package_check.h"
+#include "tools/upgradectl/exit_code.h"
 #include "tools/upgradectl/package_view.h"
-#include "tools/upgradectl/tool_error.h"
 
 namespace upgradectl {
 
 namespace {
 
 // The exit code is for scripts, the text for those who did not look at what was printed.
-void requireInOrder(const std::string& package, const PackageCheck& check) {
+void requireInOrder(const std::string& package, const kavro::package::Check& check) {
     if (check.inOrder()) {
         return;
     }
     if (check.lacksOnlyTrust()) {
-        throw ToolError(ExitCode::kRefused, "the package '" + package + "' is signed with another key",
-                        "use a package of the maker that you trust, or give the key of this one's maker");
+        throw Failure(ErrorCode::kRefused, "the package '" + package + "' is signed with another key",
+                      "use a package of the maker that you trust, or give the key of this one's maker");
     }
-    throw ToolError(ExitCode::kRefused, "the package '" + package + "' is not in order",
-                    "use a package that 'upgradectl pack' made, and transfer it again");
+    throw Failure(ErrorCode::kRefused, "the package '" + package + "' is not in order",
+                  "use a package that 'upgradectl pack' made, and transfer it again");
 }
 
 void runInspect(const std::string& package, bool json) {
     Inspection inspection;
     inspection.package = package;
-    inspection.check = checkPackage(package, std::nullopt, [&inspection](const ArchiveEntry& entry) {
+    const auto keep = [&inspection](const kavro::package::Entry& entry) {
         inspection.entries.push_back(entry);
-    });
+    };
+    inspection.check = kavro::valueOf(kavro::package::check(package, std::nullopt, keep));
     std::fputs((json ? inspectionJson(inspection) : inspectionText(inspection)).c_str(), stdout);
     requireInOrder(package, inspection.check);
 }
 
 void runVerify(const std::string& package, const std::optional<std::filesystem::path>& trustedKey,
                bool json) {
-    const PackageCheck check = checkPackage(package, trustedKey);
+    const kavro::package::Check check = kavro::valueOf(kavro::package::check(package, trustedKey));
     std::fputs((json ? verificationJson(package, check) : verificationText(check)).c_str(), stdout);
     requireInOrder(package, check);
 }

@@ -13,8 +13,9 @@
 #include <string>
 #include <vector>
 
+#include "base/errno_text.h"
 #include "tools/upgradectl/command_line.h"
-#include "tools/upgradectl/tool_error.h"
+#include "tools/upgradectl/exit_code.h"
 
 namespace upgradectl {
 
@@ -46,8 +47,8 @@ void becomeTwin() {
     std::vector<std::string> words = wordsOfThisProcess();
     words.erase(words.begin(), std::find(words.begin(), words.end(), "twin"));
     if (words.empty()) {
-        throw ToolError(ExitCode::kOther, "the command line cannot be read from /proc/self/cmdline",
-                        "mount /proc");
+        throw Failure(ErrorCode::kOther, "the command line cannot be read from /proc/self/cmdline",
+                      "mount /proc");
     }
     std::vector<char*> arguments;
     std::transform(words.begin(), words.end(), std::back_inserter(arguments),
@@ -55,9 +56,9 @@ void becomeTwin() {
     arguments.push_back(nullptr);
     setenv("KAVRO_TWIN_NAME", "upgradectl twin", 1);
     execv(script.c_str(), arguments.data());
-    throw ToolError(ExitCode::kOther,
-                    "the twin's script '" + script.string() + "' cannot be started: " + std::strerror(errno),
-                    "install the tools with the twin, or name its script in KAVRO_TWIN");
+    throw Failure(ErrorCode::kOther,
+                  "the twin's script '" + script.string() + "' cannot be started: " + kavro::reasonOf(errno),
+                  "install the tools with the twin, or name its script in KAVRO_TWIN");
 }
 
 // The script wants its words in this order.

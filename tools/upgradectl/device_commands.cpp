@@ -3,8 +3,8 @@
 #include <string>
 
 #include "tools/upgradectl/device_log.h"
+#include "tools/upgradectl/exit_code.h"
 #include "tools/upgradectl/flash_drivers.h"
-#include "tools/upgradectl/tool_error.h"
 #include "tools/upgradectl/torn_activation.h"
 #include "upgrade/upgrade_api.h"
 
@@ -21,8 +21,8 @@ void initDevice(const OwnOutput& output) {
         return;
     }
     requireFlashDrivers();
-    throw ToolError(ExitCode::kOther, "the file system at /firmware or at /raw is missing or too small",
-                    "mount them: /firmware needs 320 MiB at least, /raw 1024 MiB", loggedErrors());
+    throw Failure(ErrorCode::kOther, "the file system at /firmware or at /raw is missing or too small",
+                  "mount them: /firmware needs 320 MiB at least, /raw 1024 MiB", loggedErrors());
 }
 
 void activate(const OwnOutput& output) {
@@ -34,11 +34,11 @@ void activate(const OwnOutput& output) {
     }
     requireFlashDrivers();  // without them no package could be installed either
     if (!awaits) {
-        throw ToolError(ExitCode::kOther, "no installed package awaits activation",
-                        "install one: upgradectl install PACKAGE", loggedErrors());
+        throw Failure(ErrorCode::kOther, "no installed package awaits activation",
+                      "install one: upgradectl install PACKAGE", loggedErrors());
     }
-    throw ToolError(ExitCode::kOther, "the device could not be switched to the installed software",
-                    "mend what the device: lines say, then try again", loggedErrors());
+    throw Failure(ErrorCode::kOther, "the device could not be switched to the installed software",
+                  "mend what the device: lines say, then try again", loggedErrors());
 }
 
 void confirm(const OwnOutput& output) {
@@ -46,13 +46,13 @@ void confirm(const OwnOutput& output) {
     // not ready.
     UpgradeMpu driver;
     if (!driver.initOk) {
-        throw ToolError(ExitCode::kOther, "the main processor's flash driver is not ready",
-                        "mend what the device: lines say", loggedErrors());
+        throw Failure(ErrorCode::kOther, "the main processor's flash driver is not ready",
+                      "mend what the device: lines say", loggedErrors());
     }
     if (driver.activate(false) < 0) {
-        throw ToolError(ExitCode::kOther, "the running slot could not be confirmed",
-                        "mend what the device: lines say, then try again before the device is restarted",
-                        loggedErrors());
+        throw Failure(ErrorCode::kOther, "the running slot could not be confirmed",
+                      "mend what the device: lines say, then try again before the device is restarted",
+                      loggedErrors());
     }
     output.writeLine("the running slot is confirmed");
 }

@@ -6,13 +6,13 @@
 namespace upgradectl {
 
 // Does what the device's application does once after each start, and says where packages go. Throws
-// ToolError.
+// Failure.
 void initDevice(const OwnOutput& output);
 
-// Activates what was installed. Throws ToolError.
+// Activates what was installed. Throws Failure.
 void activate(const OwnOutput& output);
 
-// Ends the trial of the running software, if it is on one. Throws ToolError.
+// Ends the trial of the running software, if it is on one. Throws Failure.
 void confirm(const OwnOutput& output);
 
 }  // namespace upgradectl

@@ -5,12 +5,11 @@
 #include <string>
 #include <vector>
 
+#include "package/trailer.h"
 #include "tools/upgradectl/device_log.h"
+#include "tools/upgradectl/exit_code.h"
 #include "tools/upgradectl/flash_drivers.h"
 #include "tools/upgradectl/json_text.h"
-#include "tools/upgradectl/package_reading.h"
-#include "tools/upgradectl/package_trailer.h"
-#include "tools/upgradectl/tool_error.h"
 #include "upgrade/upgrade_api.h"
 
 namespace upgradectl {
@@ -79,10 +78,9 @@ DeviceVersions deviceVersions() {
 
 void requireKnown(const DeviceVersions& versions) {
     if (versions.factory.empty() || versions.current.empty()) {
-        throw ToolError(
-            ExitCode::kOther, "the versions in '" + UpgradeProc::defaultCfg + "' cannot be read",
-            "restore the file: the four integers hw_version, mpu_version, mcu_version, bld_version",
-            loggedErrors());
+        throw Failure(ErrorCode::kOther, "the versions in '" + UpgradeProc::defaultCfg + "' cannot be read",
+                      "restore the file: the four integers hw_version, mpu_version, mcu_version, bld_version",
+                      loggedErrors());
     }
 }
 
@@ -109,7 +107,7 @@ std::vector<PackageFile> packageFiles() {
          {UpgradeProc::currentPkg, UpgradeProc::rollbackPkg, UpgradeProc::recvPkg}) {
         const long size = COMMON_YR::getFileSize(path.c_str());
         files.push_back({path, size < 0 ? std::nullopt : std::optional<long>(size),
-                         static_cast<std::uint64_t>(size) == kPackageBytes});
+                         static_cast<std::uint64_t>(size) == kavro::package::kPackageBytes});
     }
     return files;
 }
@@ -166,7 +164,7 @@ struct KeptPackage {
 std::vector<KeptPackage> keptPackages() {
     std::vector<KeptPackage> kept;
     for (const std::string& path : {UpgradeProc::currentPkg, UpgradeProc::rollbackPkg}) {
-        kept.push_back({path, COMMON_YR::isFileExist(path.c_str()), readPackageVersion(path)});
+        kept.push_back({path, COMMON_YR::isFileExist(path.c_str()), kavro::package::readVersion(path)});
     }
     return kept;
 }

@@ -7,7 +7,7 @@
 namespace upgradectl {
 
 // Tells versions, state, outcome of the last run and packages. The outcome stays recorded for the application
-// unless consume is set. Throws ToolError, after telling what is known, when a version cannot be read or the flash drivers
+// unless consume is set. Throws Failure, after telling what is known, when a version cannot be read or the flash drivers
 // are not ready.
 void showStatus(const OwnOutput& output, bool consume, bool json);
 

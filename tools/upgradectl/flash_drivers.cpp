@@ -1,7 +1,7 @@
 #include "tools/upgradectl/flash_drivers.h"
 
 #include "tools/upgradectl/device_log.h"
-#include "tools/upgradectl/tool_error.h"
+#include "tools/upgradectl/exit_code.h"
 #include "upgrade/upgrade_api.h"
 
 namespace upgradectl {
@@ -16,8 +16,8 @@ void requireFlashDrivers() {
         // be told only when the first is mended. A driver logs it as it is made.
         const UpgradeMpu untried;
     }
-    throw ToolError(ExitCode::kOther, "the flash drivers are not ready",
-                    "mend what the device: lines say in /etc/kavro/platform.json", loggedErrors());
+    throw Failure(ErrorCode::kOther, "the flash drivers are not ready",
+                  "mend what the device: lines say in /etc/kavro/platform.json", loggedErrors());
 }
 
 }  // namespace upgradectl

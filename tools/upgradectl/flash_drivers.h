@@ -3,7 +3,7 @@
 
 namespace upgradectl {
 
-// Throws ToolError unless both processors' drivers are ready. Its device: lines say what either of them lacks.
+// Throws Failure unless both processors' drivers are ready. Its device: lines say what either of them lacks.
 void requireFlashDrivers();
 
 }  // namespace upgradectl

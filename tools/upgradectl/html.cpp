@@ -1,6 +1,6 @@
 #include "tools/upgradectl/html.h"
 
-#include "tools/upgradectl/escaped_text.h"
+#include "base/escaped_text.h"
 
 namespace upgradectl {
 
@@ -39,7 +39,7 @@ std::string openingOf(const char* name, HtmlAttributes attributes) {
 Html htmlText(const std::string& bytes) {
     Html html;
     html.markup.reserve(bytes.size());
-    for (const char character : escaped(bytes)) {
+    for (const char character : kavro::escaped(bytes)) {
         const char* entity = entityOf(character);
         entity == nullptr ? html.markup += character : html.markup += entity;
     }

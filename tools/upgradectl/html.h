@@ -28,7 +28,7 @@ struct HtmlAttribute {
 };
 using HtmlAttributes = std::initializer_list<HtmlAttribute>;
 
-// Any bytes as text, which shows what is in them: what is no UTF-8 or no visible character is spelled out, as escaped()
+// Any bytes as text, which shows what is in them: what is no UTF-8 or no visible character is spelled out, as kavro::escaped()
 // does.
 Html htmlText(const std::string& bytes);
 

@@ -2,12 +2,11 @@
 
 #include <string>
 
+#include "base/path_relation.h"
+#include "package/trailer.h"
 #include "tools/upgradectl/device_log.h"
-#include "tools/upgradectl/package_reading.h"
-#include "tools/upgradectl/package_trailer.h"
-#include "tools/upgradectl/path_relation.h"
+#include "tools/upgradectl/exit_code.h"
 #include "tools/upgradectl/run_failure.h"
-#include "tools/upgradectl/tool_error.h"
 #include "upgrade/upgrade_api.h"
 
 namespace upgradectl {
@@ -16,14 +15,14 @@ namespace {
 
 namespace fs = std::filesystem;
 
-ToolError refused(const fs::path& package, const std::string& fault, const std::string& next) {
-    return {ExitCode::kRefused, "the package '" + package.string() + "' " + fault, next};
+Failure refused(const fs::path& package, const std::string& fault, const std::string& next) {
+    return {ErrorCode::kRefused, "the package '" + package.string() + "' " + fault, next};
 }
 
 // A run overwrites or removes these before it is done with the package it installs.
 void requireApartFromWorkFiles(const fs::path& package) {
     std::error_code ignored;
-    if (isBelow(package, UpgradeProc::storePart) ||
+    if (kavro::isBelow(package, UpgradeProc::storePart) ||
         fs::equivalent(package, UpgradeProc::upgradePkg, ignored) ||
         fs::equivalent(package, UpgradeProc::rollbackPkg, ignored)) {
         throw refused(package, "is a file that the run itself replaces",
@@ -41,10 +40,10 @@ void requirePackage(const fs::path& package) {
         throw refused(package, "is no regular file", "give the package file");
     }
     const std::uintmax_t size = fs::file_size(package, error);
-    if (error || size != kPackageBytes) {
+    if (error || size != kavro::package::kPackageBytes) {
         throw refused(package,
                       "has " + std::to_string(error ? 0 : size) + " bytes, a package has " +
-                          std::to_string(kPackageBytes),
+                          std::to_string(kavro::package::kPackageBytes),
                       "transfer it again, whole");
     }
     requireApartFromWorkFiles(package);
@@ -54,10 +53,10 @@ void requirePackage(const fs::path& package) {
 // and lose the package of the running software.
 void requireNothingAwaitsActivation() {
     if (UPGRADE_isUpgraded()) {
-        throw ToolError(ExitCode::kOther,
-                        "an installed package awaits activation, there is nothing to go back from",
-                        "the device keeps its running software until 'upgradectl activate': activate the "
-                        "package, or install another one");
+        throw Failure(ErrorCode::kOther,
+                      "an installed package awaits activation, there is nothing to go back from",
+                      "the device keeps its running software until 'upgradectl activate': activate the "
+                      "package, or install another one");
     }
 }
 
@@ -66,8 +65,8 @@ RunEnd installed(const RunOutcome& outcome, const fs::path& package) {
         throw installFailure(outcome, package.string());
     }
     if (!UPGRADE_isUpgraded()) {
-        throw ToolError(
-            ExitCode::kOther,
+        throw Failure(
+            ErrorCode::kOther,
             "'" + package.string() + "' is installed, but the marker that it awaits activation is not",
             "make room in the file system at /config, then install the package again", loggedErrors());
     }
@@ -78,9 +77,9 @@ RunEnd installed(const RunOutcome& outcome, const fs::path& package) {
 }
 
 // A device that has nothing to go back to is told from one whose package was refused.
-ToolError noRollbackPackage(bool wasThere) {
+Failure noRollbackPackage(bool wasThere) {
     return {
-        wasThere ? ExitCode::kRefused : ExitCode::kOther,
+        wasThere ? ErrorCode::kRefused : ErrorCode::kOther,
         "the rollback package '" + UpgradeProc::rollbackPkg + "' is " + (wasThere ? "damaged" : "missing"),
         "install a package instead", loggedErrors()};
 }
@@ -100,8 +99,8 @@ RunEnd rolledBack(const RunOutcome& outcome, const RollbackPackage& package) {
         throw rollbackFailure(outcome);
     }
     if (outcome.result < 0) {
-        throw ToolError(ExitCode::kOther, "the rolled back software could not be activated",
-                        "mend what the device: lines say, then run 'upgradectl activate'", loggedErrors());
+        throw Failure(ErrorCode::kOther, "the rolled back software could not be activated",
+                      "mend what the device: lines say, then run 'upgradectl activate'", loggedErrors());
     }
     return {ExitCode::kOk,
             "rolled back to " + package.version + ", which runs after the next restart",
@@ -121,7 +120,7 @@ void install(const fs::path& package, const RunOptions& options, const Interrupt
 
 void rollback(const RunOptions& options, const Interrupts& interrupts) {
     const RollbackPackage package = {COMMON_YR::isFileExist(UpgradeProc::rollbackPkg.c_str()),
-                                     readPackageVersion(UpgradeProc::rollbackPkg)};
+                                     kavro::package::readVersion(UpgradeProc::rollbackPkg)};
     performRun({"rollback", UpgradeProc::rollbackPkg, requireNothingAwaitsActivation, UPGRADE_rollback_mpu,
                 [&](const RunOutcome& outcome) { return rolledBack(outcome, package); }},
                options, interrupts);

@@ -3,21 +3,20 @@
 #include <string>
 
 #include "tools/upgradectl/command_line.h"
-#include "tools/upgradectl/tool_error.h"
+#include "tools/upgradectl/exit_code.h"
 
 namespace {
 
 using upgradectl::ExitCode;
-using upgradectl::ToolError;
 
-void report(const ToolError& error) {
+void report(const kavro::Error& error) {
     std::fflush(stdout);  // where both go into one file, what was printed before comes first
-    std::fprintf(stderr, "upgradectl: %s\n", error.what());
-    for (const std::string& line : error.details()) {
+    std::fprintf(stderr, "upgradectl: %s\n", error.text.c_str());
+    for (const std::string& line : error.details) {
         std::fprintf(stderr, "  device: %s\n", line.c_str());
     }
-    std::fprintf(stderr, "  next: %s\n", error.next().c_str());
-    for (const ToolError& other : error.further()) {
+    std::fprintf(stderr, "  next: %s\n", error.next.c_str());
+    for (const kavro::Error& other : error.further) {
         report(other);
     }
 }
@@ -34,11 +33,11 @@ ExitCode runCommandLine(int argc, char** argv) {
 ExitCode runReporting(int argc, char** argv) {
     try {
         return runCommandLine(argc, argv);
-    } catch (const ToolError& error) {
-        report(error);
-        return error.exitCode();
-    } catch (const std::exception& error) {
-        report({ExitCode::kOther, error.what(), "check the memory and the storage of this machine"});
+    } catch (const kavro::Failure& failure) {
+        report(failure.error());
+        return upgradectl::exitCodeOf(failure.error());
+    } catch (const std::exception& exception) {
+        report(kavro::unexpectedError(exception));
         return ExitCode::kOther;
     }
 }

@@ -8,7 +8,7 @@
 #include <map>
 #include <sstream>
 
-#include "tools/upgradectl/escaped_text.h"
+#include "base/escaped_text.h"
 #include "tools/upgradectl/json_text.h"
 
 namespace upgradectl {
@@ -31,28 +31,30 @@ std::string bytesText(std::uint64_t bytes) {
     return std::to_string(bytes) + " bytes";
 }
 
-std::string keyText(const PackageCheck& check) {
+std::string keyText(const kavro::package::Check& check) {
     return check.keyDescription.empty() ? "" : check.keyDescription + ", sha256 " + check.keyDigest;
 }
 
-std::string versionText(const PackageVersion& version) {
-    return formatVersion(version) + " (hw " + std::to_string(version.hw) + ", mpu " +
+std::string versionText(const kavro::package::Version& version) {
+    return kavro::package::formatVersion(version) + " (hw " + std::to_string(version.hw) + ", mpu " +
            std::to_string(version.mpu) + ", mcu " + std::to_string(version.mcu) + ", bld " +
            std::to_string(version.bld) + ")";
 }
 
 // What lies between payload and trailer; none when the payload's length cannot be.
-std::uint64_t gapBytes(const PackageTrailer& trailer) {
-    return kMaxPayloadBytes - std::min<std::uint64_t>(kMaxPayloadBytes, trailer.payloadBytes);
+std::uint64_t gapBytes(const kavro::package::Trailer& trailer) {
+    return kavro::package::kMaxPayloadBytes -
+           std::min<std::uint64_t>(kavro::package::kMaxPayloadBytes, trailer.payloadBytes);
 }
 
 // The digests of the components, by their place among the entries: the first of a name is the one that was read.
 std::map<std::size_t, std::string> digestsByEntry(const Inspection& inspection) {
     std::map<std::size_t, std::string> digests;
-    for (const ComponentCheck& component : inspection.check.components) {
+    for (const kavro::package::ComponentCheck& component : inspection.check.components) {
         const auto entry = std::find_if(
-            inspection.entries.begin(), inspection.entries.end(), [&](const ArchiveEntry& candidate) {
-                return unpackedName(candidate) == component.name && candidate.type == "file";
+            inspection.entries.begin(), inspection.entries.end(),
+            [&](const kavro::package::Entry& candidate) {
+                return kavro::package::unpackedName(candidate) == component.name && candidate.type == "file";
             });
         if (entry != inspection.entries.end() && !component.sha256.empty()) {
             digests[static_cast<std::size_t>(entry - inspection.entries.begin())] = component.sha256;
@@ -71,27 +73,27 @@ std::string entriesText(const Inspection& inspection) {
     };
     row("type", "bytes", "sha256", "name");
     for (std::size_t index = 0; index < inspection.entries.size(); ++index) {
-        const ArchiveEntry& entry = inspection.entries[index];
+        const kavro::package::Entry& entry = inspection.entries[index];
         const auto digest = digests.find(index);
         row(entry.type, std::to_string(entry.bytes), digest == digests.end() ? "" : digest->second,
-            escaped(entry.name));
+            kavro::escaped(entry.name));
     }
     return text.str();
 }
 
 // Whatever was checked, under its name.
-std::vector<PartCheck> allChecks(const PackageCheck& check) {
-    std::vector<PartCheck> all = check.parts;
-    for (const ComponentCheck& component : check.components) {
+std::vector<kavro::package::PartCheck> allChecks(const kavro::package::Check& check) {
+    std::vector<kavro::package::PartCheck> all = check.parts;
+    for (const kavro::package::ComponentCheck& component : check.components) {
         const bool good = component.fault.empty();
         all.push_back({component.name, good ? std::vector<std::string>() : std::vector{component.fault}});
     }
     return all;
 }
 
-std::string faultsText(const PackageCheck& check) {
+std::string faultsText(const kavro::package::Check& check) {
     std::string text;
-    for (const PartCheck& part : allChecks(check)) {
+    for (const kavro::package::PartCheck& part : allChecks(check)) {
         for (const std::string& fault : part.faults) {
             text += line("fault", fault);
         }
@@ -107,14 +109,14 @@ Json::Value jsonList(const std::vector<std::string>& texts) {
     return list;
 }
 
-Json::Value jsonKey(const PackageCheck& check) {
+Json::Value jsonKey(const kavro::package::Check& check) {
     Json::Value key(Json::objectValue);
     key["description"] = check.keyDescription;
     key["sha256"] = check.keyDigest;
     return key;
 }
 
-Json::Value jsonVersion(const PackageVersion& version) {
+Json::Value jsonVersion(const kavro::package::Version& version) {
     Json::Value numbers(Json::objectValue);
     numbers["hw"] = version.hw;
     numbers["mpu"] = version.mpu;
@@ -141,14 +143,14 @@ Json::Value jsonEntries(const Inspection& inspection) {
 }
 
 // What inspect and verify have in common.
-Json::Value jsonCommon(const std::string& package, const PackageCheck& check) {
+Json::Value jsonCommon(const std::string& package, const kavro::package::Check& check) {
     Json::Value root(Json::objectValue);
     root["package"] = package;
     root["in_order"] = check.inOrder();
     root["versions"] = jsonVersion(check.trailer.version);
     root["key"] = jsonKey(check);
     Json::Value checks(Json::arrayValue);
-    for (const PartCheck& part : allChecks(check)) {
+    for (const kavro::package::PartCheck& part : allChecks(check)) {
         Json::Value row(Json::objectValue);
         row["name"] = part.name;
         row["ok"] = part.faults.empty();
@@ -162,19 +164,19 @@ Json::Value jsonCommon(const std::string& package, const PackageCheck& check) {
 }  // namespace
 
 std::string inspectionText(const Inspection& inspection) {
-    const PackageTrailer& trailer = inspection.check.trailer;
+    const kavro::package::Trailer& trailer = inspection.check.trailer;
     return line("package", inspection.package) +
            line("payload",
                 bytesText(trailer.payloadBytes) + ", md5 " + (trailer.md5.empty() ? "-" : trailer.md5)) +
            line("gap", bytesText(gapBytes(trailer))) + line("key", keyText(inspection.check)) +
-           line("stamp", escaped(trailer.stamp)) + line("ident", escaped(trailer.ident)) +
-           line("version", versionText(trailer.version)) + line("branch", escaped(trailer.branch)) +
-           line("user", escaped(trailer.user)) + "\n" + entriesText(inspection) +
+           line("stamp", kavro::escaped(trailer.stamp)) + line("ident", kavro::escaped(trailer.ident)) +
+           line("version", versionText(trailer.version)) + line("branch", kavro::escaped(trailer.branch)) +
+           line("user", kavro::escaped(trailer.user)) + "\n" + entriesText(inspection) +
            (inspection.check.inOrder() ? "" : "\n" + faultsText(inspection.check));
 }
 
 std::string inspectionJson(const Inspection& inspection) {
-    const PackageTrailer& trailer = inspection.check.trailer;
+    const kavro::package::Trailer& trailer = inspection.check.trailer;
     Json::Value root = jsonCommon(inspection.package, inspection.check);
     root["payload_bytes"] = trailer.payloadBytes;
     root["gap_bytes"] = Json::UInt64(gapBytes(trailer));
@@ -188,9 +190,9 @@ std::string inspectionJson(const Inspection& inspection) {
     return jsonText(root) + "\n";
 }
 
-std::string verificationText(const PackageCheck& check) {
+std::string verificationText(const kavro::package::Check& check) {
     std::ostringstream text;
-    for (const PartCheck& part : allChecks(check)) {
+    for (const kavro::package::PartCheck& part : allChecks(check)) {
         std::string verdict;
         for (const std::string& fault : part.faults) {
             verdict += (verdict.empty() ? "" : "; ") + fault;
@@ -201,7 +203,7 @@ std::string verificationText(const PackageCheck& check) {
     return text.str();
 }
 
-std::string verificationJson(const std::string& package, const PackageCheck& check) {
+std::string verificationJson(const std::string& package, const kavro::package::Check& check) {
     return jsonText(jsonCommon(package, check)) + "\n";
 }
 

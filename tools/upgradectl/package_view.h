@@ -4,14 +4,14 @@
 #include <string>
 #include <vector>
 
-#include "tools/upgradectl/package_check.h"
+#include "package/check.h"
 
 namespace upgradectl {
 
 struct Inspection {
     std::string package;  // as it was given
-    PackageCheck check;
-    std::vector<ArchiveEntry> entries;  // in the archive's order
+    kavro::package::Check check;
+    std::vector<kavro::package::Entry> entries;  // in the archive's order
 };
 
 // Lines with line breaks. What stands in the package is escaped. docs/upgradectl.md shows both, and lists the members
@@ -20,7 +20,7 @@ std::string inspectionText(const Inspection& inspection);
 std::string inspectionJson(const Inspection& inspection);
 
 // One line for each thing that was checked: "ok" or what is wrong with it.
-std::string verificationText(const PackageCheck& check);
-std::string verificationJson(const std::string& package, const PackageCheck& check);
+std::string verificationText(const kavro::package::Check& check);
+std::string verificationJson(const std::string& package, const kavro::package::Check& check);
 
 }  // namespace upgradectl

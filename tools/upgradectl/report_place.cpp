@@ -2,9 +2,10 @@
 
 #include <string>
 
+#include "base/output_file.h"
+#include "base/path_relation.h"
 #include "platform/config/platform_config.h"
-#include "tools/upgradectl/output_file.h"
-#include "tools/upgradectl/path_relation.h"
+#include "tools/upgradectl/exit_code.h"
 #include "upgrade/upgrade_api.h"
 
 namespace upgradectl {
@@ -19,8 +20,8 @@ constexpr const char* kTakenDirectories[] = {"/raw", "/firmware", "/config", "/e
 
 constexpr const char* kPublicKey = "/tmp/pubkey";  // of the package, for checking its signatures
 
-ToolError taken(const fs::path& report, const std::string& why) {
-    return {ExitCode::kUsage, "the report cannot be '" + report.string() + "', " + why,
+Failure taken(const fs::path& report, const std::string& why) {
+    return {ErrorCode::kUsage, "the report cannot be '" + report.string() + "', " + why,
             "give a file elsewhere, for example /tmp/report.html, and copy it away before the device is "
             "restarted"};
 }
@@ -29,18 +30,18 @@ ToolError taken(const fs::path& report, const std::string& why) {
 
 void requirePlaceForReport(const fs::path& report, const std::vector<fs::path>& inputs) {
     for (const char* directory : kTakenDirectories) {
-        if (isBelow(report, directory)) {
+        if (kavro::isBelow(report, directory)) {
             throw taken(report, std::string("since ") + directory + " belongs to the device's upgrades");
         }
     }
     std::vector<fs::path> others = {UpgradeProc::tmpCfg, kPublicKey, kavro::readPlatformConfig().logFile};
     others.insert(others.end(), inputs.begin(), inputs.end());
     for (const fs::path& other : others) {
-        if (!other.empty() && resolved(report) == resolved(other)) {
+        if (!other.empty() && kavro::resolved(report) == kavro::resolved(other)) {
             throw taken(report, "which a run reads or writes itself");
         }
     }
-    const OutputFile tried(report);
+    const kavro::OutputFile tried(report);
 }
 
 }  // namespace upgradectl

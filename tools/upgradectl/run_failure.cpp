@@ -2,8 +2,8 @@
 
 #include <filesystem>
 
+#include "package/trailer.h"
 #include "tools/upgradectl/device_log.h"
-#include "tools/upgradectl/package_trailer.h"
 #include "upgrade/upgrade_api.h"
 #include "upgrade/upgrade_proc_pkg.h"
 
@@ -14,7 +14,7 @@ namespace {
 // What a failure in each stage means, and what to do about it.
 struct StageFailure {
     int stage;
-    ExitCode code;
+    ErrorCode code;
     const char* what;  // follows the package's name
     const char* nextOfInstall;
     const char* nextOfRollback;
@@ -25,39 +25,40 @@ constexpr const char* kTransferAgain =
 
 // A rollback that has begun to flash has already dropped the rollback package, but works on a copy of it.
 constexpr StageFailure kStageFailures[] = {
-    {UPGRADE_STAGE_INIT, ExitCode::kOther, "could not be copied to /firmware",
+    {UPGRADE_STAGE_INIT, ErrorCode::kOther, "could not be copied to /firmware",
      "check that /firmware has room for two packages; a failed copy has emptied it",
      "check that /firmware has room for two more packages; where a failed copy has emptied it, install a "
      "package "
      "instead"},
-    {UPGRADE_STAGE_START, ExitCode::kRefused, "is damaged: the md5 of its payload is not that of its trailer",
-     kTransferAgain, "install a package instead"},
-    {UPGRADE_STAGE_PROC_PKG_DONE, ExitCode::kRefused,
+    {UPGRADE_STAGE_START, ErrorCode::kRefused,
+     "is damaged: the md5 of its payload is not that of its trailer", kTransferAgain,
+     "install a package instead"},
+    {UPGRADE_STAGE_PROC_PKG_DONE, ErrorCode::kRefused,
      "lacks a component or has a signature that does not verify",
      "use a package that 'upgradectl pack' made, and transfer it again", "install a package instead"},
-    {UPGRADE_STAGE_VERIFY_PKG_DONE, ExitCode::kOther, "could not be compared with the installed versions",
+    {UPGRADE_STAGE_VERIFY_PKG_DONE, ErrorCode::kOther, "could not be compared with the installed versions",
      "check /config/upgrade_config.json", "check /config/upgrade_config.json"},
-    {UPGRADE_STAGE_FLASHING_START, ExitCode::kFlashFailed, "could not be flashed",
+    {UPGRADE_STAGE_FLASHING_START, ErrorCode::kFlashFailed, "could not be flashed",
      "mend what the device: lines say, then install it again before the device is restarted",
      "mend what the device: lines say, then install its copy, /firmware/recv.tar.xz, before the device is "
      "restarted"},
-    {UPGRADE_STAGE_BACKUP_PACKAGE, ExitCode::kFlashFailed,
+    {UPGRADE_STAGE_BACKUP_PACKAGE, ErrorCode::kFlashFailed,
      "was flashed but could not be kept as /firmware/rollback.pkg",
      "make room in /firmware, then install it again",
      "make room in /firmware, then install its copy, /firmware/recv.tar.xz"},
 };
 
-constexpr StageFailure kWorkAreaFailure = {UPGRADE_STAGE_INIT, ExitCode::kOther,
+constexpr StageFailure kWorkAreaFailure = {UPGRADE_STAGE_INIT, ErrorCode::kOther,
                                            "cannot be unpacked anywhere: /raw/upgrade could not be made",
                                            "mount /raw where it can be written, then install it again",
                                            "mount /raw where it can be written, then try again"};
 
-constexpr StageFailure kTrailerFailure = {UPGRADE_STAGE_START, ExitCode::kRefused,
+constexpr StageFailure kTrailerFailure = {UPGRADE_STAGE_START, ErrorCode::kRefused,
                                           "is damaged: its trailer cannot be read", kTransferAgain,
                                           "install a package instead"};
 
 constexpr StageFailure kUnpackFailure = {
-    UPGRADE_STAGE_START, ExitCode::kOther, "is whole, but could not be unpacked to /raw/upgrade",
+    UPGRADE_STAGE_START, ErrorCode::kOther, "is whole, but could not be unpacked to /raw/upgrade",
     "check that /raw has room for its components; if it has, use a package that 'upgradectl pack' made",
     "check that /raw has room for its components; if it has, install a package instead"};
 
@@ -73,7 +74,7 @@ const StageFailure& failureIn(int stage) {
 
 // After a failure in the stage INIT. input: the file that the run works on; one of another size ends it before that.
 bool hasNoWorkArea(const std::string& input) {
-    return COMMON_YR::getFileSize(input.c_str()) == static_cast<long>(kPackageBytes) &&
+    return COMMON_YR::getFileSize(input.c_str()) == static_cast<long>(kavro::package::kPackageBytes) &&
            !std::filesystem::is_directory(UpgradeProc::storePath);
 }
 
@@ -98,18 +99,18 @@ const StageFailure& failureOf(const RunOutcome& outcome, const std::string& inpu
     return failureIn(outcome.stage());
 }
 
-ToolError failed(const StageFailure& failure, const std::string& package, const char* next) {
+Failure failed(const StageFailure& failure, const std::string& package, const char* next) {
     return {failure.code, "the package '" + package + "' " + failure.what, next, loggedErrors()};
 }
 
-ToolError givenUp(const std::string& what) {
-    return {ExitCode::kGivenUp, what + " was given up, nothing was flashed",
+Failure givenUp(const std::string& what) {
+    return {ErrorCode::kGivenUp, what + " was given up, nothing was flashed",
             "start it again whenever you like"};
 }
 
 }  // namespace
 
-ToolError installFailure(const RunOutcome& outcome, const std::string& package) {
+Failure installFailure(const RunOutcome& outcome, const std::string& package) {
     if (outcome.givenUp) {
         return givenUp("the installation of '" + package + "'");
     }
@@ -117,7 +118,7 @@ ToolError installFailure(const RunOutcome& outcome, const std::string& package) 
     return failed(failure, package, failure.nextOfInstall);
 }
 
-ToolError rollbackFailure(const RunOutcome& outcome) {
+Failure rollbackFailure(const RunOutcome& outcome) {
     const std::string& package = UpgradeProc::rollbackPkg;
     if (outcome.givenUp) {
         return givenUp("going back to '" + package + "'");

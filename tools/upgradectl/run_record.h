@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/upgradectl/package_check.h"
+#include "package/check.h"
 
 namespace upgradectl {
 
@@ -38,9 +38,9 @@ struct RunRecord {
     std::string packageVersion;  // "V01.105.008.003", or empty when it could not be read
     std::string versionBefore;   // what the device reported, or empty
     std::string versionAfter;
-    std::vector<ComponentCheck> components;  // empty when the package could not be read
-    int exitCode = 0;                        // of the command
-    std::string outcome;                     // one sentence without a full stop
+    std::vector<kavro::package::ComponentCheck> components;  // empty when the package could not be read
+    int exitCode = 0;                                        // of the command
+    std::string outcome;                                     // one sentence without a full stop
     std::string nextStep;
 };
 

@@ -6,11 +6,11 @@
 #include <ctime>
 #include <optional>
 
+#include "base/output_file.h"
 #include "run_report_style.h"
+#include "tools/upgradectl/exit_code.h"
 #include "tools/upgradectl/html.h"
-#include "tools/upgradectl/output_file.h"
 #include "tools/upgradectl/run_timeline.h"
-#include "tools/upgradectl/tool_error.h"
 #include "upgrade/upgrade_api.h"
 
 namespace upgradectl {
@@ -460,7 +460,7 @@ Html states(const RunRecord& record) {
 }
 
 // On a narrow screen a row becomes a block, which the style sheet does; the roles keep it a row for who listens.
-Html componentRow(const ComponentCheck& component) {
+Html componentRow(const kavro::package::ComponentCheck& component) {
     const bool inOrder = component.fault.empty();
     return htmlElement(
         "tr", {{"role", "row"}},
@@ -479,7 +479,7 @@ Html components(const RunRecord& record) {
         return heading("Components of the package") + paragraph("", "The package could not be read.");
     }
     Html rows;
-    for (const ComponentCheck& component : record.components) {
+    for (const kavro::package::ComponentCheck& component : record.components) {
         rows += componentRow(component);
     }
     return heading("Components of the package") +
@@ -551,7 +551,7 @@ std::string renderRunReport(const RunRecord& record) {
 }
 
 void writeRunReport(const std::filesystem::path& file, const RunRecord& record) {
-    OutputFile output(file);
+    kavro::OutputFile output(file);
     output.writeAt(0, renderRunReport(record));
     output.commit();
 }

@@ -13,7 +13,7 @@ namespace upgradectl {
 // logged line beyond its text.
 std::string renderRunReport(const RunRecord& record);
 
-// Writes the page whole or not at all; a file of that name is replaced. Throws ToolError that names the file.
+// Writes the page whole or not at all; a file of that name is replaced. Throws Failure that names the file.
 void writeRunReport(const std::filesystem::path& file, const RunRecord& record);
 
 }  // namespace upgradectl

@@ -6,10 +6,10 @@
 #include <memory>
 #include <utility>
 
+#include "package/check.h"
+#include "package/trailer.h"
 #include "tools/upgradectl/device_log.h"
 #include "tools/upgradectl/flash_drivers.h"
-#include "tools/upgradectl/package_check.h"
-#include "tools/upgradectl/package_reading.h"
 #include "tools/upgradectl/report_place.h"
 #include "tools/upgradectl/run_report.h"
 #include "upgrade/upgrade_api.h"
@@ -33,9 +33,9 @@ std::string currentVersion() {
     return version;
 }
 
-std::vector<std::string> faultsOf(const PackageCheck& check) {
+std::vector<std::string> faultsOf(const kavro::package::Check& check) {
     std::vector<std::string> faults = check.faults;
-    for (const ComponentCheck& component : check.components) {
+    for (const kavro::package::ComponentCheck& component : check.components) {
         if (!component.fault.empty()) {
             faults.push_back(component.fault);
         }
@@ -43,7 +43,7 @@ std::vector<std::string> faultsOf(const PackageCheck& check) {
     return faults;
 }
 
-ToolError untrusted(const fs::path& package, const fs::path& key, const PackageCheck& check) {
+Failure untrusted(const fs::path& package, const fs::path& key, const kavro::package::Check& check) {
     constexpr std::size_t kMostFaults = 3;
     const std::vector<std::string> faults = faultsOf(check);
     std::string text = "the package '" + package.string() + "' was refused, nothing was flashed";
@@ -53,7 +53,7 @@ ToolError untrusted(const fs::path& package, const fs::path& key, const PackageC
     if (faults.size() > kMostFaults) {
         text += "; and " + std::to_string(faults.size() - kMostFaults) + " more";
     }
-    return {ExitCode::kRefused, text,
+    return {ErrorCode::kRefused, text,
             "use a whole package that is signed with the key of '" + key.string() +
                 "'; 'upgradectl verify' tells all that is wrong with this one"};
 }
@@ -71,6 +71,10 @@ std::vector<LoggedLine> logSince(const Clock& clock) {
             {clock.seconds(), kNotice, "", std::to_string(log.dropped) + " more lines were not kept"});
     }
     return lines;
+}
+
+RunEnd endOf(const kavro::Error& error) {
+    return {exitCodeOf(error), error.text, error.next, error.details};
 }
 
 // From the first check to the last line that is shown.
@@ -92,11 +96,11 @@ class RunSession {
         try {
             placeReport();
             result = kind.judge(checkAndRun());
-        } catch (const ToolError& error) {
-            result = {error.exitCode(), error.what(), error.next(), error.details()};
+        } catch (const Failure& caught) {
+            result = endOf(caught.error());
             failure = std::current_exception();
-        } catch (const std::exception& error) {
-            result = {ExitCode::kOther, error.what(), "check the memory and the storage of this machine", {}};
+        } catch (const std::exception& caught) {
+            result = endOf(kavro::unexpectedError(caught));
             failure = std::current_exception();
         }
         end(result);
@@ -116,7 +120,7 @@ class RunSession {
     RunOutcome checkAndRun() {
         kind.require();
         requireFlashDrivers();
-        record.packageVersion = readPackageVersion(kind.package);
+        record.packageVersion = kavro::package::readVersion(kind.package);
         checkComponents();
         requireNotGivenUp();
         record.versionBefore = currentVersion();
@@ -133,23 +137,23 @@ class RunSession {
         if (!options.trustedKey && !options.report) {
             return;
         }
-        try {
-            const PackageCheck check = checkPackage(kind.package, options.trustedKey);
-            record.components = check.components;
-            if (options.trustedKey && !check.inOrder()) {
+        kavro::Result<kavro::package::Check> checked =
+            kavro::package::check(kind.package, options.trustedKey);
+        if (checked.ok()) {
+            record.components = checked.value().components;
+        }
+        if (options.trustedKey) {
+            const kavro::package::Check check = kavro::valueOf(std::move(checked));
+            if (!check.inOrder()) {
                 throw untrusted(kind.package, *options.trustedKey, check);
-            }
-        } catch (const ToolError&) {
-            if (options.trustedKey) {
-                throw;
             }
         }
     }
 
     void requireNotGivenUp() const {
         if (interrupts.count() > 0) {
-            throw ToolError(ExitCode::kGivenUp, "given up before the run began, nothing was flashed",
-                            "start it again whenever you like");
+            throw Failure(ErrorCode::kGivenUp, "given up before the run began, nothing was flashed",
+                          "start it again whenever you like");
         }
     }
 

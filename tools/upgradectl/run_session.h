@@ -22,13 +22,13 @@ struct RunOptions {
 struct RunKind {
     std::string command;            // "install"
     std::filesystem::path package;  // as the user knows it
-    std::function<void()> require;  // throws ToolError when a run makes no sense; quick
+    std::function<void()> require;  // throws Failure when a run makes no sense; quick
     std::function<int()> run;       // makes it
-    // Says how it went: the result for the user, or a ToolError.
+    // Says how it went: the result for the user, or a Failure.
     std::function<RunEnd(const RunOutcome&)> judge;
 };
 
-// Makes a run and shows it. Throws ToolError when it was refused, has failed or was given up; that is shown and
+// Makes a run and shows it. Throws Failure when it was refused, has failed or was given up; that is shown and
 // reported as well. A report is written in each case but two: when it must not or cannot be where it was asked for, which
 // is an error before anything is done, and when it cannot be written after all, which is only a warning.
 void performRun(const RunKind& kind, const RunOptions& options, const Interrupts& interrupts);

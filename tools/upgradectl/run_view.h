@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
+#include "tools/upgradectl/exit_code.h"
 #include "tools/upgradectl/own_output.h"
 #include "tools/upgradectl/run_status.h"
-#include "tools/upgradectl/tool_error.h"
 
 namespace upgradectl {
 

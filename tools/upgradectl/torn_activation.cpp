@@ -5,15 +5,16 @@
 #include <cstring>
 #include <optional>
 
+#include "base/errno_text.h"
+#include "base/file_io.h"
 #include "common/cancellation.h"
 #include "common/utility.h"
+#include "package/check.h"
 #include "platform/config/platform_config.h"
 #include "platform/config/written_slot.h"
 #include "platform/flash/environment_boot_control.h"
 #include "platform/flash/slot_map.h"
-#include "platform/utility/file_io.h"
-#include "tools/upgradectl/package_check.h"
-#include "tools/upgradectl/tool_error.h"
+#include "tools/upgradectl/exit_code.h"
 #include "upgrade/upgrade_api.h"
 
 namespace upgradectl {
@@ -28,8 +29,8 @@ bool exists(const std::string& path) {
     return COMMON_YR::isFileExist(path.c_str());
 }
 
-ToolError incomplete(const std::string& why) {
-    return {ExitCode::kOther, "an activation that was cut off cannot be completed: " + why,
+Failure incomplete(const std::string& why) {
+    return {ErrorCode::kOther, "an activation that was cut off cannot be completed: " + why,
             "mend that, and run 'upgradectl init' again before anything is activated"};
 }
 
@@ -50,7 +51,7 @@ std::optional<kavro::SlotContent> activatedContent() {
     return awaits || known == state.content.end() ? std::nullopt : std::optional(known->second);
 }
 
-bool isOf(const ComponentCheck& component, const kavro::PartContent& content) {
+bool isOf(const kavro::package::ComponentCheck& component, const kavro::PartContent& content) {
     return component.sha256 == content.sha256 && static_cast<long long>(component.bytes) == content.bytes;
 }
 
@@ -59,24 +60,24 @@ bool holds(const std::string& package, const kavro::SlotContent& content) {
     if (!exists(package)) {
         return false;
     }
-    try {
-        std::size_t found = 0;
-        for (const ComponentCheck& component : checkPackage(package).components) {
-            for (std::size_t part = 0; part < content.size(); ++part) {
-                const bool same =
-                    component.name == kavro::kSlotComponents[part] && isOf(component, content[part]);
-                found += same ? 1 : 0;
-            }
-        }
-        return found == content.size();
-    } catch (const ToolError&) {
+    const kavro::Result<kavro::package::Check> checked = kavro::package::check(package);
+    if (!checked.ok()) {
         return false;
     }
+    std::size_t found = 0;
+    for (const kavro::package::ComponentCheck& component : checked.value().components) {
+        for (std::size_t part = 0; part < content.size(); ++part) {
+            const bool same =
+                component.name == kavro::kSlotComponents[part] && isOf(component, content[part]);
+            found += same ? 1 : 0;
+        }
+    }
+    return found == content.size();
 }
 
 void move(const std::string& from, const std::string& to) {
     if (std::rename(from.c_str(), to.c_str()) != 0) {
-        throw incomplete("'" + from + "' cannot be renamed to '" + to + "': " + std::strerror(errno));
+        throw incomplete("'" + from + "' cannot be renamed to '" + to + "': " + kavro::reasonOf(errno));
     }
 }
 
@@ -115,7 +116,7 @@ std::string completeExchange(const kavro::SlotContent& content) {
 void flushPackages() {
     if (!kavro::flushDirectory(kPackageDirectory)) {
         throw incomplete(std::string("'") + kPackageDirectory +
-                         "' cannot be flushed: " + std::strerror(errno));
+                         "' cannot be flushed: " + kavro::reasonOf(errno));
     }
 }
 

@@ -18,7 +18,7 @@ namespace upgradectl {
 // awaits its activation. Which package belongs to the slot that starts next is told by the digests of its
 // components, so this reads packages, but only after such a cut.
 //
-// Returns what was done, for people, empty for nothing. Throws ToolError when it cannot be done; it may be tried again.
+// Returns what was done, for people, empty for nothing. Throws Failure when it cannot be done; it may be tried again.
 std::string completeTornActivation();
 
 }  // namespace upgradectl

@@ -9,11 +9,12 @@
 #include <memory>
 #include <optional>
 
+#include "base/errno_text.h"
+#include "base/time_stamp.h"
 #include "platform/config/platform_config.h"
 #include "platform/node/node_subscriber.h"
-#include "platform/utility/time_stamp.h"
+#include "tools/upgradectl/exit_code.h"
 #include "tools/upgradectl/run_log.h"
-#include "tools/upgradectl/tool_error.h"
 #include "upgrade/upgrade_api.h"
 
 namespace upgradectl {
@@ -25,8 +26,8 @@ constexpr int kPollMs = 100;
 // Published once after an activation. It is no state of a run, and so none of the library's names.
 constexpr int kStateActivated = 5;
 
-ToolError unwritable() {
-    return {ExitCode::kOther, std::string("standard output cannot be written: ") + std::strerror(errno),
+Failure unwritable() {
+    return {ErrorCode::kOther, std::string("standard output cannot be written: ") + kavro::reasonOf(errno),
             "check what it leads to"};
 }
 
@@ -120,10 +121,10 @@ class RunEnd {
 
     void throwUnlessFinished() const {
         if (last == UPGRADE_STATE_FAIL) {
-            throw ToolError(ExitCode::kFlashFailed, "the run failed", "look into the device's log");
+            throw Failure(ErrorCode::kFlashFailed, "the run failed", "look into the device's log");
         }
         if (last == UPGRADE_STATE_NONE) {
-            throw ToolError(ExitCode::kOther, "the run ended before flashing", "look into the device's log");
+            throw Failure(ErrorCode::kOther, "the run ended before flashing", "look into the device's log");
         }
     }
 
@@ -134,9 +135,9 @@ class RunEnd {
 
 std::string addressFrom(const kavro::PlatformConfig& config) {
     if (config.nodeAddress.empty()) {
-        throw ToolError(ExitCode::kOther,
-                        kavro::platformConfigError(config, "\"node\" names no \"address\" to listen to"),
-                        "name it there, or give --address");
+        throw Failure(ErrorCode::kOther,
+                      kavro::platformConfigError(config, "\"node\" names no \"address\" to listen to"),
+                      "name it there, or give --address");
     }
     return config.nodeAddress;
 }
@@ -145,8 +146,8 @@ std::unique_ptr<kavro::NodeSubscriber> subscribe(const std::string& address) {
     std::string error;
     std::unique_ptr<kavro::NodeSubscriber> subscriber = kavro::NodeSubscriber::open(address, error);
     if (subscriber == nullptr) {
-        throw ToolError(ExitCode::kOther, "the address '" + address + "' cannot be listened to: " + error,
-                        "give one such as ipc:///tmp/kavro-node.ipc");
+        throw Failure(ErrorCode::kOther, "the address '" + address + "' cannot be listened to: " + error,
+                      "give one such as ipc:///tmp/kavro-node.ipc");
     }
     return subscriber;
 }

@@ -14,7 +14,7 @@ struct WatchRequest {
 };
 
 // Writes a line to standard output for each change of the state, which the message node tells, and of the stage,
-// which the device's log tells, until an interrupt comes. Publishers may come and go meanwhile. Throws ToolError,
+// which the device's log tells, until an interrupt comes. Publishers may come and go meanwhile. Throws Failure,
 // also at the end of a run that failed when that was asked for.
 void watch(const WatchRequest& request, const Interrupts& interrupts);
 

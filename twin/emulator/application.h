@@ -6,8 +6,8 @@
 #include <optional>
 #include <string>
 
+#include "base/mcu_image.h"
 #include "platform/mcu/frame.h"
-#include "platform/mcu/mcu_image.h"
 
 namespace kavro::emulator {
 

@@ -4,8 +4,8 @@
 #include <limits>
 #include <string_view>
 
+#include "base/hex_digit.h"
 #include "platform/mcu/uds.h"
-#include "platform/utility/hex_digit.h"
 
 namespace kavro::emulator {
 namespace {

@@ -7,9 +7,9 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "platform/mcu/mcu_image.h"
-#include "platform/mcu/raw_file.h"
-#include "platform/utility/file_io.h"
+#include "base/errno_text.h"
+#include "base/file_io.h"
+#include "base/mcu_image.h"
 
 namespace kavro::emulator {
 namespace {

@@ -9,8 +9,8 @@
 #include <string>
 #include <string_view>
 
+#include "base/file_descriptor.h"
 #include "platform/mcu/frame.h"
-#include "platform/utility/file_descriptor.h"
 
 namespace kavro::emulator {
 

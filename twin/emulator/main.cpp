@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/mcu/raw_file.h"
-#include "platform/utility/file_io.h"
+#include "base/errno_text.h"
+#include "base/file_io.h"
 #include "twin/emulator/application.h"
 #include "twin/emulator/command_line.h"
 #include "twin/emulator/fault.h"

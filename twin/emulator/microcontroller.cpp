@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "platform/mcu/mcu_image.h"
+#include "base/mcu_image.h"
 #include "platform/mcu/uds.h"
 #include "twin/emulator/application.h"
 

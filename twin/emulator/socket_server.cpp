@@ -13,7 +13,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "platform/mcu/raw_file.h"
+#include "base/errno_text.h"
 
 namespace kavro::emulator {
 namespace {

@@ -7,8 +7,8 @@
 #include <optional>
 #include <string>
 
+#include "base/file_descriptor.h"
 #include "platform/mcu/frame.h"
-#include "platform/utility/file_descriptor.h"
 #include "twin/emulator/link_end.h"
 
 namespace kavro::emulator {

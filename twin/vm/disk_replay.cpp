@@ -19,7 +19,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/mcu/raw_file.h"
+#include "base/raw_file.h"
 
 namespace {
 

@@ -6,10 +6,10 @@
 #include <filesystem>
 #include <string>
 
+#include "base/file_descriptor.h"
+#include "base/mcu_image.h"
 #include "common/flash_driver.h"
 #include "common/message_node.h"
-#include "platform/mcu/mcu_image.h"
-#include "platform/utility/file_descriptor.h"
 #include "tests/platform/captured_log.h"
 #include "tests/platform/mcu/mcu_test_support.h"
 #include "tests/support/device.h"

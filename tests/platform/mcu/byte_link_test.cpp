@@ -12,7 +12,7 @@
 #include <filesystem>
 #include <thread>
 
-#include "platform/utility/file_descriptor.h"
+#include "base/file_descriptor.h"
 #include "tests/platform/mcu/mcu_test_support.h"
 #include "tests/support/temp_dir.h"
 

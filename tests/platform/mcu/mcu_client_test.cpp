@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/mcu/mcu_image.h"
+#include "base/mcu_image.h"
 #include "platform/mcu/uds.h"
 #include "tests/platform/captured_log.h"
 #include "tests/platform/mcu/mcu_test_support.h"

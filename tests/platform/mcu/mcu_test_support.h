@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/mcu/mcu_image.h"
+#include "base/mcu_image.h"
 
 namespace testsupport {
 

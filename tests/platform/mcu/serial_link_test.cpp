@@ -9,7 +9,7 @@
 
 #include <numeric>
 
-#include "platform/utility/file_descriptor.h"
+#include "base/file_descriptor.h"
 #include "tests/platform/mcu/mcu_test_support.h"
 #include "tests/support/temp_dir.h"
 

@@ -14,7 +14,7 @@
 #include <cstring>
 #include <deque>
 
-#include "platform/utility/file_descriptor.h"
+#include "base/file_descriptor.h"
 #include "tests/platform/mcu/mcu_test_support.h"
 #include "tests/support/device.h"
 #include "tests/support/temp_dir.h"

@@ -1,0 +1,209 @@
+#include "package/pack.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <ctime>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "base/failure.h"
+#include "base/hex_digit.h"
+#include "base/output_file.h"
+#include "package/internal/archive.h"
+#include "package/internal/component_files.h"
+#include "package/internal/component_formats.h"
+#include "package/internal/signing.h"
+#include "package/internal/staging.h"
+#include "package/trailer.h"
+
+namespace kavro::package {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// The time that a reproducible build sets for everything it makes.
+std::optional<std::time_t> sourceDateEpoch() {
+    const char* text = std::getenv("SOURCE_DATE_EPOCH");
+    if (text == nullptr) {
+        return std::nullopt;
+    }
+    const std::string digits = text;
+    constexpr std::size_t kMaxDigits = 11;  // up to the year 5138, so that a stamp's year has four digits
+    if (digits.empty() || digits.size() > kMaxDigits ||
+        digits.find_first_not_of("0123456789") != std::string::npos) {
+        throw Failure(ErrorCode::kUsage, "SOURCE_DATE_EPOCH '" + digits + "' is not a number of seconds",
+                      "set it to the seconds since 1970, or unset it");
+    }
+    return static_cast<std::time_t>(std::stoll(digits));
+}
+
+std::string utcStamp(std::time_t time) {
+    std::tm parts = {};
+    gmtime_r(&time, &parts);
+    char text[32] = {};
+    std::strftime(text, sizeof(text), "%Y%m%d%H%M%S", &parts);
+    return text;
+}
+
+Trailer describe(const PackRequest& request, const PrivateKey& key) {
+    Trailer trailer;
+    trailer.publicKey = key.publicKeyPem();
+    trailer.stamp = request.stamp ? *request.stamp : utcStamp(sourceDateEpoch().value_or(std::time(nullptr)));
+    trailer.ident = request.ident;
+    trailer.version = request.version;
+    trailer.branch = request.branch;
+    trailer.user = request.user;
+    valueOf(checkTrailerFits(trailer));
+    return trailer;
+}
+
+void requireApart(const PackRequest& request, const std::vector<Component>& components) {
+    std::vector<fs::path> inputs = {request.key};
+    for (const Component& component : components) {
+        inputs.push_back(component.path);
+    }
+    for (const fs::path& input : inputs) {
+        std::error_code ignored;
+        if (fs::equivalent(request.output, input, ignored)) {
+            throw Failure(ErrorCode::kUsage,
+                          "the output '" + request.output.string() + "' is also an input of the package",
+                          "give another output file");
+        }
+    }
+}
+
+void requirePayloadFits(std::uint64_t bytes) {
+    if (bytes > kMaxPayloadBytes) {
+        throw Failure(ErrorCode::kRefused,
+                      "the components come to " + std::to_string(bytes) + " bytes, a package holds " +
+                          std::to_string(kMaxPayloadBytes),
+                      "make them smaller by " + std::to_string(bytes - kMaxPayloadBytes) + " bytes");
+    }
+}
+
+// The first fault, and the others along with it. faults must not be empty.
+Failure refusal(const std::vector<ComponentFault>& faults) {
+    const auto errorOf = [](const ComponentFault& fault) {
+        return Error{ErrorCode::kRefused, fault.text, fault.next, {}, {}};
+    };
+    Error error = errorOf(faults.front());
+    std::transform(faults.begin() + 1, faults.end(), std::back_inserter(error.further), errorOf);
+    return Failure(std::move(error));
+}
+
+// The components that go into the package. Those of them that are not what they should be are told in warnings.
+std::vector<Component> checkedComponents(const PackRequest& request, std::vector<std::string>& warnings) {
+    std::vector<ComponentFault> faults;
+    std::vector<Component> components = findComponents(request.componentDir, faults);
+    for (const Component& component : components) {
+        if (const std::optional<ComponentFault> fault = formatFault(component, request.version)) {
+            faults.push_back(*fault);
+        }
+    }
+    const bool packable = std::all_of(faults.begin(), faults.end(), [&request](const ComponentFault& fault) {
+        return request.force && fault.forceable;
+    });
+    if (!packable) {
+        throw refusal(faults);
+    }
+    for (const ComponentFault& fault : faults) {
+        warnings.push_back(fault.text);
+    }
+    return components;
+}
+
+std::uint64_t totalSize(const std::vector<Component>& components) {
+    std::uint64_t total = 0;
+    for (const Component& component : components) {
+        total += fs::file_size(component.path);
+    }
+    return total;
+}
+
+void writeStaged(const fs::path& path, const std::string& content) {
+    std::ofstream file(path, std::ios::binary);
+    file << content;
+    file.close();
+    if (!file) {
+        throw Failure(ErrorCode::kOther, "'" + path.string() + "' cannot be written",
+                      "make room in the directory for temporary files, or set TMPDIR to another");
+    }
+}
+
+using KeepGoing = std::function<bool()>;
+
+void throwIfGivenUp(const KeepGoing& keepGoing) {
+    if (keepGoing && !keepGoing()) {
+        throw Failure(ErrorCode::kGivenUp, "interrupted, no package was written", "run the command again");
+    }
+}
+
+// Puts all files of the archive into one directory: links to the components, and their signatures. Returns
+// their names.
+std::vector<std::string> stage(const fs::path& directory, const std::vector<Component>& components,
+                               const PrivateKey& key, const KeepGoing& keepGoing) {
+    std::vector<std::string> names;
+    for (const Component& component : components) {
+        throwIfGivenUp(keepGoing);
+        const std::string signatureName = component.name + kSignatureSuffix;
+        fs::create_symlink(component.path, directory / component.name);
+        writeStaged(directory / signatureName, key.sign(component.path));
+        names.insert(names.end(), {component.name, signatureName});
+    }
+    return names;
+}
+
+// The version list is made by the build that makes the components; without one there, this is it.
+void completeComponents(std::vector<Component>& components, const fs::path& directory,
+                        const Version& version) {
+    if (components.size() == kComponentNames.size()) {
+        return;
+    }
+    const fs::path path = directory / (std::string("made-") + kVersionList);
+    writeStaged(path, makeVersionList(components, version));
+    components.push_back({kVersionList, path});
+}
+
+PackSummary writePackage(const PackRequest& request, const KeepGoing& keepGoing) {
+    const PrivateKey key(request.key);
+    Trailer trailer = describe(request, key);
+    std::vector<std::string> warnings;
+    std::vector<Component> components = checkedComponents(request, warnings);
+    requireApart(request, components);
+    requirePayloadFits(totalSize(components));
+    OutputFile output(request.output);
+
+    const StagingDirectory staging;
+    completeComponents(components, staging.path(), request.version);
+    const std::vector<std::string> names = stage(staging.path(), components, key, keepGoing);
+    writeArchive(output.path(), staging.path(), names, sourceDateEpoch().value_or(0));
+    throwIfGivenUp(keepGoing);
+
+    const std::uint64_t payloadBytes = fs::file_size(output.path());
+    requirePayloadFits(payloadBytes);
+    trailer.payloadBytes = static_cast<std::uint32_t>(payloadBytes);
+    trailer.md5 = hexText(fileDigest(output.path(), Digest::Kind::kMd5));
+    output.writeAt(kMaxPayloadBytes, encodeTrailer(trailer));
+    throwIfGivenUp(keepGoing);
+    output.commit();
+    return {trailer.payloadBytes, trailer.md5, key.description(), std::move(warnings)};
+}
+
+}  // namespace
+
+Result<PackSummary> pack(const PackRequest& request, const std::function<bool()>& keepGoing) {
+    return resultOf([&] {
+        try {
+            return writePackage(request, keepGoing);
+        } catch (const fs::filesystem_error& error) {
+            throw Failure(ErrorCode::kOther, error.what(),
+                          "check that the files stay in place while they are packed");
+        }
+    });
+}
+
+}  // namespace kavro::package
