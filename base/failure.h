@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/cancellation.h"
 #include "common/error.h"
 
 namespace kavro {
@@ -31,10 +32,11 @@ inline Error unexpectedError(const std::exception& exception) {
     return {ErrorCode::kOther, exception.what(), "check the memory and the storage of this machine", {}, {}};
 }
 
-// Calls work and returns what it returns, or the error of what it throws. Not `catch (...)`: a thread that is cancelled
-// unwinds through it.
+// Calls work and returns what it returns, or the error of what it throws. A cancel of the thread waits until it has ended:
+// what it holds is given back by destructors, which must not be cut short.
 template <typename Work>
 Result<std::invoke_result_t<Work>> resultOf(const Work& work) {
+    const COMMON_YR::CancelHold hold;
     try {
         if constexpr (std::is_void_v<std::invoke_result_t<Work>>) {
             work();

@@ -56,7 +56,8 @@ using EntryListener = std::function<void(const Entry&)>;
 //
 // An error is: refused when the file is no package, so that there is nothing to check (another size, no regular file,
 // unreadable); usage when the trusted key's file cannot be read or holds no public key; other when a read fails, or for
-// what the listener throws. Blocks until all 128 MiB were read. May be called from several threads at once.
+// what the listener throws. Blocks until all 128 MiB were read; a cancel of the thread takes effect afterwards. May be called
+// from several threads at once.
 KAVRO_EXPORT Result<Check> check(const std::filesystem::path& package,
                                  const std::optional<std::filesystem::path>& trustedKey = std::nullopt,
                                  const EntryListener& listener = {});

@@ -12,6 +12,7 @@
 #include "base/failure.h"
 #include "base/hex_digit.h"
 #include "base/output_file.h"
+#include "base/raw_file.h"
 #include "package/internal/archive.h"
 #include "package/internal/component_files.h"
 #include "package/internal/component_formats.h"
@@ -134,8 +135,6 @@ void writeStaged(const fs::path& path, const std::string& content) {
     }
 }
 
-using KeepGoing = std::function<bool()>;
-
 void throwIfGivenUp(const KeepGoing& keepGoing) {
     if (keepGoing && !keepGoing()) {
         throw Failure(ErrorCode::kGivenUp, "interrupted, no package was written", "run the command again");
@@ -195,7 +194,7 @@ PackSummary writePackage(const PackRequest& request, const KeepGoing& keepGoing)
 
 }  // namespace
 
-Result<PackSummary> pack(const PackRequest& request, const std::function<bool()>& keepGoing) {
+Result<PackSummary> pack(const PackRequest& request, const KeepGoing& keepGoing) {
     return resultOf([&] {
         try {
             return writePackage(request, keepGoing);

@@ -38,7 +38,8 @@ struct PackSummary {
 
 // Writes the package, a file of kPackageBytes bytes, and returns what stands in its trailer. The time of the archive's
 // entries and of the default stamp is SOURCE_DATE_EPOCH; without it the entries carry the time 0 and the stamp the present.
-// Needs /bin/sh and GNU tar. Blocks while it works; keepGoing is asked between its steps, and false gives it up.
+// Needs /bin/sh and GNU tar. Blocks while it works; keepGoing is asked between its steps, and false gives it up. A cancel of
+// the thread takes effect afterwards. May be called from several threads at once, for different outputs.
 //
 // After an error nothing is left behind, and an older output is as it was: refused for an input, with all faults of the
 // components at once; usage for what contradicts itself; other for an output that cannot be written; given_up.
