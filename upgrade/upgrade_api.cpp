@@ -12,6 +12,7 @@
 #include <system_error>
 #include <thread>
 
+#include "upgrade/device_lock.h"
 #include "upgrade/internal.h"
 
 namespace {
@@ -626,6 +627,32 @@ void joinThreads() {
     nodeThread.join();
 }
 
+// For the length of a call that changes the device. One that another process is changing is left alone; where the lock has
+// no place, nothing is in the way.
+class DeviceLock {
+  public:
+    explicit DeviceLock(const char* function) {
+        UpgradeLockHolder holder;
+        result = UPGRADE_lock_device(&holder);
+        if (!isFree()) {
+            UPGRADE_LOG(1, "%s: the device is being changed by process %d (%s)\n", function, holder.pid,
+                        holder.command.c_str());
+        }
+    }
+    ~DeviceLock() {
+        if (result == UPGRADE_LOCK_TAKEN) {
+            UPGRADE_unlock_device();
+        }
+    }
+    DeviceLock(const DeviceLock&) = delete;
+    DeviceLock& operator=(const DeviceLock&) = delete;
+
+    bool isFree() const { return result != UPGRADE_LOCK_HELD; }
+
+  private:
+    UpgradeLockResult result;
+};
+
 int runUpgrade(std::string pkgPath, bool isRollback) {
     UpgradeProc* proc = UpgradeProc::getInstance();
     if (proc == nullptr) {
@@ -647,7 +674,8 @@ int runUpgrade(std::string pkgPath, bool isRollback) {
 }  // namespace
 
 int UPGRADE_main_proc_fun(std::string pkgPath) {
-    return runUpgrade(pkgPath, false);
+    const DeviceLock lock(__func__);
+    return lock.isFree() ? runUpgrade(pkgPath, false) : -1;
 }
 
 // ---------------------------------------------------------------------------------------------------------------------
@@ -796,6 +824,10 @@ int activateFlashed(UpgradeProc& proc, const char* function) {
 }  // namespace
 
 int UPGRADE_activate() {
+    const DeviceLock lock(__func__);
+    if (!lock.isFree()) {
+        return -1;
+    }
     UpgradeProc* proc = UpgradeProc::getInstance();
     if (proc->activated) {
         UPGRADE_LOG(2, "activated again;\n");
@@ -816,6 +848,10 @@ int UPGRADE_activate() {
 }
 
 int UPGRADE_rollback_mpu() {
+    const DeviceLock lock(__func__);
+    if (!lock.isFree()) {
+        return -1;
+    }
     const std::string& package = UpgradeProc::rollbackPkg;
     if (!COMMON_YR::isFileExist(package.c_str())) {
         UPGRADE_ERROR_AT(__func__, 657, "rollbackPkg not exist;\n");
@@ -980,7 +1016,8 @@ void restoreOriginPackage() {
 }  // namespace
 
 int UPGRADE_init(std::string& fwDir) {
-    if (COMMON_YR::isFileExist(kOriginPackage)) {
+    const DeviceLock lock(__func__);
+    if (lock.isFree() && COMMON_YR::isFileExist(kOriginPackage)) {
         restoreOriginPackage();
     }
     const UpgradeProc* proc = UpgradeProc::getInstance();
@@ -994,7 +1031,7 @@ int UPGRADE_init(std::string& fwDir) {
     if (UPGRADE_check_partitions() < 0) {
         UPGRADE_ERROR("UPGRADE_check_partitions failed!\n");
         ret = -1;
-    } else if (getCurrentVersion(&version) >= 0) {
+    } else if (lock.isFree() && getCurrentVersion(&version) >= 0) {
         UPGRADE_write_target_version(version, UpgradeProc::currentCfg);
     }
     UPGRADE_LOG(3, "%s %s\n", __func__, succOrFail(ret == 0));

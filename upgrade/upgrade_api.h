@@ -4,7 +4,8 @@
 // The life of the calls: UPGRADE_init once after start; UPGRADE_main_proc_fun for a received package;
 // restart; UPGRADE_get_status_last_runtime; UPGRADE_activate, or UPGRADE_rollback_mpu to go back. While a run
 // blocks its caller, other threads may poll it by the status queries and ask to give it up. Runs, activation
-// and rollback must not overlap. Nothing throws.
+// and rollback must not overlap in one process; while another process makes one of them, each of them returns -1 at once
+// (upgrade/device_lock.h). Nothing throws.
 #pragma once
 
 #include <atomic>
@@ -16,6 +17,7 @@
 #include "common/flash_driver.h"
 #include "common/message_node.h"
 #include "common/utility.h"
+#include "upgrade/device_lock.h"
 #include "upgrade/upgrade_common.h"
 #include "upgrade/upgrade_interface.h"
 #include "upgrade/upgrade_proc_pkg.h"
@@ -197,7 +199,7 @@ class KAVRO_EXPORT UpgradeProc {
 // partitions and writes the current version file. fwDir receives the directory into which the application
 // places packages. Returns 0; -1, logged, when the flash drivers are not usable (fwDir untouched) or a
 // partition is missing or too small. Call it once before anything else; blocks for seconds where there is a
-// factory package.
+// factory package. While another process changes the device it restores and writes nothing.
 KAVRO_EXPORT int UPGRADE_init(std::string& fwDir);
 
 // Checks that the partitions for packages and for unpacking are there and large enough; negative when not.

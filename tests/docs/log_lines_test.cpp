@@ -46,6 +46,8 @@ const std::set<std::string> kNoLogTexts = {
     "flushed to storage",
     "give another output file",
     "given its name",
+    // read, not written
+    "%*d: FLOCK ADVISORY WRITE %d %x:%x:%lu",
     // of the compiler's
     "the message node carries messages of this size",
 };
