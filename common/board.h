@@ -1,0 +1,44 @@
+// What a board tells of its two slots, for whoever decides what to do with the device. The upgrade manager itself does
+// without.
+//
+// libflash_drivers.so implements these functions. They are declared weak: an engineer with another board may leave them
+// out, their addresses are null then, and what they would tell is unknown. They block for as long as it takes to read
+// the boot loader's state; boardVerifySlot reads a whole slot. Any thread, not while a run flashes. Nothing throws.
+#pragma once
+
+#include <map>
+#include <string>
+
+#include "common/export.h"
+
+namespace COMMON_YR {
+
+// What the first bytes of a slot's partition are.
+struct BoardContent {
+    long long bytes = 0;
+    std::string sha256;  // 64 hexadecimal digits, lower case
+};
+
+// The components of a slot, by their names in a package: "Image", "cv22_kavro_qz7.dtb", "ext4".
+using BoardSlotContent = std::map<std::string, BoardContent>;
+
+inline constexpr int kBoardUnknown = -1;
+
+struct BoardState {
+    std::string runningSlot;          // the one that was started
+    std::string nextSlot;             // the one that starts next
+    bool onTrial = false;             // nextSlot was activated and is not confirmed
+    int trialStarts = kBoardUnknown;  // how often it was started on trial
+    int trialLimit = kBoardUnknown;   // how often it may be, before the boot loader takes the other slot
+    std::string writtenSlot;          // was written and awaits its activation; empty for none
+    std::map<std::string, BoardSlotContent> slots;  // by slot; what is not known of one is left out
+};
+
+// The state as of now. Returns 0; negative, with a text that names the file, when it cannot be read.
+KAVRO_EXPORT __attribute__((weak)) int boardReadState(BoardState& state, std::string& error);
+
+// Whether storage holds what readState tells of this slot. Returns 0 when it does; negative, with a text that says what
+// differs, when it does not or cannot be read, or when nothing is known of the slot.
+KAVRO_EXPORT __attribute__((weak)) int boardVerifySlot(const std::string& slot, std::string& error);
+
+}  // namespace COMMON_YR
