@@ -19,7 +19,7 @@ build=$1
 headers=$(mktemp -d)
 trap 'rm -rf "$headers"' EXIT
 cp -r common "$headers"
-for room in package upgrade; do
+for room in agent package upgrade; do
     mkdir "$headers/$room"
     cp "$room"/*.h "$headers/$room"
 done
@@ -34,7 +34,7 @@ recorded() {
 }
 
 status=0
-for library in upgrade/libupgrade package/libkavro_package platform/utility/libcommon_yr platform/node/libvel_node platform/flash/libflash_drivers; do
+for library in upgrade/libupgrade agent/libkavro_agent package/libkavro_package platform/utility/libcommon_yr platform/node/libvel_node platform/flash/libflash_drivers; do
     name=${library##*/}
     if "$update"; then
         abidw --headers-dir "$headers" --drop-private-types --exported-interfaces-only --no-corpus-path \

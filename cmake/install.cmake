@@ -6,7 +6,7 @@
 
 include(CMakePackageConfigHelpers)
 
-set(kavro_libraries upgrade kavro_package common_yr vel_node flash_drivers)
+set(kavro_libraries upgrade kavro_agent kavro_package common_yr vel_node flash_drivers)
 set(kavro_share ${CMAKE_INSTALL_DATADIR}/kavro-upgrade)
 set(kavro_programs ${CMAKE_INSTALL_LIBEXECDIR}/kavro-upgrade)
 set(kavro_cmake ${CMAKE_INSTALL_LIBDIR}/cmake/kavro-upgrade)
@@ -40,7 +40,7 @@ install(TARGETS kavro_common ${kavro_libraries} EXPORT kavro-upgrade
   LIBRARY COMPONENT runtime NAMELINK_COMPONENT development
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kavro-upgrade)
 
-install(DIRECTORY ${KAVRO_ROOT}/common ${KAVRO_ROOT}/package ${KAVRO_ROOT}/upgrade
+install(DIRECTORY ${KAVRO_ROOT}/agent ${KAVRO_ROOT}/common ${KAVRO_ROOT}/package ${KAVRO_ROOT}/upgrade
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kavro-upgrade COMPONENT development
   FILES_MATCHING PATTERN "*.h" PATTERN "internal*" EXCLUDE)
 
@@ -62,6 +62,7 @@ function(kavro_pkg_config name description libs)
   install(FILES ${kavro_generated}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 endfunction()
 kavro_pkg_config(kavro-upgrade "${PROJECT_DESCRIPTION}" "-lupgrade -lflash_drivers -lvel_node -lcommon_yr")
+kavro_pkg_config(kavro-agent "Operating an embedded camera device: upgrade, way back, state" "-lkavro_agent -lkavro_package -lupgrade -lflash_drivers -lvel_node -lcommon_yr")
 kavro_pkg_config(kavro-package "Upgrade packages of an embedded camera device: check, read, make" "-lkavro_package")
 
 install(FILES ${KAVRO_ROOT}/README.md ${KAVRO_ROOT}/CHANGELOG.md

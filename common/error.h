@@ -18,6 +18,7 @@ enum class ErrorCode : int {
     kRefused = 3,      // "refused": the package, or what one is to be made of; nothing was flashed
     kFlashFailed = 4,  // "flash_failed": flashing had begun
     kGivenUp = 5,      // "given_up": interrupted in time; nothing was flashed
+    kBusy = 6,         // "busy": another process changes the device; nothing was done
 };
 
 // The stable name of a code; that of kOther for a number that is none. Never null; lives as long as the program.
@@ -31,6 +32,8 @@ constexpr const char* nameOf(ErrorCode code) {
             return "flash_failed";
         case ErrorCode::kGivenUp:
             return "given_up";
+        case ErrorCode::kBusy:
+            return "busy";
         case ErrorCode::kOther:
             break;
     }

@@ -11,7 +11,7 @@ set -euo pipefail
 cd -- "${BASH_SOURCE[0]%/*}/../.."
 
 # Per cent of the lines of each folder, with all that is below it.
-required='{"common": 95, "base": 95, "package": 95, "upgrade": 95, "platform": 95, "tools": 90, "twin/emulator": 90}'
+required='{"agent": 95, "common": 95, "base": 95, "package": 95, "upgrade": 95, "platform": 95, "tools": 90, "twin/emulator": 90}'
 
 # Documents and installed copies are tried with the same programs as everything else, on devices that have no way out.
 beside_the_point='^(docs|docs_texts|install|parent_project|porting|readme|verify)\.'
@@ -36,7 +36,7 @@ run_cases() {
 count() {
     forget_old_notes
     mkdir -p "$build/report"
-    gcovr --root . --filter '(common|base|package|upgrade|platform|tools|twin/emulator)/' --exclude-throw-branches \
+    gcovr --root . --filter '(agent|common|base|package|upgrade|platform|tools|twin/emulator)/' --exclude-throw-branches \
         -j "$(nproc)" --json-summary "$build/report/summary.json" --html-details "$build/report/index.html" \
         --html-title 'What the tests reach' "$build"
 }

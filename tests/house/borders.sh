@@ -16,7 +16,7 @@ declare -A may=(
     [agent]="upgrade package base common"
     [tools]="agent package upgrade base common"
     [twin]="platform base common"
-    [examples]="package upgrade common"
+    [examples]="agent package upgrade common"
 )
 
 # Until there is an agent, these of the tools ask the board themselves.
