@@ -62,7 +62,8 @@ struct State {
 
     // What somebody must do, as sentences with a next step each; empty when all is well.
     struct Need {
-        std::string name;  // stable: "activate", "restart", "confirm", "repair", "install_again", "versions"
+        std::string
+            name;  // stable: "versions", "board", "activate", "install_again", "restart", "confirm", "repair"
         std::string text;
         std::string next;
     };

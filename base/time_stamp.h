@@ -1,4 +1,4 @@
-// The time of day at the beginning of a line.
+// Times as texts.
 #pragma once
 
 #include <time.h>
@@ -19,6 +19,15 @@ inline std::string timeStamp() {
     const std::size_t length = strftime(text, sizeof text, "%F %T", &local);
     snprintf(text + length, sizeof text - length, ".%03ld", now.tv_nsec / kNsPerMs);
     return text;
+}
+
+// Now, in UTC: "2026-11-21T10:30:59Z".
+inline std::string utcTimeStamp() {
+    const time_t now = time(nullptr);
+    tm utc = {};
+    gmtime_r(&now, &utc);
+    char text[64];
+    return {text, strftime(text, sizeof text, "%FT%TZ", &utc)};
 }
 
 }  // namespace kavro

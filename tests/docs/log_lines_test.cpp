@@ -35,10 +35,13 @@ const std::set<std::string> kNoLogTexts = {
     "0x%08llX",
     " 0x%02X",
     "%F %T",
+    "%FT%TZ",
     ".%03ld",
     "%.*s",
     "UPGRADE_write_target_version ",
     // of the tools'
+    "it is not known what slot ",
+    " must hold",
     "check the directory, its permissions and the room there",
     "check the memory and the storage of this machine",
     "' cannot be ",

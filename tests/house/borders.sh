@@ -22,7 +22,6 @@ declare -A may=(
 # Until there is an agent, these of the tools ask the board themselves.
 declare -A excepted=(
     [tools/upgradectl/report_place.cpp]="platform"
-    [tools/upgradectl/torn_activation.cpp]="platform"
     [tools/upgradectl/watch.cpp]="platform"
 )
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <fstream>
 #include <vector>
 
 #include "tests/support/mcu_emulator.h"
@@ -329,9 +330,8 @@ TEST_F(Rollback, without_a_kept_package_fails_and_says_so) {
 
 TEST_F(Rollback, a_kept_package_of_another_size_is_refused) {
     writeFile("/firmware/rollback.pkg", "short");
-    const ProgramResult result = upgradectl({"rollback"});
-    expectFailure(result, 3, "'/firmware/rollback.pkg' is damaged\n");
-    EXPECT_TRUE(contains(result.err, "device: rollback.pkg size error!")) << result.err;
+    expectFailure(upgradectl({"rollback"}), 3,
+                  "'/firmware/rollback.pkg' is damaged: the package '/firmware/rollback.pkg' has 5 bytes");
 }
 
 TEST_F(Rollback, while_an_installed_package_awaits_activation_changes_nothing) {
@@ -351,6 +351,82 @@ TEST_F(Rollback, of_a_damaged_package_is_refused_before_flashing) {
     expectFailure(result, 3, "'/firmware/rollback.pkg' is damaged");
     EXPECT_TRUE(contains(result.err, "next: install a package instead")) << result.err;
     EXPECT_TRUE(contains(readFile("/tmp/report.html"), "is damaged"));
+}
+
+// Two releases with the same microcontroller: the first is kept, the second runs next.
+class RollbackBySwitch : public Rollback {
+  protected:
+    void SetUp() override {
+        Rollback::SetUp();
+        first.setComponent("Image", "kernel of the first")
+            .setVersions(1, 105, 7, 2)
+            .writeTo("/tmp/first.pkg");
+        second.setComponent("Image", "kernel of the second")
+            .setVersions(1, 106, 7, 2)
+            .writeTo("/tmp/second.pkg");
+        ASSERT_EQ(upgradectl({"install", "/tmp/first.pkg"}).exitCode, 0);
+        ASSERT_EQ(upgradectl({"activate"}).exitCode, 0);
+        restart("b");
+        ASSERT_EQ(upgradectl({"install", "/tmp/second.pkg"}).exitCode, 0);
+        ASSERT_EQ(upgradectl({"activate"}).exitCode, 0);
+        restart("a");
+    }
+
+    // As the boot loader and the started software do.
+    static void restart(const std::string& slot) {
+        writeFile("/run/kavro/running_slot", slot + "\n");
+        ASSERT_EQ(upgradectl({"confirm"}).exitCode, 0);
+        const bool isFirst = slot == "b";
+        writeFile("/etc/kavro/version.json",
+                  std::string(R"({"bld_version": 2, "hw_version": 1, "mcu_version": 7, "mpu_version": )") +
+                      (isFirst ? "105}" : "106}"));
+    }
+
+    static std::string nextSlot() {
+        return runProgram({"fw_printenv", "-c", "/etc/kavro/fw_env.config", "-n", "boot_slot"}).out;
+    }
+
+    static void damage(const char* partition) {
+        std::fstream file(partition, std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(2).put('x');
+    }
+
+    TestPackage first;
+    TestPackage second;
+};
+
+TEST_F(RollbackBySwitch, writes_nothing_where_the_other_slot_holds_the_release) {
+    const ProgramResult result = upgradectl({"rollback"});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_FALSE(contains(result.out, "stage FLASHING_START")) << result.out;
+    EXPECT_EQ(nextSlot(), "b\n");
+}
+
+TEST_F(RollbackBySwitch, installs_the_package_where_the_other_slot_is_damaged) {
+    damage("/dev/disk/by-partlabel/kernel_b");
+    const ProgramResult result = upgradectl({"rollback"});
+    EXPECT_EQ(result.exitCode, 0) << result.out << result.err;
+    EXPECT_TRUE(contains(result.out, "stage FLASHING_START")) << result.out;
+    EXPECT_EQ(nextSlot(), "b\n");
+    EXPECT_EQ(readFile("/dev/disk/by-partlabel/kernel_b").rfind(first.files().at("Image"), 0), 0U);
+    EXPECT_EQ(readFile(kLastRun), "rollback_success");
+    EXPECT_TRUE(readFile("/firmware/current.pkg") == readFile("/tmp/first.pkg"));
+}
+
+// The boot loader went back to the first release after the trial of the second: the kept package is that of what runs.
+TEST_F(RollbackBySwitch, to_the_release_that_runs_already_is_refused) {
+    writeFile("/tmp/script", "boot_slot=b\nupgrade_available=0\n");
+    ASSERT_EQ(runProgram({"fw_setenv", "-c", "/etc/kavro/fw_env.config", "-s", "/tmp/script"}).exitCode, 0);
+    restart("b");
+    expectFailure(upgradectl({"rollback"}), 3, "holds V01.105.007.002, which runs already");
+    EXPECT_EQ(nextSlot(), "b\n");
+    EXPECT_TRUE(exists("/firmware/rollback.pkg"));
+}
+
+TEST_F(Rollback, of_a_package_with_a_wrong_signature_is_refused) {
+    TestPackage().setVersions(1, 103, 6, 2).corruptSignature("ext4").writeTo("/firmware/rollback.pkg");
+    expectFailure(upgradectl({"rollback"}), 3, "'/firmware/rollback.pkg' is damaged");
+    EXPECT_TRUE(exists("/firmware/rollback.pkg"));
 }
 
 TEST_F(Rollback, can_be_given_up_before_flashing) {

@@ -67,7 +67,7 @@ void describeCommandLine(CLI::App& app, Action& chosen) {
     app.footer(kExitCodes);
     app.failure_message(failureMessage);
     for (const auto add : {addPack, addInspect, addVerify, addInit, addInstall, addStatus, addVersions,
-                           addWatch, addActivate, addConfirm, addRollback, addTwin}) {
+                           addWatch, addActivate, addConfirm, addRollback, addHistory, addTwin}) {
         add(app, chosen);
     }
 }

@@ -1,19 +1,35 @@
 #include "tools/upgradectl/device_commands.h"
 
 #include <string>
+#include <utility>
 
+#include "agent/activation.h"
+#include "agent/start.h"
 #include "tools/upgradectl/device_log.h"
 #include "tools/upgradectl/exit_code.h"
 #include "tools/upgradectl/flash_drivers.h"
-#include "tools/upgradectl/torn_activation.h"
 #include "upgrade/upgrade_api.h"
 
 namespace upgradectl {
 
+namespace {
+
+// The device's own words are told along with a failure.
+template <typename Value>
+Value valueOrFailure(kavro::Result<Value> result) {
+    if (!result.ok()) {
+        kavro::Error error = std::move(result).error();
+        error.details = loggedErrors();
+        throw Failure(error);
+    }
+    return std::move(result).value();
+}
+
+}  // namespace
+
 void initDevice(const OwnOutput& output) {
-    const std::string completed = completeTornActivation();
-    if (!completed.empty()) {
-        output.writeLine(completed);
+    for (const std::string& done : valueOrFailure(kavro::agent::completeStart())) {
+        output.writeLine(done);
     }
     std::string packageDirectory;
     if (UPGRADE_init(packageDirectory) == 0) {
@@ -26,19 +42,9 @@ void initDevice(const OwnOutput& output) {
 }
 
 void activate(const OwnOutput& output) {
-    const bool awaits = UPGRADE_isUpgraded();
-    if (UPGRADE_activate() >= 0) {
-        output.writeLine("activated");
-        output.writeLine("  next: restart the device");
-        return;
-    }
     requireFlashDrivers();  // without them no package could be installed either
-    if (!awaits) {
-        throw Failure(ErrorCode::kOther, "no installed package awaits activation",
-                      "install one: upgradectl install PACKAGE", loggedErrors());
-    }
-    throw Failure(ErrorCode::kOther, "the device could not be switched to the installed software",
-                  "mend what the device: lines say, then try again", loggedErrors());
+    output.writeLine(valueOrFailure(kavro::agent::activate()));
+    output.writeLine("  next: restart the device");
 }
 
 void confirm(const OwnOutput& output) {

@@ -1,20 +1,24 @@
 #include "tools/upgradectl/device_status.h"
 
 #include <algorithm>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "package/trailer.h"
+#include "agent/state.h"
+#include "base/json_text.h"
 #include "tools/upgradectl/device_log.h"
 #include "tools/upgradectl/exit_code.h"
 #include "tools/upgradectl/flash_drivers.h"
-#include "tools/upgradectl/json_text.h"
 #include "upgrade/upgrade_api.h"
 
 namespace upgradectl {
 
 namespace {
+
+using kavro::agent::KeptPackage;
+using kavro::agent::State;
 
 // By the answers of UPGRADE_get_state.
 struct DeviceStateRow {
@@ -23,23 +27,24 @@ struct DeviceStateRow {
     const char* text;
 };
 
+constexpr int kRunning = 1;
 constexpr DeviceStateRow kDeviceStates[] = {
     {0, "idle", "idle"},
-    {1, "running", "a run is in progress"},
+    {kRunning, "running", "a run is in progress"},
     {2, "installed", "installed, awaits activation"},
     {3, "activated", "activated"},
 };
 
 constexpr const char* kUnknown = "unknown";
 
-DeviceStateRow deviceState() {
-    const int state = UPGRADE_get_state();
+DeviceStateRow deviceState(const State& state) {
+    const int number = state.run ? kRunning : UPGRADE_get_state();
     for (const DeviceStateRow& row : kDeviceStates) {
-        if (row.state == state) {
+        if (row.state == number) {
             return row;
         }
     }
-    return {state, kUnknown, kUnknown};
+    return {number, kUnknown, kUnknown};
 }
 
 std::string row(const std::string& name, const std::string& value) {
@@ -63,165 +68,214 @@ std::string currentVersionText(const std::string& version) {
     return text == version ? orUnknown(version) : text + " (--: unfinished)";
 }
 
-// Empty where they cannot be read.
-struct DeviceVersions {
-    std::string factory;
-    std::string current;
-};
-
-DeviceVersions deviceVersions() {
-    DeviceVersions versions;
-    UPGRADE_getIntervalVersionString(versions.factory);
-    UPGRADE_get_cur_ver_str(versions.current);
-    return versions;
+std::string lastRunText(const State& state) {
+    return state.lastRun.empty() ? std::string(kUnknown) + " (" + UPGRADE_LAST_RUNTIME_FILE + " is damaged)"
+                                 : state.lastRun;
 }
 
-void requireKnown(const DeviceVersions& versions) {
-    if (versions.factory.empty() || versions.current.empty()) {
-        throw Failure(ErrorCode::kOther, "the versions in '" + UpgradeProc::defaultCfg + "' cannot be read",
-                      "restore the file: the four integers hw_version, mpu_version, mcu_version, bld_version",
-                      loggedErrors());
+std::string microcontrollerText(const State& state) {
+    if (state.run) {
+        return "not asked during a run";
     }
+    return state.microcontroller ? std::to_string(*state.microcontroller) : "no answer";
 }
 
-// What the getter would report, without using the record up: it is the application's to read, once. Empty when the
-// record is damaged.
-std::string recordedOutcome() {
-    if (!COMMON_YR::isFileExist(UPGRADE_LAST_RUNTIME_FILE)) {
-        return "none";
-    }
-    const std::string text = COMMON_YR::readFile2String(UPGRADE_LAST_RUNTIME_FILE);
-    const bool isName = text.find_first_not_of("abcdefghijklmnopqrstuvwxyz_") == std::string::npos;
-    return isName ? text : "";
+std::string trialText(const State& state) {
+    return state.trialStart && state.trialLimit
+               ? "start " + std::to_string(*state.trialStart) + " of " + std::to_string(*state.trialLimit)
+               : "yes";
 }
 
-struct PackageFile {
-    std::string path;
-    std::optional<long> bytes;  // nothing when there is none
-    bool whole = false;
-};
-
-std::vector<PackageFile> packageFiles() {
-    std::vector<PackageFile> files;
-    for (const std::string& path :
-         {UpgradeProc::currentPkg, UpgradeProc::rollbackPkg, UpgradeProc::recvPkg}) {
-        const long size = COMMON_YR::getFileSize(path.c_str());
-        files.push_back({path, size < 0 ? std::nullopt : std::optional<long>(size),
-                         static_cast<std::uint64_t>(size) == kavro::package::kPackageBytes});
-    }
-    return files;
+std::string runText(const State& state) {
+    const std::string process =
+        state.run->pid > 0 ? "process " + std::to_string(state.run->pid) : "another process";
+    return process + (state.run->command.empty() ? "" : " (" + state.run->command + ")");
 }
 
-std::string textOf(const PackageFile& file) {
+std::string textOf(const KeptPackage& file) {
     if (!file.bytes) {
         return "-";
     }
     return std::to_string(*file.bytes) + " bytes" + (file.whole ? "" : " (not a whole package)");
 }
 
-void writeStatus(const OwnOutput& output, const DeviceVersions& versions, const std::string& outcome) {
-    output.writeLine(row("factory version", orUnknown(versions.factory)));
-    output.writeLine(row("current version", currentVersionText(versions.current)));
-    output.writeLine(row("state", deviceState().text));
-    output.writeLine(row("last run", outcome.empty() ? std::string(kUnknown) + " (" +
-                                                           UPGRADE_LAST_RUNTIME_FILE + " is damaged)"
-                                                     : outcome));
-    for (const PackageFile& file : packageFiles()) {
-        output.writeLine(row(file.path, textOf(file)));
+// What is the same on most days is not shown.
+void writeUnusual(const OwnOutput& output, const State& state) {
+    if (state.run) {
+        output.writeLine(row("run", runText(state)));
+    }
+    if (state.onTrial) {
+        output.writeLine(row("trial", trialText(state)));
+    }
+    if (state.fallback) {
+        output.writeLine(
+            row("fell back", "from " + state.fallback->release + ", found at " + state.fallback->time));
     }
 }
 
-Json::Value statusJson(const DeviceVersions& versions, const std::string& outcome) {
-    Json::Value status;
-    status["factory_version"] = textOrNull(versions.factory);
-    status["current_version"] = textOrNull(versions.current);
-    status["state"] = deviceState().name;
-    status["last_run"] = textOrNull(outcome);
-    status["packages"] = Json::arrayValue;
-    for (const PackageFile& file : packageFiles()) {
+void writeStatus(const OwnOutput& output, const State& state) {
+    output.writeLine(row("factory version", orUnknown(state.runningVersion)));
+    output.writeLine(row("current version", currentVersionText(state.currentVersion)));
+    output.writeLine(row("state", deviceState(state).text));
+    output.writeLine(row("running slot", orUnknown(state.runningSlot)));
+    output.writeLine(row("next slot", orUnknown(state.nextSlot)));
+    output.writeLine(row("microcontroller", microcontrollerText(state)));
+    writeUnusual(output, state);
+    output.writeLine(row("last run", lastRunText(state)));
+    for (const KeptPackage& file : state.packages) {
+        output.writeLine(row(file.path, textOf(file)));
+    }
+    for (const State::Need& need : state.needs) {
+        output.writeLine(row("to do", need.next + ": " + need.text));
+    }
+}
+
+Json::Value numberOrNull(const std::optional<int>& number) {
+    return number ? Json::Value(*number) : Json::Value();
+}
+
+Json::Value packagesJson(const std::vector<KeptPackage>& packages) {
+    Json::Value list = Json::arrayValue;
+    for (const KeptPackage& file : packages) {
         Json::Value entry;
         entry["path"] = file.path;
         entry["bytes"] = file.bytes ? Json::Value(Json::Int64{*file.bytes}) : Json::Value();
         entry["whole"] = file.whole;
-        status["packages"].append(entry);
+        entry["version"] = kavro::textOrNull(file.version);
+        list.append(entry);
     }
+    return list;
+}
+
+Json::Value needsJson(const std::vector<State::Need>& needs) {
+    Json::Value list = Json::arrayValue;
+    for (const State::Need& need : needs) {
+        Json::Value entry;
+        entry["name"] = need.name;
+        entry["text"] = need.text;
+        entry["next"] = need.next;
+        list.append(entry);
+    }
+    return list;
+}
+
+// Null for what there is not.
+Json::Value unusualJson(const State& state) {
+    Json::Value value;
+    value["run"] = value["trial"] = value["fallback"] = Json::Value();
+    if (state.run) {
+        value["run"]["pid"] = state.run->pid > 0 ? Json::Value(state.run->pid) : Json::Value();
+        value["run"]["command"] = kavro::textOrNull(state.run->command);
+    }
+    if (state.onTrial) {
+        value["trial"]["start"] = numberOrNull(state.trialStart);
+        value["trial"]["limit"] = numberOrNull(state.trialLimit);
+    }
+    if (state.fallback) {
+        value["fallback"]["release"] = state.fallback->release;
+        value["fallback"]["time"] = state.fallback->time;
+    }
+    return value;
+}
+
+Json::Value statusJson(const State& state) {
+    Json::Value status = unusualJson(state);
+    status["factory_version"] = kavro::textOrNull(state.runningVersion);
+    status["current_version"] = kavro::textOrNull(state.currentVersion);
+    status["state"] = deviceState(state).name;
+    status["running_slot"] = kavro::textOrNull(state.runningSlot);
+    status["next_slot"] = kavro::textOrNull(state.nextSlot);
+    status["next_version"] = kavro::textOrNull(state.nextVersion);
+    status["restart_pending"] = state.restartPending;
+    status["awaiting_version"] = kavro::textOrNull(state.awaitingVersion);
+    status["microcontroller"] = numberOrNull(state.microcontroller);
+    status["microcontroller_fault"] = kavro::textOrNull(state.microcontrollerFault);
+    status["last_run"] = kavro::textOrNull(state.lastRun);
+    status["packages"] = packagesJson(state.packages);
+    status["needs"] = needsJson(state.needs);
     return status;
 }
 
-// The microcontroller's own answer, nothing when it gives none.
-std::optional<int> microcontrollerVersion() {
-    const int version = velGetMcuVersion(UpgradeProc::getInstance()->node);
-    return version >= 0 ? std::optional<int>(version) : std::nullopt;
+// As the error that the first one is; the others are told along with it.
+void requireNothingToDo(const State& state) {
+    if (state.needs.empty()) {
+        return;
+    }
+    std::vector<kavro::Error> errors;
+    for (const State::Need& need : state.needs) {
+        errors.push_back({ErrorCode::kOther, need.text, need.next, {}, {}});
+    }
+    kavro::Error error = errors.front();
+    error.details = loggedErrors();
+    error.further.assign(errors.begin() + 1, errors.end());
+    throw Failure(error);
 }
 
-// The packages that the device keeps from one upgrade to the next, and their versions: empty when it is no package.
-struct KeptPackage {
-    std::string path;
-    bool there = false;
-    std::string version;
-};
-
-std::vector<KeptPackage> keptPackages() {
+// Of those that the device keeps from one upgrade to the next.
+std::vector<KeptPackage> keptPackages(const State& state) {
     std::vector<KeptPackage> kept;
-    for (const std::string& path : {UpgradeProc::currentPkg, UpgradeProc::rollbackPkg}) {
-        kept.push_back({path, COMMON_YR::isFileExist(path.c_str()), kavro::package::readVersion(path)});
-    }
+    std::copy_if(state.packages.begin(), state.packages.end(), std::back_inserter(kept),
+                 [](const KeptPackage& package) { return package.path != UpgradeProc::recvPkg; });
     return kept;
 }
 
-void writeVersions(const OwnOutput& output, const DeviceVersions& versions,
-                   std::optional<int> microcontroller) {
-    output.writeLine(row("factory version", orUnknown(versions.factory)));
-    output.writeLine(row("current version", currentVersionText(versions.current)));
-    output.writeLine(
-        row("microcontroller", microcontroller ? std::to_string(*microcontroller) : "no answer"));
-    for (const KeptPackage& package : keptPackages()) {
-        output.writeLine(row(package.path, package.there ? orUnknown(package.version) : "-"));
+void writeVersions(const OwnOutput& output, const State& state) {
+    output.writeLine(row("factory version", orUnknown(state.runningVersion)));
+    output.writeLine(row("current version", currentVersionText(state.currentVersion)));
+    output.writeLine(row("microcontroller", microcontrollerText(state)));
+    for (const KeptPackage& package : keptPackages(state)) {
+        output.writeLine(row(package.path, package.bytes ? orUnknown(package.version) : "-"));
     }
 }
 
-Json::Value versionsJson(const DeviceVersions& versions, std::optional<int> microcontroller) {
+Json::Value versionsJson(const State& state) {
     Json::Value value;
-    value["factory_version"] = textOrNull(versions.factory);
-    value["current_version"] = textOrNull(versions.current);
-    value["microcontroller"] = microcontroller ? Json::Value(*microcontroller) : Json::Value();
+    value["factory_version"] = kavro::textOrNull(state.runningVersion);
+    value["current_version"] = kavro::textOrNull(state.currentVersion);
+    value["microcontroller"] = numberOrNull(state.microcontroller);
     value["packages"] = Json::arrayValue;
-    for (const KeptPackage& package : keptPackages()) {
+    for (const KeptPackage& package : keptPackages(state)) {
         Json::Value entry;
         entry["path"] = package.path;
-        entry["version"] = textOrNull(package.version);
+        entry["version"] = kavro::textOrNull(package.version);
         value["packages"].append(entry);
     }
     return value;
 }
 
+void requireKnownVersions(const State& state) {
+    for (const State::Need& need : state.needs) {
+        if (need.name == "versions") {
+            throw Failure(ErrorCode::kOther, need.text, need.next, loggedErrors());
+        }
+    }
+}
+
 }  // namespace
 
 void showStatus(const OwnOutput& output, bool consume, bool json) {
-    const DeviceVersions versions = deviceVersions();
-    const std::string outcome = recordedOutcome();
+    const State state = kavro::agent::readState();
     if (json) {
-        output.writeLine(jsonText(statusJson(versions, outcome)));
+        output.writeLine(kavro::jsonText(statusJson(state)));
     } else {
-        writeStatus(output, versions, outcome);
+        writeStatus(output, state);
     }
     if (consume) {
         UPG_STS_LSAT_RT_E ignored = UPG_STS_LAST_RT_NONE;
         UPGRADE_get_status_last_runtime(&ignored);
     }
-    requireKnown(versions);
+    requireNothingToDo(state);
     requireFlashDrivers();
 }
 
 void showVersions(const OwnOutput& output, bool json) {
-    const std::optional<int> microcontroller = microcontrollerVersion();
-    const DeviceVersions versions = deviceVersions();
+    const State state = kavro::agent::readState();
     if (json) {
-        output.writeLine(jsonText(versionsJson(versions, microcontroller)));
+        output.writeLine(kavro::jsonText(versionsJson(state)));
     } else {
-        writeVersions(output, versions, microcontroller);
+        writeVersions(output, state);
     }
-    requireKnown(versions);
+    requireKnownVersions(state);
 }
 
 }  // namespace upgradectl

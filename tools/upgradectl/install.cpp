@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "agent/activation.h"
 #include "base/path_relation.h"
 #include "package/trailer.h"
 #include "tools/upgradectl/device_log.h"
@@ -49,17 +50,6 @@ void requirePackage(const fs::path& package) {
     requireApartFromWorkFiles(package);
 }
 
-// Until activation the installed package lies where the kept one lay: going back would activate it instead
-// and lose the package of the running software.
-void requireNothingAwaitsActivation() {
-    if (UPGRADE_isUpgraded()) {
-        throw Failure(ErrorCode::kOther,
-                      "an installed package awaits activation, there is nothing to go back from",
-                      "the device keeps its running software until 'upgradectl activate': activate the "
-                      "package, or install another one");
-    }
-}
-
 RunEnd installed(const RunOutcome& outcome, const fs::path& package) {
     if (outcome.result < 0) {
         throw installFailure(outcome, package.string());
@@ -76,24 +66,7 @@ RunEnd installed(const RunOutcome& outcome, const fs::path& package) {
             {}};
 }
 
-// A device that has nothing to go back to is told from one whose package was refused.
-Failure noRollbackPackage(bool wasThere) {
-    return {
-        wasThere ? ErrorCode::kRefused : ErrorCode::kOther,
-        "the rollback package '" + UpgradeProc::rollbackPkg + "' is " + (wasThere ? "damaged" : "missing"),
-        "install a package instead", loggedErrors()};
-}
-
-// What is known of the rollback package before the run that replaces it.
-struct RollbackPackage {
-    bool there;
-    std::string version;
-};
-
-RunEnd rolledBack(const RunOutcome& outcome, const RollbackPackage& package) {
-    if (outcome.result == COMMON_YR::kErrNoFile) {
-        throw noRollbackPackage(package.there);
-    }
+RunEnd rolledBack(const RunOutcome& outcome, const std::string& release) {
     const bool runSucceeded = outcome.stage() == UPGRADE_STAGE_IDLE || outcome.stage() == UPGRADE_STAGE_DONE;
     if (outcome.result < 0 && !runSucceeded) {
         throw rollbackFailure(outcome);
@@ -103,7 +76,7 @@ RunEnd rolledBack(const RunOutcome& outcome, const RollbackPackage& package) {
                       "mend what the device: lines say, then run 'upgradectl activate'", loggedErrors());
     }
     return {ExitCode::kOk,
-            "rolled back to " + package.version + ", which runs after the next restart",
+            "rolled back to " + release + ", which runs after the next restart",
             "restart the device",
             {}};
 }
@@ -119,10 +92,11 @@ void install(const fs::path& package, const RunOptions& options, const Interrupt
 }
 
 void rollback(const RunOptions& options, const Interrupts& interrupts) {
-    const RollbackPackage package = {COMMON_YR::isFileExist(UpgradeProc::rollbackPkg.c_str()),
-                                     kavro::package::readVersion(UpgradeProc::rollbackPkg)};
-    performRun({"rollback", UpgradeProc::rollbackPkg, requireNothingAwaitsActivation, UPGRADE_rollback_mpu,
-                [&](const RunOutcome& outcome) { return rolledBack(outcome, package); }},
+    kavro::agent::WayBack way;
+    performRun({"rollback", UpgradeProc::rollbackPkg,
+                [&] { way = kavro::valueOf(kavro::agent::findWayBack(options.trustedKey)); },
+                [&] { return kavro::agent::goBack(way); },
+                [&](const RunOutcome& outcome) { return rolledBack(outcome, way.release); }},
                options, interrupts);
 }
 

@@ -20,6 +20,7 @@ constexpr File kFiles[] = {
     {"/firmware", "Received and kept packages: current.pkg, rollback.pkg."},
     {"/config/upgraded", "There while an installed package awaits its activation."},
     {"/config/upgrade_last_runtime", "The outcome of the last run."},
+    {"/config/upgrade_history.jsonl", "What was done to the device, and what came of it."},
 };
 
 // --- text as roff -----------------------------------------------------------------------------------------------------

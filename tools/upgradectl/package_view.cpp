@@ -9,7 +9,7 @@
 #include <sstream>
 
 #include "base/escaped_text.h"
-#include "tools/upgradectl/json_text.h"
+#include "base/json_text.h"
 
 namespace upgradectl {
 
@@ -187,7 +187,7 @@ std::string inspectionJson(const Inspection& inspection) {
     root["branch"] = trailer.branch;
     root["user"] = trailer.user;
     root["files"] = jsonEntries(inspection);
-    return jsonText(root) + "\n";
+    return kavro::jsonText(root) + "\n";
 }
 
 std::string verificationText(const kavro::package::Check& check) {
@@ -204,7 +204,7 @@ std::string verificationText(const kavro::package::Check& check) {
 }
 
 std::string verificationJson(const std::string& package, const kavro::package::Check& check) {
-    return jsonText(jsonCommon(package, check)) + "\n";
+    return kavro::jsonText(jsonCommon(package, check)) + "\n";
 }
 
 }  // namespace upgradectl

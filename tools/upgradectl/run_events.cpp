@@ -1,6 +1,6 @@
 #include "tools/upgradectl/run_events.h"
 
-#include "tools/upgradectl/json_text.h"
+#include "base/json_text.h"
 #include "upgrade/upgrade_api.h"
 
 namespace upgradectl {
@@ -35,8 +35,8 @@ class RunEvents : public RunView {
         Json::Value event;
         event["command"] = run.command;
         event["package"] = run.package;
-        event["package_version"] = textOrNull(run.packageVersion);
-        event["current_version"] = textOrNull(run.currentVersion);
+        event["package_version"] = kavro::textOrNull(run.packageVersion);
+        event["current_version"] = kavro::textOrNull(run.currentVersion);
         write("begin", run.seconds, event);
     }
 
@@ -90,7 +90,7 @@ class RunEvents : public RunView {
     void write(const char* kind, double seconds, Json::Value& event) {
         event["event"] = kind;
         event["seconds"] = seconds;
-        output.writeLine(jsonLine(event));
+        output.writeLine(kavro::jsonLine(event));
     }
 
     const OwnOutput& output;

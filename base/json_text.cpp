@@ -1,8 +1,8 @@
-#include "tools/upgradectl/json_text.h"
+#include "base/json_text.h"
 
 #include <json/writer.h>
 
-namespace upgradectl {
+namespace kavro {
 
 namespace {
 
@@ -31,4 +31,4 @@ Json::Value textOrNull(const std::string& text) {
     return text.empty() ? Json::Value() : Json::Value(text);
 }
 
-}  // namespace upgradectl
+}  // namespace kavro

@@ -1,11 +1,11 @@
-// JSON as the tool prints it: in ASCII, whatever the texts hold.
+// JSON as the programs write it: in ASCII, whatever the texts hold. What is no UTF-8 in them becomes U+FFFD.
 #pragma once
 
 #include <json/value.h>
 
 #include <string>
 
-namespace upgradectl {
+namespace kavro {
 
 // On one line, without a line break.
 std::string jsonLine(const Json::Value& value);
@@ -16,4 +16,4 @@ std::string jsonText(const Json::Value& value);
 // The text, or null for an empty one.
 Json::Value textOrNull(const std::string& text);
 
-}  // namespace upgradectl
+}  // namespace kavro

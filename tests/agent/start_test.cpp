@@ -1,14 +1,16 @@
 // An activation that was cut off after its switch, at each of the steps that follow.
-#include "tools/upgradectl/torn_activation.h"
+#include "agent/start.h"
 
 #include <gtest/gtest.h>
 
 #include <map>
 
+#include "agent/activation.h"
+#include "agent/history.h"
+#include "base/failure.h"
 #include "tests/common/libc_spies.h"
 #include "tests/support/program.h"
 #include "tests/tools/device_support.h"
-#include "tools/upgradectl/exit_code.h"
 
 namespace {
 
@@ -71,6 +73,15 @@ class TornActivation : public testsupport::DeviceTest {
                    : "none";
     }
 
+    // What was done, in one text.
+    static std::string done() {
+        std::string text;
+        for (const std::string& sentence : kavro::valueOf(kavro::agent::completeStart())) {
+            text += sentence;
+        }
+        return text;
+    }
+
     // A power cut keeps what was flushed and may lose everything else: the marker must not be the first to go.
     static bool flushesExchangeBeforeMarkerGoes() {
         bool flushed = false;
@@ -79,7 +90,7 @@ class TornActivation : public testsupport::DeviceTest {
                 versionsOf(kCurrent) == kAfter && versionsOf(kRollback) == kBefore && !exists(kAside);
             flushed = flushed || (path == "/firmware" && exchanged && exists(kMarker));
         });
-        upgradectl::completeTornActivation();
+        done();
         return flushed;
     }
 
@@ -99,7 +110,7 @@ TEST_F(TornActivation, cut_off_after_the_switch_is_completed) {
     starts("b", after);
     before.writeTo(kCurrent);
     after.writeTo(kRollback);
-    EXPECT_NE(upgradectl::completeTornActivation(), "");
+    EXPECT_NE(done(), "");
     expectExchanged();
 }
 
@@ -107,7 +118,7 @@ TEST_F(TornActivation, cut_off_after_the_first_rename_is_completed) {
     starts("b", after);
     before.writeTo(kAside);
     after.writeTo(kRollback);
-    EXPECT_NE(upgradectl::completeTornActivation(), "");
+    EXPECT_NE(done(), "");
     expectExchanged();
 }
 
@@ -115,7 +126,7 @@ TEST_F(TornActivation, cut_off_after_the_second_rename_is_completed) {
     starts("b", after);
     before.writeTo(kAside);
     after.writeTo(kCurrent);
-    EXPECT_NE(upgradectl::completeTornActivation(), "");
+    EXPECT_NE(done(), "");
     expectExchanged();
 }
 
@@ -123,7 +134,7 @@ TEST_F(TornActivation, cut_off_before_the_marker_went_keeps_the_exchanged_packag
     starts("b", after);
     after.writeTo(kCurrent);
     before.writeTo(kRollback);
-    EXPECT_NE(upgradectl::completeTornActivation(), "");
+    EXPECT_NE(done(), "");
     expectExchanged();
 }
 
@@ -132,7 +143,7 @@ TEST_F(TornActivation, whose_marker_went_before_its_renames_is_completed) {
     std::filesystem::remove(kMarker);
     before.writeTo(kAside);
     after.writeTo(kCurrent);
-    EXPECT_NE(upgradectl::completeTornActivation(), "");
+    EXPECT_NE(done(), "");
     expectExchanged();
 }
 
@@ -165,15 +176,15 @@ TEST_F(TornActivation, is_completed_once) {
     starts("b", after);
     before.writeTo(kCurrent);
     after.writeTo(kRollback);
-    EXPECT_NE(upgradectl::completeTornActivation(), "");
-    EXPECT_EQ(upgradectl::completeTornActivation(), "");
+    EXPECT_NE(done(), "");
+    EXPECT_EQ(done(), "");
     expectExchanged();
 }
 
 TEST_F(TornActivation, of_the_first_package_of_a_device_is_completed) {
     starts("b", after);
     after.writeTo(kRollback);
-    EXPECT_NE(upgradectl::completeTornActivation(), "");
+    EXPECT_NE(done(), "");
     EXPECT_EQ(versionsOf(kCurrent), kAfter);
     EXPECT_FALSE(exists(kRollback));
     EXPECT_FALSE(exists(kMarker));
@@ -184,7 +195,7 @@ TEST_F(TornActivation, whose_slot_was_given_up_by_the_boot_loader_keeps_the_pack
     starts("a", before);  // the boot loader has gone back
     before.writeTo(kCurrent);
     after.writeTo(kRollback);
-    EXPECT_NE(upgradectl::completeTornActivation(), "");
+    EXPECT_NE(done(), "");
     EXPECT_EQ(versionsOf(kCurrent), kBefore);
     EXPECT_EQ(versionsOf(kRollback), kAfter);
     EXPECT_FALSE(exists(kMarker));
@@ -195,7 +206,7 @@ TEST_F(TornActivation, of_a_rollback_that_only_switches_is_completed) {
     starts("a", before);
     after.writeTo(kCurrent);
     before.writeTo(kRollback);
-    EXPECT_NE(upgradectl::completeTornActivation(), "");
+    EXPECT_NE(done(), "");
     EXPECT_EQ(versionsOf(kCurrent), kBefore);
     EXPECT_EQ(versionsOf(kRollback), kAfter);
     EXPECT_FALSE(exists(kMarker));
@@ -208,7 +219,7 @@ TEST_F(TornActivation, a_package_that_awaits_its_activation_is_left_alone) {
     const std::string part = R"({ "bytes": 1, "sha256": ")" + sha256Of("x") + "\" }";
     writeFile(kWrittenSlot, R"({ "slot": "b", "kernel": )" + part + R"(, "dtb": )" + part +
                                 R"(, "rootfs": )" + part + " }");
-    EXPECT_EQ(upgradectl::completeTornActivation(), "");
+    EXPECT_EQ(done(), "");
     EXPECT_EQ(versionsOf(kCurrent), kBefore);
     EXPECT_TRUE(exists(kMarker));
     EXPECT_TRUE(exists(kVersions));
@@ -218,7 +229,7 @@ TEST_F(TornActivation, a_device_without_one_is_left_alone) {
     std::filesystem::remove(kMarker);
     before.writeTo(kCurrent);
     after.writeTo(kRollback);
-    EXPECT_EQ(upgradectl::completeTornActivation(), "");
+    EXPECT_EQ(done(), "");
     EXPECT_EQ(versionsOf(kCurrent), kBefore);
     EXPECT_TRUE(exists(kVersions));
 }
@@ -231,16 +242,33 @@ TEST_F(TornActivation, a_device_whose_boot_loader_went_back_keeps_the_package_to
     std::filesystem::remove(kMarker);
     after.writeTo(kCurrent);
     before.writeTo(kRollback);
-    EXPECT_EQ(upgradectl::completeTornActivation(), "");
+    EXPECT_EQ(
+        done(),
+        "the boot loader has gone back from V01.105.008.003, which failed its trial, to V01.104.007.002");
     EXPECT_EQ(versionsOf(kCurrent), kAfter);
     EXPECT_EQ(versionsOf(kRollback), kBefore);
+    EXPECT_EQ(done(), "") << "it is told once";
+    EXPECT_TRUE(kavro::agent::hasFailedTrial(kavro::agent::readHistory().value(), "V01.105.008.003"));
+}
+
+TEST_F(TornActivation, cut_off_is_completed_by_the_next_activation_and_not_switched_back) {
+    starts("b", after);
+    before.writeTo(kCurrent);
+    after.writeTo(kRollback);
+    const kavro::Result<std::string> again = kavro::agent::activate();
+    ASSERT_TRUE(again.ok()) << again.error().text;
+    EXPECT_EQ(again.value(), "an activation was cut off; its packages were given their places");
+    expectExchanged();
+    EXPECT_TRUE(
+        contains(runProgram({"fw_printenv", "-c", "/etc/kavro/fw_env.config", "boot_slot"}).out, "=b"));
+    EXPECT_FALSE(kavro::agent::activate().ok()) << "nothing awaits its activation any more";
 }
 
 TEST_F(TornActivation, that_cannot_be_judged_is_told_and_left_alone) {
     before.writeTo(kCurrent);
     after.writeTo(kRollback);
     std::filesystem::remove("/etc/kavro/fw_env.config");
-    EXPECT_THROW(upgradectl::completeTornActivation(), kavro::Failure);
+    EXPECT_THROW(done(), kavro::Failure);
     EXPECT_EQ(versionsOf(kCurrent), kBefore);
     EXPECT_TRUE(exists(kMarker));
 }

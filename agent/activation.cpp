@@ -1,0 +1,166 @@
+#include "agent/activation.h"
+
+#include "agent/history.h"
+#include "agent/internal/board.h"
+#include "agent/internal/slots.h"
+#include "agent/internal/torn_activation.h"
+#include "base/failure.h"
+#include "package/check.h"
+#include "package/trailer.h"
+#include "upgrade/upgrade_api.h"
+
+namespace kavro::agent {
+
+namespace {
+
+using COMMON_YR::BoardState;
+
+Failure damaged(const package::Check& check) {
+    std::string text = "the rollback package '" + UpgradeProc::rollbackPkg + "' is damaged";
+    if (!check.faults.empty()) {
+        text += ": " + check.faults.front();
+    }
+    for (const package::ComponentCheck& component : check.components) {
+        text += component.fault.empty() ? "" : ": " + component.fault;
+    }
+    return {ErrorCode::kRefused, text, "install a package instead"};
+}
+
+package::Check checkKept(const std::optional<std::filesystem::path>& trustedKey) {
+    const std::string& kept = UpgradeProc::rollbackPkg;
+    if (!COMMON_YR::isFileExist(kept.c_str())) {
+        throw Failure(ErrorCode::kOther, "the rollback package '" + kept + "' is missing",
+                      "install a package instead");
+    }
+    Result<package::Check> check = package::check(kept, trustedKey);
+    if (!check.ok() && check.error().code == ErrorCode::kUsage) {
+        throw Failure(check.error());  // of the key
+    }
+    if (!check.ok()) {
+        throw Failure(ErrorCode::kRefused,
+                      "the rollback package '" + kept + "' is damaged: " + check.error().text,
+                      "install a package instead");
+    }
+    if (!check.value().inOrder()) {
+        throw damaged(check.value());
+    }
+    return std::move(check).value();
+}
+
+// Until activation the installed package lies where the kept one lay: going back would activate it instead
+// and lose the package of the running software.
+void requireNothingAwaitsActivation() {
+    if (UPGRADE_isUpgraded()) {
+        throw Failure(ErrorCode::kOther,
+                      "an installed package awaits activation, there is nothing to go back from",
+                      "the device keeps its running software until 'upgradectl activate': activate the "
+                      "package, or install another one");
+    }
+}
+
+bool slotHolds(const BoardState& state, const std::string& slot, const package::Check& check) {
+    const auto known = state.slots.find(slot);
+    return known != state.slots.end() && holds(check, known->second);
+}
+
+const std::string* slotBesides(const BoardState& state, const std::string& slot) {
+    for (const auto& [name, content] : state.slots) {
+        if (name != slot) {
+            return &name;
+        }
+    }
+    return nullptr;
+}
+
+bool fitsMicrocontroller(const package::Check& check) {
+    return velGetMcuVersion(UpgradeProc::getInstance()->node) == check.trailer.version.mcu;
+}
+
+// A switch goes to the slot that does not start next.
+bool canSwitch(const BoardState& state, const package::Check& check) {
+    const std::string* other = slotBesides(state, state.nextSlot);
+    std::string ignored;
+    return other != nullptr && slotHolds(state, *other, check) && fitsMicrocontroller(check) &&
+           askBoardForSlot(*other, ignored) == Answer::kGiven;
+}
+
+WayBack wayBack(const std::optional<std::filesystem::path>& trustedKey) {
+    requireNothingAwaitsActivation();
+    const package::Check check = checkKept(trustedKey);
+    WayBack way;
+    way.release = package::formatVersion(check.trailer.version);
+    BoardState state;
+    std::string error;
+    switch (askBoard(state, error)) {
+        case Answer::kFailed:
+            throw Failure(ErrorCode::kOther, "the slots are not known: " + error, "mend that");
+        case Answer::kNone:
+            way.bySwitch = fitsMicrocontroller(check);  // as the library itself takes it
+            return way;
+        case Answer::kGiven:
+            break;
+    }
+    if (state.nextSlot == state.runningSlot && slotHolds(state, state.runningSlot, check) &&
+        fitsMicrocontroller(check)) {
+        throw Failure(ErrorCode::kRefused,
+                      "the rollback package '" + UpgradeProc::rollbackPkg + "' holds " + way.release +
+                          ", which runs already",
+                      "there is nothing to go back to: install a package instead");
+    }
+    way.bySwitch = canSwitch(state, check);
+    return way;
+}
+
+// A run removes the kept package before it flashes, so it works on a copy.
+int goBackByRun() {
+    if (COMMON_YR::cpFile(UpgradeProc::rollbackPkg, UpgradeProc::recvPkg) < 0) {
+        return -1;
+    }
+    const int result = UPGRADE_main_proc_fun(UpgradeProc::recvPkg);
+    UPGRADE_set_status_last_runtime(result < 0 ? UPG_STS_LAST_RT_ROLLBACK_FAILURE
+                                               : UPG_STS_LAST_RT_ROLLBACK_SUCCESS);
+    return result < 0 ? result : UPGRADE_activate();
+}
+
+std::string activateOrComplete() {
+    std::string completed = completeTornActivation();
+    if (!completed.empty()) {
+        return completed;  // a second switch would lead back
+    }
+    if (!UPGRADE_isUpgraded()) {
+        throw Failure(ErrorCode::kOther, "no installed package awaits activation",
+                      "install one: upgradectl install PACKAGE");
+    }
+    HistoryEntry entry;
+    entry.event = "activate";
+    entry.outcome = "ok";
+    entry.release = package::readVersion(UpgradeProc::rollbackPkg);
+    UpgradeProc::getInstance()->setActivated(false);  // of an earlier run of this process
+    if (UPGRADE_activate() < 0) {
+        throw Failure(ErrorCode::kOther, "the device could not be switched to the installed software",
+                      "mend what the device: lines say, then try again");
+    }
+    (void)appendHistory(entry);  // the activation stands, whatever becomes of its note
+    return "activated";
+}
+
+}  // namespace
+
+Result<std::string> activate() {
+    return resultOf([] { return activateOrComplete(); });
+}
+
+Result<WayBack> findWayBack(const std::optional<std::filesystem::path>& trustedKey) {
+    return resultOf([&] { return wayBack(trustedKey); });
+}
+
+int goBack(const WayBack& way) {
+    UpgradeProc::getInstance()->setActivated(false);  // or nothing would be switched
+    const int version = velGetMcuVersion(UpgradeProc::getInstance()->node);
+    const Result<package::TrailerReading> trailer = package::readTrailer(UpgradeProc::rollbackPkg);
+    const bool fits = trailer.ok() && trailer.value().trailer.version.mcu == version;
+    // Where the microcontroller fits, the library's own rollback is the switch; otherwise it is a run.
+    return way.bySwitch || !fits ? UPGRADE_rollback_mpu() : goBackByRun();
+}
+
+}  // namespace kavro::agent

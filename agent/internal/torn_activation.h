@@ -1,0 +1,12 @@
+// An activation that was cut off.
+#pragma once
+
+#include <string>
+
+namespace kavro::agent {
+
+// Completes what is left of one whose switch was made. Returns what was done, a sentence without a full stop; empty when there
+// is none, when a package still awaits its activation, or when the board does not tell. Throws Failure (other).
+std::string completeTornActivation();
+
+}  // namespace kavro::agent

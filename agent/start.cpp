@@ -1,0 +1,198 @@
+#include "agent/start.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <optional>
+
+#include "agent/history.h"
+#include "agent/internal/board.h"
+#include "agent/internal/slots.h"
+#include "agent/internal/torn_activation.h"
+#include "base/errno_text.h"
+#include "base/failure.h"
+#include "base/file_io.h"
+#include "common/cancellation.h"
+#include "common/utility.h"
+#include "package/trailer.h"
+#include "upgrade/upgrade_api.h"
+
+namespace kavro::agent {
+
+namespace {
+
+using COMMON_YR::BoardSlotContent;
+using COMMON_YR::BoardState;
+
+constexpr const char* kMarker = "/config/upgraded";
+constexpr const char* kAside = "/firmware/temp";  // the current package, while the two change places
+constexpr const char* kPackageDirectory = "/firmware";
+
+bool exists(const std::string& path) {
+    return COMMON_YR::isFileExist(path.c_str());
+}
+
+Failure incomplete(const std::string& why) {
+    return {ErrorCode::kOther, "what was cut off cannot be completed: " + why,
+            "mend that, and run 'upgradectl init' again before anything is activated"};
+}
+
+// Nothing when the board does not tell.
+std::optional<BoardState> boardState() {
+    BoardState state;
+    std::string error;
+    switch (askBoard(state, error)) {
+        case Answer::kGiven:
+            return state;
+        case Answer::kNone:
+            return std::nullopt;
+        case Answer::kFailed:
+            break;
+    }
+    throw incomplete(error);
+}
+
+// What the slot must hold. Nothing when a slot that was written awaits its activation, or when it is not known.
+std::optional<BoardSlotContent> settledContent(const BoardState& state, const std::string& slot) {
+    const auto known = state.slots.find(slot);
+    const bool isSettled = state.writtenSlot.empty() && known != state.slots.end();
+    return isSettled ? std::optional(known->second) : std::nullopt;
+}
+
+void move(const std::string& from, const std::string& to) {
+    if (std::rename(from.c_str(), to.c_str()) != 0) {
+        throw incomplete("'" + from + "' cannot be renamed to '" + to + "': " + reasonOf(errno));
+    }
+}
+
+// Goes on where the renames have stopped. Each leaves a state from which this goes on again.
+void exchangeTheRest(bool begun) {
+    const std::string& current = UpgradeProc::currentPkg;
+    const std::string& rollback = UpgradeProc::rollbackPkg;
+    if (!begun && exists(current)) {
+        move(current, kAside);
+    }
+    if (!exists(current)) {
+        move(rollback, current);
+    }
+    if (exists(kAside)) {
+        move(kAside, rollback);
+    }
+}
+
+// Between the first and the last rename there are two packages, one of them aside.
+bool isExchangeBegun() {
+    return exists(kAside) && exists(UpgradeProc::currentPkg) != exists(UpgradeProc::rollbackPkg);
+}
+
+bool areExchanged(const BoardSlotContent& content) {
+    return !holds(UpgradeProc::currentPkg, content) && holds(UpgradeProc::rollbackPkg, content);
+}
+
+std::string completeExchange(const BoardSlotContent& content) {
+    const bool begun = isExchangeBegun();
+    if (!begun && !areExchanged(content)) {
+        return "an activation or a rollback was cut off; the packages are in their places";
+    }
+    exchangeTheRest(begun);
+    return "an activation was cut off; its packages were given their places";
+}
+
+// The marker lies on another file system, and its removal may last where an exchange that nobody flushed does not: also
+// one that was made before its program was killed.
+void flushPackages() {
+    if (!flushDirectory(kPackageDirectory)) {
+        throw incomplete(std::string("'") + kPackageDirectory + "' cannot be flushed: " + reasonOf(errno));
+    }
+}
+
+std::string completeActivation() {
+    const std::optional<BoardState> state = boardState();
+    const auto content = state ? settledContent(*state, state->nextSlot) : std::nullopt;
+    if (!content) {
+        return {};
+    }
+    std::string done = completeExchange(*content);
+    flushPackages();
+    COMMON_YR::rmFile(UpgradeProc::currentCfg);  // of the software before
+    COMMON_YR::rmFile(kMarker);
+    return done;
+}
+
+std::string runningVersion() {
+    std::string version;
+    UPGRADE_getIntervalVersionString(version);
+    return version;
+}
+
+// Packages are read only where their versions leave it open which of them runs.
+bool mayHaveFallenBack() {
+    const std::string current = package::readVersion(UpgradeProc::currentPkg);
+    const std::string rollback = package::readVersion(UpgradeProc::rollbackPkg);
+    return !current.empty() && !rollback.empty() && (current != runningVersion() || current == rollback);
+}
+
+// Whether the history has it already: an activation ends what it tells of before.
+bool isNoted(const std::string& release) {
+    const Result<std::vector<HistoryEntry>> history = readHistory();
+    bool noted = false;
+    for (const HistoryEntry& entry : history.ok() ? history.value() : std::vector<HistoryEntry>{}) {
+        if (entry.event == "activate" && entry.outcome == "ok") {
+            noted = false;
+        } else if (entry.event == "fallback" && entry.release == release) {
+            noted = true;
+        }
+    }
+    return noted;
+}
+
+// The packages stay where they are: the kept one is that of the software that runs, and to roll back to it brings the
+// microcontroller, which has the firmware of the release that failed, back as well.
+std::string noteFallback() {
+    if (!mayHaveFallenBack()) {
+        return {};
+    }
+    const std::optional<BoardState> state = boardState();
+    const bool isSettled = state && state->nextSlot == state->runningSlot && !state->onTrial;
+    const auto content = isSettled ? settledContent(*state, state->runningSlot) : std::nullopt;
+    if (!content || !areExchanged(*content)) {
+        return {};
+    }
+    HistoryEntry entry;
+    entry.event = "fallback";
+    entry.outcome = "ok";
+    entry.release = package::readVersion(UpgradeProc::currentPkg);
+    entry.before = runningVersion();
+    entry.text = "the boot loader gave it up after its trial";
+    if (isNoted(entry.release)) {
+        return {};
+    }
+    valueOf(appendHistory(entry));
+    return "the boot loader has gone back from " + entry.release + ", which failed its trial, to " +
+           entry.before;
+}
+
+// Without either, packages in each other's places are no sign of an activation.
+bool mayBeTorn() {
+    return exists(kMarker) || isExchangeBegun();
+}
+
+}  // namespace
+
+std::string completeTornActivation() {
+    const COMMON_YR::CancelHold hold;
+    return mayBeTorn() ? completeActivation() : std::string();
+}
+
+Result<std::vector<std::string>> completeStart() {
+    const COMMON_YR::CancelHold hold;
+    return resultOf([] {
+        std::vector<std::string> done;
+        std::string sentence = mayBeTorn() ? completeActivation() : noteFallback();
+        if (!sentence.empty()) {
+            done.push_back(std::move(sentence));
+        }
+        return done;
+    });
+}
+
+}  // namespace kavro::agent
