@@ -7,6 +7,7 @@
 #include <string>
 #include <thread>
 
+#include "agent/internal/busy.h"
 #include "upgrade/device_lock.h"
 
 namespace kavro::agent {
@@ -32,21 +33,6 @@ void releaseHere() {
     isHeldHere = false;
 }
 
-Error busy(const UpgradeLockHolder& holder) {
-    std::string who = "another process";
-    if (holder.pid == getpid()) {
-        who = "another operation of this process";
-    } else if (holder.pid > 0) {
-        who = "process " + std::to_string(holder.pid) +
-              (holder.command.empty() ? "" : " (" + holder.command + ")");
-    }
-    return {ErrorCode::kBusy,
-            who + " is changing the device, nothing was done",
-            "wait for its end, and try again",
-            {},
-            {}};
-}
-
 // Whether it was taken, and how. Nothing when it is held.
 enum class Attempt { kTaken, kTakenWithoutPlace, kHeld };
 
@@ -69,6 +55,21 @@ Attempt attempt(UpgradeLockHolder& holder) {
 
 }  // namespace
 
+Error busyError(const UpgradeLockHolder& holder) {
+    std::string who = "another process";
+    if (holder.pid == getpid()) {
+        who = "another operation of this process";
+    } else if (holder.pid > 0) {
+        who = "process " + std::to_string(holder.pid) +
+              (holder.command.empty() ? "" : " (" + holder.command + ")");
+    }
+    return {ErrorCode::kBusy,
+            who + " is changing the device, nothing was done",
+            "wait for its end, and try again",
+            {},
+            {}};
+}
+
 Result<DeviceLock> DeviceLock::take(const Patience& patience) {
     const Clock::time_point begin = Clock::now();
     for (;;) {
@@ -78,7 +79,7 @@ Result<DeviceLock> DeviceLock::take(const Patience& patience) {
             return DeviceLock(result == Attempt::kTaken);
         }
         if (Clock::now() - begin >= patience.longest) {
-            return busy(holder);
+            return busyError(holder);
         }
         if (patience.keepWaiting && !patience.keepWaiting()) {
             return Error{ErrorCode::kGivenUp,

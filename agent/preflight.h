@@ -13,11 +13,21 @@
 
 namespace kavro::agent {
 
-// What an installation would be refused for, and what may be overridden.
+// What an installation would be refused for, and what may be overridden. The names are stable, and come in this order:
+//
+//     not_root         the device belongs to another user; its root directory tells whose it is
+//     busy             another operation changes the device
+//     work_file        the package is a file that the run itself replaces
+//     package          it is missing, damaged, or signed with another key
+//     no_room          a file system has less room than the run needs of it
+//     not_writable     a directory that the run writes to
+//     microcontroller  it is to be programmed, and does not answer
+//     slot_unknown     the board cannot tell its slots
+//     on_trial         the other slot is all there is to fall back to              (forceable)
+//     failed_trial     the device has fallen back from this release                (forceable)
+//     same_version     the device runs this release, and holds nothing else        (forceable)
 struct Obstacle {
-    std::string
-        name;  // stable: "not_root", "busy", "no_room", "not_writable", "package", "microcontroller", "slot_unknown",
-    // "on_trial", "failed_trial", "same_version", "awaits_activation", "work_file"
+    std::string name;
     std::string text;        // one sentence without a full stop
     std::string next;        // what can be done about it
     bool forceable = false;  // `force` goes over it
@@ -39,12 +49,21 @@ struct Preflight {
     bool clear() const { return obstacles.empty(); }
 };
 
-// Looks at the device and at the package that is to be installed. Changes nothing. An error is what keeps it from looking at all:
-// usage when the trusted key cannot be read. Blocks until the package was read, and the microcontroller was asked.
+// Looks at the device and at the package that is to be installed; the texts name the package by this path. Changes nothing.
+// While another operation changes the device, what that one changes is not looked at: room, microcontroller, slots and
+// what is flashed.
+//
+// An error is what keeps it from looking at all: usage, when the trusted key cannot be read. Blocks until the package was
+// read, and the microcontroller was asked. One thread at a time.
 KAVRO_EXPORT Result<Preflight> preflight(const std::filesystem::path& package,
                                          const PreflightOptions& options);
 
-// The obstacles as one error: refused, or busy when only that is in the way.
-KAVRO_EXPORT Error errorOf(const Preflight& preflight, const std::filesystem::path& package);
+// The obstacles as one error, the first in front: refused, or busy when only that is in the way. Only when !clear().
+KAVRO_EXPORT Error errorOf(const Preflight& preflight);
+
+// What a package is refused for that was checked already; nothing when it is in order. trustedKey: what it was checked with.
+KAVRO_EXPORT std::optional<Obstacle> obstacleOf(const std::filesystem::path& package,
+                                                const package::Check& check,
+                                                const std::optional<std::filesystem::path>& trustedKey);
 
 }  // namespace kavro::agent

@@ -2,42 +2,21 @@
 #include "agent/lock.h"
 
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <string>
 #include <thread>
 
+#include "tests/agent/held_device.h"
 #include "upgrade/device_lock.h"
 
 namespace {
 
+using agent_test::HeldDevice;
 using kavro::ErrorCode;
 using kavro::agent::DeviceLock;
 using kavro::agent::Patience;
 using namespace std::chrono_literals;
-
-// Another process that has the device, for this long.
-pid_t holdElsewhere(std::chrono::milliseconds time) {
-    int ready[2] = {};
-    EXPECT_EQ(pipe(ready), 0);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        const bool taken = UPGRADE_lock_device(nullptr) == UPGRADE_LOCK_TAKEN;
-        (void)!write(ready[1], taken ? "y" : "n", 1);
-        std::this_thread::sleep_for(time);
-        _exit(0);
-    }
-    char answer = 0;
-    EXPECT_EQ(read(ready[0], &answer, 1), 1);
-    EXPECT_EQ(answer, 'y');
-    close(ready[0]);
-    close(ready[1]);
-    return pid;
-}
 
 TEST(AgentLock, keeps_out_another_operation_of_this_process) {
     auto first = DeviceLock::take({});
@@ -66,26 +45,25 @@ TEST(AgentLock, ends_with_its_object) {
 }
 
 TEST(AgentLock, of_another_process_is_refused_by_its_name) {
-    const pid_t other = holdElsewhere(60s);
+    HeldDevice other;
     const auto lock = DeviceLock::take({});
     ASSERT_FALSE(lock.ok());
     EXPECT_EQ(lock.error().code, ErrorCode::kBusy);
-    EXPECT_EQ(lock.error().text.find("process " + std::to_string(other) + " ("), 0u) << lock.error().text;
-    kill(other, SIGKILL);
-    waitpid(other, nullptr, 0);
+    EXPECT_EQ(lock.error().text.find("process " + std::to_string(other.pid()) + " ("), 0u)
+        << lock.error().text;
+    other.end();
     EXPECT_TRUE(DeviceLock::take({}).ok());
 }
 
 TEST(AgentLock, is_waited_for_as_long_as_asked) {
-    const pid_t other = holdElsewhere(700ms);
+    const HeldDevice other(700ms);
     Patience patience;
     patience.longest = 60s;
     EXPECT_TRUE(DeviceLock::take(patience).ok());
-    waitpid(other, nullptr, 0);
 }
 
 TEST(AgentLock, is_waited_for_no_longer_than_wanted) {
-    const pid_t other = holdElsewhere(60s);
+    const HeldDevice other;
     Patience patience;
     patience.longest = 60s;
     int asked = 0;
@@ -94,8 +72,6 @@ TEST(AgentLock, is_waited_for_no_longer_than_wanted) {
     ASSERT_FALSE(lock.ok());
     EXPECT_EQ(lock.error().code, ErrorCode::kGivenUp);
     EXPECT_EQ(asked, 3);
-    kill(other, SIGKILL);
-    waitpid(other, nullptr, 0);
 }
 
 }  // namespace
