@@ -41,6 +41,11 @@ package::Check checkKept(const std::optional<std::filesystem::path>& trustedKey)
                       "the rollback package '" + kept + "' is damaged: " + check.error().text,
                       "install a package instead");
     }
+    if (check.value().lacksOnlyTrust()) {
+        throw Failure(ErrorCode::kRefused,
+                      "the rollback package '" + kept + "' was refused: " + check.value().faults.front(),
+                      "use the public key of who signed it, or install a package instead");
+    }
     if (!check.value().inOrder()) {
         throw damaged(check.value());
     }
@@ -89,6 +94,7 @@ WayBack wayBack(const std::optional<std::filesystem::path>& trustedKey) {
     const package::Check check = checkKept(trustedKey);
     WayBack way;
     way.release = package::formatVersion(check.trailer.version);
+    way.components = check.components;
     BoardState state;
     std::string error;
     switch (askBoard(state, error)) {

@@ -4,9 +4,11 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "common/error.h"
 #include "common/export.h"
+#include "package/check.h"
 
 namespace kavro::agent {
 
@@ -17,7 +19,8 @@ KAVRO_EXPORT Result<std::string> activate();
 
 // How the device goes back to the kept package.
 struct WayBack {
-    std::string release;    // that runs then: "V01.104.007.002"
+    std::string release;                              // that runs then: "V01.104.007.002"
+    std::vector<package::ComponentCheck> components;  // of the package
     bool bySwitch = false;  // the other slot holds it, and the microcontroller fits: nothing is to be written
 };
 

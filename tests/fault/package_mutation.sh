@@ -98,7 +98,7 @@ fails_while_flashing() {
 
 # has_no_room STATE KIND: the device refuses what is in order where there is no room for it, and says so.
 has_no_room() {
-    [[ $2 == bomb && $code == 1 ]] && grep -q 'No space left on device' "$1.said"
+    [[ $2 == bomb && $code == 3 ]] && grep -q 'the file system at /raw has room for' "$1.said"
 }
 
 # --- a device -------------------------------------------------------------------------------------------------------

@@ -12,6 +12,15 @@ CLI::Validator isPath() {
         ""};
 }
 
+void addWait(CLI::App& command, std::chrono::seconds& patience) {
+    const auto take = [&patience](int seconds) { patience = std::chrono::seconds(seconds); };
+    command
+        .add_option_function<int>("--wait", take,
+                                  "Wait so many seconds for another process that changes the device")
+        ->type_name("SECONDS")
+        ->check(isAtLeastOne());
+}
+
 CLI::Validator isAtLeastOne() {
     return {[](const std::string& text) {
                 int number = 0;

@@ -2,11 +2,15 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <chrono>
 
 namespace upgradectl {
 
 // A script's unset variable gives an empty text where a path belongs.
 CLI::Validator isPath();
+
+// Adds --wait, whose seconds go to patience.
+void addWait(CLI::App& command, std::chrono::seconds& patience);
 
 // For a number that counts something.
 CLI::Validator isAtLeastOne();

@@ -1,13 +1,28 @@
 // The command lines of the commands that ask the device, or switch it.
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <memory>
 
+#include "tools/upgradectl/argument_checks.h"
 #include "tools/upgradectl/command_line.h"
 #include "tools/upgradectl/device_commands.h"
 #include "tools/upgradectl/device_status.h"
+#include "tools/upgradectl/device_turn.h"
 #include "tools/upgradectl/own_output.h"
 
 namespace upgradectl {
+
+namespace {
+
+// The command does work when it is its turn to change the device.
+void addInTurn(CLI::App& command, Action& chosen, const Action& work) {
+    const auto patience = std::make_shared<std::chrono::seconds>(0);
+    addWait(command, *patience);
+    command.callback(
+        [patience, work, &chosen] { chosen = [patience, work] { withDevice(*patience, work); }; });
+}
+
+}  // namespace
 
 void addInit(CLI::App& app, Action& chosen) {
     CLI::App* command = app.add_subcommand("init", "Make the device ready after a start");
@@ -19,7 +34,7 @@ void addInit(CLI::App& app, Action& chosen) {
         "Prints the directory for packages.\n\n"
         "Example:\n"
         "  upgradectl init\n");
-    command->callback([&chosen] { chosen = [] { initDevice(OwnOutput()); }; });
+    addInTurn(*command, chosen, [] { initDevice(OwnOutput()); });
 }
 
 void addStatus(CLI::App& app, Action& chosen) {
@@ -63,7 +78,7 @@ void addActivate(CLI::App& app, Action& chosen) {
     command->footer(
         "Example:\n"
         "  upgradectl activate\n");
-    command->callback([&chosen] { chosen = [] { activate(OwnOutput()); }; });
+    addInTurn(*command, chosen, [] { activate(OwnOutput()); });
 }
 
 void addConfirm(CLI::App& app, Action& chosen) {
@@ -74,7 +89,7 @@ void addConfirm(CLI::App& app, Action& chosen) {
         "is not confirmed within a few starts. Harmless without a trial.\n\n"
         "Example:\n"
         "  upgradectl confirm\n");
-    command->callback([&chosen] { chosen = [] { confirm(OwnOutput()); }; });
+    addInTurn(*command, chosen, [] { confirm(OwnOutput()); });
 }
 
 }  // namespace upgradectl

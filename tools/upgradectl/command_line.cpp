@@ -13,9 +13,10 @@ constexpr const char* kExitCodes =
     "  0  done\n"
     "  1  the machine or the device is not in order (room, permissions, partitions)\n"
     "  2  wrong command line\n"
-    "  3  the package, or what it is to be made of, was refused; nothing was flashed\n"
+    "  3  the package, what it is to be made of, or the installation was refused; nothing was flashed\n"
     "  4  flashing failed\n"
-    "  5  given up in time; nothing was flashed\n";
+    "  5  given up in time; nothing was flashed\n"
+    "  6  another process changes the device; nothing was done\n";
 
 // What CLI11 says of a command line without a command does not name the word that was taken for one.
 std::string wrongCommandLine(const CLI::App& command, const CLI::Error& error) {
@@ -66,8 +67,9 @@ void describeCommandLine(CLI::App& app, Action& chosen) {
     app.require_subcommand(1);
     app.footer(kExitCodes);
     app.failure_message(failureMessage);
-    for (const auto add : {addPack, addInspect, addVerify, addInit, addInstall, addStatus, addVersions,
-                           addWatch, addActivate, addConfirm, addRollback, addHistory, addTwin}) {
+    for (const auto add :
+         {addPack, addInspect, addVerify, addInit, addCheck, addInstall, addStatus, addVersions, addWatch,
+          addActivate, addConfirm, addRollback, addHistory, addTwin}) {
         add(app, chosen);
     }
 }

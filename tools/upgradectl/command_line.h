@@ -27,6 +27,7 @@ void addPack(CLI::App& app, Action& chosen);
 void addInspect(CLI::App& app, Action& chosen);
 void addVerify(CLI::App& app, Action& chosen);
 void addInit(CLI::App& app, Action& chosen);
+void addCheck(CLI::App& app, Action& chosen);
 void addInstall(CLI::App& app, Action& chosen);
 void addStatus(CLI::App& app, Action& chosen);
 void addVersions(CLI::App& app, Action& chosen);

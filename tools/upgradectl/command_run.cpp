@@ -1,34 +1,66 @@
-// The command lines of install and rollback, which make a run.
+// The command lines of install and rollback, which make a run, and of check, which looks whether one can be made.
 #include <CLI/CLI.hpp>
+#include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "tools/upgradectl/argument_checks.h"
 #include "tools/upgradectl/command_line.h"
 #include "tools/upgradectl/install.h"
+#include "tools/upgradectl/install_check.h"
 #include "tools/upgradectl/interrupts.h"
+#include "tools/upgradectl/own_output.h"
 
 namespace upgradectl {
 
 namespace {
 
-void addRunOptions(CLI::App& command, RunOptions& options) {
-    CLI::Option* plain =
-        command.add_flag("--plain", options.plain, "Print lines on a terminal, too, as into a file");
-    command.add_flag("--json", options.json, "Print events, one JSON object a line")->excludes(plain);
+void addForce(CLI::App& command, bool& force) {
+    command.add_flag("--force", force,
+                     "Install a release that the device runs or has fallen back from, or over the only one "
+                     "to fall back to");
+}
+
+void addTrustedKey(CLI::App& command, std::optional<std::filesystem::path>& key) {
     command
         .add_option(
-            "--trusted-key", options.trustedKey,
+            "--trusted-key", key,
             "Public key (PEM): refuse a package that is signed with another one, or damaged, before the "
             "run begins")
         ->type_name("FILE")
         ->check(isPath());
+}
+
+void addRunOptions(CLI::App& command, RunOptions& options) {
+    CLI::Option* plain =
+        command.add_flag("--plain", options.plain, "Print lines on a terminal, too, as into a file");
+    command.add_flag("--json", options.json, "Print events, one JSON object a line")->excludes(plain);
+    addTrustedKey(command, options.trustedKey);
+    addWait(command, options.patience);
     command.add_option("--report", options.report, "Write a page (HTML) about the run, however it ends")
         ->type_name("FILE")
         ->check(isPath());
 }
 
 }  // namespace
+
+void addCheck(CLI::App& app, Action& chosen) {
+    CLI::App* command = app.add_subcommand("check", "Tell whether a package can be installed on this device");
+    command->footer(
+        "Looks at what 'install' looks at before it begins, at the package and at the device, and changes "
+        "nothing.\n"
+        "Tells everything that is in the way at once.\n\n"
+        "Example:\n"
+        "  upgradectl check --trusted-key vendor.pem /firmware/recv.pkg\n");
+    const auto request = std::make_shared<CheckRequest>();
+    command->add_option("PACKAGE", request->package, "Package file")->check(isPath())->required();
+    addTrustedKey(*command, request->trustedKey);
+    addForce(*command, request->force);
+    command->add_flag("--json", request->json, "Print one JSON object");
+    command->callback(
+        [request, &chosen] { chosen = [request] { checkInstallation(OwnOutput(), *request); }; });
+}
 
 void addInstall(CLI::App& app, Action& chosen) {
     CLI::App* command = app.add_subcommand("install", "Install a package and show the run");
@@ -41,6 +73,7 @@ void addInstall(CLI::App& app, Action& chosen) {
     const auto package = std::make_shared<std::string>();
     const auto options = std::make_shared<RunOptions>();
     command->add_option("PACKAGE", *package, "Package file")->check(isPath())->required();
+    addForce(*command, options->force);
     addRunOptions(*command, *options);
     command->callback([package, options, &chosen] {
         chosen = [package, options] {

@@ -18,6 +18,7 @@ enum class ExitCode : int {
     kRefused = static_cast<int>(ErrorCode::kRefused),
     kFlashFailed = static_cast<int>(ErrorCode::kFlashFailed),
     kGivenUp = static_cast<int>(ErrorCode::kGivenUp),
+    kBusy = static_cast<int>(ErrorCode::kBusy),
 };
 
 constexpr ExitCode exitCodeOf(const kavro::Error& error) {

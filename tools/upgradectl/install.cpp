@@ -1,12 +1,15 @@
 #include "tools/upgradectl/install.h"
 
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "agent/activation.h"
-#include "base/path_relation.h"
+#include "agent/preflight.h"
 #include "package/trailer.h"
 #include "tools/upgradectl/device_log.h"
 #include "tools/upgradectl/exit_code.h"
+#include "tools/upgradectl/flash_drivers.h"
 #include "tools/upgradectl/run_failure.h"
 #include "upgrade/upgrade_api.h"
 
@@ -16,38 +19,29 @@ namespace {
 
 namespace fs = std::filesystem;
 
-Failure refused(const fs::path& package, const std::string& fault, const std::string& next) {
-    return {ErrorCode::kRefused, "the package '" + package.string() + "' " + fault, next};
-}
-
-// A run overwrites or removes these before it is done with the package it installs.
-void requireApartFromWorkFiles(const fs::path& package) {
-    std::error_code ignored;
-    if (kavro::isBelow(package, UpgradeProc::storePart) ||
-        fs::equivalent(package, UpgradeProc::upgradePkg, ignored) ||
-        fs::equivalent(package, UpgradeProc::rollbackPkg, ignored)) {
-        throw refused(package, "is a file that the run itself replaces",
-                      "copy it, for example to " + UpgradeProc::recvPkg + ", and install the copy");
+// Refuses the installation for everything that is in its way.
+void requireInstallable(const fs::path& package, const RunOptions& options, Findings& findings) {
+    requireFlashDrivers();
+    kavro::agent::PreflightOptions wanted;
+    wanted.trustedKey = options.trustedKey;
+    wanted.force = options.force;
+    wanted.ignoreLock = true;
+    const kavro::agent::Preflight preflight = kavro::valueOf(kavro::agent::preflight(package, wanted));
+    if (preflight.check) {
+        findings.components = preflight.check->components;
+    }
+    if (!preflight.clear()) {
+        throw Failure(kavro::agent::errorOf(preflight));
+    }
+    for (const kavro::agent::Obstacle& obstacle : preflight.overridden) {
+        findings.notices.push_back("by force: " + obstacle.text);
     }
 }
 
-void requirePackage(const fs::path& package) {
-    std::error_code error;
-    const fs::file_status status = fs::status(package, error);
-    if (!fs::exists(status)) {
-        throw refused(package, "is missing", "check the path");
-    }
-    if (!fs::is_regular_file(status)) {
-        throw refused(package, "is no regular file", "give the package file");
-    }
-    const std::uintmax_t size = fs::file_size(package, error);
-    if (error || size != kavro::package::kPackageBytes) {
-        throw refused(package,
-                      "has " + std::to_string(error ? 0 : size) + " bytes, a package has " +
-                          std::to_string(kavro::package::kPackageBytes),
-                      "transfer it again, whole");
-    }
-    requireApartFromWorkFiles(package);
+void requireWayBack(const RunOptions& options, Findings& findings, kavro::agent::WayBack& way) {
+    requireFlashDrivers();
+    way = kavro::valueOf(kavro::agent::findWayBack(options.trustedKey));
+    findings.components = way.components;
 }
 
 RunEnd installed(const RunOutcome& outcome, const fs::path& package) {
@@ -85,7 +79,7 @@ RunEnd rolledBack(const RunOutcome& outcome, const std::string& release) {
 
 void install(const fs::path& package, const RunOptions& options, const Interrupts& interrupts) {
     const fs::path absolute = fs::absolute(package);
-    performRun({"install", package, [&] { requirePackage(absolute); },
+    performRun({"install", package, [&](Findings& found) { requireInstallable(package, options, found); },
                 [&] { return UPGRADE_main_proc_fun(absolute.string()); },
                 [&](const RunOutcome& outcome) { return installed(outcome, package); }},
                options, interrupts);
@@ -94,7 +88,7 @@ void install(const fs::path& package, const RunOptions& options, const Interrupt
 void rollback(const RunOptions& options, const Interrupts& interrupts) {
     kavro::agent::WayBack way;
     performRun({"rollback", UpgradeProc::rollbackPkg,
-                [&] { way = kavro::valueOf(kavro::agent::findWayBack(options.trustedKey)); },
+                [&](Findings& findings) { requireWayBack(options, findings, way); },
                 [&] { return kavro::agent::goBack(way); },
                 [&](const RunOutcome& outcome) { return rolledBack(outcome, way.release); }},
                options, interrupts);

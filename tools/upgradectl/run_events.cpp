@@ -16,6 +16,7 @@ constexpr ResultRow kResults[] = {
     {ExitCode::kOk, "done"},          {ExitCode::kOther, "failed"},
     {ExitCode::kUsage, "usage"},      {ExitCode::kRefused, "refused"},
     {ExitCode::kGivenUp, "given_up"}, {ExitCode::kFlashFailed, "flash_failed"},
+    {ExitCode::kBusy, "busy"},
 };
 
 const char* resultOf(ExitCode code) {
@@ -69,6 +70,12 @@ class RunEvents : public RunView {
         event["device"] = Json::arrayValue;
         for (const std::string& line : end.device) {
             event["device"].append(line);
+        }
+        for (const kavro::Error& other : end.further) {
+            Json::Value entry;
+            entry["message"] = other.text;
+            entry["next"] = other.next;
+            event["further"].append(entry);
         }
         write("end", end.seconds, event);
     }

@@ -4,12 +4,11 @@
 #include <cstdio>
 #include <exception>
 #include <memory>
-#include <utility>
+#include <optional>
 
-#include "package/check.h"
 #include "package/trailer.h"
 #include "tools/upgradectl/device_log.h"
-#include "tools/upgradectl/flash_drivers.h"
+#include "tools/upgradectl/device_turn.h"
 #include "tools/upgradectl/report_place.h"
 #include "tools/upgradectl/run_report.h"
 #include "upgrade/upgrade_api.h"
@@ -33,31 +32,6 @@ std::string currentVersion() {
     return version;
 }
 
-std::vector<std::string> faultsOf(const kavro::package::Check& check) {
-    std::vector<std::string> faults = check.faults;
-    for (const kavro::package::ComponentCheck& component : check.components) {
-        if (!component.fault.empty()) {
-            faults.push_back(component.fault);
-        }
-    }
-    return faults;
-}
-
-Failure untrusted(const fs::path& package, const fs::path& key, const kavro::package::Check& check) {
-    constexpr std::size_t kMostFaults = 3;
-    const std::vector<std::string> faults = faultsOf(check);
-    std::string text = "the package '" + package.string() + "' was refused, nothing was flashed";
-    for (std::size_t i = 0; i < std::min(faults.size(), kMostFaults); ++i) {
-        text += (i == 0 ? ": " : "; ") + faults[i];
-    }
-    if (faults.size() > kMostFaults) {
-        text += "; and " + std::to_string(faults.size() - kMostFaults) + " more";
-    }
-    return {ErrorCode::kRefused, text,
-            "use a whole package that is signed with the key of '" + key.string() +
-                "'; 'upgradectl verify' tells all that is wrong with this one"};
-}
-
 std::vector<LoggedLine> logSince(const Clock& clock) {
     const DeviceLog log = loggedLines();
     std::vector<LoggedLine> lines;
@@ -74,7 +48,7 @@ std::vector<LoggedLine> logSince(const Clock& clock) {
 }
 
 RunEnd endOf(const kavro::Error& error) {
-    return {exitCodeOf(error), error.text, error.next, error.details};
+    return {exitCodeOf(error), error.text, error.next, error.details, 0, error.further};
 }
 
 // From the first check to the last line that is shown.
@@ -95,6 +69,7 @@ class RunSession {
         std::exception_ptr failure;
         try {
             placeReport();
+            device.emplace(takeDevice(options.patience, interrupts));
             result = kind.judge(checkAndRun());
         } catch (const Failure& caught) {
             result = endOf(caught.error());
@@ -118,36 +93,19 @@ class RunSession {
     }
 
     RunOutcome checkAndRun() {
-        kind.require();
-        requireFlashDrivers();
         record.packageVersion = kavro::package::readVersion(kind.package);
-        checkComponents();
+        kind.require(findings);
         requireNotGivenUp();
         record.versionBefore = currentVersion();
         view->begin(
             {kind.command, record.package, record.packageVersion, record.versionBefore, clock.seconds()});
+        for (const std::string& notice : findings.notices) {
+            view->notice(notice, clock.seconds());
+        }
         RunOutcome outcome = watchRun(kind.run, *view, interrupts, clock);
         record.stages = outcome.stages;
         record.states = outcome.states;
         return outcome;
-    }
-
-    // Without a trusted key a package that cannot be read is the run's own concern.
-    void checkComponents() {
-        if (!options.trustedKey && !options.report) {
-            return;
-        }
-        kavro::Result<kavro::package::Check> checked =
-            kavro::package::check(kind.package, options.trustedKey);
-        if (checked.ok()) {
-            record.components = checked.value().components;
-        }
-        if (options.trustedKey) {
-            const kavro::package::Check check = kavro::valueOf(std::move(checked));
-            if (!check.inOrder()) {
-                throw untrusted(kind.package, *options.trustedKey, check);
-            }
-        }
     }
 
     void requireNotGivenUp() const {
@@ -167,6 +125,7 @@ class RunSession {
 
     // The result of the run stands, whatever becomes of its report.
     void report(const RunEnd& result) {
+        record.components = findings.components;
         record.seconds = result.seconds;
         record.exitCode = static_cast<int>(result.code);
         record.outcome = result.message;
@@ -189,6 +148,8 @@ class RunSession {
     const Clock clock;
     const std::unique_ptr<RunView> view;
     RunRecord record;
+    Findings findings;
+    std::optional<kavro::agent::DeviceLock> device;  // until everything is told
     bool hasPlaceForReport = false;
 };
 

@@ -28,6 +28,7 @@ struct RunEnd {
     std::string next;                 // what to do next
     std::vector<std::string> device;  // the device's own words on a failure
     double seconds = 0;
+    std::vector<kavro::Error> further = {};  // what was found along with a failure
 };
 
 // One line of a status for a terminal of that many columns; it never wraps. What has no room is left out: first the
