@@ -150,10 +150,38 @@ std::string activateOrComplete() {
     return "activated";
 }
 
+void confirmRunning() {
+    // A driver of its own: the controller has none where that of the microcontroller, which is not needed here, is
+    // not ready.
+    UpgradeMpu driver;
+    if (!driver.initOk) {
+        throw Failure(ErrorCode::kOther, "the main processor's flash driver is not ready",
+                      "mend what the device: lines say");
+    }
+    BoardState before;
+    std::string ignored;
+    const bool wasOnTrial = askBoard(before, ignored) == Answer::kGiven && before.onTrial;
+    if (driver.activate(false) < 0) {
+        throw Failure(ErrorCode::kOther, "the running slot could not be confirmed",
+                      "mend what the device: lines say, then try again before the device is restarted");
+    }
+    if (wasOnTrial) {
+        HistoryEntry entry;
+        entry.event = "confirm";
+        entry.outcome = "ok";
+        UPGRADE_getIntervalVersionString(entry.release);
+        (void)appendHistory(entry);  // the confirmation stands, whatever becomes of its note
+    }
+}
+
 }  // namespace
 
 Result<std::string> activate() {
     return resultOf([] { return activateOrComplete(); });
+}
+
+Result<void> confirm() {
+    return resultOf([] { confirmRunning(); });
 }
 
 Result<WayBack> findWayBack(const std::optional<std::filesystem::path>& trustedKey) {

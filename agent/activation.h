@@ -17,6 +17,10 @@ namespace kavro::agent {
 // switch failed; nothing has changed then. Blocks until the slot was compared with what must be in it.
 KAVRO_EXPORT Result<std::string> activate();
 
+// Tells the boot loader that the running software is good; harmless without a trial. An error is: other, when the flash driver of
+// the main processor is not ready, or the boot loader's state cannot be written.
+KAVRO_EXPORT Result<void> confirm();
+
 // How the device goes back to the kept package.
 struct WayBack {
     std::string release;                              // that runs then: "V01.104.007.002"

@@ -1,6 +1,7 @@
 #include "tools/upgradectl/device_commands.h"
 
 #include <string>
+#include <type_traits>
 #include <utility>
 
 #include "agent/activation.h"
@@ -22,7 +23,9 @@ Value valueOrFailure(kavro::Result<Value> result) {
         error.details = loggedErrors();
         throw Failure(error);
     }
-    return std::move(result).value();
+    if constexpr (!std::is_void_v<Value>) {
+        return std::move(result).value();
+    }
 }
 
 }  // namespace
@@ -48,18 +51,7 @@ void activate(const OwnOutput& output) {
 }
 
 void confirm(const OwnOutput& output) {
-    // A driver of its own: the controller has none where that of the microcontroller, which is not needed here, is
-    // not ready.
-    UpgradeMpu driver;
-    if (!driver.initOk) {
-        throw Failure(ErrorCode::kOther, "the main processor's flash driver is not ready",
-                      "mend what the device: lines say", loggedErrors());
-    }
-    if (driver.activate(false) < 0) {
-        throw Failure(ErrorCode::kOther, "the running slot could not be confirmed",
-                      "mend what the device: lines say, then try again before the device is restarted",
-                      loggedErrors());
-    }
+    valueOrFailure(kavro::agent::confirm());
     output.writeLine("the running slot is confirmed");
 }
 

@@ -29,6 +29,7 @@ void requireInstallable(const fs::path& package, const RunOptions& options, Find
     const kavro::agent::Preflight preflight = kavro::valueOf(kavro::agent::preflight(package, wanted));
     if (preflight.check) {
         findings.components = preflight.check->components;
+        findings.keyDigest = preflight.check->keyDigest;
     }
     if (!preflight.clear()) {
         throw Failure(kavro::agent::errorOf(preflight));

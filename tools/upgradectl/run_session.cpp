@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 
+#include "agent/history.h"
 #include "package/trailer.h"
 #include "tools/upgradectl/device_log.h"
 #include "tools/upgradectl/device_turn.h"
@@ -118,8 +119,28 @@ class RunSession {
     void end(RunEnd result) {
         result.seconds = clock.seconds();
         view->end(result);
+        if (!record.versionBefore.empty()) {  // otherwise nothing was begun
+            note(result);
+        }
         if (hasPlaceForReport) {
             report(result);
+        }
+    }
+
+    // The result of the run stands, whatever becomes of its note.
+    void note(const RunEnd& result) {
+        kavro::agent::HistoryEntry entry;
+        entry.event = kind.command;
+        entry.outcome = result.code == ExitCode::kOk ? "ok" : nameOf(static_cast<ErrorCode>(result.code));
+        entry.release = record.packageVersion;
+        entry.before = record.versionBefore;
+        entry.package = record.package;
+        entry.keyDigest = findings.keyDigest;
+        entry.text = result.code == ExitCode::kOk ? "" : result.message;
+        const kavro::Result<void> noted = appendHistory(entry);
+        if (!noted.ok()) {
+            std::fprintf(stderr, "upgradectl: warning: the history has no note of this: %s\n",
+                         noted.error().text.c_str());
         }
     }
 

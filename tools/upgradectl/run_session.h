@@ -27,7 +27,8 @@ struct RunOptions {
 // What was found before a run that may be made.
 struct Findings {
     std::vector<kavro::package::ComponentCheck> components;  // empty where nobody has asked for them
-    std::vector<std::string> notices;                        // sentences for people
+    std::string keyDigest;             // of the key that the package carries, as package::Check tells it
+    std::vector<std::string> notices;  // sentences for people
 };
 
 struct RunKind {
