@@ -15,7 +15,6 @@ using kavro::agent::appendHistory;
 using kavro::agent::HistoryEntry;
 using kavro::agent::kHistoryFile;
 using testsupport::readFile;
-using testsupport::writeFile;
 
 class FullDisk : public testsupport::DeviceTest {};
 

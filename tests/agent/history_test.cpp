@@ -405,9 +405,9 @@ TEST_F(History, loses_no_line_of_two_processes_while_it_is_shortened) {
 }
 
 TEST_F(History, loses_no_line_of_several_threads_while_it_is_shortened) {
-    std::vector<std::thread> threads;
-    for (int writer = 0; writer < 4; ++writer) {
-        threads.emplace_back([writer] { EXPECT_EQ(appendMany(std::to_string(writer), 50), -1); });
+    std::vector<std::thread> threads(4);
+    for (std::size_t writer = 0; writer < threads.size(); ++writer) {
+        threads[writer] = std::thread([writer] { EXPECT_EQ(appendMany(std::to_string(writer), 50), -1); });
     }
     for (std::thread& thread : threads) {
         thread.join();

@@ -18,8 +18,8 @@ namespace {
 
 void addForce(CLI::App& command, bool& force) {
     command.add_flag("--force", force,
-                     "Install a release that the device runs or has fallen back from, or over the only one "
-                     "to fall back to");
+                     "Go over a release that the device runs or has fallen back from, and over a trial that "
+                     "is not confirmed");
 }
 
 void addTrustedKey(CLI::App& command, std::optional<std::filesystem::path>& key) {
