@@ -22,6 +22,7 @@ namespace kavro::agent {
 namespace {
 
 using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
 
 constexpr mode_t kNewFileMode = 0644;
 constexpr mode_t kPermissionBits = 07777;
@@ -29,7 +30,7 @@ constexpr mode_t kPermissionBits = 07777;
 constexpr int kMostRaces = 64;
 
 constexpr auto kLockPause = 1ms;
-constexpr int kMostLockPauses = 10000;
+constexpr auto kLongestLockWait = 10s;
 
 Failure failure(const std::string& path, const char* step) {
     return {ErrorCode::kOther, "'" + path + "' cannot be " + step + " (" + reasonOf(errno) + ")",
@@ -50,11 +51,12 @@ std::uint64_t sizeOf(int fd, const std::string& path) {
 // Whoever may read the file can lock it: nothing here waits for that without end. Not every network's file system has
 // locks: a line without one is better than none.
 void lock(int fd, const std::string& path) {
-    for (int pauses = 0; flock(fd, LOCK_EX | LOCK_NB) != 0; ++pauses) {
+    const Clock::time_point begin = Clock::now();
+    while (flock(fd, LOCK_EX | LOCK_NB) != 0) {
         if (errno != EWOULDBLOCK && errno != EINTR) {
             return;
         }
-        if (pauses == kMostLockPauses) {
+        if (Clock::now() - begin >= kLongestLockWait) {
             throw Failure(ErrorCode::kOther, "'" + path + "' is locked by another program",
                           "end that program, /proc/locks lists it");
         }
