@@ -120,14 +120,25 @@ facts() {
         -type d -printf '%p %y %m %U\n' | grep -v '^\./raw ' | sort)
 }
 
-# install STATE PACKAGE SPEED [OPTION...]: on the device, under the short clock. The microcontroller's limits get shorter with it, and
-# a busy host misses them at a high speed. Sets code; what was said is in STATE.said.
+# install STATE PACKAGE SPEED [OPTION...]: on the device, by the tool, under the short clock. The microcontroller's limits get
+# shorter with it, and a busy host misses them at a high speed. Sets code; what was said is in STATE.said.
 install() {
-    local state=$1 package=$2 speed=$3
-    shift 3
+    install_by "$upgradectl install" "$@"
+}
+
+# install_directly STATE PACKAGE SPEED [OPTION...]: in the same way, by a program that asks the library alone.
+install_directly() {
+    install_by "$build/tests/fault/install_directly" "$@"
+}
+
+# install_by WORDS STATE PACKAGE SPEED [OPTION...]
+install_by() {
+    local words state=$2 package=$3 speed=$4
+    read -ra words <<<"$1"
+    shift 4
     code=0
     "$twin" run "$state" --visible "$build" --visible "${package%/*}" --env "LD_PRELOAD=$clock" \
-        --env "KAVRO_CLOCK_SPEED=$speed" "$@" -- "$here/package_mutation_inside.sh" "$upgradectl" "$package" \
+        --env "KAVRO_CLOCK_SPEED=$speed" "$@" -- "$here/package_mutation_inside.sh" "${words[@]}" "$package" \
         >"$state.said" 2>&1 </dev/null || code=$?
 }
 
@@ -145,14 +156,24 @@ complain() {
     complaints+=("$1")
 }
 
+changes() {
+    diff "$2" <(facts "$1") | grep '^[<>]' | head -n 4 || true
+}
+
 judge_refusal() {
-    local state=$1 before=$2 changed
-    changed=$(diff "$before" <(facts "$state") | grep '^[<>]' | head -n 4 || true)
-    [[ -z $changed ]] || complain "the device is not as it was: $changed"
+    local state=$1 before=$2
+    judge_refused_run "$state" "$before"
     grep -q '^upgradectl: ' "$state.said" || complain "upgradectl does not say what is wrong"
     grep -q '^  next: ' "$state.said" || complain "upgradectl does not say what to do next"
-    ! grep -qs success "$state/config/upgrade_last_runtime" || complain "the last run counts as a success"
-    [[ ! -e $state/config/upgraded ]] || complain "something awaits activation"
+}
+
+# judge_refused_run STATE BEFORE
+judge_refused_run() {
+    local changed
+    changed=$(changes "$1" "$2")
+    [[ -z $changed ]] || complain "the device is not as it was: $changed"
+    ! grep -qs success "$1/config/upgrade_last_runtime" || complain "the last run counts as a success"
+    [[ ! -e $1/config/upgraded ]] || complain "something awaits activation"
 }
 
 # What was flashed is what is signed; the two that are not always flashed may be as they were.
@@ -212,6 +233,29 @@ judge() {
         complain "verify refuses it without a reason"
 }
 
+# judge_directly STATE KIND VERIFIED: what the library made of a package that the tool has refused.
+judge_directly() {
+    local state=$1 kind=$2 verified=$3 outside
+    outside=$(grep -m1 '^outside: ' "$state.said" || true)
+    [[ -z $outside ]] || complain "the run made something in the device's root: $outside"
+    case $code in
+    0)
+        judge_installation "$state" "$state.components"
+        ((verified == 0)) || may_be_taken "$kind" || complain "the library takes what verify refuses: $faults"
+        ;;
+    1)
+        if fails_while_flashing "$kind"; then
+            judge_failure "$state"
+        else
+            judge_refused_run "$state" "$state.before"
+            ((verified != 0)) || [[ $kind == bomb ]] || complain "verify finds it in order, the library refuses it"
+        fi
+        ;;
+    124 | 137) complain "the run did not end" ;;
+    *) complain "the library's program ends with exit code $code" ;;
+    esac
+}
+
 # has_crashed: a program was killed, or `verify`, which goes by the host's clock, did not end. A device's limit of 120 s passes
 # with the device's clock: that it was reached must show again in real time.
 has_crashed() {
@@ -220,7 +264,8 @@ has_crashed() {
 
 # --- the series -----------------------------------------------------------------------------------------------------
 
-# attempt STATE ID SPEED: of a package that is there. Sets `complaints`, `code` and `verified`; leaves the device as new.
+# attempt STATE ID SPEED: of a package that is there. Sets `complaints`, `verified`, `tool` and `code`, that of the library where
+# the tool has refused it; leaves the device as new.
 attempt() {
     local state=$1 kind=${2%%:*} package=$1.packages/mutation.pkg options flashed=false seen
     complaints=() verified=0
@@ -231,8 +276,13 @@ attempt() {
     facts "$state" >"$state.before"
     install "$state" "$package" "$3" "${options[@]}"
     judge "$state" "$kind" "$verified"
+    tool=$code
+    if ((code != 0)) && ! has_crashed; then
+        install_directly "$state" "$package" "$3" "${options[@]}"
+        judge_directly "$state" "$kind" "$verified"
+    fi
     seen=$code
-    if ((code == 4 || (code != 0 && ${#options[@]}))) && ! has_crashed; then
+    if ((code != 0)) && { fails_while_flashing "$kind" || ((${#options[@]})); } && ! has_crashed; then
         flashed=true
         install "$state" "$work/good.pkg" "$3"
         ((code == 0)) || complain "no good package can be installed afterwards: $(why "$state")"
@@ -253,7 +303,7 @@ result() {
 
 # try STATE ID: a result.
 try() {
-    local state=$1 id=$2 verified code faults at_first=''
+    local state=$1 id=$2 verified tool code faults at_first=''
     rm -rf "$state.components" "$state.packages"
     mkdir -p "$state.packages"
     complaints=()
@@ -270,7 +320,7 @@ try() {
     if ((${#complaints[@]})); then
         result "$id" failed "$at_first"
     else
-        result "$id" "verify $verified, device $code" "$at_first"
+        result "$id" "verify $verified, tool $tool, device $code" "$at_first"
     fi
 }
 
