@@ -401,6 +401,8 @@ activates() {
 }
 
 takes_next() {
+    # What runs on trial is the only way back; an installation would write to the other slot.
+    must "confirm fails before the next installation" on_device "$state" confirm || return 1
     must "the next installation fails" on_device "$state" install "$next.pkg" || return 1
     must "the next activation fails" on_device "$state" activate || return 1
     starts "$state" "after the next upgrade" || return 1
@@ -428,6 +430,7 @@ check() {
     check_whole_json note
     "$skip_init" || must "init fails" on_device "$state" init || return 0
     check_whole_json wrong
+    must "the history cannot be read" on_device "$state" history --json || true
     look_at "$state"
     check_written_slot
     check_packages

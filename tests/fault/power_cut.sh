@@ -227,11 +227,11 @@ cut_run() {
 # --- the states that cuts leave -------------------------------------------------------------------------------------
 
 # Two digests tell states apart, as the next start finds them. The exact one is of all that lasts, but for the content of
-# /raw, which the next run empties. The other one is the same for states that differ only in how far something got that
+# /raw, which the next run empties, and the history, which has times in it and decides nothing about a start. The other one is the same for states that differ only in how far something got that
 # no program ever reads: a .part file, a slot's partition or the microcontroller's memory that holds no release as a whole.
 
 exact_state() {
-    (cd -- "$1" && tar --sparse --sort=name --mtime=@0 --exclude=lost+found -cf - config firmware etc-kavro mcu/flash.bin \
+    (cd -- "$1" && tar --sparse --sort=name --mtime=@0 --exclude=lost+found --exclude='upgrade_history.jsonl*' -cf - config firmware etc-kavro mcu/flash.bin \
         disks/{kernel,dtb,rootfs}_{a,b}.img disks/bootloader.img disks/env_{a,b}.img) | sha256sum | cut -c 1-16
 }
 
@@ -250,9 +250,9 @@ held_by() {
 rough_state() {
     local slot part
     {
-        (cd -- "$1" && tar --sparse --sort=name --mtime=@0 --exclude=lost+found --exclude='*.part' -cf - config firmware \
-            etc-kavro disks/env_{a,b}.img)
-        find "$1/config" "$1/firmware" -name '*.part' -printf '%P\n' | sort
+        (cd -- "$1" && tar --sparse --sort=name --mtime=@0 --exclude=lost+found --exclude='*.part' \
+            --exclude=upgrade_history.jsonl -cf - config firmware etc-kavro disks/env_{a,b}.img)
+        find "$1/config" "$1/firmware" -name '*.part' ! -name 'upgrade_history*' -printf '%P\n' | sort
         for slot in a b; do
             for part in kernel dtb rootfs; do
                 held_by "$1/disks/${part}_$slot.img" "${TWIN_COMPONENT_OF[$part]}"
