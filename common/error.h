@@ -2,7 +2,7 @@
 // throws across the interface of a library that uses them.
 #pragma once
 
-#include <optional>
+#include <cstdlib>
 #include <string>
 #include <utility>
 #include <variant>
@@ -61,41 +61,38 @@ class [[nodiscard]] Result {
     // Whether there is a value.
     bool ok() const { return content.index() == 0; }
 
-    // Only when ok(): throws std::bad_variant_access otherwise.
-    const Value& value() const& { return std::get<0>(content); }
+    // Only when ok(): ends the process otherwise.
+    const Value& value() const& { return *there(std::get_if<0>(&content)); }
     // The same, to be changed.
-    Value& value() & { return std::get<0>(content); }
+    Value& value() & { return *there(std::get_if<0>(&content)); }
     // The same, to be moved away.
-    Value&& value() && { return std::get<0>(std::move(content)); }
+    Value&& value() && { return std::move(*there(std::get_if<0>(&content))); }
 
-    // Only when not ok(): throws std::bad_variant_access otherwise.
-    const Error& error() const& { return std::get<1>(content); }
+    // Only when not ok(): ends the process otherwise.
+    const Error& error() const& { return *there(std::get_if<1>(&content)); }
     // The same, to be moved away.
-    Error&& error() && { return std::get<1>(std::move(content)); }
+    Error&& error() && { return std::move(*there(std::get_if<1>(&content))); }
 
   private:
+    template <typename Content>
+    static Content* there(Content* part) {
+        if (part == nullptr) {
+            std::abort();
+        }
+        return part;
+    }
+
     std::variant<Value, Error> content;
 };
 
 // Of a call that brings nothing but that it was done.
 template <>
-class [[nodiscard]] Result<void> {
+class [[nodiscard]] Result<void> : public Result<std::monostate> {
   public:
     // It was done.
-    Result() = default;
+    Result() : Result<std::monostate>(std::monostate()) {}
     // It was not.
-    Result(Error error) : failure(std::move(error)) {}
-
-    // Whether it was done.
-    bool ok() const { return !failure.has_value(); }
-
-    // Only when not ok(): throws std::bad_optional_access otherwise.
-    const Error& error() const& { return failure.value(); }
-    // The same, to be moved away.
-    Error&& error() && { return std::move(failure).value(); }
-
-  private:
-    std::optional<Error> failure;
+    Result(Error error) : Result<std::monostate>(std::move(error)) {}
 };
 
 }  // namespace kavro
