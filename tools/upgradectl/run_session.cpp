@@ -18,7 +18,6 @@ namespace upgradectl {
 
 namespace {
 
-namespace fs = std::filesystem;
 
 OutputForm formOf(const RunOptions& options, const OwnOutput& output) {
     if (options.json) {
