@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The example of the README at work: it installs a package on a device, activates it when it is started again
+# The smallest application at work: it installs a package on a device, activates it when it is started again
 # after a restart, and confirms it after the next.
 #
 #   minimal_app_test.sh BUILD_DIR MINIMAL_APP

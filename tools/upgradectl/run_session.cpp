@@ -18,7 +18,6 @@ namespace upgradectl {
 
 namespace {
 
-
 OutputForm formOf(const RunOptions& options, const OwnOutput& output) {
     if (options.json) {
         return OutputForm::kJson;
