@@ -82,5 +82,11 @@ upgradectl twin create "$device" --plain
 status=0
 on_device "$work/consumer/minimal_app" >"$work/said.txt" || status=$?
 [[ $status == 2 && $(cat "$work/said.txt") == usage:* ]] || die "minimal_app ends with $status: $(cat "$work/said.txt")"
+read -ra flags <<<"$(pkg-config --cflags --libs kavro-agent)"
+c++ -std=c++17 -o "$work/agent_app" "$root/examples/agent_app.cpp" "${flags[@]}" \
+    -Wl,-rpath,"$(pkg-config --variable=libdir kavro-agent)"
+for program in "$work/agent_app" "$work/consumer/agent_app"; do
+    on_device "$program" start >"$work/said.txt" 2>&1 || die "$program failed: $(cat "$work/said.txt")"
+done
 on_device "$work/consumer/camera_app" <<<quit >"$work/said.txt" || die "camera_app failed: $(cat "$work/said.txt")"
 grep -q '^software V01.104.007.002$' "$work/said.txt" || die "camera_app says: $(cat "$work/said.txt")"

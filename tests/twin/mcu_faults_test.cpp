@@ -20,6 +20,7 @@ using testsupport::TestPackage;
 constexpr int kOldVersion = 7;
 constexpr int kNewVersion = 8;
 constexpr int kUnfinished = -1;
+constexpr int kRefused = 3;
 constexpr int kFlashingFailed = 4;  // exit code of upgradectl
 constexpr std::size_t kApplicationBytes = 20000;
 
@@ -129,10 +130,20 @@ TEST_P(FatalFault, fails_the_run_and_not_the_next_one) {
     EXPECT_TRUE(exists(kMarker));
 }
 
+TEST_F(McuRun, of_a_dead_one_is_refused_before_anything_is_touched) {
+    ASSERT_TRUE(mcu.start({"drop=1.."}));
+    const ProgramResult refused = install();
+    EXPECT_EQ(refused.exitCode, kRefused) << refused.out << refused.err;
+    EXPECT_TRUE(contains(refused.err, "the microcontroller does not answer")) << refused.err;
+    EXPECT_FALSE(exists(kLastRun));
+    EXPECT_FALSE(exists(kMarker));
+    EXPECT_EQ(mcu.version(), kOldVersion) << mcu.log();
+}
+
 constexpr std::nullopt_t kNone = std::nullopt;
 
 const std::vector<Fatal> kFatal = {
-    {"dead", "drop=1..",
+    {"dies_before_the_flashing", "drop=7..",
      "UpgradeMcu: unix:/dev/kavro-mcu/link: looking for the microcontroller: TesterPresent: no answer",
      kOldVersion, kOldVersion},
     {"link_refused", "refuse@31=1:22",
