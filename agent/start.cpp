@@ -6,6 +6,7 @@
 
 #include "agent/history.h"
 #include "agent/internal/board.h"
+#include "agent/internal/repair.h"
 #include "agent/internal/slots.h"
 #include "agent/internal/torn_activation.h"
 #include "base/errno_text.h"
@@ -171,6 +172,18 @@ std::string noteFallback() {
            entry.before;
 }
 
+// Both processors are to be of one release: of the one that runs, unless another one is about to start.
+std::string bringMicrocontrollerBack() {
+    BoardState state;
+    std::string ignored;
+    if (exists(kMarker) || askBoard(state, ignored) != Answer::kGiven ||
+        state.nextSlot != state.runningSlot || !state.repairsMicrocontroller) {
+        return {};
+    }
+    const auto running = state.slots.find(state.runningSlot);
+    return running == state.slots.end() ? std::string() : repairMicrocontroller(running->second);
+}
+
 // Without either, packages in each other's places are no sign of an activation.
 bool mayBeTorn() {
     return exists(kMarker) || isExchangeBegun();
@@ -187,10 +200,13 @@ Result<std::vector<std::string>> completeStart() {
     const COMMON_YR::CancelHold hold;
     return resultOf([] {
         std::vector<std::string> done;
-        std::string sentence = mayBeTorn() ? completeActivation() : noteFallback();
-        if (!sentence.empty()) {
-            done.push_back(std::move(sentence));
-        }
+        const auto add = [&done](std::string sentence) {
+            if (!sentence.empty()) {
+                done.push_back(std::move(sentence));
+            }
+        };
+        add(mayBeTorn() ? completeActivation() : noteFallback());
+        add(bringMicrocontrollerBack());
         return done;
     });
 }

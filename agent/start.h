@@ -11,6 +11,10 @@
 //
 // A boot loader that gives a slot on trial up starts the other one, and tells nobody. The history notes which release that
 // was.
+//
+// The microcontroller has one firmware for both slots: after a fallback it is that of the release that failed, and after a
+// programming that was cut off it has none. It is programmed with that of the release that runs, where the package of that
+// release is kept.
 #pragma once
 
 #include <string>
@@ -21,8 +25,9 @@
 
 namespace kavro::agent {
 
-// Completes what is left of an activation whose switch was made, and notes a fallback once; nothing when there is neither, or
-// when the board does not tell of its slots. Each step may be cut off, and is completed by the next call. Which package
+// Completes what is left of an activation whose switch was made, notes a fallback once, and programs a microcontroller that
+// has not the firmware of the running release; nothing when there is none of these, or when the board does not tell of its
+// slots. Each step may be cut off, and is completed by the next call. Which package
 // belongs to a slot is told by the digests of its components, so this reads packages, but only then.
 //
 // The caller has the device (agent/lock.h). Returns what was done, whole sentences without a full stop, empty for nothing. An

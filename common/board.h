@@ -25,12 +25,13 @@ using BoardSlotContent = std::map<std::string, BoardContent>;
 inline constexpr int kBoardUnknown = -1;
 
 struct BoardState {
-    std::string runningSlot;          // the one that was started
-    std::string nextSlot;             // the one that starts next
-    bool onTrial = false;             // nextSlot was activated and is not confirmed
-    int trialStarts = kBoardUnknown;  // how often it was started on trial
-    int trialLimit = kBoardUnknown;   // how often it may be, before the boot loader takes the other slot
-    std::string writtenSlot;          // was written and awaits its activation; empty for none
+    std::string runningSlot;              // the one that was started
+    std::string nextSlot;                 // the one that starts next
+    bool onTrial = false;                 // nextSlot was activated and is not confirmed
+    int trialStarts = kBoardUnknown;      // how often it was started on trial
+    int trialLimit = kBoardUnknown;       // how often it may be, before the boot loader takes the other slot
+    bool repairsMicrocontroller = false;  // at a start, when it has another firmware than the running release
+    std::string writtenSlot;              // was written and awaits its activation; empty for none
     std::map<std::string, BoardSlotContent> slots;  // by slot; what is not known of one is left out
 };
 

@@ -28,9 +28,15 @@ bool isSame(const std::optional<L_VERSION_T>& device, const package::Version& re
            device->bld == release.bld;
 }
 
+std::string versionOrNone(const std::optional<int>& version) {
+    return version && *version >= 0 ? "version " + std::to_string(*version) : "an unknown version";
+}
+
+}  // namespace
+
 // One that was interrupted in its programming waits in its boot loader, gives no version and takes the next programming:
 // there it takes the first request of each, to switch its programming link on.
-bool answers() {
+bool microcontrollerAnswers() {
     void* const node = UpgradeProc::getInstance()->node;
     if (velGetMcuVersion(node) >= 0) {
         return true;
@@ -41,12 +47,6 @@ bool answers() {
     velSpiDevCtrl(node, false);
     return true;
 }
-
-std::string versionOrNone(const std::optional<int>& version) {
-    return version && *version >= 0 ? "version " + std::to_string(*version) : "an unknown version";
-}
-
-}  // namespace
 
 ReleaseOnDevice releaseOnDevice(const package::Version& version) {
     // A run takes versions that cannot be read for 0.
@@ -63,7 +63,7 @@ ReleaseOnDevice releaseOnDevice(const package::Version& version) {
 }
 
 std::optional<Obstacle> microcontrollerObstacle(const ReleaseOnDevice& release) {
-    if (!release.programsMicrocontroller || answers()) {
+    if (!release.programsMicrocontroller || microcontrollerAnswers()) {
         return std::nullopt;
     }
     return Obstacle{"microcontroller",

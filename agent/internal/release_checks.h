@@ -23,6 +23,10 @@ struct ReleaseOnDevice {
 // Asks the microcontroller.
 ReleaseOnDevice releaseOnDevice(const package::Version& version);
 
+// Whether the microcontroller can be programmed: it gives a version, or takes the programming link, which is switched on and
+// off for that.
+bool microcontrollerAnswers();
+
 // microcontroller
 std::optional<Obstacle> microcontrollerObstacle(const ReleaseOnDevice& release);
 // slot_unknown, on_trial

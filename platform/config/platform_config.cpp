@@ -89,7 +89,9 @@ PlatformConfig readPlatformConfig(const std::string& path) {
     mpu.read("written_slot", config.writtenSlotFile);
     mpu.read("running_slot", config.runningSlotFile);
 
-    root.section("mcu").read("link", config.mcuLink);
+    const Section mcu = root.section("mcu");
+    mcu.read("link", config.mcuLink);
+    mcu.read("repair", config.mcuRepair);
     return config;
 }
 

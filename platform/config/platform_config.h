@@ -16,7 +16,7 @@
 //         "written_slot": "/config/written_slot.json",
 //         "running_slot": "/run/kavro/running_slot"
 //       },
-//       "mcu": { "link": "spidev:/dev/spidev1.0" }
+//       "mcu": { "link": "spidev:/dev/spidev1.0", "repair": true }
 //     }
 //
 // Partitions are block devices on a device and image files in a twin.
@@ -49,6 +49,7 @@ struct PlatformConfig {
     std::string writtenSlotFile;        // what is known about a slot that was written and not yet activated
     std::string runningSlotFile;        // names the slot that was started; written at boot
     std::string mcuLink;                // "spidev:PATH", "serial:PATH" or "unix:PATH"
+    bool mcuRepair = false;  // a start programs it when it has not the firmware of the running release
 };
 
 // Reads the file anew at each call. A missing or damaged file, or a member of the wrong type, gives the

@@ -20,9 +20,12 @@ struct Slots {
     kavro::SlotMap map;
     kavro::BootState boot;
     std::optional<kavro::WrittenSlot> written;  // one that awaits its activation
+    bool repairsMicrocontroller = false;
 
     [[nodiscard]] bool read(std::string& error) {
-        if (!kavro::readSlotMap(kavro::readPlatformConfig(), map, error) ||
+        const kavro::PlatformConfig config = kavro::readPlatformConfig();
+        repairsMicrocontroller = config.mcuRepair;
+        if (!kavro::readSlotMap(config, map, error) ||
             !kavro::EnvironmentBootControl(map.bootEnvironmentConfig, map.slots).load(boot, error) ||
             !kavro::readWrittenSlot(map.writtenSlotFile, written, error)) {
             return false;
@@ -74,6 +77,7 @@ int boardReadState(BoardState& state, std::string& error) {
     state.onTrial = slots.boot.onTrial;
     state.trialStarts = numberOr(slots.boot.starts, kBoardUnknown);
     state.trialLimit = numberOr(slots.boot.startLimit, kBoardUnknown);
+    state.repairsMicrocontroller = slots.repairsMicrocontroller;
     state.writtenSlot = slots.written ? slots.written->slot : "";
     for (const std::string& slot : slots.map.slots.names) {
         if (const auto content = slots.contentOf(slot)) {

@@ -1,0 +1,172 @@
+// A microcontroller that has not the firmware of the running release, at a start.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+
+#include "agent/history.h"
+#include "agent/start.h"
+#include "base/failure.h"
+#include "tests/support/mcu_emulator.h"
+#include "tests/tools/device_support.h"
+#include "upgrade/upgrade_api.h"
+
+namespace {
+
+using namespace tool_test;
+using testsupport::exists;
+using testsupport::McuEmulator;
+using testsupport::readFile;
+using testsupport::TestPackage;
+using testsupport::writeFile;
+
+constexpr const char* kConfig = "/etc/kavro/platform.json";
+constexpr int kRunning = 7;
+constexpr int kFailed = 8;
+
+// The parts of a slot, by what they are written from.
+const std::map<std::string, std::string> kParts = {
+    {"Image", "kernel"}, {"cv22_kavro_qz7.dtb", "dtb"}, {"ext4", "rootfs"}};
+
+// Slot a runs a release whose package is kept; the boot loader has gone back to it from another one.
+class Repair : public testsupport::DeviceTest {
+  protected:
+    void SetUp() override {
+        DeviceTest::SetUp();
+        running.setComponent("Image", "kernel that runs").setVersions(1, 104, kRunning, 2);
+        failed.setComponent("Image", "kernel that failed").setVersions(1, 105, kFailed, 2);
+        running.writeTo(UpgradeProc::rollbackPkg);
+        failed.writeTo(UpgradeProc::currentPkg);
+        std::string script = "boot_slot=a\nupgrade_available=0\n";
+        for (const auto& [component, part] : kParts) {
+            const std::string bytes = running.files().at(component);
+            writeFile("/tmp/digested", bytes);
+            script += "slot_a_" + part + "=" + std::to_string(bytes.size()) + " " +
+                      runProgram({"sha256sum", "/tmp/digested"}).out.substr(0, 64) + "\n";
+        }
+        writeFile("/tmp/script", script);
+        ASSERT_EQ(runProgram({"fw_setenv", "-c", "/etc/kavro/fw_env.config", "-s", "/tmp/script"}).exitCode,
+                  0);
+        switchRepair(true);
+        ASSERT_TRUE(mcu.format(kFailed));
+        ASSERT_TRUE(mcu.start());
+    }
+
+    static void switchRepair(bool on) {
+        const std::string edit = std::string(".mcu.repair = ") + (on ? "true" : "false");
+        ASSERT_EQ(
+            runProgram(
+                {"sh", "-c", "jq '" + edit + "' " + kConfig + " >/tmp/edited && cat /tmp/edited >" + kConfig})
+                .exitCode,
+            0);
+    }
+
+    // What was done, besides the fallback, which is told first.
+    static std::string done() {
+        const auto sentences = kavro::valueOf(kavro::agent::completeStart());
+        return sentences.empty() ? "" : sentences.back();
+    }
+
+    static std::string outcomeOfRepair() {
+        std::string outcome = "none";
+        for (const auto& entry : kavro::valueOf(kavro::agent::readHistory())) {
+            outcome = entry.event == "repair" ? entry.outcome : outcome;
+        }
+        return outcome;
+    }
+
+    void expectVersion(std::optional<int> version) {
+        mcu.stop();
+        EXPECT_EQ(mcu.version(), version) << mcu.log();
+    }
+
+    McuEmulator mcu;
+    TestPackage running;
+    TestPackage failed;
+};
+
+TEST_F(Repair, programs_the_firmware_of_what_runs_after_a_fallback) {
+    EXPECT_EQ(done(),
+              "the microcontroller was programmed with version 7 of the running release; it had version 8");
+    EXPECT_EQ(outcomeOfRepair(), "ok");
+    EXPECT_EQ(testsupport::readVersions(UpgradeProc::currentCfg).mcu, kRunning);
+    EXPECT_FALSE(exists(UpgradeProc::upgradePkg));
+    EXPECT_FALSE(exists(UpgradeProc::storePath));
+    EXPECT_FALSE(exists(kLastRun));
+    EXPECT_EQ(done(), "") << "there is nothing more to do";
+    expectVersion(kRunning);
+}
+
+TEST_F(Repair, programs_one_whose_programming_was_cut_off) {
+    mcu.stop();
+    ASSERT_TRUE(mcu.format(McuEmulator::kNoApplication));
+    ASSERT_TRUE(mcu.start());
+    EXPECT_EQ(
+        done(),
+        "the microcontroller was programmed with version 7 of the running release; it had no application");
+    expectVersion(kRunning);
+}
+
+TEST_F(Repair, that_was_cut_off_itself_is_made_by_the_next_start) {
+    mcu.stop();
+    ASSERT_TRUE(mcu.start({"power-loss=1"}));
+    EXPECT_NE(done().find("could not be brought to version 7"), std::string::npos);
+    EXPECT_EQ(outcomeOfRepair(), "other");
+    mcu.stop();
+    ASSERT_TRUE(mcu.start());
+    EXPECT_NE(done().find("was programmed with version 7"), std::string::npos);
+    expectVersion(kRunning);
+}
+
+TEST_F(Repair, leaves_a_microcontroller_alone_that_fits) {
+    mcu.stop();
+    ASSERT_TRUE(mcu.format(kRunning));
+    ASSERT_TRUE(mcu.start());
+    (void)done();
+    EXPECT_EQ(outcomeOfRepair(), "none");
+    EXPECT_EQ(mcu.log().find("RequestDownload"), std::string::npos);
+}
+
+TEST_F(Repair, is_not_made_on_a_board_that_does_not_want_it) {
+    switchRepair(false);
+    (void)done();
+    EXPECT_EQ(outcomeOfRepair(), "none");
+    expectVersion(kFailed);
+}
+
+TEST_F(Repair, is_not_made_while_an_installed_package_awaits_its_activation) {
+    writeFile(kMarker, "");
+    writeFile("/config/written_slot.json", "");
+    std::filesystem::remove("/config/written_slot.json");
+    std::filesystem::remove(UpgradeProc::rollbackPkg);
+    (void)kavro::agent::completeStart();
+    EXPECT_EQ(outcomeOfRepair(), "none");
+    expectVersion(kFailed);
+}
+
+TEST_F(Repair, without_the_package_of_what_runs_is_left_to_the_state_to_tell) {
+    std::filesystem::remove(UpgradeProc::rollbackPkg);
+    (void)done();
+    EXPECT_EQ(outcomeOfRepair(), "none");
+    expectVersion(kFailed);
+}
+
+TEST_F(Repair, from_a_package_whose_signature_does_not_verify_is_not_made) {
+    running.corruptSignature("mcu_flash_app.s19").writeTo(UpgradeProc::rollbackPkg);
+    EXPECT_EQ(
+        done(),
+        "the microcontroller (version 8) could not be brought to version 7: the signatures of its package do "
+        "not verify");
+    EXPECT_EQ(outcomeOfRepair(), "other");
+    EXPECT_FALSE(exists(UpgradeProc::upgradePkg));
+    expectVersion(kFailed);
+}
+
+TEST_F(Repair, of_a_silent_microcontroller_is_not_tried) {
+    mcu.stop();
+    (void)done();
+    EXPECT_EQ(outcomeOfRepair(), "none");
+    EXPECT_FALSE(exists(UpgradeProc::upgradePkg));
+}
+
+}  // namespace
