@@ -346,6 +346,10 @@ version_record=/config/upgrade_config.json
 # microcontroller, does not know which versions run.
 copies_versions='^((cp|sh)\||upgradectl\|(spawn\|sh|fork\||waitpid\|)|[^|]*\|[^|]*\|/(etc/kavro/version\.json|config/upgrade_config\.json)\|)'
 asks_versions='^upgradectl\|([^|]*\|/(etc/kavro/version\.json|config/upgrade_config\.json|dev/kavro-mcu/link)\||(socket|connect|send|recv)\|)'
+# Whether the other slot holds the kept package.
+asks_slots='^upgradectl\|[^|]*\|(/dev/disk/by-partlabel/|/etc/kavro/(platform\.json|fw_env\.config)|/run/kavro/running_slot|/config/written_slot\.json|/(var|run)/lock/|/dev/kavro-mcu/link)'
+# What a rollback leaves that installs the kept package.
+installs_instead='> /firmware/recv\.tar\.xz: first|> /firmware/rollback\.pkg: third|< boot loader: third|> boot loader: first|[<>] microcontroller: .*|< /config/upgrade_last_runtime: upgrade_success *|> /config/upgrade_last_runtime: rollback_success *'
 # What `init` does with the factory's archive.
 unpacks='^((tar|gzip|sh)\||upgradectl\|(spawn\|(sh|tar)\||fork\||waitp?id\||[^|]*\|/(firmware/(origin\.pkg|recv\.tar\.xz)|etc/kavro/origin)))'
 
@@ -361,7 +365,8 @@ tolerances=(
     "activate|rollback-.*~[<>] /firmware/(temp|current\.pkg|rollback\.pkg): (first|second|third)~^upgradectl\|rename\|/firmware/(temp|current\.pkg|rollback\.pkg)\|~the later renames are made all the same, and check_device.sh judges where the packages are after the next start"
     ".*~> /firmware/upgrade\.pkg: .*~^upgradectl\|unlink\|/firmware/upgrade\.pkg\|~the next run replaces its working copy"
     "install-third~[<>] microcontroller: .*~$asks_versions~it is flashed where nobody can tell that it need not be"
-    "rollback-switch~(> /firmware/recv\.tar\.xz: first|< boot loader: third|> boot loader: first|[<>] microcontroller: .*|< /config/upgrade_last_runtime: upgrade_success *|> /config/upgrade_last_runtime: rollback_success *)~$asks_versions~what runs is flashed where nobody can tell that a switch is enough"
+    "rollback-switch~($installs_instead)~$asks_versions~what runs is flashed where nobody can tell that a switch is enough"
+    "rollback-switch~($installs_instead)~$asks_slots~a slot whose content cannot be read is written anew"
     "init-origin~(< /firmware/recv\.tar\.xz: first|> /firmware/origin\.pkg: .*)~$unpacks~the archive is tried once, whatever comes of it"
     "init-origin~> /etc-kavro/origin\.pkg\.tar\.gz: .*~^upgradectl\|unlink\|/etc/kavro/origin\.pkg\.tar\.gz\|~the archive is tried once more at the next start"
     "init-torn~> /config/upgraded: *~^upgradectl\|unlink\|/config/upgraded\|~the next start completes it once more"
