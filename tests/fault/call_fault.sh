@@ -324,7 +324,7 @@ keep_state() {
 one_for_the_other='the library makes the later renames all the same, and one package replaces the other'
 known=(
     "^activate\|upgradectl\|rename\|/firmware/current\.pkg\|1\|(EIO|ENOSPC)$~wrong: (current\.pkg is gone \(rollback\.pkg is first\)|after the next upgrade there is no package to roll back to)~$one_for_the_other"
-    "^rollback-(flash|switch)\|upgradectl\|rename\|/firmware/current\.pkg\|1\|(EIO|ENOSPC)$~wrong: (first runs, but current\.pkg is|after a rollback to first) (second|third)( runs)?~$one_for_the_other"
+    "^rollback-(flash|switch)\|upgradectl\|rename\|/firmware/current\.pkg\|1\|(EIO|ENOSPC)$~wrong: ((first runs, but current\.pkg is|after a rollback to first) (second|third)( runs)?|rollback fails \(exit status 3\): .*, which runs already.*)~$one_for_the_other"
 )
 
 # why_known ID WRONG: prints why each of these, `;` behind it, is a known fault at this point; fails when one is not.
@@ -345,7 +345,7 @@ version_record=/config/upgrade_config.json
 # The version record is a copy that `cp` makes of the version file; whoever cannot read either of them, or hear the
 # microcontroller, does not know which versions run.
 copies_versions='^((cp|sh)\||upgradectl\|(spawn\|sh|fork\||waitpid\|)|[^|]*\|[^|]*\|/(etc/kavro/version\.json|config/upgrade_config\.json)\|)'
-asks_versions='^upgradectl\|([^|]*\|/(etc/kavro/version\.json|config/upgrade_config\.json|dev/kavro-mcu/link)\||(socket|connect|send|recv)\|)'
+asks_versions='^upgradectl\|([^|]*\|/(etc/kavro/version\.json|config/upgrade_config\.json|dev/kavro-mcu/link)\||[^|]*\|socket\||(socket|connect|send|recv)\|)'
 # Whether the other slot holds the kept package.
 asks_slots='^upgradectl\|[^|]*\|(/dev/disk/by-partlabel/|/etc/kavro/(platform\.json|fw_env\.config)|/run/kavro/running_slot|/config/written_slot\.json|/(var|run)/lock/|/dev/kavro-mcu/link)'
 # What a rollback leaves that installs the kept package.
@@ -404,7 +404,7 @@ unlike() {
 must_last() {
     [[ $2 =~ \|fsync\|/(config|firmware|dev)/ ]] || return 1
     case $2 in
-    *"$version_record"* | rollback-*'|/config/upgraded|'* | *'|/config/upgrade_last_runtime.part|1|'*) return 1 ;;
+    *"$version_record"* | *'|/config/upgrade_history.jsonl|'* | rollback-*'|/config/upgraded|'* | *'|/config/upgrade_last_runtime.part|1|'*) return 1 ;;
     *'|/config/upgrade_last_runtime.part|'*) ! grep -q '_last_runtime: .*_failure' "$seen/$1.facts" ;;
     esac
 }

@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <string>
 #include <thread>
@@ -216,10 +217,13 @@ TEST_F(DeviceLock, of_another_process_keeps_the_start_from_changing_anything) {
 
 TEST_F(DeviceLock, is_held_by_a_run_and_given_back_at_its_end) {
     runtest::writePackage(runtest::kInputPackage);
-    bool wasHeld = false;
+    std::atomic<bool> wasHeld{false};
     {
-        const runtest::Recorder recorder(
-            [&](const runtest::Recorder::Event&) { wasHeld = wasHeld || UPGRADE_is_device_locked(nullptr); });
+        const runtest::Recorder recorder([&](const runtest::Recorder::Event&) {
+            if (UPGRADE_is_device_locked(nullptr)) {
+                wasHeld = true;
+            }
+        });
         EXPECT_EQ(UPGRADE_main_proc_fun(runtest::kInputPackage), 0);
     }
     EXPECT_TRUE(wasHeld);
