@@ -16,7 +16,9 @@
 
 namespace kavro::agent {
 
+// Where it is kept.
 inline constexpr const char* kHistoryFile = "/config/upgrade_history.jsonl";
+// Of the file.
 inline constexpr std::size_t kMostHistoryBytes = 65536;
 inline constexpr std::size_t kMostHistoryTextBytes =
     1024;  // a longer text of an entry is cut, and ends with "..."

@@ -24,6 +24,7 @@ class KAVRO_EXPORT DeviceLock {
     static Result<DeviceLock> take(const Patience& patience);
 
     ~DeviceLock();
+    // Takes it over; the other one holds nothing then.
     DeviceLock(DeviceLock&& other) noexcept;
     DeviceLock& operator=(DeviceLock&& other) = delete;
     DeviceLock(const DeviceLock&) = delete;

@@ -27,18 +27,20 @@ namespace kavro::agent {
 //     failed_trial     the device has fallen back from this release                (forceable)
 //     same_version     the device runs this release, and holds nothing else        (forceable)
 struct Obstacle {
-    std::string name;
+    std::string name;        // one of these
     std::string text;        // one sentence without a full stop
     std::string next;        // what can be done about it
     bool forceable = false;  // `force` goes over it
 };
 
+// What is asked for.
 struct PreflightOptions {
     std::optional<std::filesystem::path> trustedKey;  // PEM, public: the package must carry it
     bool force = false;                               // forceable obstacles are told, and count for nothing
     bool ignoreLock = false;                          // this process has the device already
 };
 
+// What was found.
 struct Preflight {
     std::vector<Obstacle> obstacles;       // that are in the way
     std::vector<Obstacle> overridden;      // that `force` has gone over
@@ -46,6 +48,7 @@ struct Preflight {
     std::string version;                   // of the package, "V01.105.008.003"; empty when unknown
     bool programsMicrocontroller = false;  // the package brings another version than the microcontroller has
 
+    // Nothing is in the way.
     bool clear() const { return obstacles.empty(); }
 };
 

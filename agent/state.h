@@ -18,8 +18,9 @@ struct RunInProgress {
     std::string command;  // its command line
 };
 
+// One of the places for packages.
 struct KeptPackage {
-    std::string path;
+    std::string path;                // of the file, whether it is there or not
     std::optional<long long> bytes;  // nothing when there is no such file
     bool whole = false;              // it has the length of a package
     std::string version;             // empty when it is no package
@@ -31,12 +32,13 @@ struct Fallback {
     std::string time;     // when it was found out, UTC, as "2026-11-22T10:00:00Z"
 };
 
+// All of it, as of one moment.
 struct State {
     std::string runningVersion;  // of the software that runs, as its release tells
     std::string currentVersion;  // of what is flashed; parts that are unfinished are negative
 
-    std::string runningSlot;
-    std::string nextSlot;
+    std::string runningSlot;      // the one that was started
+    std::string nextSlot;         // the one that starts next
     std::string nextVersion;      // of what starts next
     bool restartPending = false;  // what starts next is not what runs
 
@@ -46,10 +48,10 @@ struct State {
 
     std::optional<Fallback> fallback;  // the last one, unless an activation came after it
 
-    std::string awaitingVersion;  // of the installed package that awaits its activation; empty for none
-    bool awaitsActivation = false;
+    std::string awaitingVersion;    // of the installed package that awaits its activation; empty for none
+    bool awaitsActivation = false;  // an installed package does
 
-    std::optional<RunInProgress> run;
+    std::optional<RunInProgress> run;  // of another process
 
     std::optional<int> microcontroller;  // its version; nothing when it gives none
     std::string microcontrollerFault;    // why none, or that it is of another release; empty when all is well
@@ -64,10 +66,10 @@ struct State {
     struct Need {
         std::string
             name;  // stable: "versions", "board", "activate", "install_again", "restart", "confirm", "repair"
-        std::string text;
-        std::string next;
+        std::string text;  // what is so, a sentence without a full stop
+        std::string next;  // what to do about it
     };
-    std::vector<Need> needs;
+    std::vector<Need> needs;  // in the order in which they are to be met
 };
 
 // Reads it without changing anything and without waiting for a run. Blocks for as long as it takes to ask the

@@ -15,15 +15,17 @@ namespace COMMON_YR {
 
 // What the first bytes of a slot's partition are.
 struct BoardContent {
-    long long bytes = 0;
-    std::string sha256;  // 64 hexadecimal digits, lower case
+    long long bytes = 0;  // how many these are
+    std::string sha256;   // 64 hexadecimal digits, lower case
 };
 
 // The components of a slot, by their names in a package: "Image", "cv22_kavro_qz7.dtb", "ext4".
 using BoardSlotContent = std::map<std::string, BoardContent>;
 
+// In the place of a number that is not known.
 inline constexpr int kBoardUnknown = -1;
 
+// What the boot loader does next, and what the slots hold.
 struct BoardState {
     std::string runningSlot;              // the one that was started
     std::string nextSlot;                 // the one that starts next

@@ -15,6 +15,7 @@ struct UpgradeLockHolder {
     std::string command;  // its command line, its arguments separated by blanks; empty when unknown
 };
 
+// What became of an attempt to take it.
 enum UpgradeLockResult : int {
     UPGRADE_LOCK_TAKEN = 0,
     UPGRADE_LOCK_HELD = -1,      // by another process
