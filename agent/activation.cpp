@@ -7,6 +7,7 @@
 #include "base/failure.h"
 #include "package/check.h"
 #include "package/trailer.h"
+#include "package/version.h"
 #include "upgrade/upgrade_api.h"
 
 namespace kavro::agent {
@@ -77,16 +78,21 @@ const std::string* slotBesides(const BoardState& state, const std::string& slot)
     return nullptr;
 }
 
-bool fitsMicrocontroller(const package::Check& check) {
-    return velGetMcuVersion(UpgradeProc::getInstance()->node) == check.trailer.version.mcu;
+// As the library decides it: by what the microcontroller tells, or by what is on record where it is silent. Otherwise the
+// library would switch to a slot that nobody has looked at.
+bool fitsMicrocontroller(const package::Version& version) {
+    std::string text;
+    UPGRADE_get_cur_ver_str(text);
+    const Result<package::Version> current = package::parseVersion(text);
+    return current.ok() && current.value().mcu == version.mcu;
 }
 
 // A switch goes to the slot that does not start next.
 bool canSwitch(const BoardState& state, const package::Check& check) {
     const std::string* other = slotBesides(state, state.nextSlot);
     std::string ignored;
-    return other != nullptr && slotHolds(state, *other, check) && fitsMicrocontroller(check) &&
-           askBoardForSlot(*other, ignored) == Answer::kGiven;
+    return other != nullptr && slotHolds(state, *other, check) &&
+           fitsMicrocontroller(check.trailer.version) && askBoardForSlot(*other, ignored) == Answer::kGiven;
 }
 
 WayBack wayBack(const std::optional<std::filesystem::path>& trustedKey) {
@@ -101,13 +107,13 @@ WayBack wayBack(const std::optional<std::filesystem::path>& trustedKey) {
         case Answer::kFailed:
             throw Failure(ErrorCode::kOther, "the slots are not known: " + error, "mend that");
         case Answer::kNone:
-            way.bySwitch = fitsMicrocontroller(check);  // as the library itself takes it
+            way.bySwitch = fitsMicrocontroller(check.trailer.version);  // as the library itself takes it
             return way;
         case Answer::kGiven:
             break;
     }
     if (state.nextSlot == state.runningSlot && slotHolds(state, state.runningSlot, check) &&
-        fitsMicrocontroller(check)) {
+        fitsMicrocontroller(check.trailer.version)) {
         throw Failure(ErrorCode::kRefused,
                       "the rollback package '" + UpgradeProc::rollbackPkg + "' holds " + way.release +
                           ", which runs already",
@@ -190,9 +196,8 @@ Result<WayBack> findWayBack(const std::optional<std::filesystem::path>& trustedK
 
 int goBack(const WayBack& way) {
     UpgradeProc::getInstance()->setActivated(false);  // or nothing would be switched
-    const int version = velGetMcuVersion(UpgradeProc::getInstance()->node);
-    const Result<package::TrailerReading> trailer = package::readTrailer(UpgradeProc::rollbackPkg);
-    const bool fits = trailer.ok() && trailer.value().trailer.version.mcu == version;
+    const Result<package::TrailerReading> kept = package::readTrailer(UpgradeProc::rollbackPkg);
+    const bool fits = kept.ok() && fitsMicrocontroller(kept.value().trailer.version);
     // Where the microcontroller fits, the library's own rollback is the switch; otherwise it is a run.
     return way.bySwitch || !fits ? UPGRADE_rollback_mpu() : goBackByRun();
 }

@@ -152,9 +152,11 @@ std::string noteFallback() {
     if (!mayHaveFallenBack()) {
         return {};
     }
-    const std::optional<BoardState> state = boardState();
-    const bool isSettled = state && state->nextSlot == state->runningSlot && !state->onTrial;
-    const auto content = isSettled ? settledContent(*state, state->runningSlot) : std::nullopt;
+    BoardState state;
+    std::string ignored;
+    const bool isSettled =
+        askBoard(state, ignored) == Answer::kGiven && state.nextSlot == state.runningSlot && !state.onTrial;
+    const auto content = isSettled ? settledContent(state, state.runningSlot) : std::nullopt;
     if (!content || !areExchanged(*content)) {
         return {};
     }
@@ -167,7 +169,7 @@ std::string noteFallback() {
     if (isNoted(entry.release)) {
         return {};
     }
-    valueOf(appendHistory(entry));
+    (void)appendHistory(entry);  // a device starts without its note, and tells it again at the next start
     return "the boot loader has gone back from " + entry.release + ", which failed its trial, to " +
            entry.before;
 }

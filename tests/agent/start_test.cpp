@@ -251,6 +251,24 @@ TEST_F(TornActivation, a_device_whose_boot_loader_went_back_keeps_the_package_to
     EXPECT_TRUE(kavro::agent::hasFailedTrial(kavro::agent::readHistory().value(), "V01.105.008.003"));
 }
 
+TEST_F(TornActivation, of_which_nothing_is_known_keeps_no_device_from_starting) {
+    std::filesystem::remove(kMarker);
+    after.writeTo(kCurrent);
+    before.writeTo(kRollback);
+    std::filesystem::remove("/etc/kavro/fw_env.config");
+    EXPECT_EQ(done(), "");
+}
+
+TEST_F(TornActivation, a_fallback_that_cannot_be_noted_keeps_no_device_from_starting) {
+    starts("b", after);
+    starts("a", before);
+    std::filesystem::remove(kMarker);
+    after.writeTo(kCurrent);
+    before.writeTo(kRollback);
+    std::filesystem::create_directory(kavro::agent::kHistoryFile);
+    EXPECT_NE(done().find("which failed its trial"), std::string::npos);
+}
+
 TEST_F(TornActivation, cut_off_is_completed_by_the_next_activation_and_not_switched_back) {
     starts("b", after);
     before.writeTo(kCurrent);

@@ -405,6 +405,15 @@ TEST_F(RollbackBySwitch, installs_the_package_where_the_other_slot_is_damaged) {
     EXPECT_TRUE(readFile("/firmware/current.pkg") == readFile("/tmp/first.pkg"));
 }
 
+TEST_F(RollbackBySwitch, does_not_switch_to_a_damaged_slot_because_the_microcontroller_is_silent) {
+    mcu.stop();
+    damage("/dev/disk/by-partlabel/kernel_b");
+    const ProgramResult result = upgradectl({"rollback"});
+    EXPECT_EQ(result.exitCode, 0) << result.out << result.err;
+    EXPECT_EQ(nextSlot(), "b\n");
+    EXPECT_EQ(readFile("/dev/disk/by-partlabel/kernel_b").rfind(first.files().at("Image"), 0), 0U);
+}
+
 // The boot loader went back to the first release after the trial of the second: the kept package is that of what runs.
 TEST_F(RollbackBySwitch, to_the_release_that_runs_already_is_refused) {
     writeFile("/tmp/script", "boot_slot=b\nupgrade_available=0\n");
