@@ -2,6 +2,7 @@
 
 #include "agent/history.h"
 #include "agent/internal/board.h"
+#include "agent/internal/discard.h"
 #include "agent/internal/slots.h"
 #include "agent/internal/torn_activation.h"
 #include "base/failure.h"
@@ -95,17 +96,29 @@ bool canSwitch(const BoardState& state, const package::Check& check) {
            fitsMicrocontroller(check.trailer.version) && askBoardForSlot(*other, ignored) == Answer::kGiven;
 }
 
+// The boot loader has left it: it lies in the place of the kept package for nobody to lose it.
+void requireNotFailed(const std::string& release) {
+    const Result<std::vector<HistoryEntry>> history = readHistory();
+    if (history.ok() && hasFailedTrial(history.value(), release)) {
+        throw Failure(ErrorCode::kRefused,
+                      "the rollback package '" + UpgradeProc::rollbackPkg + "' holds " + release +
+                          ", which failed its trial on this device",
+                      "install another package");
+    }
+}
+
 WayBack wayBack(const std::optional<std::filesystem::path>& trustedKey) {
     requireNothingAwaitsActivation();
     const package::Check check = checkKept(trustedKey);
     WayBack way;
     way.release = package::formatVersion(check.trailer.version);
+    requireNotFailed(way.release);
     way.components = check.components;
     BoardState state;
     std::string error;
     switch (askBoard(state, error)) {
         case Answer::kFailed:
-            throw Failure(ErrorCode::kOther, "the slots are not known: " + error, "mend that");
+            throw Failure(ErrorCode::kOther, "the slots are not known: " + error, "fix that");
         case Answer::kNone:
             way.bySwitch = fitsMicrocontroller(check.trailer.version);  // as the library itself takes it
             return way;
@@ -142,6 +155,10 @@ std::string activateOrComplete() {
     if (!UPGRADE_isUpgraded()) {
         throw Failure(ErrorCode::kOther, "no installed package awaits activation",
                       "install one: upgradectl install PACKAGE");
+    }
+    if (isDiscardTorn()) {
+        throw Failure(ErrorCode::kOther, "the installed package was about to be discarded",
+                      "run 'upgradectl discard' again");
     }
     HistoryEntry entry;
     entry.event = "activate";

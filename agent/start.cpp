@@ -1,11 +1,13 @@
 #include "agent/start.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <optional>
 
 #include "agent/history.h"
 #include "agent/internal/board.h"
+#include "agent/internal/discard.h"
 #include "agent/internal/repair.h"
 #include "agent/internal/slots.h"
 #include "agent/internal/torn_activation.h"
@@ -92,10 +94,11 @@ bool areExchanged(const BoardSlotContent& content) {
 std::string completeExchange(const BoardSlotContent& content) {
     const bool begun = isExchangeBegun();
     if (!begun && !areExchanged(content)) {
-        return "an activation or a rollback was cut off; the packages are in their places";
+        return "an activation, a rollback or a discard was cut off; the packages are in their places";
     }
     exchangeTheRest(begun);
-    return "an activation was cut off; its packages were given their places";
+    return exists(kMarker) ? "an activation was cut off; its packages were given their places"
+                           : "the packages were about to change places; they were given their places";
 }
 
 // The marker lies on another file system, and its removal may last where an exchange that nobody flushed does not: also
@@ -129,7 +132,24 @@ std::string runningVersion() {
 bool mayHaveFallenBack() {
     const std::string current = package::readVersion(UpgradeProc::currentPkg);
     const std::string rollback = package::readVersion(UpgradeProc::rollbackPkg);
-    return !current.empty() && !rollback.empty() && (current != runningVersion() || current == rollback);
+    return !current.empty() && (current != runningVersion() || current == rollback);
+}
+
+// The current package is that of the slot that the boot loader has left. The kept one, where there is one, is that of what runs.
+bool hasFallenBack(const BoardState& state) {
+    if (state.nextSlot != state.runningSlot || state.onTrial || !state.writtenSlot.empty()) {
+        return false;
+    }
+    const auto running = state.slots.find(state.runningSlot);
+    if (exists(UpgradeProc::rollbackPkg)) {
+        return running != state.slots.end() && areExchanged(running->second);
+    }
+    const std::string& current = UpgradeProc::currentPkg;
+    return std::any_of(state.slots.begin(), state.slots.end(),
+                       [&](const auto& slot) {
+                           return slot.first != state.runningSlot && holds(current, slot.second);
+                       }) &&
+           (running == state.slots.end() || !holds(current, running->second));
 }
 
 // Whether the history has it already: an activation ends what it tells of before.
@@ -146,44 +166,44 @@ bool isNoted(const std::string& release) {
     return noted;
 }
 
-// The packages stay where they are: the kept one is that of the software that runs, and to roll back to it brings the
-// microcontroller, which has the firmware of the release that failed, back as well.
-std::string noteFallback() {
-    if (!mayHaveFallenBack()) {
-        return {};
-    }
-    BoardState state;
-    std::string ignored;
-    const bool isSettled =
-        askBoard(state, ignored) == Answer::kGiven && state.nextSlot == state.runningSlot && !state.onTrial;
-    const auto content = isSettled ? settledContent(state, state.runningSlot) : std::nullopt;
-    if (!content || !areExchanged(*content)) {
+std::string noteFallback(const std::string& failed) {
+    if (isNoted(failed)) {
         return {};
     }
     HistoryEntry entry;
     entry.event = "fallback";
     entry.outcome = "ok";
-    entry.release = package::readVersion(UpgradeProc::currentPkg);
+    entry.release = failed;
     entry.before = runningVersion();
     entry.text = "the boot loader gave it up after its trial";
-    if (isNoted(entry.release)) {
-        return {};
-    }
     (void)appendHistory(entry);  // a device starts without its note, and tells it again at the next start
-    return "the boot loader has gone back from " + entry.release + ", which failed its trial, to " +
-           entry.before;
+    return "the boot loader has gone back from " + failed + ", which failed its trial, to " + entry.before;
 }
 
-// Both processors are to be of one release: of the one that runs, unless another one is about to start.
-std::string bringMicrocontrollerBack() {
+// Without a package of what runs there is nothing to exchange: one rename, so that none is left aside.
+void makeFailedPackageTheKeptOne() {
+    if (exists(UpgradeProc::rollbackPkg)) {
+        exchangeTheRest(false);
+    } else {
+        move(UpgradeProc::currentPkg, UpgradeProc::rollbackPkg);
+    }
+    flushPackages();
+}
+
+// Also a device whose packages cannot be moved is to start.
+std::string followFallback() {
     BoardState state;
     std::string ignored;
-    if (exists(kMarker) || askBoard(state, ignored) != Answer::kGiven ||
-        state.nextSlot != state.runningSlot || !state.repairsMicrocontroller) {
+    if (!mayHaveFallenBack() || askBoard(state, ignored) != Answer::kGiven || !hasFallenBack(state)) {
         return {};
     }
-    const auto running = state.slots.find(state.runningSlot);
-    return running == state.slots.end() ? std::string() : repairMicrocontroller(running->second);
+    std::string done = noteFallback(package::readVersion(UpgradeProc::currentPkg));
+    try {
+        makeFailedPackageTheKeptOne();
+    } catch (const Failure& failure) {
+        done += (done.empty() ? "" : "; ") + failure.error().text;
+    }
+    return done;
 }
 
 // Without either, packages in each other's places are no sign of an activation.
@@ -191,11 +211,19 @@ bool mayBeTorn() {
     return exists(kMarker) || isExchangeBegun();
 }
 
+std::string completeDiscard() {
+    if (!isDiscardTorn()) {
+        return {};
+    }
+    dropInstalled();
+    return "the installed package was about to be discarded; nothing awaits activation any more";
+}
+
 }  // namespace
 
 std::string completeTornActivation() {
     const COMMON_YR::CancelHold hold;
-    return mayBeTorn() ? completeActivation() : std::string();
+    return mayBeTorn() && !isDiscardTorn() ? completeActivation() : std::string();
 }
 
 Result<std::vector<std::string>> completeStart() {
@@ -207,7 +235,8 @@ Result<std::vector<std::string>> completeStart() {
                 done.push_back(std::move(sentence));
             }
         };
-        add(mayBeTorn() ? completeActivation() : noteFallback());
+        add(completeDiscard());
+        add(mayBeTorn() ? completeActivation() : followFallback());
         add(bringMicrocontrollerBack());
         return done;
     });

@@ -162,7 +162,8 @@ void findNeeds(State& state) {
         return;  // whatever else there is changes under it
     }
     if (state.awaitsActivation) {
-        need("activate", "an installed package awaits its activation", "upgradectl activate");
+        need("activate", "an installed package awaits its activation",
+             "upgradectl activate, or upgradectl discard to drop it");
     } else if (state.lastRun == "upgrade_failure" || state.lastRun == "rollback_failure") {
         need("install_again", "the last run has failed", "install a package again");
     }

@@ -3,7 +3,7 @@
 //
 // libflash_drivers.so implements these functions. They are declared weak: an engineer with another board may leave them
 // out, their addresses are null then, and what they would tell is unknown. They block for as long as it takes to read
-// the boot loader's state; boardVerifySlot reads a whole slot. Any thread, not while a run flashes. Nothing throws.
+// or write the boot loader's state; boardVerifySlot reads a whole slot. Any thread, not while a run flashes. Nothing throws.
 #pragma once
 
 #include <map>
@@ -43,5 +43,9 @@ KAVRO_EXPORT __attribute__((weak)) int boardReadState(BoardState& state, std::st
 // Whether storage holds what readState tells of this slot. Returns 0 when it does; negative, with a text that says what
 // differs, when it does not or cannot be read, or when nothing is known of the slot.
 KAVRO_EXPORT __attribute__((weak)) int boardVerifySlot(const std::string& slot, std::string& error);
+
+// Forgets that a slot was written and awaits its activation; what the slot holds stays. Returns 0, also when none awaits it,
+// and the record is gone from storage then; negative, with a text, when that cannot be done.
+KAVRO_EXPORT __attribute__((weak)) int boardDropWrittenSlot(std::string& error);
 
 }  // namespace COMMON_YR

@@ -23,4 +23,11 @@ inline Answer askBoardForSlot(const std::string& slot, std::string& error) {
     return COMMON_YR::boardVerifySlot(slot, error) >= 0 ? Answer::kGiven : Answer::kFailed;
 }
 
+inline Answer askBoardToDropWrittenSlot(std::string& error) {
+    if (COMMON_YR::boardDropWrittenSlot == nullptr) {
+        return Answer::kNone;
+    }
+    return COMMON_YR::boardDropWrittenSlot(error) >= 0 ? Answer::kGiven : Answer::kFailed;
+}
+
 }  // namespace kavro::agent

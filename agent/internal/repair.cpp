@@ -1,9 +1,12 @@
 #include "agent/internal/repair.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <optional>
+#include <vector>
 
 #include "agent/history.h"
+#include "agent/internal/board.h"
 #include "agent/internal/release_checks.h"
 #include "agent/internal/slots.h"
 #include "base/failure.h"
@@ -30,14 +33,30 @@ std::optional<package::Version> runningVersion() {
     return version.ok() ? std::optional<package::Version>(version.value()) : std::nullopt;
 }
 
-// The package that brings the running release; empty when none is kept.
-std::string packageOf(const COMMON_YR::BoardSlotContent& content) {
+// The packages that bring what the running slot holds: two, when they differ in other components only.
+std::vector<std::string> packagesOf(const COMMON_YR::BoardSlotContent& content) {
+    std::vector<std::string> packages;
     for (const std::string& kept : {UpgradeProc::currentPkg, UpgradeProc::rollbackPkg}) {
         if (holds(kept, content)) {
-            return kept;
+            packages.push_back(kept);
         }
     }
-    return {};
+    return packages;
+}
+
+bool bringsMicrocontroller(const std::string& package, int version) {
+    const Result<package::TrailerReading> reading = package::readTrailer(package);
+    return reading.ok() && reading.value().trailer.version.mcu == version;
+}
+
+// The package to program it from; empty when there is none, or when it has the firmware of one already.
+std::string packageToProgram(const COMMON_YR::BoardSlotContent& content, int version) {
+    const std::vector<std::string> packages = packagesOf(content);
+    const auto brings = [version](const std::string& package) {
+        return bringsMicrocontroller(package, version);
+    };
+    return packages.empty() || std::any_of(packages.begin(), packages.end(), brings) ? std::string()
+                                                                                     : packages.front();
 }
 
 void require(bool done, const std::string& step) {
@@ -84,40 +103,52 @@ std::string versionText(int version) {
     return version < 0 ? "no application" : "version " + std::to_string(version);
 }
 
-void note(const HistoryEntry& entry) {
-    (void)appendHistory(entry);  // what was done stands, whatever becomes of its note
+// What was done stands, whatever becomes of its note.
+std::string noted(const HistoryEntry& entry) {
+    (void)appendHistory(entry);
+    return entry.text;
 }
 
-}  // namespace
+std::string tryToProgram(const std::string& package, const package::Version& running, int version) {
+    HistoryEntry entry;
+    entry.event = "repair";
+    entry.release = package::formatVersion(running);
+    entry.package = package;
+    try {
+        program(package, running);
+    } catch (const Failure& failure) {
+        entry.outcome = nameOf(failure.error().code);
+        entry.text = "the microcontroller (" + versionText(version) + ") could not be brought to version " +
+                     std::to_string(running.mcu) + ": " + failure.error().text;
+        return noted(entry);
+    }
+    entry.outcome = "ok";
+    entry.text = "the microcontroller was programmed with version " + std::to_string(running.mcu) +
+                 " of the running release; it had " + versionText(version);
+    return noted(entry);
+}
 
 std::string repairMicrocontroller(const COMMON_YR::BoardSlotContent& content) {
     const std::optional<package::Version> running = runningVersion();
     const int version = microcontrollerVersion();
-    if (!running || version == running->mcu) {
+    if (!running || version == running->mcu || !microcontrollerAnswers()) {
+        return {};  // of a silent one the state tells
+    }
+    const std::string package = packageToProgram(content, version);
+    return package.empty() ? std::string() : tryToProgram(package, *running, version);
+}
+
+}  // namespace
+
+std::string bringMicrocontrollerBack() {
+    COMMON_YR::BoardState state;
+    std::string ignored;
+    if (UPGRADE_isUpgraded() || askBoard(state, ignored) != Answer::kGiven ||
+        state.nextSlot != state.runningSlot || !state.repairsMicrocontroller) {
         return {};
     }
-    const std::string package = microcontrollerAnswers() ? packageOf(content) : std::string();
-    if (package.empty()) {
-        return {};  // the state tells what is wrong
-    }
-    HistoryEntry entry;
-    entry.event = "repair";
-    entry.release = package::formatVersion(*running);
-    entry.package = package;
-    try {
-        program(package, *running);
-    } catch (const Failure& failure) {
-        entry.outcome = nameOf(failure.error().code);
-        entry.text = "the microcontroller (" + versionText(version) + ") could not be brought to version " +
-                     std::to_string(running->mcu) + ": " + failure.error().text;
-        note(entry);
-        return entry.text;
-    }
-    entry.outcome = "ok";
-    entry.text = "the microcontroller was programmed with version " + std::to_string(running->mcu) +
-                 " of the running release; it had " + versionText(version);
-    note(entry);
-    return entry.text;
+    const auto running = state.slots.find(state.runningSlot);
+    return running == state.slots.end() ? std::string() : repairMicrocontroller(running->second);
 }
 
 }  // namespace kavro::agent

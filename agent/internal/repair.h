@@ -3,13 +3,12 @@
 
 #include <string>
 
-#include "common/board.h"
-
 namespace kavro::agent {
 
-// Programs it from the kept package of the running release, when there is one and it is in order. Cut off anywhere, the next
-// call programs it anew. Returns what was done, or why it could not be done, a sentence without a full stop; empty for
-// nothing. content: what the running slot must hold. Blocks for as long as the programming takes.
-std::string repairMicrocontroller(const COMMON_YR::BoardSlotContent& content);
+// Programs it from the kept package of the running release: when the board wants that, when the release that runs starts next,
+// nothing awaits its activation, and the package is there and in order. Cut off anywhere, the next call programs it anew.
+// Returns what was done, or why it could not be done, a sentence without a full stop; empty for nothing. Blocks for as long
+// as the programming takes.
+std::string bringMicrocontrollerBack();
 
 }  // namespace kavro::agent

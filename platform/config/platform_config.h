@@ -49,7 +49,7 @@ struct PlatformConfig {
     std::string writtenSlotFile;        // what is known about a slot that was written and not yet activated
     std::string runningSlotFile;        // names the slot that was started; written at boot
     std::string mcuLink;                // "spidev:PATH", "serial:PATH" or "unix:PATH"
-    bool mcuRepair = false;  // a start programs it when it has not the firmware of the running release
+    bool mcuRepair = true;  // a start programs it when it has not the firmware of the running release
 };
 
 // Reads the file anew at each call. A missing or damaged file, or a member of the wrong type, gives the

@@ -108,4 +108,13 @@ int boardVerifySlot(const std::string& slot, std::string& error) {
     return 0;
 }
 
+int boardDropWrittenSlot(std::string& error) {
+    const CancelHold hold;
+    const kavro::PlatformConfig config = kavro::readPlatformConfig();
+    kavro::SlotMap map;
+    return kavro::readSlotMap(config, map, error) && kavro::removeWrittenSlot(map.writtenSlotFile, error)
+               ? 0
+               : kFailed;
+}
+
 }  // namespace COMMON_YR

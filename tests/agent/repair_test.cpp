@@ -1,12 +1,12 @@
 // A microcontroller that has not the firmware of the running release, at a start.
 #include <gtest/gtest.h>
 
-#include <map>
 #include <string>
 
 #include "agent/history.h"
 #include "agent/start.h"
 #include "base/failure.h"
+#include "tests/agent/slot_support.h"
 #include "tests/support/mcu_emulator.h"
 #include "tests/tools/device_support.h"
 #include "upgrade/upgrade_api.h"
@@ -14,6 +14,7 @@
 namespace {
 
 using namespace tool_test;
+using namespace agent_test;
 using testsupport::exists;
 using testsupport::McuEmulator;
 using testsupport::readFile;
@@ -24,10 +25,6 @@ constexpr const char* kConfig = "/etc/kavro/platform.json";
 constexpr int kRunning = 7;
 constexpr int kFailed = 8;
 
-// The parts of a slot, by what they are written from.
-const std::map<std::string, std::string> kParts = {
-    {"Image", "kernel"}, {"cv22_kavro_qz7.dtb", "dtb"}, {"ext4", "rootfs"}};
-
 // Slot a runs a release whose package is kept; the boot loader has gone back to it from another one.
 class Repair : public testsupport::DeviceTest {
   protected:
@@ -37,28 +34,14 @@ class Repair : public testsupport::DeviceTest {
         failed.setComponent("Image", "kernel that failed").setVersions(1, 105, kFailed, 2);
         running.writeTo(UpgradeProc::rollbackPkg);
         failed.writeTo(UpgradeProc::currentPkg);
-        std::string script = "boot_slot=a\nupgrade_available=0\n";
-        for (const auto& [component, part] : kParts) {
-            const std::string bytes = running.files().at(component);
-            writeFile("/tmp/digested", bytes);
-            script += "slot_a_" + part + "=" + std::to_string(bytes.size()) + " " +
-                      runProgram({"sha256sum", "/tmp/digested"}).out.substr(0, 64) + "\n";
-        }
-        writeFile("/tmp/script", script);
-        ASSERT_EQ(runProgram({"fw_setenv", "-c", "/etc/kavro/fw_env.config", "-s", "/tmp/script"}).exitCode,
-                  0);
-        switchRepair(true);
+        startFrom("a", running);
         ASSERT_TRUE(mcu.format(kFailed));
         ASSERT_TRUE(mcu.start());
     }
 
-    static void switchRepair(bool on) {
-        const std::string edit = std::string(".mcu.repair = ") + (on ? "true" : "false");
-        ASSERT_EQ(
-            runProgram(
-                {"sh", "-c", "jq '" + edit + "' " + kConfig + " >/tmp/edited && cat /tmp/edited >" + kConfig})
-                .exitCode,
-            0);
+    static void switchRepairOff() {
+        const std::string edit = std::string("jq '.mcu.repair = false' ") + kConfig + " >/tmp/edited";
+        ASSERT_EQ(runProgram({"sh", "-c", edit + " && cat /tmp/edited >" + kConfig}).exitCode, 0);
     }
 
     // What was done, besides the fallback, which is told first.
@@ -94,6 +77,7 @@ TEST_F(Repair, programs_the_firmware_of_what_runs_after_a_fallback) {
     EXPECT_FALSE(exists(UpgradeProc::storePath));
     EXPECT_FALSE(exists(kLastRun));
     EXPECT_EQ(done(), "") << "there is nothing more to do";
+    EXPECT_FALSE(exists("/firmware/temp"));
     expectVersion(kRunning);
 }
 
@@ -128,7 +112,7 @@ TEST_F(Repair, leaves_a_microcontroller_alone_that_fits) {
 }
 
 TEST_F(Repair, is_not_made_on_a_board_that_does_not_want_it) {
-    switchRepair(false);
+    switchRepairOff();
     (void)done();
     EXPECT_EQ(outcomeOfRepair(), "none");
     expectVersion(kFailed);
@@ -136,9 +120,9 @@ TEST_F(Repair, is_not_made_on_a_board_that_does_not_want_it) {
 
 TEST_F(Repair, is_not_made_while_an_installed_package_awaits_its_activation) {
     writeFile(kMarker, "");
-    writeFile("/config/written_slot.json", "");
-    std::filesystem::remove("/config/written_slot.json");
-    std::filesystem::remove(UpgradeProc::rollbackPkg);
+    recordWrittenSlot("b");
+    running.writeTo(UpgradeProc::currentPkg);
+    failed.writeTo(UpgradeProc::rollbackPkg);
     (void)kavro::agent::completeStart();
     EXPECT_EQ(outcomeOfRepair(), "none");
     expectVersion(kFailed);
@@ -159,6 +143,14 @@ TEST_F(Repair, from_a_package_whose_signature_does_not_verify_is_not_made) {
         "not verify");
     EXPECT_EQ(outcomeOfRepair(), "other");
     EXPECT_FALSE(exists(UpgradeProc::upgradePkg));
+    expectVersion(kFailed);
+}
+
+// An upgrade of the microcontroller alone leaves the slot as it was.
+TEST_F(Repair, leaves_a_firmware_alone_that_a_kept_package_of_the_running_slot_brings) {
+    TestPackage(running).setVersions(1, 104, kFailed, 2).writeTo(UpgradeProc::currentPkg);
+    (void)done();
+    EXPECT_EQ(outcomeOfRepair(), "none");
     expectVersion(kFailed);
 }
 

@@ -3,11 +3,10 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
-
 #include "agent/activation.h"
 #include "agent/history.h"
 #include "base/failure.h"
+#include "tests/agent/slot_support.h"
 #include "tests/common/libc_spies.h"
 #include "tests/support/program.h"
 #include "tests/tools/device_support.h"
@@ -15,6 +14,7 @@
 namespace {
 
 using namespace tool_test;
+using namespace agent_test;
 using testsupport::exists;
 using testsupport::readFile;
 using testsupport::TestPackage;
@@ -29,15 +29,6 @@ const std::string kWrittenSlot = "/config/written_slot.json";
 constexpr const char* kBefore = "001104007002\n";
 constexpr const char* kAfter = "001105008003\n";
 
-// The parts of a slot, by what they are written from.
-const std::map<std::string, std::string> kParts = {
-    {"Image", "kernel"}, {"cv22_kavro_qz7.dtb", "dtb"}, {"ext4", "rootfs"}};
-
-std::string sha256Of(const std::string& bytes) {
-    writeFile("/tmp/digested", bytes);
-    return runProgram({"sha256sum", "/tmp/digested"}).out.substr(0, 64);
-}
-
 class TornActivation : public testsupport::DeviceTest {
   protected:
     void SetUp() override {
@@ -50,27 +41,6 @@ class TornActivation : public testsupport::DeviceTest {
     void TearDown() override {
         spy::onFlush({});
         DeviceTest::TearDown();
-    }
-
-    // The boot environment after a switch to a slot that holds what the package has.
-    static void starts(const std::string& slot, const TestPackage& package) {
-        std::string script = "boot_slot=" + slot + "\n";
-        for (const auto& [component, part] : kParts) {
-            const std::string bytes = package.files().at(component);
-            script += "slot_" + slot + "_" + part + "=" + std::to_string(bytes.size()) + " " +
-                      sha256Of(bytes) + "\n";
-        }
-        writeFile("/tmp/script", script);
-        const ProgramResult saved =
-            runProgram({"fw_setenv", "-c", "/etc/kavro/fw_env.config", "-s", "/tmp/script"});
-        ASSERT_EQ(saved.exitCode, 0) << saved.err;
-    }
-
-    // The versions of a package tell which of the two it is.
-    static std::string versionsOf(const std::string& path) {
-        return exists(path)
-                   ? runProgram({"sh", "-c", "tail -c 4096 " + path + " | grep -aoE '00110[0-9]{7}'"}).out
-                   : "none";
     }
 
     // What was done, in one text.
@@ -107,7 +77,7 @@ class TornActivation : public testsupport::DeviceTest {
 };
 
 TEST_F(TornActivation, cut_off_after_the_switch_is_completed) {
-    starts("b", after);
+    startFrom("b", after);
     before.writeTo(kCurrent);
     after.writeTo(kRollback);
     EXPECT_NE(done(), "");
@@ -115,7 +85,7 @@ TEST_F(TornActivation, cut_off_after_the_switch_is_completed) {
 }
 
 TEST_F(TornActivation, cut_off_after_the_first_rename_is_completed) {
-    starts("b", after);
+    startFrom("b", after);
     before.writeTo(kAside);
     after.writeTo(kRollback);
     EXPECT_NE(done(), "");
@@ -123,7 +93,7 @@ TEST_F(TornActivation, cut_off_after_the_first_rename_is_completed) {
 }
 
 TEST_F(TornActivation, cut_off_after_the_second_rename_is_completed) {
-    starts("b", after);
+    startFrom("b", after);
     before.writeTo(kAside);
     after.writeTo(kCurrent);
     EXPECT_NE(done(), "");
@@ -131,7 +101,7 @@ TEST_F(TornActivation, cut_off_after_the_second_rename_is_completed) {
 }
 
 TEST_F(TornActivation, cut_off_before_the_marker_went_keeps_the_exchanged_packages) {
-    starts("b", after);
+    startFrom("b", after);
     after.writeTo(kCurrent);
     before.writeTo(kRollback);
     EXPECT_NE(done(), "");
@@ -139,7 +109,7 @@ TEST_F(TornActivation, cut_off_before_the_marker_went_keeps_the_exchanged_packag
 }
 
 TEST_F(TornActivation, whose_marker_went_before_its_renames_is_completed) {
-    starts("b", after);
+    startFrom("b", after);
     std::filesystem::remove(kMarker);
     before.writeTo(kAside);
     after.writeTo(kCurrent);
@@ -148,7 +118,7 @@ TEST_F(TornActivation, whose_marker_went_before_its_renames_is_completed) {
 }
 
 TEST_F(TornActivation, has_its_exchange_on_storage_before_the_marker_goes) {
-    starts("b", after);
+    startFrom("b", after);
     before.writeTo(kCurrent);
     after.writeTo(kRollback);
     EXPECT_TRUE(flushesExchangeBeforeMarkerGoes());
@@ -156,7 +126,7 @@ TEST_F(TornActivation, has_its_exchange_on_storage_before_the_marker_goes) {
 }
 
 TEST_F(TornActivation, whose_exchange_was_begun_is_on_storage_before_the_marker_goes) {
-    starts("b", after);
+    startFrom("b", after);
     before.writeTo(kAside);
     after.writeTo(kCurrent);
     EXPECT_TRUE(flushesExchangeBeforeMarkerGoes());
@@ -165,7 +135,7 @@ TEST_F(TornActivation, whose_exchange_was_begun_is_on_storage_before_the_marker_
 
 // Whoever made the exchange may have been killed before it was flushed.
 TEST_F(TornActivation, whose_packages_are_in_their_places_is_on_storage_before_the_marker_goes) {
-    starts("b", after);
+    startFrom("b", after);
     after.writeTo(kCurrent);
     before.writeTo(kRollback);
     EXPECT_TRUE(flushesExchangeBeforeMarkerGoes());
@@ -173,7 +143,7 @@ TEST_F(TornActivation, whose_packages_are_in_their_places_is_on_storage_before_t
 }
 
 TEST_F(TornActivation, is_completed_once) {
-    starts("b", after);
+    startFrom("b", after);
     before.writeTo(kCurrent);
     after.writeTo(kRollback);
     EXPECT_NE(done(), "");
@@ -182,7 +152,7 @@ TEST_F(TornActivation, is_completed_once) {
 }
 
 TEST_F(TornActivation, of_the_first_package_of_a_device_is_completed) {
-    starts("b", after);
+    startFrom("b", after);
     after.writeTo(kRollback);
     EXPECT_NE(done(), "");
     EXPECT_EQ(versionsOf(kCurrent), kAfter);
@@ -191,8 +161,8 @@ TEST_F(TornActivation, of_the_first_package_of_a_device_is_completed) {
 }
 
 TEST_F(TornActivation, whose_slot_was_given_up_by_the_boot_loader_keeps_the_packages_as_they_are) {
-    starts("b", after);
-    starts("a", before);  // the boot loader has gone back
+    startFrom("b", after);
+    startFrom("a", before);  // the boot loader has gone back
     before.writeTo(kCurrent);
     after.writeTo(kRollback);
     EXPECT_NE(done(), "");
@@ -202,8 +172,8 @@ TEST_F(TornActivation, whose_slot_was_given_up_by_the_boot_loader_keeps_the_pack
 }
 
 TEST_F(TornActivation, of_a_rollback_that_only_switches_is_completed) {
-    starts("b", after);
-    starts("a", before);
+    startFrom("b", after);
+    startFrom("a", before);
     after.writeTo(kCurrent);
     before.writeTo(kRollback);
     EXPECT_NE(done(), "");
@@ -213,12 +183,10 @@ TEST_F(TornActivation, of_a_rollback_that_only_switches_is_completed) {
 }
 
 TEST_F(TornActivation, a_package_that_awaits_its_activation_is_left_alone) {
-    starts("a", before);
+    startFrom("a", before);
     before.writeTo(kCurrent);
     after.writeTo(kRollback);
-    const std::string part = R"({ "bytes": 1, "sha256": ")" + sha256Of("x") + "\" }";
-    writeFile(kWrittenSlot, R"({ "slot": "b", "kernel": )" + part + R"(, "dtb": )" + part +
-                                R"(, "rootfs": )" + part + " }");
+    recordWrittenSlot("b");
     EXPECT_EQ(done(), "");
     EXPECT_EQ(versionsOf(kCurrent), kBefore);
     EXPECT_TRUE(exists(kMarker));
@@ -234,21 +202,71 @@ TEST_F(TornActivation, a_device_without_one_is_left_alone) {
     EXPECT_TRUE(exists(kVersions));
 }
 
-// It goes on with the package that the boot loader left as the current one, so a rollback installs what runs now and
-// puts the microcontroller right, which has kept the newer version.
-TEST_F(TornActivation, a_device_whose_boot_loader_went_back_keeps_the_package_to_roll_back_to) {
-    starts("b", after);
-    starts("a", before);
-    std::filesystem::remove(kMarker);
-    after.writeTo(kCurrent);
-    before.writeTo(kRollback);
+// Slot b was activated, and the boot loader has gone back to slot a after its trial.
+class Fallback : public TornActivation {
+  protected:
+    void SetUp() override {
+        TornActivation::SetUp();
+        std::filesystem::remove(kMarker);
+        startFrom("b", after);
+        startFrom("a", before);
+        after.writeTo(kCurrent);
+        before.writeTo(kRollback);
+    }
+};
+
+TEST_F(Fallback, is_told_and_noted_once_and_the_packages_follow_what_runs) {
     EXPECT_EQ(
         done(),
         "the boot loader has gone back from V01.105.008.003, which failed its trial, to V01.104.007.002");
-    EXPECT_EQ(versionsOf(kCurrent), kAfter);
-    EXPECT_EQ(versionsOf(kRollback), kBefore);
-    EXPECT_EQ(done(), "") << "it is told once";
+    EXPECT_EQ(versionsOf(kCurrent), kBefore);
+    EXPECT_EQ(versionsOf(kRollback), kAfter);
+    EXPECT_FALSE(exists(kAside));
+    EXPECT_EQ(done(), "");
     EXPECT_TRUE(kavro::agent::hasFailedTrial(kavro::agent::readHistory().value(), "V01.105.008.003"));
+}
+
+TEST_F(Fallback, whose_packages_were_cut_off_between_their_renames_is_completed) {
+    for (const auto& [from, to] : {std::pair(kCurrent, kAside), std::pair(kRollback, kCurrent)}) {
+        std::filesystem::rename(from, to);
+        EXPECT_NE(done(), "") << "cut off after " << from;
+        EXPECT_EQ(versionsOf(kCurrent), kBefore);
+        EXPECT_EQ(versionsOf(kRollback), kAfter);
+        EXPECT_FALSE(exists(kAside));
+        std::filesystem::rename(kRollback, kAside);
+        std::filesystem::rename(kCurrent, kRollback);
+    }
+}
+
+TEST_F(Fallback, of_the_first_package_of_a_device_leaves_no_package_of_what_runs) {
+    std::filesystem::remove(kRollback);
+    EXPECT_NE(done().find("gone back from V01.105.008.003"), std::string::npos);
+    EXPECT_EQ(versionsOf(kCurrent), "none");
+    EXPECT_EQ(versionsOf(kRollback), kAfter);
+    EXPECT_EQ(done(), "");
+}
+
+TEST_F(Fallback, whose_packages_cannot_be_moved_keeps_no_device_from_starting) {
+    std::filesystem::create_directories(kAside + "/in the way");
+    const std::string told = done();
+    EXPECT_NE(told.find("gone back from V01.105.008.003"), std::string::npos) << told;
+    EXPECT_NE(told.find("'/firmware/current.pkg' cannot be renamed"), std::string::npos) << told;
+}
+
+TEST_F(Fallback, leaves_a_kept_package_that_nobody_goes_back_to) {
+    (void)done();
+    const auto way = kavro::agent::findWayBack(std::nullopt);
+    ASSERT_FALSE(way.ok());
+    EXPECT_EQ(way.error().code, kavro::ErrorCode::kRefused);
+    EXPECT_EQ(
+        way.error().text,
+        "the rollback package '/firmware/rollback.pkg' holds V01.105.008.003, which failed its trial on this "
+        "device");
+}
+
+TEST_F(Fallback, that_cannot_be_noted_keeps_no_device_from_starting) {
+    std::filesystem::create_directory(kavro::agent::kHistoryFile);
+    EXPECT_NE(done().find("which failed its trial"), std::string::npos);
 }
 
 TEST_F(TornActivation, of_which_nothing_is_known_keeps_no_device_from_starting) {
@@ -259,18 +277,8 @@ TEST_F(TornActivation, of_which_nothing_is_known_keeps_no_device_from_starting) 
     EXPECT_EQ(done(), "");
 }
 
-TEST_F(TornActivation, a_fallback_that_cannot_be_noted_keeps_no_device_from_starting) {
-    starts("b", after);
-    starts("a", before);
-    std::filesystem::remove(kMarker);
-    after.writeTo(kCurrent);
-    before.writeTo(kRollback);
-    std::filesystem::create_directory(kavro::agent::kHistoryFile);
-    EXPECT_NE(done().find("which failed its trial"), std::string::npos);
-}
-
 TEST_F(TornActivation, cut_off_is_completed_by_the_next_activation_and_not_switched_back) {
-    starts("b", after);
+    startFrom("b", after);
     before.writeTo(kCurrent);
     after.writeTo(kRollback);
     const kavro::Result<std::string> again = kavro::agent::activate();
@@ -292,7 +300,7 @@ TEST_F(TornActivation, that_cannot_be_judged_is_told_and_left_alone) {
 }
 
 TEST_F(TornActivation, is_completed_by_init_which_says_so) {
-    starts("b", after);
+    startFrom("b", after);
     before.writeTo(kAside);
     after.writeTo(kCurrent);
     const ProgramResult result = tool_test::upgradectl({"init"});

@@ -130,7 +130,7 @@ TEST_P(CommandHelp, has_an_example) {
 
 INSTANTIATE_TEST_SUITE_P(Cli, CommandHelp,
                          testing::Values("pack", "inspect", "verify", "init", "install", "status", "versions",
-                                         "watch", "activate", "confirm", "rollback"));
+                                         "watch", "activate", "discard", "confirm", "rollback"));
 
 TEST(Cli, pack_writes_a_package_and_says_what_is_in_it) {
     const TemporaryDirectory files;

@@ -138,7 +138,7 @@ TEST_F(Status, tells_a_program_the_same) {
             {"path": "/firmware/recv.tar.xz", "bytes": null, "whole": false, "version": null}
         ],
         "needs": [
-            {"name": "activate", "text": "an installed package awaits its activation", "next": "upgradectl activate"}
+            {"name": "activate", "text": "an installed package awaits its activation", "next": "upgradectl activate, or upgradectl discard to drop it"}
         ]})"))
         << result.out;
 }
@@ -158,9 +158,10 @@ TEST_F(Status, of_a_device_that_somebody_must_act_on_says_so_and_fails) {
     writeFile(kMarker, "");
     const ProgramResult result = upgradectl({"status"});
     EXPECT_EQ(result.exitCode, 1);
-    EXPECT_TRUE(
-        contains(result.out,
-                 "to do                   upgradectl activate: an installed package awaits its activation\n"))
+    EXPECT_TRUE(contains(
+        result.out,
+        "to do                   upgradectl activate, or upgradectl discard to drop it: an installed "
+        "package awaits its activation\n"))
         << result.out;
     EXPECT_TRUE(contains(result.err, "an installed package awaits its activation")) << result.err;
 }

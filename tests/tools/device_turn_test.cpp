@@ -99,7 +99,7 @@ TEST_P(ChangingCommand, stops_waiting_when_it_is_interrupted) {
 }
 
 INSTANTIATE_TEST_SUITE_P(DeviceTurn, ChangingCommand,
-                         testing::Values("install", "rollback", "activate", "confirm", "init"));
+                         testing::Values("install", "rollback", "activate", "confirm", "init", "discard"));
 
 TEST_F(DeviceTurn, comes_for_an_activation_that_waits) {
     ASSERT_EQ(upgradectl({"install", kPackage}).exitCode, 0);

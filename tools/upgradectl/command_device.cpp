@@ -27,10 +27,11 @@ void addInTurn(CLI::App& command, Action& chosen, const Action& work) {
 void addInit(CLI::App& app, Action& chosen) {
     CLI::App* command = app.add_subcommand("init", "Make the device ready after a start");
     command->footer(
-        "Completes an activation that a power cut has torn apart, restores the factory package, where there "
-        "is one,\n"
-        "checks the partitions and writes the current versions. To be run once, before the device's "
-        "application.\n"
+        "Completes what a power cut has torn apart, programs a microcontroller that has not the firmware of "
+        "the running\n"
+        "software, restores the factory package, where there is one, checks the partitions and writes the "
+        "current versions.\n"
+        "To be run once, before the device's application.\n"
         "Prints the directory for packages.\n\n"
         "Example:\n"
         "  upgradectl init\n");
@@ -79,6 +80,18 @@ void addActivate(CLI::App& app, Action& chosen) {
         "Example:\n"
         "  upgradectl activate\n");
     addInTurn(*command, chosen, [] { activate(OwnOutput()); });
+}
+
+void addDiscard(CLI::App& app, Action& chosen) {
+    CLI::App* command =
+        app.add_subcommand("discard", "Drop the installed package that awaits its activation");
+    command->footer(
+        "The device goes on with the software that runs. The microcontroller is programmed with the firmware "
+        "of that\n"
+        "again, where its package is kept. The boot loader stays as it was installed.\n\n"
+        "Example:\n"
+        "  upgradectl discard\n");
+    addInTurn(*command, chosen, [] { discard(OwnOutput()); });
 }
 
 void addConfirm(CLI::App& app, Action& chosen) {

@@ -69,7 +69,7 @@ void describeCommandLine(CLI::App& app, Action& chosen) {
     app.failure_message(failureMessage);
     for (const auto add :
          {addPack, addInspect, addVerify, addInit, addCheck, addInstall, addStatus, addVersions, addWatch,
-          addActivate, addConfirm, addRollback, addHistory, addTwin}) {
+          addActivate, addDiscard, addConfirm, addRollback, addHistory, addTwin}) {
         add(app, chosen);
     }
 }

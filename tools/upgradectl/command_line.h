@@ -34,6 +34,7 @@ void addVersions(CLI::App& app, Action& chosen);
 void addWatch(CLI::App& app, Action& chosen);
 void addActivate(CLI::App& app, Action& chosen);
 void addConfirm(CLI::App& app, Action& chosen);
+void addDiscard(CLI::App& app, Action& chosen);
 void addRollback(CLI::App& app, Action& chosen);
 void addHistory(CLI::App& app, Action& chosen);
 void addTwin(CLI::App& app, Action& chosen);

@@ -3,6 +3,7 @@
 #include <string>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "agent/activation.h"
 #include "agent/start.h"
@@ -28,12 +29,16 @@ Value valueOrFailure(kavro::Result<Value> result) {
     }
 }
 
+void writeLines(const OwnOutput& output, const std::vector<std::string>& lines) {
+    for (const std::string& line : lines) {
+        output.writeLine(line);
+    }
+}
+
 }  // namespace
 
 void initDevice(const OwnOutput& output) {
-    for (const std::string& done : valueOrFailure(kavro::agent::completeStart())) {
-        output.writeLine(done);
-    }
+    writeLines(output, valueOrFailure(kavro::agent::completeStart()));
     std::string packageDirectory;
     if (UPGRADE_init(packageDirectory) == 0) {
         output.writeLine("ready, packages go to " + packageDirectory);
@@ -48,6 +53,11 @@ void activate(const OwnOutput& output) {
     requireFlashDrivers();  // without them no package could be installed either
     output.writeLine(valueOrFailure(kavro::agent::activate()));
     output.writeLine("  next: restart the device");
+}
+
+void discard(const OwnOutput& output) {
+    requireFlashDrivers();  // the microcontroller's is needed
+    writeLines(output, valueOrFailure(kavro::agent::discard()));
 }
 
 void confirm(const OwnOutput& output) {

@@ -1,4 +1,4 @@
-// The commands that change the device at once: init, activate, confirm.
+// The commands that change the device at once: init, activate, discard, confirm.
 #pragma once
 
 #include "tools/upgradectl/own_output.h"
@@ -11,6 +11,9 @@ void initDevice(const OwnOutput& output);
 
 // Activates what was installed. Throws Failure.
 void activate(const OwnOutput& output);
+
+// Drops what was installed and not activated. Throws Failure.
+void discard(const OwnOutput& output);
 
 // Ends the trial of the running software, if it is on one. Throws Failure.
 void confirm(const OwnOutput& output);

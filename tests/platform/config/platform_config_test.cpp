@@ -30,7 +30,7 @@ void expectDefaults(const PlatformConfig& config) {
     EXPECT_EQ(config.writtenSlotFile, "");
     EXPECT_EQ(config.runningSlotFile, "");
     EXPECT_EQ(config.mcuLink, "");
-    EXPECT_FALSE(config.mcuRepair);
+    EXPECT_TRUE(config.mcuRepair);
 }
 
 // Runs the function on a thread with the stack that job threads have.
@@ -51,7 +51,7 @@ TEST(PlatformConfig, every_member_is_read) {
         "mpu": {"slots": {"a": {"kernel": "ka", "dtb": "da", "rootfs": "ra"},
                           "b": {"kernel": "kb", "dtb": "db", "rootfs": "rb"}},
                 "bootloader": "bl", "boot_environment": "be", "written_slot": "ws", "running_slot": "rs"},
-        "mcu": {"link": "li", "repair": true}, "later": [1, 2]})");
+        "mcu": {"link": "li", "repair": false}, "later": [1, 2]})");
 
     EXPECT_FALSE(config.logToSyslog);
     EXPECT_TRUE(config.logToStderr);
@@ -65,7 +65,7 @@ TEST(PlatformConfig, every_member_is_read) {
     EXPECT_EQ(config.writtenSlotFile, "ws");
     EXPECT_EQ(config.runningSlotFile, "rs");
     EXPECT_EQ(config.mcuLink, "li");
-    EXPECT_TRUE(config.mcuRepair);
+    EXPECT_FALSE(config.mcuRepair);
 }
 
 TEST(PlatformConfig, missing_file_gives_the_defaults) {

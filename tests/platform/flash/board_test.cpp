@@ -51,6 +51,22 @@ TEST_F(Board, tells_what_awaits_its_activation_and_what_it_holds) {
     EXPECT_EQ(content.count("cv22_kavro_qz7.dtb"), 1u);
 }
 
+TEST_F(Board, forgets_what_awaits_its_activation) {
+    writeSlotB();
+    std::string error;
+    EXPECT_EQ(COMMON_YR::boardDropWrittenSlot(error), 0) << error;
+    EXPECT_EQ(state().writtenSlot, "");
+    EXPECT_EQ(COMMON_YR::boardDropWrittenSlot(error), 0) << "there is none any more: " << error;
+    EXPECT_LT(UpgradeMpu().activate(true), 0) << "what the other slot holds is not what is on record of it";
+}
+
+TEST_F(Board, that_cannot_forget_it_says_so) {
+    std::filesystem::create_directories(std::string(kWrittenSlot) + "/in the way");
+    std::string error;
+    EXPECT_LT(COMMON_YR::boardDropWrittenSlot(error), 0);
+    EXPECT_NE(error.find(kWrittenSlot), std::string::npos) << error;
+}
+
 TEST_F(Board, tells_of_a_trial_and_its_starts) {
     writeSlotB();
     ASSERT_EQ(UpgradeMpu().activate(true), 0);
