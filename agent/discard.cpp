@@ -88,7 +88,8 @@ bool isDiscardTorn() {
     COMMON_YR::BoardState state;
     std::string ignored;
     return UPGRADE_isUpgraded() && !COMMON_YR::isFileExist(UpgradeProc::rollbackPkg.c_str()) &&
-           askBoard(state, ignored) == Answer::kGiven && !state.writtenSlot.empty();
+           !COMMON_YR::isFileExist(kPackageAside) && askBoard(state, ignored) == Answer::kGiven &&
+           !state.writtenSlot.empty();
 }
 
 void dropInstalled() {

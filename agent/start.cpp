@@ -8,6 +8,7 @@
 #include "agent/history.h"
 #include "agent/internal/board.h"
 #include "agent/internal/discard.h"
+#include "agent/internal/last_run.h"
 #include "agent/internal/repair.h"
 #include "agent/internal/slots.h"
 #include "agent/internal/torn_activation.h"
@@ -27,7 +28,6 @@ using COMMON_YR::BoardSlotContent;
 using COMMON_YR::BoardState;
 
 constexpr const char* kMarker = "/config/upgraded";
-constexpr const char* kAside = "/firmware/temp";  // the current package, while the two change places
 constexpr const char* kPackageDirectory = "/firmware";
 
 bool exists(const std::string& path) {
@@ -72,19 +72,19 @@ void exchangeTheRest(bool begun) {
     const std::string& current = UpgradeProc::currentPkg;
     const std::string& rollback = UpgradeProc::rollbackPkg;
     if (!begun && exists(current)) {
-        move(current, kAside);
+        move(current, kPackageAside);
     }
     if (!exists(current)) {
         move(rollback, current);
     }
-    if (exists(kAside)) {
-        move(kAside, rollback);
+    if (exists(kPackageAside)) {
+        move(kPackageAside, rollback);
     }
 }
 
 // Between the first and the last rename there are two packages, one of them aside.
 bool isExchangeBegun() {
-    return exists(kAside) && exists(UpgradeProc::currentPkg) != exists(UpgradeProc::rollbackPkg);
+    return exists(kPackageAside) && exists(UpgradeProc::currentPkg) != exists(UpgradeProc::rollbackPkg);
 }
 
 bool areExchanged(const BoardSlotContent& content) {
@@ -135,7 +135,8 @@ bool mayHaveFallenBack() {
     return !current.empty() && (current != runningVersion() || current == rollback);
 }
 
-// The current package is that of the slot that the boot loader has left. The kept one, where there is one, is that of what runs.
+// The current package is that of the slot that the boot loader has left. The kept one, where there is one, is that of what
+// runs. A run over an activated slot that was cut off leaves the same packages, and tells of a failure.
 bool hasFallenBack(const BoardState& state) {
     if (state.nextSlot != state.runningSlot || state.onTrial || !state.writtenSlot.empty()) {
         return false;
@@ -145,7 +146,8 @@ bool hasFallenBack(const BoardState& state) {
         return running != state.slots.end() && areExchanged(running->second);
     }
     const std::string& current = UpgradeProc::currentPkg;
-    return std::any_of(state.slots.begin(), state.slots.end(),
+    return !isFailure(recordedOutcome()) &&
+           std::any_of(state.slots.begin(), state.slots.end(),
                        [&](const auto& slot) {
                            return slot.first != state.runningSlot && holds(current, slot.second);
                        }) &&

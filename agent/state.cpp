@@ -7,6 +7,7 @@
 
 #include "agent/history.h"
 #include "agent/internal/board.h"
+#include "agent/internal/last_run.h"
 #include "package/trailer.h"
 #include "package/version.h"
 #include "upgrade/device_lock.h"
@@ -26,16 +27,6 @@ std::string flashedVersion() {
     std::string version;
     UPGRADE_get_cur_ver_str(version);
     return version;
-}
-
-// What the getter would report, without using the record up: it is the application's to read, once.
-std::string recordedOutcome() {
-    if (!COMMON_YR::isFileExist(UPGRADE_LAST_RUNTIME_FILE)) {
-        return "none";
-    }
-    const std::string text = COMMON_YR::readFile2String(UPGRADE_LAST_RUNTIME_FILE);
-    const bool isName = text.find_first_not_of("abcdefghijklmnopqrstuvwxyz_") == std::string::npos;
-    return isName ? text : "";
 }
 
 KeptPackage lookAt(const std::string& path) {
@@ -164,7 +155,7 @@ void findNeeds(State& state) {
     if (state.awaitsActivation) {
         need("activate", "an installed package awaits its activation",
              "upgradectl activate, or upgradectl discard to drop it");
-    } else if (state.lastRun == "upgrade_failure" || state.lastRun == "rollback_failure") {
+    } else if (isFailure(state.lastRun)) {
         need("install_again", "the last run has failed", "install a package again");
     }
     if (state.restartPending) {

@@ -5,6 +5,9 @@
 
 namespace kavro::agent {
 
+// Where the current package is while the two change places.
+inline constexpr const char* kPackageAside = "/firmware/temp";
+
 // Completes what is left of one whose switch was made. Returns what was done, a sentence without a full stop; empty when there
 // is none, when a package still awaits its activation, or when the board does not tell. Throws Failure (other).
 std::string completeTornActivation();

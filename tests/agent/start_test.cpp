@@ -246,6 +246,14 @@ TEST_F(Fallback, of_the_first_package_of_a_device_leaves_no_package_of_what_runs
     EXPECT_EQ(done(), "");
 }
 
+// The run took the activation back, and removed the kept package.
+TEST_F(Fallback, is_not_what_a_run_over_an_activated_slot_has_left) {
+    std::filesystem::remove(kRollback);
+    writeFile(kLastRun, "upgrade_failure");
+    EXPECT_EQ(done(), "");
+    EXPECT_EQ(versionsOf(kCurrent), kAfter);
+}
+
 TEST_F(Fallback, whose_packages_cannot_be_moved_keeps_no_device_from_starting) {
     std::filesystem::create_directories(kAside + "/in the way");
     const std::string told = done();

@@ -15,6 +15,7 @@
 #   --keeps-package  the device had a current package before, so it must have one now
 #   --keeps-way-back  the device was upgraded and activated, and what was cut off takes no package to roll back to away (an
 #                 activation, a confirmation, an init, a start): where nothing awaits activation, there must be one now
+#   --discards    what was cut off drops what awaits its activation: its package may be gone already
 #   --skip-init   what init mends stays torn: shows that this is noticed
 #   --quick       without the installations and rollbacks: starts, trials, files and init only
 #
@@ -28,7 +29,7 @@ twin=$root/twin/twin
 package_bytes=134217728
 
 build=$root/build/release next='' run_release='' over='' quick=false keeps_package=false keeps_way_back=false
-skip_init=false
+skip_init=false discards=false
 while [[ ${1-} == --* ]]; do
     case $1 in
     --build) build=$(realpath -- "$2") && shift ;;
@@ -37,6 +38,7 @@ while [[ ${1-} == --* ]]; do
     --over) over=$(realpath -- "$2") && shift ;;
     --quick) quick=true ;;
     --skip-init) skip_init=true ;;
+    --discards) discards=true ;;
     --keeps-package) keeps_package=true ;;
     --keeps-way-back) keeps_way_back=true ;;
     *) printf "%s: unknown option %s\n" "$0" "$1" >&2 && exit 2 ;;
@@ -241,8 +243,14 @@ check_written_slot() {
         wrong "the last run is said to be a success ($last_run), but slot $written, which awaits its activation, holds no release"
 }
 
-# The package that is kept as the current one is that of the software that starts, unless it awaits its activation. That
-# of what awaits its activation is there before the run tells of its success.
+# The package of what awaits its activation is there before the run tells of its success. Without it init drops what awaits
+# its activation, so this is looked at before, too.
+check_awaiting_package() {
+    [[ -z $awaiting || $last_run != *_success || $rollback == "$awaiting" ]] ||
+        wrong "${awaiting##*/} awaits its activation after $last_run, but rollback.pkg is ${rollback##*/}"
+}
+
+# The package that is kept as the current one is that of the software that starts, unless it awaits its activation.
 check_packages() {
     [[ $current != other ]] || wrong "current.pkg is none of the packages that were given to the device"
     [[ $rollback != other ]] || wrong "rollback.pkg is none of the packages that were given to the device"
@@ -250,10 +258,8 @@ check_packages() {
         wrong "${runs##*/} runs, but current.pkg is ${current##*/}"
     [[ $current != none ]] || ! "$keeps_package" ||
         wrong "current.pkg is gone (rollback.pkg is ${rollback##*/})"
-    if [[ -n $awaiting && $last_run == *_success ]]; then
-        [[ $rollback == "$awaiting" ]] ||
-            wrong "${awaiting##*/} awaits its activation after $last_run, but rollback.pkg is ${rollback##*/}"
-    elif "$keeps_way_back"; then
+    check_awaiting_package
+    if "$keeps_way_back" && [[ -z $awaiting || $last_run != *_success ]]; then
         [[ $rollback != none && $rollback != "$current" ]] ||
             wrong "there is nothing to roll back to: current.pkg is ${current##*/}, rollback.pkg ${rollback##*/}"
     fi
@@ -296,6 +302,8 @@ check_firmware() {
         is_one_of "$holds" "$last" ||
             wrong "the microcontroller holds ${holds##*/}, but the last run ($last_run) was of ${last##*/}"
     fi
+    "$skip_init" || ! has_package_of_what_runs || is_one_of "$holds" "$runs" ||
+        wrong "after init ${runs##*/} runs, and the microcontroller holds ${holds##*/}"
     [[ $last_run == *_failure ]] || holds_a_boot_loader "$state" ||
         wrong "the boot loader's partition holds no release as a whole, and the last run is said to be: $last_run"
 }
@@ -350,10 +358,25 @@ starts_left() {
     fi
 }
 
+# packages_that_follow SLOT CURRENT ROLLBACK: the two after a trial of that slot, with these before. Those that the boot
+# loader has gone back from and to change places.
+packages_that_follow() {
+    if [[ $slot != "$1" && ($3 == "$runs" || ($3 == none && $2 != "$runs")) ]]; then
+        printf '%s,%s\n' "$3" "$2"
+    else
+        printf '%s,%s\n' "$2" "$3"
+    fi
+}
+
+# has_package_of_what_runs: and nothing else awaits its activation, so that init brings the microcontroller to it.
+has_package_of_what_runs() {
+    [[ -z $awaiting && ($current == "$runs" || $rollback == "$runs") ]]
+}
+
 # runs_trial_out DIR: on a copy, a trial that nobody confirms. The boot loader goes back to the other slot, unless that one
 # was written since and never activated, or is half a slot. Whichever runs then is whole and ready, and nothing is lost.
 runs_trial_out() {
-    local left tried=$slot held kept=$current,$rollback firmware
+    local left tried=$slot held before_current=$current before_rollback=$rollback firmware
     left=$(starts_left) firmware=$(told microcontroller)
     held=$(release_in "$1" "$(tr ab ba <<<"$slot")") || held=none
     while ((left-- > 0)); do
@@ -367,7 +390,9 @@ runs_trial_out() {
     fi
     must "init fails after the trial" on_device "$1" init || return 1
     look_at "$1" || return 1
-    [[ $current,$rollback == "$kept" ]] || wrong "after the trial the packages are $current,$rollback, and were $kept"
+    is_told "after the trial" "the packages" "$current,$rollback" \
+        "$(packages_that_follow "$tried" "$before_current" "$before_rollback")"
+    ! has_package_of_what_runs || firmware=$(number_of "$runs" microcontroller)
     is_told "after the trial" "the microcontroller" "$(told microcontroller)" "$firmware"
     check_versions "$1" "after the trial"
 }
@@ -428,6 +453,9 @@ check() {
     check_file_systems
     check_last_run
     check_whole_json note
+    look_at "$state"
+    check_written_slot
+    "$discards" || check_awaiting_package
     "$skip_init" || must "init fails" on_device "$state" init || return 0
     check_whole_json wrong
     must "the history cannot be read" on_device "$state" history --json || true

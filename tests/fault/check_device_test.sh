@@ -242,17 +242,20 @@ all_holds runs_second nothing --quick --keeps-way-back
 all_holds installed_second empty_version_record --quick
 all_holds trial_second damaged_running_slot --quick --keeps-way-back
 all_holds installed_second told_as_failure --quick
+# What init puts right.
+all_holds runs_second application_of_first --quick
+all_holds runs_second erased_microcontroller --quick
 
 # The microcontroller and the boot loader.
 is_wrong "the microcontroller holds no application" installed_second erased_microcontroller --quick
 is_wrong "runs version 8, and holds no release" installed_second foreign_application --quick
 is_wrong "runs version 8, and holds no release" installed_second foreign_application_after_failure --quick
 is_wrong "the microcontroller holds first, but the last run .* was of second" installed_second application_of_first --quick
-is_wrong "the microcontroller holds first, but the last run .* was of second" runs_second application_of_first --quick
 is_wrong "the boot loader's partition holds no release" runs_second no_boot_loader --quick
 
 # The packages.
 is_wrong "awaits its activation after upgrade_success, but rollback.pkg is none" installed_second no_rollback_package --quick
+all_holds installed_second no_rollback_package --quick --discards
 is_wrong "awaits its activation after upgrade_success, but rollback.pkg is first" installed_second twice_the_same_package --quick
 is_wrong "rollback.pkg is none of the packages" installed_second cut_rollback_package --quick
 is_wrong "there is nothing to roll back to" runs_second no_rollback_package --quick --keeps-way-back

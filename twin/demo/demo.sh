@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The main job from end to end, on an emulated device: a signed package is installed, started on trial and confirmed; a
-# run is cut off by a microcontroller that loses power, and repeated; a slot that nobody confirms is left again; the
-# device is rolled back. What it then holds is compared with what the packages were made from; any difference ends the
+# run is cut off by a microcontroller that loses power, and repeated; a slot that nobody confirms is left again, and what
+# it left behind is put right; the device is rolled back. What it then holds is compared with what the packages were made from; any difference ends the
 # demo with an error.
 #
 #   demo.sh [--plain] [--brief] BUILD_DIR [WORK_DIR]
@@ -254,16 +254,52 @@ never_confirm_third() {
     remember "started once more"
 }
 
+put_right() {
+    say "the microcontroller and the packages follow the software that runs"
+    expect "microcontroller" "$(shown microcontroller)" 9
+    on_device init
+    expect_content mcu "$second"
+    expect_package current.pkg "$second"
+    expect_package rollback.pkg "$third"
+    expect_slots b b none
+    remember "put right by init"
+}
+
+third_is_not_gone_back_to() {
+    say "there is no way back to a release that failed its trial"
+    local status=0
+    printf '$ upgradectl rollback\n'
+    run_on_device -- "$upgradectl" rollback || status=$?
+    look
+    expect "exit code" "$status" 3
+    expect_slots b b none
+    expect_package rollback.pkg "$third"
+}
+
+install_third_by_force() {
+    say "installing $third once more, which takes --force"
+    on_device install --force "$work/$third.pkg"
+    expect_content a "$third"
+    expect "microcontroller" "$(shown microcontroller)" 9
+    remember "installed $third by force"
+}
+
+confirm_third() {
+    on_device confirm
+    expect_slots a a none
+    expect "versions" "$(shown versions)" "$third"
+    remember "confirmed $third"
+}
+
 roll_back() {
     say "rolling back to $second"
-    on_device init
     on_device rollback
-    expect_content a "$second"
     expect_content b "$second"
     expect_content mcu "$second"
+    expect_content a "$third"
     expect "last run" "$(shown 'last run')" rollback_success
     expect "to be activated" "$(shown 'to be activated')" no
-    expect_slots b a "start 0 of $start_limit"
+    expect_slots a b "start 0 of $start_limit"
     expect_package current.pkg "$second"
     expect_package rollback.pkg none
     remember "rolled back to $second"
@@ -273,7 +309,7 @@ check_second_runs() {
     on_device confirm
     on_device status
     twin show "$device" --digests
-    expect_slots a a none
+    expect_slots b b none
     expect "versions" "$(shown versions)" "$second"
     expect "version record" "$(shown 'version record')" "$second"
     expect "microcontroller" "$(shown microcontroller)" 8
@@ -313,6 +349,12 @@ install_third
 start_anew
 activate "$third" "$second" b a
 never_confirm_third
+put_right
+third_is_not_gone_back_to
+install_third_by_force
+activate "$third" "$second" b a
+start_anew
+confirm_third
 roll_back
 start_anew
 check_second_runs
