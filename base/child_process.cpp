@@ -7,7 +7,11 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <iterator>
+#include <string_view>
+#include <vector>
 
 namespace kavro {
 namespace {
@@ -57,12 +61,14 @@ class SpawnFiles {
     SpawnFiles(const SpawnFiles&) = delete;
     SpawnFiles& operator=(const SpawnFiles&) = delete;
 
-    // The script first: its descriptor may be one that the others take.
-    bool setUp(int script) {
+    // The output before the script, which may take its descriptor. None of ours is one of the first three.
+    bool setUp(int script, int output) {
         return valid &&
+               posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0) == 0 &&
+               posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO) == 0 &&
+               posix_spawn_file_actions_adddup2(&actions, output, STDERR_FILENO) == 0 &&
                (script < 0 ||
-                posix_spawn_file_actions_adddup2(&actions, script, ChildProcess::kScriptDescriptor) == 0) &&
-               posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0) == 0;
+                posix_spawn_file_actions_adddup2(&actions, script, ChildProcess::kScriptDescriptor) == 0);
     }
     const posix_spawn_file_actions_t* get() const { return &actions; }
 
@@ -70,6 +76,44 @@ class SpawnFiles {
     posix_spawn_file_actions_t actions;
     bool valid;
 };
+
+// What others may have put there for programs of their own, and what in a command of ours would mean something else.
+constexpr std::string_view kWithheldVariables[] = {"TAR_OPTIONS",
+                                                   "TAPE",
+                                                   "OPENSSL_CONF",
+                                                   "OPENSSL_CONF_INCLUDE",
+                                                   "OPENSSL_MODULES",
+                                                   "OPENSSL_ENGINES",
+                                                   "IFS",
+                                                   "ENV",
+                                                   "BASH_ENV",
+                                                   "SHELLOPTS",
+                                                   "BASHOPTS",
+                                                   "CDPATH",
+                                                   "GLOBIGNORE",
+                                                   "POSIXLY_CORRECT",
+                                                   "VERSION_CONTROL",
+                                                   "SIMPLE_BACKUP_SUFFIX"};
+constexpr std::string_view kShellFunction = "BASH_FUNC_";
+
+bool isWithheld(std::string_view assignment) {
+    const std::string_view name = assignment.substr(0, assignment.find('='));
+    return name.substr(0, kShellFunction.size()) == kShellFunction ||
+           std::find(std::begin(kWithheldVariables), std::end(kWithheldVariables), name) !=
+               std::end(kWithheldVariables);
+}
+
+// Ends with a null pointer; the texts stay those of this process.
+std::vector<char*> environmentForChild() {
+    std::vector<char*> variables;
+    for (char** variable = environ; variable != nullptr && *variable != nullptr; ++variable) {
+        if (!isWithheld(*variable)) {
+            variables.push_back(*variable);
+        }
+    }
+    variables.push_back(nullptr);
+    return variables;
+}
 
 // What the child left behind becomes ours to reap where this process adopts orphans (as init does, or a
 // subreaper). Only members of the group that was made for the child are touched.
@@ -100,16 +144,17 @@ ChildProcess::~ChildProcess() {
     awaitGroupEnd(group);
 }
 
-bool ChildProcess::start(const char* path, const char* const arguments[], int script) {
+bool ChildProcess::start(const char* path, const char* const arguments[], int script, int output) {
     SpawnAttributes attributes;
     SpawnFiles files;
-    if (!attributes.setUp() || !files.setUp(script)) {
+    if (!attributes.setUp() || !files.setUp(script, output)) {
         return false;
     }
     pid_t started = 0;
+    std::vector<char*> environment = environmentForChild();
     // posix_spawn does not write through the argument array; its type is older than const.
     const int error = posix_spawn(&started, path, files.get(), attributes.get(),
-                                  const_cast<char* const*>(arguments), environ);
+                                  const_cast<char* const*>(arguments), environment.data());
     if (error != 0) {
         errno = error;
         return false;

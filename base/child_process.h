@@ -16,9 +16,11 @@ class ChildProcess {
     // Kills a child that is not yet reaped, and its whole process group, and reaps it.
     ~ChildProcess();
 
-    // Starts the program at path: standard input from /dev/null, standard output and error as ours, no signal
-    // blocked or ignored. `script`, if not negative, becomes its descriptor kScriptDescriptor.
-    bool start(const char* path, const char* const arguments[], int script);
+    // Starts the program at path: standard input from /dev/null, standard output and error to `output`, no signal
+    // blocked or ignored. `script`, if not negative, becomes its descriptor kScriptDescriptor. Of our environment it
+    // gets all but what would change what common programs do: the options of tar, the configuration of OpenSSL, files
+    // that a shell reads.
+    bool start(const char* path, const char* const arguments[], int script, int output);
 
     // Waits for the end and reaps the child. A cancel of the thread may act while it waits. Returns whether
     // the child ended by itself with status 0; false too when the process ignores SIGCHLD, since the status

@@ -4,6 +4,7 @@
 // CancelHold that was declared before it.
 #pragma once
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <utility>
@@ -12,7 +13,14 @@ namespace kavro {
 
 class FileDescriptor {
   public:
-    explicit FileDescriptor(int descriptor = -1) : fd(descriptor) {}
+    // Takes it over, close-on-exec. Never one of the first three: in a program that has closed its standard output, say, what it
+    // prints would end in this file.
+    explicit FileDescriptor(int descriptor = -1) : fd(descriptor) {
+        if (descriptor >= STDIN_FILENO && descriptor <= STDERR_FILENO) {
+            fd = ::fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+            (void)::close(descriptor);
+        }
+    }
     FileDescriptor(FileDescriptor&& other) noexcept : fd(std::exchange(other.fd, -1)) {}
     FileDescriptor& operator=(FileDescriptor&& other) noexcept {
         std::swap(fd, other.fd);

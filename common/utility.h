@@ -42,7 +42,9 @@ struct UpgradePartsLimit {
 };
 
 // Runs a shell command line (printf-style, of any length) with /bin/sh and waits for it. The command has no
-// standard input, runs in a process group of its own and inherits standard output and error.
+// standard input and runs in a process group of its own; the first 16 KiB of what it prints are logged at level 3, a line each,
+// when it has ended. It gets the environment, PATH included, without the variables that would change what it does, such as
+// TAR_OPTIONS, OPENSSL_CONF or ENV.
 // Returns 0 when it exited with status 0; a negative value when it could not be started, exited with another
 // status or died by a signal. A cancel takes effect while the command runs: the command and what it started
 // are killed, and it is reaped.

@@ -1,5 +1,7 @@
 #include "package/internal/archive.h"
 
+#include <unistd.h>
+
 #include "base/child_process.h"
 #include "base/failure.h"
 #include "common/cancellation.h"
@@ -8,12 +10,12 @@ namespace kavro::package {
 
 namespace {
 
-// Called with the archive, the directory, the time and the names. Owners, modes and times differ from machine to machine,
-// and TAR_OPTIONS could change anything. Two names of one file would give a link entry, which no device flashes. The archive
+// Called with the archive, the directory, the time and the names. Owners, modes and times differ from machine to machine.
+// Two names of one file would give a link entry, which no device flashes. The archive
 // goes through standard output, since tar takes a file name with a colon for another host's.
 constexpr const char* kScript =
     "out=$1 mtime=$3; cd \"$2\" && shift 3 && "
-    "TAR_OPTIONS= LC_ALL=C tar --create --file=- --format=gnu --dereference --hard-dereference "
+    "LC_ALL=C tar --create --file=- --format=gnu --dereference --hard-dereference "
     "--owner=0 --group=0 --numeric-owner --mode=0644 --mtime=\"@$mtime\" -- \"$@\" >\"$out\"";
 
 }  // namespace
@@ -29,7 +31,7 @@ void writeArchive(const std::filesystem::path& output, const std::filesystem::pa
     }
     words.push_back(nullptr);
     ChildProcess shell;
-    if (!shell.start("/bin/sh", words.data(), -1) || !shell.succeeds(hold)) {
+    if (!shell.start("/bin/sh", words.data(), -1, STDERR_FILENO) || !shell.succeeds(hold)) {
         throw Failure(ErrorCode::kOther, "tar could not write the archive to '" + output.string() + "'",
                       "see its message above; check that GNU tar is installed and that there is room");
     }

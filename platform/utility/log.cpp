@@ -15,6 +15,7 @@
 #include "common/cancellation.h"
 #include "common/utility.h"
 #include "platform/config/platform_config.h"
+#include "platform/utility/device_log.h"
 #include "platform/utility/format_text.h"
 #include "platform/utility/log_file.h"
 
@@ -88,7 +89,10 @@ std::string asOneLine(const LevelRow& level, std::string_view text) {
     return line += '\n';
 }
 
-void logText(const LevelRow& level, std::string_view text) {
+}  // namespace
+
+void kavro::writeLog(int number, std::string_view text) {
+    const LevelRow& level = levelRow(number);
     // Never destroyed: objects of other libraries still log in their destructors at the end of the process.
     static Targets& targets = *new Targets(readTargets());
     static std::mutex mutex;  // a long line takes more than one write, or piece
@@ -103,8 +107,6 @@ void logText(const LevelRow& level, std::string_view text) {
     targets.file.append(line);
 }
 
-}  // namespace
-
 void printLog(int level, const char* format, ...) {
     const COMMON_YR::CancelHold hold;
     const int keptErrno = errno;
@@ -113,9 +115,9 @@ void printLog(int level, const char* format, ...) {
     const kavro::FormattedText formatted = kavro::formatText(format, arguments);
     va_end(arguments);
     if (formatted.text != nullptr) {
-        logText(levelRow(level), withoutLineEnd(formatted.view()));
+        kavro::writeLog(level, withoutLineEnd(formatted.view()));
     } else if (format != nullptr) {
-        logText(levelRow(level), withoutLineEnd(format));  // better the format than nothing
+        kavro::writeLog(level, withoutLineEnd(format));  // better the format than nothing
     }
     errno = keptErrno;
 }

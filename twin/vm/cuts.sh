@@ -156,17 +156,14 @@ ask() {
     answer=$(machine_run "$@") || faults+=("'$*' fails: $(tail -n 1 <<<"$answer")")
 }
 
-# check_microcontroller RUN: only a run that has not told of its success may leave it as it was, or without an application.
+# check_microcontroller RUN: init brings it to the release that runs, unless a package awaits its activation.
 check_microcontroller() {
-    local allowed last_run
-    answer=$(machine_run upgradectl status --json) || true  # which fails where somebody must act
-    last_run=$(jq -r .last_run <<<"$answer") || last_run=unreadable
-    case $1:$last_run in
-    install:upgrade_success | rollback:rollback_success) allowed=${mcu_after[$1]} ;;
-    install:*_failure | rollback:*_failure) allowed="${mcu_before[$1]} ${mcu_after[$1]} null" ;;
-    *) allowed=${mcu_before[$1]} ;;
-    esac
-    [[ " ${put:-$allowed} " == *" $mcu "* ]] || faults+=("the microcontroller runs $mcu, the last run was: $last_run")
+    local wanted state
+    wanted=$(cut -d. -f3 <<<"$release")
+    answer=$(machine_run "upgradectl status --json 2>/dev/null") || true  # which fails where somebody must act
+    state=$(jq -r .state <<<"$answer") || state=unreadable
+    [[ $state != installed ]] || wanted=${put:-${mcu_after[$1]-${mcu_before[$1]}}}
+    [[ $mcu == "$wanted" ]] || faults+=("the microcontroller runs $mcu, $release runs, the state is: $state")
 }
 
 # come_back RUN: the power is there again. Each of these must be so; what is not is in `faults`.

@@ -61,10 +61,15 @@ expect_next() {
     expect "on trial" "$(asked fw_printenv -n upgrade_available)" "$2"
 }
 
+# device_status: as JSON; that somebody must act, which is told on standard error, is no failure here.
+device_status() {
+    asked "upgradectl status --json 2>/dev/null"
+}
+
 # expect_status STATE LAST_RUN
 expect_status() {
     local status
-    status=$(asked upgradectl status --json)
+    status=$(device_status)
     expect "state" "$(jq -r .state <<<"$status")" "$1"
     expect "last run" "$(jq -r .last_run <<<"$status")" "$2"
 }
@@ -74,7 +79,7 @@ remember() {
     summary+=("$(printf '%-22s %-11s %-5s %-5s %-6s %-4s %-17s %5d s' "$1" "$(asked cat /etc/kavro-release)" \
         "$(word_of_command_line boot_slot)" "$(asked fw_printenv -n boot_slot)" \
         "$(asked fw_printenv -n upgrade_available)" "$(asked upgradectl versions --json | jq .microcontroller)" \
-        "$(asked upgradectl status --json | jq -r .last_run)" "$SECONDS")")
+        "$(device_status | jq -r .last_run)" "$SECONDS")")
 }
 
 # --- the steps ------------------------------------------------------------------------------------------------------

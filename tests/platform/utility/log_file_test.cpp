@@ -58,6 +58,26 @@ TEST(LogFile, holds_each_line_with_time_and_level) {
     EXPECT_TRUE(endsWith(lines[1], " [info] went on")) << lines[1];
 }
 
+TEST(LogFile, holds_what_a_command_prints) {
+    configure(kLog, 100000);
+    EXPECT_EQ(COMMON_YR::runSystem("printf 'one\\ntwo\\n'; echo three >&2"), 0);
+    EXPECT_LT(COMMON_YR::runSystem("cat %s", "/nowhere"), 0);
+    const auto lines = linesOf(kLog);
+    ASSERT_EQ(lines.size(), 4U);
+    EXPECT_TRUE(endsWith(lines[0], " [info] printf: one")) << lines[0];
+    EXPECT_TRUE(endsWith(lines[2], " [info] printf: three")) << lines[2];
+    EXPECT_TRUE(endsWith(lines[3], " [info] cat: cat: /nowhere: No such file or directory")) << lines[3];
+}
+
+TEST(LogFile, holds_the_beginning_of_what_a_command_prints_without_end) {
+    configure(kLog, 10000000);
+    EXPECT_EQ(COMMON_YR::runSystem("seq 100000"), 0);
+    const auto lines = linesOf(kLog);
+    ASSERT_GT(lines.size(), 100U);
+    EXPECT_LT(lines.size(), 10000U);
+    EXPECT_TRUE(endsWith(lines[99], " seq: 100")) << lines[99];
+}
+
 TEST(LogFile, is_appended_to_what_is_there) {
     configure(kLog, 100000);
     spill(kLog, "of the run before\n");

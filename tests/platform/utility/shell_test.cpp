@@ -72,6 +72,58 @@ TEST_F(RunSystem, standard_input_is_empty) {
     EXPECT_EQ(outputOf("cat; readlink /proc/self/fd/0"), "/dev/null\n");
 }
 
+TEST_F(RunSystem, variables_that_change_what_a_command_does_are_withheld) {
+    const char* const withheld[] = {"TAR_OPTIONS", "OPENSSL_CONF", "IFS",
+                                    "ENV",         "BASH_ENV",     "BASH_FUNC_tar%%"};
+    for (const char* name : withheld) {
+        ASSERT_EQ(setenv(name, "/tmp/of_another", 1), 0);
+    }
+    ASSERT_EQ(setenv("KAVRO_OF_THE_APPLICATION", "/tmp/its own", 1), 0);
+    const std::string environment = outputOf("/usr/bin/env");
+    for (const char* name : withheld) {
+        EXPECT_EQ(environment.find(std::string(name) + "=/tmp/of_another"), std::string::npos) << name;
+        ASSERT_EQ(unsetenv(name), 0);
+    }
+    EXPECT_NE(environment.find("KAVRO_OF_THE_APPLICATION=/tmp/its own\n"), std::string::npos) << environment;
+    EXPECT_NE(environment.find("PATH="), std::string::npos);
+}
+
+TEST_F(RunSystem, options_for_tar_in_the_environment_change_nothing) {
+    spill(directory / "kept", "text");
+    ASSERT_EQ(setenv("TAR_OPTIONS", "--remove-files", 1), 0);
+    EXPECT_EQ(runSystem("tar -cf %s -C %s kept", (directory / "archive").c_str(), (directory / "").c_str()),
+              0);
+    ASSERT_EQ(unsetenv("TAR_OPTIONS"), 0);
+    EXPECT_EQ(slurp(directory / "kept"), "text");
+}
+
+// The program's standard descriptors are closed, as those of some services are: nothing of ours may take their place.
+TEST_F(RunSystem, closed_standard_descriptors_make_no_difference) {
+    for (const std::string& filler : {std::string(), std::string(200000, 'w')}) {
+        const std::string file = directory / ("output" + std::to_string(filler.size()));
+        EXPECT_TRUE(kavro_test::trueInChild([&] {
+            close(STDIN_FILENO);
+            close(STDOUT_FILENO);
+            close(STDERR_FILENO);
+            const bool ran =
+                runSystem("{ echo out; echo err >&2; } >%s 2>&1; : %s", file.c_str(), filler.c_str()) == 0;
+            return ran && runSystem("echo out; echo err >&2; : %s", filler.c_str()) == 0 &&
+                   runSystem("cat; exit 1; : %s", filler.c_str()) < 0;
+        }));
+        EXPECT_EQ(slurp(file), "out\nerr\n");
+    }
+}
+
+TEST_F(RunSystem, what_a_command_prints_does_not_reach_the_program_s_output) {
+    const std::string file = directory / "of the program";
+    EXPECT_TRUE(kavro_test::trueInChild([&] {
+        const int output = open(file.c_str(), O_WRONLY | O_CREAT, 0600);
+        return dup2(output, STDOUT_FILENO) >= 0 && dup2(output, STDERR_FILENO) >= 0 &&
+               runSystem("echo out; echo err >&2") == 0;
+    }));
+    EXPECT_EQ(slurp(file), "");
+}
+
 TEST_F(RunSystem, command_has_a_process_group_of_its_own) {
     const std::string group = outputOf("ps -o pgid= -p $$ 2>/dev/null || cut -d' ' -f5 /proc/$$/stat");
     EXPECT_NE(std::stoi(group), getpgrp());
