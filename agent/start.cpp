@@ -221,7 +221,29 @@ std::string completeDiscard() {
     return "the installed package was about to be discarded; nothing awaits activation any more";
 }
 
+// A record that an activation has used up repeats what the boot environment says, and would count again after a fallback.
+// Without the marker none awaits its activation.
+void dropUsedRecord() {
+    std::string ignored;  // the next start tries again
+    if (!exists(kMarker)) {
+        (void)askBoardToDropWrittenSlot(ignored);
+    }
+}
+
 }  // namespace
+
+void settle(std::vector<std::string>& done) {
+    const COMMON_YR::CancelHold hold;
+    const auto add = [&done](std::string sentence) {
+        if (!sentence.empty()) {
+            done.push_back(std::move(sentence));
+        }
+    };
+    add(completeDiscard());
+    add(mayBeTorn() ? completeActivation() : std::string());
+    dropUsedRecord();
+    add(followFallback());
+}
 
 std::string completeTornActivation() {
     const COMMON_YR::CancelHold hold;
@@ -232,14 +254,10 @@ Result<std::vector<std::string>> completeStart() {
     const COMMON_YR::CancelHold hold;
     return resultOf([] {
         std::vector<std::string> done;
-        const auto add = [&done](std::string sentence) {
-            if (!sentence.empty()) {
-                done.push_back(std::move(sentence));
-            }
-        };
-        add(completeDiscard());
-        add(mayBeTorn() ? completeActivation() : followFallback());
-        add(bringMicrocontrollerBack());
+        settle(done);
+        if (std::string repaired = bringMicrocontrollerBack(); !repaired.empty()) {
+            done.push_back(std::move(repaired));
+        }
         return done;
     });
 }

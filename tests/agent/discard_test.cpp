@@ -34,7 +34,7 @@ class Discard : public testsupport::DeviceTest {
         startFrom("a", running);
         running.writeTo(UpgradeProc::currentPkg);
         installed.writeTo(UpgradeProc::rollbackPkg);
-        recordWrittenSlot("b");
+        recordWrittenSlot("b", installed);
         writeFile(kMarker, "");
         ASSERT_TRUE(mcu.format(kInstalled));
         ASSERT_TRUE(mcu.start());

@@ -120,7 +120,7 @@ TEST_F(Repair, is_not_made_on_a_board_that_does_not_want_it) {
 
 TEST_F(Repair, is_not_made_while_an_installed_package_awaits_its_activation) {
     writeFile(kMarker, "");
-    recordWrittenSlot("b");
+    recordWrittenSlot("b", failed);
     running.writeTo(UpgradeProc::currentPkg);
     failed.writeTo(UpgradeProc::rollbackPkg);
     (void)kavro::agent::completeStart();

@@ -37,12 +37,15 @@ inline void startFrom(const std::string& slot, const testsupport::TestPackage& p
     setBootEnvironment(script);
 }
 
-// The slot was written, and awaits its activation.
-inline void recordWrittenSlot(const std::string& slot) {
-    const std::string part = R"({ "bytes": 1, "sha256": ")" + sha256Of("x") + "\" }";
-    testsupport::writeFile("/config/written_slot.json", R"({ "slot": ")" + slot + R"(", "kernel": )" + part +
-                                                            R"(, "dtb": )" + part + R"(, "rootfs": )" + part +
-                                                            " }");
+// The slot was written from the package, and awaits its activation.
+inline void recordWrittenSlot(const std::string& slot, const testsupport::TestPackage& package) {
+    std::string record = R"({ "slot": ")" + slot + "\"";
+    for (const auto& [component, part] : kSlotParts) {
+        const std::string bytes = package.files().at(component);
+        record += ", \"" + part + R"(": { "bytes": )" + std::to_string(bytes.size()) + R"(, "sha256": ")" +
+                  sha256Of(bytes) + "\" }";
+    }
+    testsupport::writeFile("/config/written_slot.json", record + " }");
 }
 
 // The versions in a package's trailer, which tell one package from another; "none" without a file.

@@ -142,6 +142,17 @@ TEST_F(TornActivation, whose_packages_are_in_their_places_is_on_storage_before_t
     EXPECT_FALSE(exists(kMarker));
 }
 
+// It repeats the environment while its slot starts, and would count again after a fallback.
+TEST_F(TornActivation, leaves_no_record_of_the_written_slot) {
+    startFrom("b", after);
+    before.writeTo(kCurrent);
+    after.writeTo(kRollback);
+    recordWrittenSlot("b", after);
+    EXPECT_NE(done(), "");
+    EXPECT_FALSE(exists(kWrittenSlot));
+    expectExchanged();
+}
+
 TEST_F(TornActivation, is_completed_once) {
     startFrom("b", after);
     before.writeTo(kCurrent);
@@ -186,7 +197,7 @@ TEST_F(TornActivation, a_package_that_awaits_its_activation_is_left_alone) {
     startFrom("a", before);
     before.writeTo(kCurrent);
     after.writeTo(kRollback);
-    recordWrittenSlot("b");
+    recordWrittenSlot("b", after);
     EXPECT_EQ(done(), "");
     EXPECT_EQ(versionsOf(kCurrent), kBefore);
     EXPECT_TRUE(exists(kMarker));
@@ -236,6 +247,13 @@ TEST_F(Fallback, whose_packages_were_cut_off_between_their_renames_is_completed)
         std::filesystem::rename(kRollback, kAside);
         std::filesystem::rename(kCurrent, kRollback);
     }
+}
+
+TEST_F(Fallback, is_found_beside_a_record_that_its_activation_has_left) {
+    recordWrittenSlot("b", after);
+    EXPECT_NE(done().find("gone back from V01.105.008.003"), std::string::npos);
+    EXPECT_FALSE(exists(kWrittenSlot));
+    EXPECT_EQ(versionsOf(kCurrent), kBefore);
 }
 
 TEST_F(Fallback, of_the_first_package_of_a_device_leaves_no_package_of_what_runs) {
