@@ -82,6 +82,10 @@ int NodePublisher::open(const std::string& address) {
     if (result == 0) {
         result = nng_socket_set_int(socket, NNG_OPT_SENDBUF, kQueuedMessages);
     }
+    // Nobody has anything to say to a publisher. Without a limit a peer could have it take memory for a message of any length.
+    if (result == 0) {
+        result = nng_socket_set_size(socket, NNG_OPT_RECVMAXSZ, kVelMsgBytes);
+    }
     // ADD_PRE and not ADD_POST: only that one has its REM_POST in every case.
     for (const nng_pipe_ev event : {NNG_PIPE_EV_ADD_PRE, NNG_PIPE_EV_REM_POST}) {
         if (result == 0) {

@@ -5,6 +5,8 @@
 #include <system_error>
 #include <thread>
 
+#include "common/message_node.h"
+
 namespace kavro {
 
 namespace {
@@ -39,6 +41,9 @@ int NodeSubscriber::dial(const std::string& address) {
     int result = nng_sub0_open(&socket);
     if (result == 0) {
         result = nng_socket_set(socket, NNG_OPT_SUB_SUBSCRIBE, "", 0);
+    }
+    if (result == 0) {
+        result = nng_socket_set_size(socket, NNG_OPT_RECVMAXSZ, kVelMsgBytes);
     }
     if (result == 0) {
         result = nng_socket_set_ms(socket, NNG_OPT_RECONNMINT, kFirstRedialMs);

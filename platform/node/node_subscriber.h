@@ -15,7 +15,7 @@ struct NodeMessage {
 };
 
 // Subscribes to everything that is published on an address. While nobody listens there, and when a publisher has
-// ended, it dials again and again. For one thread at a time; it is not a cancellation point where the caller
+// ended, it dials again and again. A publisher that sends a message longer than kVelMsgBytes is left for a new dial. For one thread at a time; it is not a cancellation point where the caller
 // holds cancellation off.
 class NodeSubscriber {
   public:

@@ -2,6 +2,7 @@
 #include "platform/node/node_subscriber.h"
 
 #include <gtest/gtest.h>
+#include <nng/protocol/pubsub0/pub.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,6 +15,7 @@ namespace {
 
 constexpr const char* kAddress = "ipc:///tmp/kavro-node.ipc";
 constexpr int kLongWaitMs = 60000;
+constexpr int kShortWaitMs = 50;
 
 // Another process that publishes without a pause. As on a device, it is not the one that listens: the sockets of a process
 // end one after the other.
@@ -52,6 +54,26 @@ TEST(NodeSubscriber, ends_while_messages_come_in) {
         ASSERT_NE(subscriber, nullptr) << error;
         ASSERT_TRUE(subscriber->receive(kLongWaitMs));
     }
+}
+
+// Any program may listen where no device does.
+TEST(NodeSubscriber, takes_no_message_that_is_longer_than_a_node_s) {
+    nng_socket publisher{};
+    ASSERT_EQ(nng_pub0_open(&publisher), 0);
+    ASSERT_EQ(nng_listen(publisher, kAddress, nullptr, 0), 0);
+    std::string error;
+    const auto subscriber = kavro::NodeSubscriber::open(kAddress, error);
+    ASSERT_NE(subscriber, nullptr) << error;
+    std::string shortest(kVelMsgBytes, 'm');
+    std::string longer(kVelMsgBytes + 1, 'l');
+    std::optional<kavro::NodeMessage> received;
+    for (int i = 0; i < 100 && !received; ++i) {  // until they are connected
+        EXPECT_EQ(nng_send(publisher, longer.data(), longer.size(), 0), 0);
+        EXPECT_EQ(nng_send(publisher, shortest.data(), shortest.size(), 0), 0);
+        received = subscriber->receive(kShortWaitMs);
+        EXPECT_NE(received ? received->bytes : "", longer);
+    }
+    nng_close(publisher);
 }
 
 TEST(NodeSubscriber, says_what_is_wrong_with_an_address) {

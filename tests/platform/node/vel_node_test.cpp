@@ -235,6 +235,48 @@ TEST(VelNode, address_of_a_living_publisher_gives_no_second_node) {
     velDestroyNode(&node);
 }
 
+// The peer's side of the connection, without nng: the handshake of a subscriber, then a message of its own.
+class RawPeer {
+  public:
+    RawPeer() : fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        kSocketPath.copy(address.sun_path, sizeof address.sun_path - 1);
+        EXPECT_EQ(connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        send(std::string("\0SP\0\0\x21\0\0", 8));
+        std::array<char, 8> answer{};
+        EXPECT_EQ(recv(fd, answer.data(), answer.size(), MSG_WAITALL), 8);
+    }
+    ~RawPeer() { close(fd); }
+    RawPeer(const RawPeer&) = delete;
+    RawPeer& operator=(const RawPeer&) = delete;
+
+    void send(const std::string& bytes) const {
+        EXPECT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    }
+
+    // Whether the other side hangs up, which it is given some seconds for.
+    [[nodiscard]] bool isHungUpOn() const {
+        pollfd poller = {fd, POLLIN, 0};
+        char byte = 0;
+        return poll(&poller, 1, kReceiveMs) == 1 && read(fd, &byte, 1) <= 0;
+    }
+
+  private:
+    const int fd;
+};
+
+TEST(VelNode, peer_that_announces_a_long_message_is_hung_up_on) {
+    void* node = openNode();
+    ASSERT_NE(node, nullptr);
+    const RawPeer peer;
+    peer.send(std::string("\x01\0\0\0\0\x31\0\0\0", 9));  // of 784 MiB
+    EXPECT_TRUE(peer.isHungUpOn());
+    Subscriber subscriber;
+    EXPECT_EQ(publishUntilReceived(node, subscriber, messageOf(3)), textOf(messageOf(3)));
+    velDestroyNode(&node);
+}
+
 TEST(VelNode, socket_file_of_a_killed_process_does_not_stop_the_next_one) {
     std::array<int, 2> ready{};
     ASSERT_EQ(pipe2(ready.data(), O_CLOEXEC), 0);
