@@ -74,8 +74,9 @@ expect_old_slot() {
     summary+=("$(printf '%-14s %6d %6d s  %s' "$1" "$starts" "$took" "$said")")
 }
 
+# install_and_activate VERSION [OPTION...]
 install_and_activate() {
-    on_device upgradectl install --plain "/media/$1.pkg"
+    on_device upgradectl install --plain "${@:2}" "/media/$1.pkg"
     on_device upgradectl activate
 }
 
@@ -118,7 +119,7 @@ try_damaged_later() {
     spoil_slot_b
     restart_and_time
     expect_old_slot damaged-later 1 "$unexpected"
-    install_and_activate "$good"
+    install_and_activate "$good" --force  # the device has fallen back from it
     restart_and_time
     expect "release after another installation" "$(machine_run cat /etc/kavro-release)" "$good"
     machine_cut
