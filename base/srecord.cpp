@@ -41,57 +41,6 @@ constexpr std::array<RecordType, 10> kRecordTypes = {{
     {RecordKind::kEnd, 2},
 }};
 
-// Hands out the lines of a file, reading it block by block.
-class LineReader {
-  public:
-    enum class Result { kLine, kEndOfFile, kTooLong, kReadError };
-
-    [[nodiscard]] bool open(const std::string& path) { return file.open(path, O_RDONLY | O_NONBLOCK); }
-    [[nodiscard]] bool isRegular() const { return file.size() >= 0; }
-
-    // The next line without its line end. kTooLong when no record is that long.
-    Result next(std::string& line) {
-        line.clear();
-        for (;;) {
-            if (position == filled && !fill()) {
-                return failed ? Result::kReadError : (line.empty() ? Result::kEndOfFile : finish(line));
-            }
-            const char character = block[position++];
-            if (character == '\n') {
-                return finish(line);
-            }
-            if (line.size() > kMaxLineChars) {
-                return Result::kTooLong;
-            }
-            line.push_back(character);
-        }
-    }
-
-  private:
-    static Result finish(std::string& line) {
-        if (!line.empty() && line.back() == '\r') {
-            line.pop_back();
-        }
-        return line.size() > kMaxLineChars ? Result::kTooLong : Result::kLine;
-    }
-
-    bool fill() {
-        const long count = file.readAt(block.data(), block.size(), offset);
-        failed = count < 0;
-        position = 0;
-        filled = count > 0 ? static_cast<std::size_t>(count) : 0;
-        offset += static_cast<long long>(filled);
-        return filled > 0;
-    }
-
-    RawFile file;
-    std::vector<char> block = std::vector<char>(kReadBlockBytes);
-    std::size_t position = 0;
-    std::size_t filled = 0;
-    long long offset = 0;
-    bool failed = false;
-};
-
 // Converts the digits from the third character of a line on. The line's length must be even.
 bool decodeHex(const std::string& line, std::vector<std::uint8_t>& bytes) {
     bytes.clear();
@@ -121,54 +70,105 @@ struct Piece {
     std::uint32_t size;
 };
 
-class Parser {
+}  // namespace
+
+std::string hexAddress(std::uint64_t address) {
+    std::array<char, 20> text{};
+    std::snprintf(text.data(), text.size(), "0x%08llX", static_cast<unsigned long long>(address));
+    return text.data();
+}
+
+std::string outsideOf(const AddressRange& range, std::uint32_t address, std::uint64_t end) {
+    if (address >= range.start && end <= range.end()) {
+        return {};
+    }
+    return "data at " + hexAddress(address) + ".." + hexAddress(end - 1) + " is outside of " +
+           hexAddress(range.start) + ".." + hexAddress(range.end() - 1);
+}
+
+class SRecordReader::Impl {
   public:
-    Parser(const AddressRange& allowed, std::size_t limit)
+    Impl(const AddressRange& allowed, std::size_t limit)
         : range(allowed),
           dataLimit(std::min<std::size_t>(limit, std::numeric_limits<std::uint32_t>::max())) {}
 
-    // Takes the next line. False with a reason when the file is refused.
-    bool takeLine(const std::string& line, std::string& reason) {
-        ++lineNumber;
-        if (line.empty()) {
-            return true;
+    void take(const char* characters, std::size_t size) {
+        for (std::size_t index = 0; index < size && !failed(); ++index) {
+            if (characters[index] == '\n') {
+                endLine();
+            } else if (line.size() > kMaxLineChars) {
+                refuseLongLine();
+            } else {
+                line.push_back(characters[index]);
+            }
         }
-        Record record;
-        reason = decode(line, record);
-        if (reason.empty()) {
-            reason = accept(record);
-        }
-        return reason.empty();
     }
 
-    // Ends the file. lineNumber is that of the line to blame.
-    bool finish(SRecordFile& result, std::string& reason) {
+    [[nodiscard]] bool failed() const { return !reason.empty(); }
+
+    std::optional<SRecordFile> finish(std::string& error) {
+        if (!failed() && !line.empty()) {
+            endLine();
+        }
+        SRecordFile file;
+        if (!failed()) {
+            end(file);
+        }
+        if (failed()) {
+            error = "line " + std::to_string(lineNumber) + ": " + reason;
+            return std::nullopt;
+        }
+        return file;
+    }
+
+  private:
+    void endLine() {
+        if (!line.empty() && line.back() == '\r') {
+            line.pop_back();
+        }
+        if (line.size() > kMaxLineChars) {
+            refuseLongLine();
+            return;
+        }
+        ++lineNumber;
+        if (!line.empty()) {
+            Record record;
+            reason = decode(record);
+            if (reason.empty()) {
+                reason = accept(record);
+            }
+            line.clear();
+        }
+    }
+
+    void refuseLongLine() {
+        ++lineNumber;
+        reason = "the line is longer than any record";
+    }
+
+    // lineNumber becomes that of the line to blame.
+    void end(SRecordFile& file) {
         if (!anyRecord) {
             reason = "holds no record";
-            return false;
+            return;
         }
         // Either one shows that the file is whole; some tools write no end record, others no count.
         if (!ended && !counted) {
             reason = "the end record is missing, and there is no count of records";
-            return false;
+            return;
         }
         std::stable_sort(pieces.begin(), pieces.end(),
                          [](const Piece& left, const Piece& right) { return left.address < right.address; });
         reason = findOverlap();
-        if (!reason.empty()) {
-            return false;
+        if (reason.empty()) {
+            join(file.segments);
+            file.header = header;
+            file.startAddress = startAddress;
         }
-        join(result.segments);
-        result.header = header;
-        result.startAddress = startAddress;
-        return true;
     }
 
-    std::uint32_t lineNumber = 0;
-
-  private:
-    // Splits a line into its fields. Returns what is wrong with it, or "".
-    std::string decode(const std::string& line, Record& record) {
+    // Splits the line into its fields. Returns what is wrong with it, or "".
+    std::string decode(Record& record) {
         if (line[0] != 'S') {
             return "the record does not begin with 'S'";
         }
@@ -307,6 +307,9 @@ class Parser {
 
     const AddressRange range;
     const std::size_t dataLimit;
+    std::string line;                 // as far as it has come, without its end
+    std::uint32_t lineNumber = 0;     // of the last whole one
+    std::string reason;               // what is wrong with it; empty as long as nothing is
     std::vector<std::uint8_t> bytes;  // of the record at hand
     std::vector<std::uint8_t> store;
     std::vector<Piece> pieces;
@@ -318,63 +321,52 @@ class Parser {
     bool ended = false;
 };
 
-std::string atLine(const std::string& path, std::uint32_t line, const std::string& reason) {
-    return path + ": line " + std::to_string(line) + ": " + reason;
+SRecordReader::SRecordReader(const AddressRange& range, std::size_t dataLimit)
+    : impl(std::make_unique<Impl>(range, dataLimit)) {}
+
+SRecordReader::~SRecordReader() = default;
+
+void SRecordReader::take(const void* data, std::size_t size) {
+    impl->take(static_cast<const char*>(data), size);
 }
 
-}  // namespace
-
-std::string hexAddress(std::uint64_t address) {
-    std::array<char, 20> text{};
-    std::snprintf(text.data(), text.size(), "0x%08llX", static_cast<unsigned long long>(address));
-    return text.data();
+bool SRecordReader::failed() const {
+    return impl->failed();
 }
 
-std::string outsideOf(const AddressRange& range, std::uint32_t address, std::uint64_t end) {
-    if (address >= range.start && end <= range.end()) {
-        return {};
-    }
-    return "data at " + hexAddress(address) + ".." + hexAddress(end - 1) + " is outside of " +
-           hexAddress(range.start) + ".." + hexAddress(range.end() - 1);
+std::optional<SRecordFile> SRecordReader::finish(std::string& error) {
+    return impl->finish(error);
 }
 
 std::optional<SRecordFile> readSRecords(const std::string& path, std::string& error,
                                         const AddressRange& range, std::size_t dataLimit) {
-    LineReader reader;
-    if (!reader.open(path)) {
+    RawFile file;
+    if (!file.open(path, O_RDONLY | O_NONBLOCK)) {
         error = fileError(path, "cannot be opened", errno);
         return std::nullopt;
     }
-    if (!reader.isRegular()) {
+    if (file.size() < 0) {
         error = fileError(path, "is no regular file", 0);
         return std::nullopt;
     }
 
-    Parser parser(range, dataLimit);
-    std::string line;
-    std::string reason;
-    LineReader::Result state = LineReader::Result::kLine;
-    while ((state = reader.next(line)) == LineReader::Result::kLine) {
-        if (!parser.takeLine(line, reason)) {
-            error = atLine(path, parser.lineNumber, reason);
+    SRecordReader reader(range, dataLimit);
+    std::vector<char> block(kReadBlockBytes);
+    long long offset = 0;
+    for (long count = 1; count > 0 && !reader.failed(); offset += count) {
+        count = file.readAt(block.data(), block.size(), offset);
+        if (count < 0) {
+            error = fileError(path, "cannot be read", errno);
             return std::nullopt;
         }
-    }
-    if (state == LineReader::Result::kReadError) {
-        error = fileError(path, "cannot be read", errno);
-        return std::nullopt;
-    }
-    if (state == LineReader::Result::kTooLong) {
-        error = atLine(path, parser.lineNumber + 1, "the line is longer than any record");
-        return std::nullopt;
+        reader.take(block.data(), static_cast<std::size_t>(count));
     }
 
-    SRecordFile file;
-    if (!parser.finish(file, reason)) {
-        error = atLine(path, parser.lineNumber, reason);
-        return std::nullopt;
+    std::optional<SRecordFile> records = reader.finish(error);
+    if (!records) {
+        error.insert(0, path + ": ");
     }
-    return file;
+    return records;
 }
 
 }  // namespace kavro

@@ -13,6 +13,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -51,10 +52,29 @@ std::string outsideOf(const AddressRange& range, std::uint32_t address, std::uin
 // The most data that a file may hold in total, unless a caller sets another limit: keeps the memory bounded.
 inline constexpr std::size_t kSRecordDataLimit = std::size_t{16} << 20;
 
-// Reads a file and checks every record: type, length, digits, checksum, count of records. A header may only
-// be the first record; nothing may follow a count but the end, and nothing the end; one of the two must be
+// Reads such a text, which comes in portions, and checks every record: type, length, digits, checksum, count of records. A
+// header may only be the first record; nothing may follow a count but the end, and nothing the end; one of the two must be
 // there. Bytes given twice or outside of the range are refused. Lines end in LF or CR LF; empty lines mean nothing.
-// Returns nothing, and in error a text with the file and the number of the line, when something is wrong.
+class SRecordReader {
+  public:
+    explicit SRecordReader(const AddressRange& range = {}, std::size_t dataLimit = kSRecordDataLimit);
+    ~SRecordReader();
+
+    // The next bytes of the text. What comes after something wrong is not looked at.
+    void take(const void* data, std::size_t size);
+    [[nodiscard]] bool failed() const;
+
+    // After the last byte, once. Nothing, and in error a text that begins with the number of the line, when something is
+    // wrong.
+    std::optional<SRecordFile> finish(std::string& error);
+
+  private:
+    class Impl;
+    std::unique_ptr<Impl> impl;
+};
+
+// Reads a file in this way. Returns nothing, and in error a text with the file and the number of the line, when something
+// is wrong.
 std::optional<SRecordFile> readSRecords(const std::string& path, std::string& error,
                                         const AddressRange& range = {},
                                         std::size_t dataLimit = kSRecordDataLimit);
