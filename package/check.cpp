@@ -4,6 +4,8 @@
 #include <array>
 #include <cctype>
 #include <cerrno>
+#include <cstdio>
+#include <deque>
 #include <utility>
 
 #include "base/digest.h"
@@ -14,6 +16,7 @@
 #include "base/hex_digit.h"
 #include "package/components.h"
 #include "package/internal/archive_walk.h"
+#include "package/internal/component_formats.h"
 #include "package/internal/package_file.h"
 #include "package/internal/signing.h"
 #include "package/internal/tar_headers.h"
@@ -30,6 +33,7 @@ constexpr std::size_t kMostSignatureBytes =
     2048;  // that of an RSA key of 16384 bits, the longest that OpenSSL uses
 constexpr std::size_t kMostNameBytes = 255;    // of one file, in the file systems of a device
 constexpr std::size_t kMostArchiveFaults = 8;  // an archive has room for a quarter of a million
+constexpr unsigned kFileMode = 0644;           // that pack() gives every file
 constexpr const char* kPublicKeyBegin = "-----BEGIN PUBLIC KEY-----";
 
 constexpr const char* kTrustedKeyPart = "trusted key";
@@ -110,7 +114,10 @@ struct RequiredFile {
 };
 
 struct FoundComponent {
+    explicit FoundComponent(const std::string& name) : format(name) {}
+
     Digest digest{Digest::Kind::kSha256};
+    FormatCheck format;
     DigestBytes sha256;  // empty until the whole component was read
     std::string signature;
     std::uint64_t bytes = 0;
@@ -143,10 +150,42 @@ std::string nameFault(const std::string& name) {
     return name.empty() ? "which is no name" : "";
 }
 
+// Sentences about entries: the first ones, and how many there are besides.
+class EntryTexts {
+  public:
+    void add(const std::string& text) {
+        if (texts.size() < kMostArchiveFaults) {
+            texts.push_back(text);
+        } else {
+            ++more;
+        }
+    }
+    std::vector<std::string> take() {
+        if (more > 0) {
+            texts.push_back("the archive has " + std::to_string(more) + " more such entries");
+        }
+        return std::move(texts);
+    }
+
+  private:
+    std::vector<std::string> texts;
+    std::size_t more = 0;
+};
+
+std::string octalText(unsigned mode) {
+    std::array<char, 16> text{};
+    std::snprintf(text.data(), text.size(), "%04o", mode);
+    return text.data();
+}
+
 // Takes up what the archive holds of the seven components and their signatures.
 class ComponentReader : public ArchiveVisitor {
   public:
-    explicit ComponentReader(const EntryListener& entryListener) : listener(entryListener) {}
+    explicit ComponentReader(const EntryListener& entryListener) : listener(entryListener) {
+        for (const char* name : kComponentNames) {
+            found.emplace_back(name);
+        }
+    }
 
     bool begin(const Entry& entry) override {
         if (listener) {
@@ -154,13 +193,18 @@ class ComponentReader : public ArchiveVisitor {
         }
         const std::string name = unpackedName(entry);
         if (name.empty() && entry.type == "directory") {
-            return false;  // the directory that the archive was made of
+            remarks.add(told(entry.name, "the directory that it was made of"));
+            return false;
         }
         current = requiredFile(name);
         const std::string fault = entryFault(entry, name);
         if (!fault.empty()) {
             blame(entry.name, fault);
             return false;
+        }
+        const std::string remark = entryRemark(entry, name);
+        if (!remark.empty()) {
+            remarks.add(told(entry.name, remark));
         }
         return current && claim(entry);
     }
@@ -169,8 +213,13 @@ class ComponentReader : public ArchiveVisitor {
         FoundComponent& component = found[current->component];
         if (current->isSignature) {
             component.signature.append(static_cast<const char*>(data), size);
-        } else {
-            component.digest.add(data, size);
+            return;
+        }
+        component.digest.add(data, size);
+        component.format.take(data, size);
+        if (kComponentNames[current->component] == std::string(kVersionList)) {
+            const std::size_t room = kMaxReleaseListBytes + 1 - list.size();
+            list.append(static_cast<const char*>(data), std::min(size, room));
         }
     }
 
@@ -181,14 +230,16 @@ class ComponentReader : public ArchiveVisitor {
         }
     }
 
-    std::vector<std::string> takeFaults() {
-        if (moreFaults > 0) {
-            faults.push_back("the archive has " + std::to_string(moreFaults) + " more such entries");
-        }
-        return std::move(faults);
+    std::vector<std::string> takeFaults() { return faults.take(); }
+    // What no maker's package has, and a device takes all the same.
+    std::vector<std::string> takeRemarks() { return remarks.take(); }
+
+    // The text of the version list, or more than a release list may have of it. Nothing when not all of it has come.
+    std::optional<std::string> listText() const {
+        return found.back().sha256.empty() ? std::nullopt : std::optional<std::string>(list);
     }
 
-    std::array<FoundComponent, kComponentNames.size()> found;
+    std::deque<FoundComponent> found;  // in the order of kComponentNames
 
   private:
     static std::string entryFault(const Entry& entry, const std::string& name) {
@@ -204,16 +255,34 @@ class ComponentReader : public ArchiveVisitor {
         return nameFault(name);
     }
 
+    std::string entryRemark(const Entry& entry, const std::string& name) const {
+        if (!current) {
+            return "which is neither a component nor a signature";
+        }
+        if (name != entry.name) {
+            return "whose name has a directory in front";
+        }
+        if (!entry.ownedByRoot) {
+            return "which does not belong to root";
+        }
+        if (entry.mode != kFileMode) {
+            return "which has the mode " + octalText(entry.mode) + " instead of " + octalText(kFileMode);
+        }
+        return {};
+    }
+
+    static std::string told(const std::string& name, const std::string& fault) {
+        return "the archive holds " + quoted(name) + ", " + fault;
+    }
+
     // A fault is that of the component it concerns, or of the archive.
     void blame(const std::string& name, const std::string& fault) {
-        const std::string text = "the archive holds " + quoted(name) + ", " + fault;
+        const std::string text = told(name, fault);
         if (current) {
             std::string& first = found[current->component].fault;
             first = first.empty() ? text : first;
-        } else if (faults.size() < kMostArchiveFaults) {
-            faults.push_back(text);
         } else {
-            ++moreFaults;
+            faults.add(text);
         }
     }
 
@@ -240,8 +309,9 @@ class ComponentReader : public ArchiveVisitor {
 
     const EntryListener& listener;
     std::optional<RequiredFile> current;
-    std::vector<std::string> faults;
-    std::size_t moreFaults = 0;
+    std::string list;
+    EntryTexts faults;
+    EntryTexts remarks;
 };
 
 // --- the verdict ----------------------------------------------------------------------------------------------------
@@ -270,15 +340,31 @@ std::string componentFault(const std::string& name, const FoundComponent& compon
     return {};
 }
 
-std::vector<ComponentCheck> judgeComponents(const ComponentReader& archive, const PublicKey* key) {
-    std::vector<ComponentCheck> checks;
-    for (std::size_t index = 0; index < kComponentNames.size(); ++index) {
-        const FoundComponent& component = archive.found[index];
-        const std::string name = kComponentNames[index];
-        checks.push_back({name, component.bytes, hexText(component.sha256),
-                          component.fault.empty() ? componentFault(name, component, key) : component.fault});
+// Whether a component is the one that the release list names; "" when it is, or when there is no list.
+std::string bindingFault(const std::string& name, const FoundComponent& component,
+                         const std::optional<ReleaseList>& release) {
+    if (!release) {
+        return {};
     }
-    return checks;
+    const auto listed =
+        std::find_if(release->components.begin(), release->components.end(),
+                     [&name](const ListedComponent& candidate) { return candidate.name == name; });
+    const std::string sha256 = hexText(component.sha256);
+    if (listed == release->components.end() ||
+        (listed->bytes == component.bytes && listed->sha256 == sha256)) {
+        return {};  // the list does not name itself
+    }
+    return quoted(name) + " is not that of this release: it has " + std::to_string(component.bytes) +
+           " bytes with the sha256 " + sha256 + ", the release list names " + std::to_string(listed->bytes) +
+           " bytes with the sha256 " + listed->sha256;
+}
+
+std::string formatFault(const std::string& name, FoundComponent& component, const Version& version) {
+    if (component.sha256.empty()) {
+        return {};
+    }
+    const std::optional<FormatFault> fault = component.format.fault(version);
+    return fault ? quoted(name) + " " + fault->text : "";
 }
 
 bool equalIgnoringCase(const std::string& left, const std::string& right) {
@@ -292,11 +378,13 @@ class PackageChecker {
         : path(packagePath), file(openPackage(packagePath)), listener(entryListener) {}
 
     Check run(const PublicKey* trustedKey) {
+        trusted = trustedKey != nullptr;
         TrailerReading reading = decodeTrailer(readTrailerBlock(file, path));
         result.trailer = std::move(reading.trailer);
+        trailerWhole = reading.faults.empty();
         addPart("trailer", std::move(reading.faults));
         checkKey();
-        if (trustedKey != nullptr) {
+        if (trusted) {
             checkTrust(*trustedKey);
         }
         checkPayload(reading.payloadKnown);
@@ -349,7 +437,8 @@ class PackageChecker {
         }
         checkMd5(payloadKnown, payload);
         checkArchive(bytes, fault.empty() ? payload.headerFault() : fault, archive);
-        result.components = judgeComponents(archive, key ? &*key : nullptr);
+        checkRelease(archive.listText());
+        judgeComponents(archive);
     }
 
     void checkMd5(bool payloadKnown, Payload& payload) {
@@ -373,12 +462,73 @@ class PackageChecker {
         if (!fault.empty()) {
             faults.push_back("the payload cannot be read as a plain tar archive: " + escaped(fault));
         }
+        addRemarks(archive.takeRemarks(), faults);
         addPart("archive", std::move(faults));
+    }
+
+    // What is a fault only in a package of a maker whose key is known.
+    void addRemarks(const std::vector<std::string>& remarks, std::vector<std::string>& faults) {
+        std::vector<std::string>& texts = trusted ? faults : result.warnings;
+        texts.insert(texts.end(), remarks.begin(), remarks.end());
+    }
+
+    void checkRelease(const std::optional<std::string>& text) {
+        std::vector<std::string> faults;
+        const ListKind kind = text ? listKindOf(*text) : ListKind::kForeign;
+        if (kind != ListKind::kReleaseList) {
+            const std::string missing =
+                quoted(kVersionList) +
+                (kind == ListKind::kOtherFormat
+                     ? " is a release list in a format that is not known here"
+                     : " is no release list: nothing binds the components to each other");
+            if (text || trusted) {
+                addRemarks({missing}, faults);
+            }
+        } else {
+            Result<ReleaseList> list = parseReleaseList(*text);
+            if (list.ok()) {
+                checkVersions(list.value().version, faults);
+                result.release = std::move(list).value();
+            } else {
+                faults.push_back(list.error().text);
+            }
+        }
+        if (trusted || kind == ListKind::kReleaseList) {
+            addPart("release", std::move(faults));
+        }
+    }
+
+    void checkVersions(const Version& listed, std::vector<std::string>& faults) const {
+        const std::string ofList = formatVersion(listed);
+        const std::string ofTrailer = formatVersion(result.trailer.version);
+        if (trailerWhole && ofList != ofTrailer) {
+            faults.push_back("the release list is that of " + ofList + ", the trailer states " + ofTrailer);
+        }
+    }
+
+    void judgeComponents(ComponentReader& archive) {
+        for (std::size_t index = 0; index < archive.found.size(); ++index) {
+            FoundComponent& component = archive.found[index];
+            const std::string name = kComponentNames[index];
+            std::string fault = component.fault;
+            fault = fault.empty() ? componentFault(name, component, key ? &*key : nullptr) : fault;
+            fault = fault.empty() ? bindingFault(name, component, result.release) : fault;
+            const std::string form =
+                fault.empty() ? formatFault(name, component, result.trailer.version) : "";
+            if (trusted) {
+                fault = form.empty() ? fault : form;
+            } else if (!form.empty()) {
+                result.warnings.push_back(form);
+            }
+            result.components.push_back({name, component.bytes, hexText(component.sha256), std::move(fault)});
+        }
     }
 
     const fs::path& path;
     const RawFile file;
     const EntryListener& listener;
+    bool trusted = false;       // a trusted key was given
+    bool trailerWhole = false;  // nothing is wrong with the trailer
     std::optional<PublicKey> key;
     Check result;
 };

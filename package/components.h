@@ -7,7 +7,7 @@ namespace kavro::package {
 
 inline constexpr const char* kMcuApplication = "mcu_flash_app.s19";  // the microcontroller's software
 inline constexpr const char* kMcuFlashDriver = "mcu_flash_drv.s19";  // what programs it
-inline constexpr const char* kVersionList = "version_list.acs";      // for people; pack() makes a missing one
+inline constexpr const char* kVersionList = "version_list.acs";      // binds the others, see release_list.h
 
 inline constexpr const char* kSignatureSuffix = ".sign";  // behind a component's name: its signature's
 

@@ -14,6 +14,8 @@ struct Entry {
     std::string type;  // "file", "directory", "symbolic link", "hard link", "device", "fifo" or "unknown"
     std::uint64_t bytes = 0;  // of its contents
     bool ownerFits = true;    // owner and group are numbers that a file can have
+    bool ownedByRoot = true;  // owner and group are 0, and by name either root or nobody
+    unsigned mode = 0644;     // permissions, with set-user-ID, set-group-ID and sticky bit
 };
 
 // The name of the file that a device unpacks an entry to: "Image" for "./Image", "" for the directory that the archive was

@@ -15,7 +15,7 @@
 #include "base/raw_file.h"
 #include "package/internal/archive.h"
 #include "package/internal/component_files.h"
-#include "package/internal/component_formats.h"
+#include "package/internal/packed_list.h"
 #include "package/internal/signing.h"
 #include "package/internal/staging.h"
 #include "package/trailer.h"
@@ -96,25 +96,10 @@ Failure refusal(const std::vector<ComponentFault>& faults) {
     return Failure(std::move(error));
 }
 
-// The components that go into the package. Those of them that are not what they should be are told in warnings.
-std::vector<Component> checkedComponents(const PackRequest& request, std::vector<std::string>& warnings) {
-    std::vector<ComponentFault> faults;
-    std::vector<Component> components = findComponents(request.componentDir, faults);
-    for (const Component& component : components) {
-        if (const std::optional<ComponentFault> fault = formatFault(component, request.version)) {
-            faults.push_back(*fault);
-        }
+void throwIfGivenUp(const KeepGoing& keepGoing) {
+    if (keepGoing && !keepGoing()) {
+        throw Failure(ErrorCode::kGivenUp, "interrupted, no package was written", "run the command again");
     }
-    const bool packable = std::all_of(faults.begin(), faults.end(), [&request](const ComponentFault& fault) {
-        return request.force && fault.forceable;
-    });
-    if (!packable) {
-        throw refusal(faults);
-    }
-    for (const ComponentFault& fault : faults) {
-        warnings.push_back(fault.text);
-    }
-    return components;
 }
 
 std::uint64_t totalSize(const std::vector<Component>& components) {
@@ -123,6 +108,68 @@ std::uint64_t totalSize(const std::vector<Component>& components) {
         total += fs::file_size(component.path);
     }
     return total;
+}
+
+// What goes into the package.
+struct Release {
+    std::vector<Component> components;  // in the order of kComponentNames; without a list when that is made
+    std::vector<ComponentContent> contents;  // of each of them
+    std::string list;                        // the text of the list that is made
+    std::vector<std::string> warnings;       // what is packed by force
+};
+
+std::optional<Component> givenList(const std::vector<Component>& components) {
+    const bool given = !components.empty() && components.back().name == kVersionList;
+    return given ? std::optional<Component>(components.back()) : std::nullopt;
+}
+
+// Only when all the other components are there: otherwise everything would differ.
+void makeList(Release& release, const PackRequest& request, std::vector<ComponentFault>& faults) {
+    const ReleaseList made =
+        makeReleaseList(release.components, release.contents, request.version, request.epoch);
+    if (made.components.size() + 1 != kComponentNames.size()) {
+        return;
+    }
+    PackedList list = packedList(made, givenList(release.components));
+    if (list.fault) {
+        faults.push_back(*list.fault);
+        return;
+    }
+    if (givenList(release.components)) {
+        release.components.pop_back();
+        release.contents.pop_back();
+    }
+    release.list = std::move(list.text);
+}
+
+// Each component is read once, here, and once more by tar.
+Release readRelease(const PackRequest& request, const KeepGoing& keepGoing) {
+    std::vector<ComponentFault> faults;
+    Release release;
+    release.components = findComponents(request.componentDir, faults);
+    if (faults.empty()) {
+        requirePayloadFits(totalSize(release.components));
+    }
+    for (const Component& component : release.components) {
+        throwIfGivenUp(keepGoing);
+        release.contents.push_back(readComponent(component, request.version));
+        if (release.contents.back().fault) {
+            faults.push_back(*release.contents.back().fault);
+        }
+    }
+    const std::vector<Component> inputs = release.components;
+    makeList(release, request, faults);
+    const bool packable = std::all_of(faults.begin(), faults.end(), [&request](const ComponentFault& fault) {
+        return request.force && fault.forceable;
+    });
+    if (!packable) {
+        throw refusal(faults);
+    }
+    requireApart(request, inputs);
+    for (const ComponentFault& fault : faults) {
+        release.warnings.push_back(fault.text);
+    }
+    return release;
 }
 
 void writeStaged(const fs::path& path, const std::string& content) {
@@ -135,50 +182,42 @@ void writeStaged(const fs::path& path, const std::string& content) {
     }
 }
 
-void throwIfGivenUp(const KeepGoing& keepGoing) {
-    if (keepGoing && !keepGoing()) {
-        throw Failure(ErrorCode::kGivenUp, "interrupted, no package was written", "run the command again");
+// The list that was made becomes a component like the others.
+void stageList(Release& release, const fs::path& directory) {
+    if (release.list.empty()) {
+        return;
     }
+    const fs::path path = directory / (std::string("made-") + kVersionList);
+    writeStaged(path, release.list);
+    release.components.push_back({kVersionList, path});
+    release.contents.push_back({release.list.size(), fileDigest(path, Digest::Kind::kSha256), std::nullopt});
 }
 
 // Puts all files of the archive into one directory: links to the components, and their signatures. Returns
 // their names.
-std::vector<std::string> stage(const fs::path& directory, const std::vector<Component>& components,
-                               const PrivateKey& key, const KeepGoing& keepGoing) {
+std::vector<std::string> stage(const fs::path& directory, const Release& release, const PrivateKey& key,
+                               const KeepGoing& keepGoing) {
     std::vector<std::string> names;
-    for (const Component& component : components) {
+    for (std::size_t index = 0; index < release.components.size(); ++index) {
         throwIfGivenUp(keepGoing);
+        const Component& component = release.components[index];
         const std::string signatureName = component.name + kSignatureSuffix;
         fs::create_symlink(component.path, directory / component.name);
-        writeStaged(directory / signatureName, key.sign(component.path));
+        writeStaged(directory / signatureName, key.sign(release.contents[index].sha256));
         names.insert(names.end(), {component.name, signatureName});
     }
     return names;
 }
 
-// The version list is made by the build that makes the components; without one there, this is it.
-void completeComponents(std::vector<Component>& components, const fs::path& directory,
-                        const Version& version) {
-    if (components.size() == kComponentNames.size()) {
-        return;
-    }
-    const fs::path path = directory / (std::string("made-") + kVersionList);
-    writeStaged(path, makeVersionList(components, version));
-    components.push_back({kVersionList, path});
-}
-
 PackSummary writePackage(const PackRequest& request, const KeepGoing& keepGoing) {
     const PrivateKey key(request.key);
     Trailer trailer = describe(request, key);
-    std::vector<std::string> warnings;
-    std::vector<Component> components = checkedComponents(request, warnings);
-    requireApart(request, components);
-    requirePayloadFits(totalSize(components));
+    Release release = readRelease(request, keepGoing);
     OutputFile output(request.output);
 
     const StagingDirectory staging;
-    completeComponents(components, staging.path(), request.version);
-    const std::vector<std::string> names = stage(staging.path(), components, key, keepGoing);
+    stageList(release, staging.path());
+    const std::vector<std::string> names = stage(staging.path(), release, key, keepGoing);
     writeArchive(output.path(), staging.path(), names, sourceDateEpoch().value_or(0));
     throwIfGivenUp(keepGoing);
 
@@ -189,7 +228,7 @@ PackSummary writePackage(const PackRequest& request, const KeepGoing& keepGoing)
     output.writeAt(kMaxPayloadBytes, encodeTrailer(trailer));
     throwIfGivenUp(keepGoing);
     output.commit();
-    return {trailer.payloadBytes, trailer.md5, key.description(), std::move(warnings)};
+    return {trailer.payloadBytes, trailer.md5, key.description(), std::move(release.warnings)};
 }
 
 }  // namespace

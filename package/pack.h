@@ -25,6 +25,8 @@ struct PackRequest {
     std::string ident;                 // may be empty
     std::string branch;                // may be empty
     std::string user;                  // only with a branch text
+    std::optional<std::uint32_t> epoch =
+        std::nullopt;    // security epoch; none: that of a release list in componentDir
     bool force = false;  // pack components that are not what they should be, wherever a package can hold them
 };
 
@@ -36,7 +38,9 @@ struct PackSummary {
     std::vector<std::string> warnings;  // the faults that were packed by force
 };
 
-// Writes the package, a file of kPackageBytes bytes, and returns what stands in its trailer. The time of the archive's
+// Writes the package, a file of kPackageBytes bytes, and returns what stands in its trailer. Its version list is a release list
+// (package/release_list.h): one that lies among the components must be that of the package, and the lines of any other text
+// become notes. The time of the archive's
 // entries and of the default stamp is SOURCE_DATE_EPOCH; without it the entries carry the time 0 and the stamp the present.
 // Needs /bin/sh and GNU tar. Blocks while it works; keepGoing is asked between its steps, and false gives it up. A cancel of
 // the thread takes effect afterwards. May be called from several threads at once, for different outputs.

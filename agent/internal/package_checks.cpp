@@ -33,9 +33,11 @@ constexpr FaultMeaning kFaultMeanings[] = {
     {"key", "carries no key that its signatures can be checked with", kUseAnother},
     {"md5", "is damaged: the md5 of its payload is not that of its trailer", kTransferAgain},
     {"archive", "is whole, but could not be unpacked", kUseAnother},
+    {"release", "is not the release that its list names", kUseAnother},
 };
-constexpr FaultMeaning kComponentMeaning = {"", "lacks a component or has a signature that does not verify",
-                                            kUseAnother};
+constexpr FaultMeaning kComponentMeaning = {
+    "", "lacks a component, or has one with a signature that does not verify or of another release",
+    kUseAnother};
 
 Obstacle ofPackage(const fs::path& package, const std::string& what, const std::string& next) {
     return {"package", "the package '" + package.string() + "' " + what, next, false};

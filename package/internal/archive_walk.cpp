@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <limits>
 #include <memory>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -72,10 +73,22 @@ bool isOwner(la_int64_t number) {
     return number >= 0 && number <= std::numeric_limits<std::uint32_t>::max();
 }
 
+// A device gives a file to the owner of this name, if it knows one.
+bool isRoot(const char* name) {
+    return name == nullptr || name[0] == '\0' || std::string_view(name) == "root";
+}
+
 Entry describe(archive_entry* entry) {
     const la_int64_t bytes = archive_entry_size(entry);
-    return {nameOf(entry), typeOf(entry), bytes > 0 ? static_cast<std::uint64_t>(bytes) : 0,
-            isOwner(archive_entry_uid(entry)) && isOwner(archive_entry_gid(entry))};
+    const la_int64_t owner = archive_entry_uid(entry);
+    const la_int64_t group = archive_entry_gid(entry);
+    return {
+        nameOf(entry),
+        typeOf(entry),
+        bytes > 0 ? static_cast<std::uint64_t>(bytes) : 0,
+        isOwner(owner) && isOwner(group),
+        owner == 0 && group == 0 && isRoot(archive_entry_uname(entry)) && isRoot(archive_entry_gname(entry)),
+        archive_entry_perm(entry)};
 }
 
 // Returns "", or why not all of the entry's contents have come. The map of a sparse entry may lead far beyond the size

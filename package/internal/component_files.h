@@ -1,11 +1,15 @@
 // The components that a package is made of, as files in a directory.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "package/components.h"
+#include "package/internal/signing.h"
+#include "package/release_list.h"
 #include "package/version.h"
 
 namespace kavro::package {
@@ -27,7 +31,21 @@ struct ComponentFault {
 std::vector<Component> findComponents(const std::filesystem::path& directory,
                                       std::vector<ComponentFault>& faults);
 
-// The text of a version list: the versions of the package, then name and SHA-256 of each component.
-std::string makeVersionList(const std::vector<Component>& components, const Version& version);
+// What a component's file holds.
+struct ComponentContent {
+    std::uint64_t bytes = 0;
+    DigestBytes sha256;
+    std::optional<ComponentFault> fault;  // what it should be and is not; forceable
+};
+
+// Reads a component's file once, in fixed memory. version is that of the package. Throws Failure (refused) when it cannot be
+// read.
+ComponentContent readComponent(const Component& component, const Version& version);
+
+// The release list of a package: what it says of the components but the list itself, in their order, with the digests that
+// stand in contents.
+ReleaseList makeReleaseList(const std::vector<Component>& components,
+                            const std::vector<ComponentContent>& contents, const Version& version,
+                            const std::optional<std::uint32_t>& epoch);
 
 }  // namespace kavro::package

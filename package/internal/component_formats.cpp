@@ -1,25 +1,25 @@
 #include "package/internal/component_formats.h"
 
+#include <algorithm>
 #include <array>
-#include <cstdint>
-#include <string>
-#include <vector>
+#include <utility>
 
-#include "base/file_io.h"
 #include "base/mcu_image.h"
+#include "base/srecord.h"
+#include "package/components.h"
 
 namespace kavro::package {
 
 namespace {
 
-namespace fs = std::filesystem;
+constexpr std::size_t kHeadBytes = 2048;  // in which all headers lie
 
-// The beginning of a file, and its numbers. Behind the end of a shorter file there are zeros.
-class FileHead {
+// The beginning of a component, and its numbers. Behind the end of a shorter one there are zeros.
+class Head {
   public:
-    explicit FileHead(const fs::path& path) : size(fs::file_size(path)) {
-        (void)readBeginning(path.string(), kBytes, bytes);
-        bytes.resize(kBytes, '\0');
+    Head(std::string beginning, std::uint64_t componentBytes)
+        : bytes(std::move(beginning)), size(componentBytes) {
+        bytes.resize(kHeadBytes, '\0');
     }
 
     std::uint64_t fileBytes() const { return size; }
@@ -40,9 +40,8 @@ class FileHead {
     }
 
   private:
-    static constexpr std::size_t kBytes = 2048;
-    std::uint64_t size;
     std::string bytes;
+    std::uint64_t size;
 };
 
 std::string bytesText(std::uint64_t bytes) {
@@ -58,9 +57,8 @@ std::string bytesText(std::uint64_t bytes) {
 //     32   24  zero
 //     56   4   "ARM\x64"
 //     60   4   zero
-std::string kernelFault(const Component& component, const Version& /*version*/) {
+std::string kernelFault(const Head& head) {
     constexpr const char* kMagic = "ARM\x64";
-    const FileHead head(component.path);
     const std::uint64_t memoryBytes = head.littleEndian(16, 8);
     if (head.text(56, 4) != kMagic) {
         return "is no arm64 kernel image: 'ARM\\x64' is not at offset 56";
@@ -74,10 +72,9 @@ std::string kernelFault(const Component& component, const Version& /*version*/) 
 
 // A flattened device tree begins with a header of ten big-endian numbers of four bytes, of which the first is the magic and
 // the second the size of the whole tree.
-std::string deviceTreeFault(const Component& component, const Version& /*version*/) {
+std::string deviceTreeFault(const Head& head) {
     constexpr std::uint64_t kMagic = 0xD00DFEED;
     constexpr std::uint64_t kHeaderBytes = 40;
-    const FileHead head(component.path);
     const std::uint64_t treeBytes = head.bigEndian(4, 4);
     if (head.bigEndian(0, 4) != kMagic) {
         return "is no device tree blob: it does not begin with D0 0D FE ED";
@@ -100,12 +97,11 @@ std::string deviceTreeFault(const Component& component, const Version& /*version
 //      56   2   magic
 //      96   4   features; bit 7: there are more than 32 bits of the number of blocks
 //     336   4   number of blocks, the next 32 bits
-std::string fileSystemFault(const Component& component, const Version& /*version*/) {
+std::string fileSystemFault(const Head& head) {
     constexpr std::size_t kSuperblock = 1024;
     constexpr std::uint64_t kMagic = 0xEF53;
     constexpr std::uint64_t kMostShift = 6;
     constexpr std::uint64_t kManyBlocks = 0x80;
-    const FileHead head(component.path);
     if (head.littleEndian(kSuperblock + 56, 2) != kMagic) {
         return "is no ext4 file system: 53 EF is not at offset 1080";
     }
@@ -126,65 +122,81 @@ std::string fileSystemFault(const Component& component, const Version& /*version
     return {};
 }
 
-// Without the file's name in front, which stands in the fault already.
-std::string mcuFault(const Component& component, const std::string& what, std::string error) {
-    const std::string prefix = component.path.string() + ": ";
-    if (error.rfind(prefix, 0) == 0) {
-        error.erase(0, prefix.size());
-    }
+std::string mcuFault(const std::string& what, const std::string& error) {
     return "is no " + what + " of the microcontroller: " + error;
 }
 
-std::string mcuApplicationFault(const Component& component, const Version& /*version*/) {
+std::optional<FormatFault> applicationFault(SRecordReader& records, const Version& version) {
     std::string error;
-    return readApplication(component.path.string(), error) ? "" : mcuFault(component, "application", error);
+    const std::optional<SRecordFile> file = records.finish(error);
+    if (!file || !checkApplication(file->segments, error)) {
+        return FormatFault{mcuFault("application", error),
+                           "make it again with objcopy -O srec --change-addresses 0x8000, see docs/mcu.md"};
+    }
+    const int carried = applicationVersion(file->segments).value_or(-1);
+    if (carried != version.mcu) {
+        return FormatFault{
+            "carries version " + std::to_string(carried) + ", the package " + std::to_string(version.mcu),
+            "give --version with the microcontroller's version in third place"};
+    }
+    return std::nullopt;
 }
 
-// Of an application that is in order otherwise.
-std::string mcuVersionFault(const Component& component, const Version& version) {
-    std::string ignored;
-    const auto segments = readApplication(component.path.string(), ignored);
-    const int carried = segments ? applicationVersion(*segments).value_or(-1) : -1;
-    return carried == version.mcu ? ""
-                                  : "carries version " + std::to_string(carried) + ", the package " +
-                                        std::to_string(version.mcu);
-}
-
-std::string mcuFlashDriverFault(const Component& component, const Version& /*version*/) {
+std::optional<FormatFault> flashDriverFault(SRecordReader& records) {
     std::string error;
-    return readFlashDriver(component.path.string(), error) ? "" : mcuFault(component, "flash driver", error);
+    const std::optional<SRecordFile> file = records.finish(error);
+    if (!file || !checkFlashDriver(file->segments, error)) {
+        return FormatFault{
+            mcuFault("flash driver", error),
+            "make it again with objcopy -O srec --change-addresses 0x20000000, see docs/mcu.md"};
+    }
+    return std::nullopt;
 }
 
-struct Format {
+struct HeadFormat {
     const char* component;
-    std::string (*fault)(const Component& component, const Version& version);
+    std::string (*fault)(const Head& head);
     const char* next;
 };
 
-// The first fault of a component counts. The boot loader is whatever the main processor's ROM takes, and the version list is text for people.
-constexpr std::array<Format, 6> kFormats = {{
+// The boot loader is whatever the main processor's ROM takes, and the list of versions is judged elsewhere.
+constexpr std::array<HeadFormat, 3> kHeadFormats = {{
     {"cv22_kavro_qz7.dtb", deviceTreeFault, "give the whole file that dtc or the kernel's build made"},
     {"ext4", fileSystemFault,
      "give the whole image that mke2fs made, neither compressed nor in a sparse format"},
     {"Image", kernelFault, "give arch/arm64/boot/Image of the kernel's build, neither Image.gz nor vmlinux"},
-    {kMcuApplication, mcuApplicationFault,
-     "make it again with objcopy -O srec --change-addresses 0x8000, see docs/mcu.md"},
-    {kMcuApplication, mcuVersionFault, "give --version with the microcontroller's version in third place"},
-    {kMcuFlashDriver, mcuFlashDriverFault,
-     "make it again with objcopy -O srec --change-addresses 0x20000000, see docs/mcu.md"},
 }};
+
+std::unique_ptr<SRecordReader> recordsOf(const std::string& component) {
+    if (component != kMcuApplication && component != kMcuFlashDriver) {
+        return nullptr;
+    }
+    const AddressRange& memory = component == kMcuApplication ? kMcuApplicationMemory : kMcuDriverMemory;
+    return std::make_unique<SRecordReader>(memory, static_cast<std::size_t>(memory.bytes));
+}
 
 }  // namespace
 
-std::optional<ComponentFault> formatFault(const Component& component, const Version& version) {
-    for (const Format& format : kFormats) {
-        if (component.name != format.component) {
-            continue;
-        }
-        const std::string fault = format.fault(component, version);
-        if (!fault.empty()) {
-            return ComponentFault{"the component '" + component.path.string() + "' " + fault,
-                                  std::string(format.next) + "; --force packs it as it is", true};
+FormatCheck::FormatCheck(std::string component) : name(std::move(component)), records(recordsOf(name)) {}
+
+FormatCheck::~FormatCheck() = default;
+
+void FormatCheck::take(const void* data, std::size_t size) {
+    bytes += size;
+    head.append(static_cast<const char*>(data), std::min(size, kHeadBytes - head.size()));
+    if (records != nullptr) {
+        records->take(data, size);
+    }
+}
+
+std::optional<FormatFault> FormatCheck::fault(const Version& version) {
+    if (records != nullptr) {
+        return name == kMcuApplication ? applicationFault(*records, version) : flashDriverFault(*records);
+    }
+    for (const HeadFormat& format : kHeadFormats) {
+        if (name == format.component) {
+            std::string text = format.fault(Head(std::move(head), bytes));
+            return text.empty() ? std::nullopt : std::optional<FormatFault>({std::move(text), format.next});
         }
     }
     return std::nullopt;

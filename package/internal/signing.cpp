@@ -142,15 +142,14 @@ std::string PrivateKey::description() const {
     return describe(impl->key.get());
 }
 
-std::string PrivateKey::sign(const std::filesystem::path& file) const {
+std::string PrivateKey::sign(const DigestBytes& sha256) const {
     const KeyContext context = contextOf(impl->key, EVP_PKEY_sign_init);
     if (context == nullptr) {
         throw openSslFailure("sign");
     }
-    const DigestBytes sha256 = fileDigest(file, Digest::Kind::kSha256);
     const auto signInto = [&](unsigned char* signature, std::size_t& length) {
         if (EVP_PKEY_sign(context.get(), signature, &length, sha256.data(), sha256.size()) != 1) {
-            throw openSslFailure("sign '" + file.string() + "'");
+            throw openSslFailure("sign");
         }
     };
     std::size_t length = 0;  // the most that it may be; then what it is

@@ -34,9 +34,8 @@ class PrivateKey {
     // What is known of it for people: "RSA, 2048 bits".
     std::string description() const;
 
-    // The signature over the SHA-256 digest of a file, as `openssl dgst -sha256 -verify` checks it. Throws
-    // Failure when the file cannot be read.
-    std::string sign(const std::filesystem::path& file) const;
+    // The signature over a SHA-256 digest, as `openssl dgst -sha256 -verify` checks it.
+    std::string sign(const DigestBytes& sha256) const;
 
   private:
     struct Impl;

@@ -59,11 +59,18 @@ not_run() {
 may_be_taken() {
     local reason follows='nothing' unread="the payload cannot be read as a plain tar archive"
     local missing="[^:]*: .*'[^']*' is missing from the archive"
+    local unbound="[^:]*: '[^']*' is not that of this release: "
+    local other_version="release: the release list is that of V[0-9.]+, the trailer states V[0-9.]+$"
     case $1 in
     # Texts for people, and what stands behind them; numbers that a device reads with fewer digits or a sign.
     trailer_field | trailer_bit)
         reason="trailer: (a version in the trailer is|the length of the user text|.* too short for its (branch|user) text|the unused end)"
+        reason+="|$other_version"
         ;;
+    # What binds the parts of a release together is a text that no device looks at.
+    mixed_releases | swapped_with_signatures) reason="$unbound|$other_version" ;;
+    other_versions) reason=$other_version ;;
+    foreign_list) reason="release: line [0-9]+ of the release list is |release: the release list ends where " ;;
     # `tar` knows by itself how a payload is compressed.
     compressed)
         reason="archive: $unread: Unrecognized archive format$"

@@ -419,6 +419,36 @@ void manyFiles(Mutation& mutation) {
     }
 }
 
+// A component of another release of the same maker, with its signature: only the list tells.
+void mixedReleases(Mutation& mutation) {
+    TestPackage other;
+    other.setVersions(1, 106, 9, 4)
+        .setComponent("bld_release.bin", std::string(2048, 'C'))
+        .setComponent("cv22_kavro_qz7.dtb", testsupport::deviceTree(128))
+        .setComponent("ext4", testsupport::rootFileSystem(32768))
+        .setComponent("Image", testsupport::kernelImage(8192))
+        .setComponent("mcu_flash_drv.s19", testsupport::srecords(0x20000000, std::string(128, 'E')));
+    const auto files = other.files();
+    const std::string& name = mutation.anyComponent();
+    mutation.named(name).content = files.at(name);
+    mutation.named(name + ".sign").content = files.at(name + ".sign");
+    mutation.flashable[name] = files.at(name);
+}
+
+// The same release under other versions.
+void otherVersions(Mutation& mutation) {
+    const std::string version = testsupport::versionText(1, 999, 8, static_cast<int>(mutation.below(1000)));
+    mutation.package.editTrailer([version](Trailer& trailer) { trailer.version = version; });
+}
+
+// A list that is none, or not of this form.
+void foreignList(Mutation& mutation) {
+    static const char* const kLists[] = {"hw 1\n", "release_list 2\nhardware 1\n",
+                                         "release_list 1\nhardware 1\n", "release_list 1", "\n"};
+    mutation.named("version_list.acs").content = kLists[mutation.below(5)];
+    mutation.sign("version_list.acs");
+}
+
 // --- the kinds ------------------------------------------------------------------------------------------------------
 
 struct Kind {
@@ -449,6 +479,9 @@ constexpr Kind kKinds[] = {
     {"shuffled", 1, 5, shuffledEntries},
     {"swapped", 1, 10, swappedContents},
     {"swapped_with_signatures", 1, 2, swappedWithSignatures},
+    {"mixed_releases", 2, 14, mixedReleases},
+    {"other_versions", 1, 5, otherVersions},
+    {"foreign_list", 2, 10, foreignList},
     {"old_signature", 1, 7, oldSignature},
     {"duplicate", 2, 40, duplicate},
     {"other_type", 2, 40, otherType},

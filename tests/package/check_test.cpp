@@ -344,6 +344,38 @@ TEST_F(PackageChecking, a_flipped_bit_behind_the_archives_end_shows_in_the_md5) 
     expectOneFault("the payload has the md5 ");
 }
 
+// --- the release list -----------------------------------------------------------------------------------------------
+
+TEST_F(PackageChecking, a_release_list_is_read) {
+    package.setVersions(1, 105, 8, 3);
+    const Check result = check();
+    ASSERT_TRUE(result.release.has_value());
+    EXPECT_EQ(kavro::package::formatVersion(result.release->version), "V01.105.008.003");
+    EXPECT_EQ(result.parts.back().name, "release");
+}
+
+TEST_F(PackageChecking, a_release_list_of_another_version_is_a_fault_without_a_trusted_key_too) {
+    package.editTrailer([](Trailer& trailer) { trailer.version = "001002003005"; });
+    expectOneFault("the release list is that of V01.002.003.004, the trailer states V01.002.003.005");
+}
+
+TEST_F(PackageChecking, a_release_list_of_another_component_is_a_fault_without_a_trusted_key_too) {
+    package.setComponent("version_list.acs", package.files().at("version_list.acs"));
+    package.setComponent("bld_release.bin", "another one");
+    expectOneFault("'bld_release.bin' is not that of this release: it has 11 bytes with the sha256 ");
+}
+
+TEST_F(PackageChecking, a_release_list_with_a_wrong_line_is_a_fault) {
+    package.setComponent("version_list.acs", package.files().at("version_list.acs") + "colour blue\n");
+    expectOneFault("line 12 of the release list is 'colour blue', where 'note' belongs");
+}
+
+TEST_F(PackageChecking, a_release_list_of_megabytes_is_a_fault) {
+    package.setComponent("version_list.acs",
+                         package.files().at("version_list.acs") + std::string(2 << 20, 'x'));
+    expectOneFault("the release list has more than 16384 bytes");
+}
+
 // --- the trailer's faults -------------------------------------------------------------------------------------------
 
 struct Damage {
@@ -478,6 +510,110 @@ TEST_F(TrustedKey, of_another_kind_is_another_key) {
     EXPECT_THAT(allFaults(kavro::package::check(file, trusted).value()),
                 ElementsAre(HasSubstr("(RSA, 2048 bits, sha256 ")));
 }
+
+// --- what only the trusted key's package must be --------------------------------------------------------------------------
+
+// A package that a device takes, and of which no maker's package is: a warning, and with a trusted key a fault.
+class UnlikePacked : public TrustedKey {
+  protected:
+    void expectWarningOrFault(const std::string& part) {
+        const Check open = check();
+        EXPECT_TRUE(open.inOrder()) << testing::PrintToString(allFaults(open));
+        EXPECT_THAT(open.warnings, Contains(HasSubstr(part)));
+        EXPECT_TRUE(deviceTakesIt());
+        writeFile(trusted, SigningKey::shared().publicKey());
+        const Check strict = kavro::package::check(file, trusted).value();
+        EXPECT_THAT(allFaults(strict), Contains(HasSubstr(part)));
+        EXPECT_THAT(strict.warnings, IsEmpty());
+    }
+};
+
+TEST_F(UnlikePacked, a_packed_one_has_no_warnings) {
+    EXPECT_THAT(check().warnings, IsEmpty());
+}
+
+TEST_F(UnlikePacked, a_list_of_another_form) {
+    package.setComponent("version_list.acs", "hw 1\nmpu 2\n");
+    expectWarningOrFault("'version_list.acs' is no release list");
+    EXPECT_FALSE(check().release.has_value());
+}
+
+TEST_F(UnlikePacked, a_list_of_a_later_format) {
+    package.setComponent("version_list.acs", "release_list 2\n");
+    expectWarningOrFault("'version_list.acs' is a release list in a format that is not known here");
+}
+
+TEST_F(UnlikePacked, a_kernel_that_is_none) {
+    package.setComponent("Image", "no kernel");
+    expectWarningOrFault("'Image' is no arm64 kernel image");
+}
+
+TEST_F(UnlikePacked, a_device_tree_that_is_none) {
+    package.setComponent("cv22_kavro_qz7.dtb", "no device tree");
+    expectWarningOrFault("'cv22_kavro_qz7.dtb' is no device tree blob");
+}
+
+TEST_F(UnlikePacked, a_root_file_system_that_is_none) {
+    package.setComponent("ext4", "no file system");
+    expectWarningOrFault("'ext4' is no ext4 file system");
+}
+
+TEST_F(UnlikePacked, an_application_of_another_version) {
+    package.setComponent("mcu_flash_app.s19", testsupport::mcuApplication(9));
+    expectWarningOrFault("'mcu_flash_app.s19' carries version 9, the package 3");
+}
+
+TEST_F(UnlikePacked, a_flash_driver_that_is_none) {
+    package.setComponent("mcu_flash_drv.s19", "S\n");
+    expectWarningOrFault("'mcu_flash_drv.s19' is no flash driver of the microcontroller: line 1");
+}
+
+TEST_F(UnlikePacked, a_file_besides) {
+    package.addFile("notes.txt", "for people");
+    expectWarningOrFault("the archive holds 'notes.txt', which is neither a component nor a signature");
+}
+
+TEST_F(UnlikePacked, names_with_a_directory_in_front) {
+    archiveBy("tar --mode=0644 -cf $out ./*");
+    expectWarningOrFault("the archive holds './Image', whose name has a directory in front");
+}
+
+TEST_F(UnlikePacked, the_directory_that_it_was_made_of) {
+    archiveBy("tar -cf $out .");
+    expectWarningOrFault("the archive holds './', the directory that it was made of");
+}
+
+TEST_F(UnlikePacked, a_file_with_another_mode) {
+    archiveBy("tar --owner=0 --group=0 --mode=04755 -cf $out *");
+    expectWarningOrFault("the archive holds 'Image', which has the mode 4755 instead of 0644");
+}
+
+TEST_F(UnlikePacked, a_file_of_another_owner) {
+    archiveBy("tar --owner=1000 --group=0 --mode=0644 --numeric-owner -cf $out *");
+    expectWarningOrFault("the archive holds 'Image', which does not belong to root");
+}
+
+TEST_F(UnlikePacked, a_file_of_another_group) {
+    archiveBy("tar --owner=0 --group=5 --mode=0644 --numeric-owner -cf $out *");
+    expectWarningOrFault("the archive holds 'Image', which does not belong to root");
+}
+
+TEST_F(UnlikePacked, a_file_of_another_owner_by_name) {
+    archiveBy("tar --owner=daemon:0 --group=0 --mode=0644 -cf $out *");
+    expectWarningOrFault("the archive holds 'Image', which does not belong to root");
+}
+
+TEST_F(UnlikePacked, hundreds_of_such_entries_are_not_told_one_by_one) {
+    for (int number = 0; number < 100; ++number) {
+        package.addFile("x" + std::to_string(number), "");
+    }
+    const Check result = check();
+    EXPECT_TRUE(result.inOrder());
+    ASSERT_THAT(result.warnings, SizeIs(9));
+    EXPECT_EQ(result.warnings.back(), "the archive has 92 more such entries");
+}
+
+// --- the trusted key's file -----------------------------------------------------------------------------------------
 
 TEST_F(TrustedKey, that_is_private_is_a_wrong_command_line) {
     writeFile(trusted, SigningKey::shared().privateKey());

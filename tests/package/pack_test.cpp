@@ -197,19 +197,113 @@ TEST_F(Pack, a_changed_component_does_not_verify) {
               0);
 }
 
-TEST_F(Pack, missing_version_list_is_made_with_versions_and_digests) {
-    pack();
-    const std::string list = readFile(extract() / "version_list.acs");
-    EXPECT_EQ(list.substr(0, list.find('\n')), "version V01.105.008.003");
-    const std::string digest = runProgram({"sha256sum", component("Image").string()}).out.substr(0, 64);
-    EXPECT_NE(list.find("sha256 " + digest + " Image\n"), std::string::npos) << list;
+// --- the release list -----------------------------------------------------------------------------------------------
+
+class PackedList : public Pack {
+  protected:
+    // What the format's description says of these components, made by other means.
+    std::string expectedList(const std::string& epoch = "") const {
+        std::string list =
+            "release_list 1\nhardware 1\nmain_processor 105\nmicrocontroller 8\nboot_loader 3\n" + epoch;
+        for (const char* name : {"bld_release.bin", "cv22_kavro_qz7.dtb", "ext4", "Image",
+                                 "mcu_flash_app.s19", "mcu_flash_drv.s19"}) {
+            const std::string digest = runProgram({"sha256sum", component(name).string()}).out.substr(0, 64);
+            list += std::string("component ") + name + " " + std::to_string(fs::file_size(component(name))) +
+                    " " + digest + "\n";
+        }
+        return list;
+    }
+
+    std::string packedList() const {
+        pack();
+        return readFile(extract() / "version_list.acs");
+    }
+
+    void giveList(const std::string& text) const { writeFile(component("version_list.acs"), text); }
+
+    void expectForcedAsItIs(const std::string& list, const std::string& fault) {
+        giveList(list);
+        expectRefusal(ErrorCode::kRefused, fault, "remove it: pack writes one");
+        request.force = true;
+        const kavro::package::PackSummary summary = pack();
+        ASSERT_EQ(summary.warnings.size(), 1U);
+        EXPECT_NE(summary.warnings.front().find(fault), std::string::npos) << summary.warnings.front();
+        EXPECT_EQ(readFile(extract() / "version_list.acs"), list);
+    }
+};
+
+TEST_F(PackedList, names_the_versions_and_each_component_with_length_and_digest) {
+    EXPECT_EQ(packedList(), expectedList());
     EXPECT_FALSE(fs::exists(component("version_list.acs")));
 }
 
-TEST_F(Pack, given_version_list_is_taken_as_it_is) {
-    writeFile(component("version_list.acs"), "the build's own list\n");
-    pack();
-    EXPECT_EQ(readFile(extract() / "version_list.acs"), "the build's own list\n");
+TEST_F(PackedList, carries_the_security_epoch) {
+    request.epoch = 4294967295;
+    EXPECT_EQ(packedList(), expectedList("epoch 4294967295\n"));
+}
+
+TEST_F(PackedList, carries_an_epoch_of_0) {
+    request.epoch = 0;
+    EXPECT_EQ(packedList(), expectedList("epoch 0\n"));
+}
+
+TEST_F(PackedList, takes_the_lines_of_a_builds_own_text_over_as_notes) {
+    giveList("branch main\r\n\nhardware 1\nuname größe");
+    EXPECT_EQ(packedList(), expectedList() + "note branch main\nnote uname größe\n");
+    EXPECT_EQ(readFile(component("version_list.acs")), "branch main\r\n\nhardware 1\nuname größe");
+}
+
+TEST_F(PackedList, is_a_given_release_list_that_is_right_with_its_epoch_and_notes) {
+    giveList(expectedList("epoch 7\n") + "note by the build\n");
+    EXPECT_EQ(packedList(), expectedList("epoch 7\n") + "note by the build\n");
+}
+
+TEST_F(PackedList, of_another_version_is_refused) {
+    const std::string list = expectedList();
+    request.version.bld = 4;
+    expectForcedAsItIs(list, "'boot_loader 3' is in line 5, where the components call for 'boot_loader 4'");
+}
+
+TEST_F(PackedList, of_another_component_is_refused) {
+    const std::string list = expectedList();
+    writeFile(component("bld_release.bin"), "another one");
+    expectForcedAsItIs(list, "is in line 6, where the components call for 'component bld_release.bin 11 ");
+}
+
+TEST_F(PackedList, of_another_epoch_is_refused) {
+    request.epoch = 8;
+    expectForcedAsItIs(expectedList("epoch 7\n"),
+                       "'epoch 7' is in line 6, where the components call for 'epoch 8'");
+}
+
+TEST_F(PackedList, that_is_cut_short_is_refused) {
+    const std::string list = expectedList();
+    expectForcedAsItIs(list.substr(0, list.rfind("component")),
+                       "the release list ends where 'component mcu_flash_drv.s19' belongs");
+}
+
+TEST_F(PackedList, of_another_format_is_refused) {
+    expectForcedAsItIs("release_list 2\n", "the text is no release list of the format 1");
+}
+
+TEST_F(PackedList, refuses_a_builds_text_with_control_characters) {
+    expectForcedAsItIs("a\x1b[2J\n", "the line 'a\\x1b[2J' cannot be a note");
+}
+
+TEST_F(PackedList, refuses_a_builds_text_of_a_long_line) {
+    expectForcedAsItIs(std::string(201, 'x'), "cannot be a note");
+}
+
+TEST_F(PackedList, refuses_a_builds_text_of_many_lines) {
+    std::string text;
+    for (int line = 0; line < 65; ++line) {
+        text += "line\n";
+    }
+    expectForcedAsItIs(text, "it has more than 64 lines");
+}
+
+TEST_F(PackedList, refuses_a_builds_text_of_many_bytes) {
+    expectForcedAsItIs(std::string(16385, '\n'), "it has more than 16384 bytes");
 }
 
 TEST_F(Pack, a_branch_of_200_bytes_is_stored_whole_and_the_user_behind_it) {
@@ -501,9 +595,7 @@ TEST_F(Pack, components_that_fit_only_without_signatures_and_headers_are_refused
     // The sum of the sizes is within the limit, the archive is not.
     const std::uintmax_t others = 5000 + 200 + 70000 + fs::file_size(component("mcu_flash_app.s19")) +
                                   fs::file_size(component("mcu_flash_drv.s19"));
-    const std::string list = "1\n";
-    writeFile(component("version_list.acs"), list);
-    fs::resize_file(component("ext4"), kPackageBytes - kTrailerBytes - others - list.size());
+    fs::resize_file(component("ext4"), kPackageBytes - kTrailerBytes - others);
     expectRefusal(ErrorCode::kRefused, "the components come to");
 }
 
@@ -569,6 +661,12 @@ TEST_F(Pack, output_over_a_component_is_refused) {
     request.output = component("Image");
     expectRefusal(ErrorCode::kUsage, "is also an input");
     EXPECT_EQ(fs::file_size(component("Image")), 70000U);
+}
+
+TEST_F(Pack, output_over_the_builds_list_is_refused) {
+    writeFile(component("version_list.acs"), "the build's own list\n");
+    request.output = component("version_list.acs");
+    expectRefusal(ErrorCode::kUsage, "is also an input");
 }
 
 TEST_F(Pack, output_over_the_key_is_refused) {

@@ -24,6 +24,7 @@ namespace {
 
 constexpr unsigned long kMcuApplicationAddress = 0x00008000;
 constexpr unsigned long kMcuRamAddress = 0x20000000;
+constexpr const char* kVersionList = "version_list.acs";
 constexpr unsigned long kTarBlock = 512;
 constexpr unsigned long kTarEndBlocks = 20;  // tar fills up to a record of 20 blocks
 
@@ -144,10 +145,12 @@ std::string versionText(int hw, int mpu, int mcu, int bld) {
     return text;
 }
 
-std::string md5Text(const std::string& bytes) {
+namespace {
+
+std::string digestText(const std::string& bytes, const EVP_MD* kind) {
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned length = 0;
-    require(EVP_Digest(bytes.data(), bytes.size(), digest, &length, EVP_md5(), nullptr) == 1, "md5");
+    require(EVP_Digest(bytes.data(), bytes.size(), digest, &length, kind, nullptr) == 1, "digest");
     std::string text;
     for (unsigned i = 0; i < length; ++i) {
         char digits[3];
@@ -155,6 +158,12 @@ std::string md5Text(const std::string& bytes) {
         text += digits;
     }
     return text;
+}
+
+}  // namespace
+
+std::string md5Text(const std::string& bytes) {
+    return digestText(bytes, EVP_md5());
 }
 
 SigningKey::SigningKey() : key(EVP_EC_gen("P-256")) {
@@ -248,8 +257,9 @@ TestPackage::TestPackage() {
 TestPackage& TestPackage::setVersions(int hw, int mpu, int mcu, int bld) {
     version = versionText(hw, mpu, mcu, bld);
     components["mcu_flash_app.s19"] = mcuApplication(mcu);
-    components["version_list.acs"] = "hw " + std::to_string(hw) + "\nmpu " + std::to_string(mpu) + "\nmcu " +
-                                     std::to_string(mcu) + "\nbld " + std::to_string(bld) + "\n";
+    listedVersions = "hardware " + std::to_string(hw) + "\nmain_processor " + std::to_string(mpu) +
+                     "\nmicrocontroller " + std::to_string(mcu) + "\nboot_loader " + std::to_string(bld) +
+                     "\n";
     return *this;
 }
 
@@ -312,9 +322,23 @@ std::string TestPackage::signatureOf(const std::string& component, const std::st
     return signature;
 }
 
+std::string TestPackage::releaseList() const {
+    std::string text = "release_list 1\n" + listedVersions;
+    for (const std::string& name : componentNames()) {
+        if (name != kVersionList) {
+            const std::string& bytes = components.at(name);
+            text += "component " + name + " " + std::to_string(bytes.size()) + " " +
+                    digestText(bytes, EVP_sha256()) + "\n";
+        }
+    }
+    return text;
+}
+
 std::map<std::string, std::string> TestPackage::files() const {
     std::map<std::string, std::string> all = extraFiles;
-    for (const auto& [name, bytes] : components) {
+    std::map<std::string, std::string> parts = components;
+    parts.emplace(kVersionList, releaseList());
+    for (const auto& [name, bytes] : parts) {
         all[name] = bytes;
         all[name + ".sign"] = signatureOf(name, bytes);
     }
@@ -332,7 +356,7 @@ std::string TestPackage::payload() const {
     const std::filesystem::path tree = work.path + "/tree";
     std::filesystem::create_directory(tree);
     std::vector<std::string> command{"tar", "-cf", work.path + "/payload", "-C", tree};
-    command.insert(command.end(), {"--owner=0", "--group=0", "--"});
+    command.insert(command.end(), {"--owner=0", "--group=0", "--mode=0644", "--"});
     for (const auto& [name, bytes] : files()) {
         writeWhole(tree / name, bytes);
         command.push_back(name);

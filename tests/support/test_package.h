@@ -92,8 +92,9 @@ class TestPackage {
     // Valid: seven small components, signed; version 1, 2, 3, 4; branch "main" and user "builder"; 128 MiB.
     TestPackage();
 
-    // In the trailer, and in the microcontroller's application.
+    // In the trailer, in the microcontroller's application and in the release list.
     TestPackage& setVersions(int hw, int mpu, int mcu, int bld);
+    // Any but the version list gets into that list, too, unless that is set itself.
     TestPackage& setComponent(const std::string& name, const std::string& bytes);
     // A component, or a signature by its whole name ("ext4.sign").
     TestPackage& omit(const std::string& fileName);
@@ -126,6 +127,7 @@ class TestPackage {
 
   private:
     std::string signatureOf(const std::string& component, const std::string& bytes) const;
+    std::string releaseList() const;
     std::string payload() const;
     Trailer trailerFor(const std::string& payloadBytes) const;
 
@@ -137,6 +139,7 @@ class TestPackage {
     std::vector<long> flips;
     std::vector<std::function<void(Trailer&)>> edits;
     std::string version;
+    std::string listedVersions;  // as the release list has them
     std::string rawPayload;
     bool isRaw = false;
     unsigned long totalSize = kPackageBytes;

@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "tests/support/device.h"
+#include "tests/support/package_parts.h"
 #include "tests/support/test_package.h"
 #include "tests/tools/tool_support.h"
 
@@ -134,6 +135,7 @@ TEST_F(PackageCommands, verify_tells_each_check_on_a_line) {
               "key                 ok\n"
               "md5                 ok\n"
               "archive             ok\n"
+              "release             ok\n"
               "bld_release.bin     ok\n"
               "cv22_kavro_qz7.dtb  ok\n"
               "ext4                ok\n"
@@ -160,12 +162,61 @@ TEST_F(PackageCommands, verify_as_json_lists_the_checks) {
     const Json::Value root = parsed(result.out);
     EXPECT_EQ(root["package"], file);
     EXPECT_EQ(root["in_order"], false);
-    ASSERT_EQ(root["checks"].size(), 11U);
+    ASSERT_EQ(root["checks"].size(), 12U);
     for (const Json::Value& check : root["checks"]) {
         const bool good = check["name"] != "ext4";
         EXPECT_EQ(check["ok"], good) << check;
         EXPECT_EQ(check["faults"].size(), good ? 0U : 1U) << check;
     }
+}
+
+TEST_F(PackageCommands, a_warning_is_told_by_both_and_changes_no_exit_code) {
+    package.setComponent("version_list.acs", "for people\n");
+    const std::string warning =
+        "'version_list.acs' is no release list: nothing binds the components to each other";
+    const ProgramResult verified = run({"verify"});
+    EXPECT_EQ(verified.exitCode, 0);
+    EXPECT_THAT(verified.out,
+                AllOf(HasSubstr("\nversion_list.acs    ok\nwarning             " + warning + "\n"),
+                      Not(HasSubstr("release             "))));
+    const ProgramResult inspected = run({"inspect"});
+    EXPECT_EQ(inspected.exitCode, 0);
+    EXPECT_THAT(inspected.out, HasSubstr("\n\nwarning   " + warning + "\n"));
+    for (const char* command : {"verify", "inspect"}) {
+        const Json::Value root = parsed(run({command, "--json"}).out);
+        EXPECT_EQ(root["in_order"], true);
+        ASSERT_EQ(root["warnings"].size(), 1U);
+        EXPECT_EQ(root["warnings"][0], warning);
+        EXPECT_TRUE(root["release"].isNull());
+    }
+}
+
+TEST_F(PackageCommands, epoch_and_notes_of_the_release_are_in_the_json) {
+    std::string list = package.files().at("version_list.acs");
+    const Json::Value plain = parsed(run({"verify", "--json"}).out);
+    EXPECT_TRUE(plain["release"].isMember("epoch") && plain["release"]["epoch"].isNull());
+    EXPECT_EQ(plain["release"]["notes"].size(), 0U);
+    EXPECT_EQ(plain["warnings"].size(), 0U);
+    list.insert(list.find("component "), "epoch 4294967295\n");
+    package.setComponent("version_list.acs", list + "note by the build\n");
+    const Json::Value root = parsed(run({"verify", "--json"}).out);
+    EXPECT_EQ(root["release"]["epoch"].asUInt(), 4294967295U);
+    EXPECT_EQ(root["release"]["notes"][0], "by the build");
+}
+
+TEST_F(PackageCommands, pack_takes_the_epoch_in_its_range_only) {
+    for (const char* epoch : {"-1", "4294967296", "x", "", "1.5"}) {
+        const ProgramResult result = upgradectl({"pack", "--key", files / "key.pem", "--version", "1.105.8.3",
+                                                 "--output", file, "--epoch", epoch, files.path()});
+        EXPECT_EQ(result.exitCode, 2) << epoch;
+        EXPECT_THAT(result.err, HasSubstr("--epoch")) << epoch;
+    }
+    testsupport::makeComponents(files / "components");
+    testsupport::makeEcKey(files / "key.pem");
+    const ProgramResult packed = upgradectl({"pack", "--key", files / "key.pem", "--version", "1.105.8.3",
+                                             "--output", file, "--epoch", "7", files / "components"});
+    EXPECT_EQ(packed.exitCode, 0) << packed.err;
+    EXPECT_EQ(parsed(upgradectl({"verify", "--json", file}).out)["release"]["epoch"].asUInt(), 7U);
 }
 
 TEST_F(PackageCommands, verify_takes_the_trusted_key_and_no_other) {

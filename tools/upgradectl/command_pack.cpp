@@ -1,6 +1,8 @@
 // The command line of pack.
 #include <CLI/CLI.hpp>
+#include <cstdint>
 #include <cstdio>
+#include <limits>
 #include <memory>
 #include <string>
 
@@ -34,7 +36,8 @@ void addPack(CLI::App& app, Action& chosen) {
     CLI::App* command = app.add_subcommand("pack", "Make a signed upgrade package out of components");
     command->footer(
         "The directory holds bld_release.bin, cv22_kavro_qz7.dtb, ext4, Image, mcu_flash_app.s19,\n"
-        "mcu_flash_drv.s19 and, if wanted, version_list.acs, which is made otherwise.\n"
+        "mcu_flash_drv.s19 and, if wanted, version_list.acs, whose lines become notes of the release list "
+        "that is made.\n"
         "Refused are a kernel, device tree, file system or microcontroller's file that is not one, unless "
         "--force "
         "is given.\n"
@@ -48,6 +51,7 @@ void addPack(CLI::App& app, Action& chosen) {
     struct Options {
         kavro::package::PackRequest request;
         std::string version, stamp;
+        std::uint64_t epoch = 0;
     };
     const auto options = std::make_shared<Options>();
     command->add_option("COMPONENT_DIR", options->request.componentDir, "Directory of the components")
@@ -70,12 +74,19 @@ void addPack(CLI::App& app, Action& chosen) {
     command->add_option("--ident", options->request.ident, "Identifier, up to 40 bytes, such as a commit");
     command->add_option("--branch", options->request.branch, "Branch text; devices keep 127 bytes");
     command->add_option("--user", options->request.user, "User text, needs --branch; devices keep 127 bytes");
+    CLI::Option* epoch =
+        command->add_option("--epoch", options->epoch, "Security epoch of the release, 0 to 4294967295")
+            ->type_name("N")
+            ->check(CLI::Range(std::uint64_t{0}, std::uint64_t{std::numeric_limits<std::uint32_t>::max()}));
     command->add_flag("--force", options->request.force,
                       "Only warn of a component that is not in the format which a device needs");
 
-    command->callback([options, stamp, &chosen] {
+    command->callback([options, stamp, epoch, &chosen] {
         if (stamp->count() > 0) {
             options->request.stamp = options->stamp;
+        }
+        if (epoch->count() > 0) {
+            options->request.epoch = static_cast<std::uint32_t>(options->epoch);
         }
         chosen = [options] {
             options->request.version = kavro::valueOf(kavro::package::parseVersion(options->version));

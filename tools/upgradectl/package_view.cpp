@@ -101,6 +101,20 @@ std::string faultsText(const kavro::package::Check& check) {
     return text;
 }
 
+std::string warningsText(const kavro::package::Check& check) {
+    std::string text;
+    for (const std::string& warning : check.warnings) {
+        text += line("warning", warning);
+    }
+    return text;
+}
+
+// The faults, and then the warnings, apart from what stands before them.
+std::string troublesText(const kavro::package::Check& check) {
+    const std::string text = faultsText(check) + warningsText(check);
+    return text.empty() ? "" : "\n" + text;
+}
+
 Json::Value jsonList(const std::vector<std::string>& texts) {
     Json::Value list(Json::arrayValue);
     for (const std::string& text : texts) {
@@ -123,6 +137,18 @@ Json::Value jsonVersion(const kavro::package::Version& version) {
     numbers["mcu"] = version.mcu;
     numbers["bld"] = version.bld;
     return numbers;
+}
+
+// Null where the package brings no release list, and an epoch of null where that has none.
+Json::Value jsonRelease(const kavro::package::Check& check) {
+    if (!check.release) {
+        return Json::nullValue;
+    }
+    Json::Value release(Json::objectValue);
+    release["epoch"] =
+        check.release->epoch ? Json::Value(Json::UInt(*check.release->epoch)) : Json::nullValue;
+    release["notes"] = jsonList(check.release->notes);
+    return release;
 }
 
 Json::Value jsonEntries(const Inspection& inspection) {
@@ -149,6 +175,7 @@ Json::Value jsonCommon(const std::string& package, const kavro::package::Check& 
     root["in_order"] = check.inOrder();
     root["versions"] = jsonVersion(check.trailer.version);
     root["key"] = jsonKey(check);
+    root["release"] = jsonRelease(check);
     Json::Value checks(Json::arrayValue);
     for (const kavro::package::PartCheck& part : allChecks(check)) {
         Json::Value row(Json::objectValue);
@@ -158,6 +185,7 @@ Json::Value jsonCommon(const std::string& package, const kavro::package::Check& 
         checks.append(row);
     }
     root["checks"] = checks;
+    root["warnings"] = jsonList(check.warnings);
     return root;
 }
 
@@ -172,7 +200,7 @@ std::string inspectionText(const Inspection& inspection) {
            line("stamp", kavro::escaped(trailer.stamp)) + line("ident", kavro::escaped(trailer.ident)) +
            line("version", versionText(trailer.version)) + line("branch", kavro::escaped(trailer.branch)) +
            line("user", kavro::escaped(trailer.user)) + "\n" + entriesText(inspection) +
-           (inspection.check.inOrder() ? "" : "\n" + faultsText(inspection.check));
+           troublesText(inspection.check);
 }
 
 std::string inspectionJson(const Inspection& inspection) {
@@ -199,6 +227,9 @@ std::string verificationText(const kavro::package::Check& check) {
         }
         text << std::left << std::setw(kCheckColumns) << part.name << (verdict.empty() ? "ok" : verdict)
              << "\n";
+    }
+    for (const std::string& warning : check.warnings) {
+        text << std::left << std::setw(kCheckColumns) << "warning" << warning << "\n";
     }
     return text.str();
 }
