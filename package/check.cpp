@@ -93,7 +93,8 @@ class Payload {
 
     bool unreadable() const { return failed; }
     std::string md5Text() { return hexText(finished(md5)); }
-    const std::string& headerFault() const { return headers.fault(); }
+    // The headers of what was handed out.
+    TarHeaderCheck& headerCheck() { return headers; }
 
   private:
     const RawFile& package;
@@ -181,7 +182,8 @@ std::string octalText(unsigned mode) {
 // Takes up what the archive holds of the seven components and their signatures.
 class ComponentReader : public ArchiveVisitor {
   public:
-    explicit ComponentReader(const EntryListener& entryListener) : listener(entryListener) {
+    ComponentReader(const EntryListener& entryListener, TarHeaderCheck& headerCheck)
+        : listener(entryListener), headers(headerCheck) {
         for (const char* name : kComponentNames) {
             found.emplace_back(name);
         }
@@ -192,11 +194,14 @@ class ComponentReader : public ArchiveVisitor {
             listener(entry);
         }
         const std::string name = unpackedName(entry);
+        current = requiredFile(name);
+        if (!isReadAlike(entry, headers.next())) {
+            return false;
+        }
         if (name.empty() && entry.type == "directory") {
             remarks.add(told(entry.name, "the directory that it was made of"));
             return false;
         }
-        current = requiredFile(name);
         const std::string fault = entryFault(entry, name);
         if (!fault.empty()) {
             blame(entry.name, fault);
@@ -231,6 +236,8 @@ class ComponentReader : public ArchiveVisitor {
     }
 
     std::vector<std::string> takeFaults() { return faults.take(); }
+    // Whether a device would unpack more than was walked through.
+    [[nodiscard]] bool lacksEntries() const { return headers.fault().empty() && headers.next().has_value(); }
     // What no maker's package has, and a device takes all the same.
     std::vector<std::string> takeRemarks() { return remarks.take(); }
 
@@ -242,6 +249,24 @@ class ComponentReader : public ArchiveVisitor {
     std::deque<FoundComponent> found;  // in the order of kComponentNames
 
   private:
+    // Whether a device makes the same of an entry: a file of the same name, if that is one of the 14, and of the same size.
+    // Nothing is known behind a faulty header, which is a fault itself.
+    bool isReadAlike(const Entry& entry, const std::optional<TarHeader>& header) {
+        if (!header && !headers.fault().empty()) {
+            return true;
+        }
+        const auto placeOf = [](const std::optional<RequiredFile>& file) {
+            return file ? static_cast<int>(file->component) * 2 + static_cast<int>(file->isSignature) : -1;
+        };
+        const auto required = header ? requiredFile(unpackedName({header->name, entry.type})) : std::nullopt;
+        if (header && placeOf(required) == placeOf(current) &&
+            (entry.type != "file" || header->bytes == entry.bytes)) {
+            return true;
+        }
+        faults.add(told(entry.name, "which a device reads as another entry"));
+        return false;
+    }
+
     static std::string entryFault(const Entry& entry, const std::string& name) {
         if (entry.type != "file") {
             return "which is no regular file (" + entry.type + ")";
@@ -308,6 +333,7 @@ class ComponentReader : public ArchiveVisitor {
     }
 
     const EntryListener& listener;
+    TarHeaderCheck& headers;
     std::optional<RequiredFile> current;
     std::string list;
     EntryTexts faults;
@@ -425,7 +451,7 @@ class PackageChecker {
     void checkPayload(bool payloadKnown) {
         const std::uint64_t bytes = payloadKnown ? result.trailer.payloadBytes : 0;
         Payload payload(file, bytes);
-        ComponentReader archive(listener);
+        ComponentReader archive(listener, payload.headerCheck());
         std::string fault = "its length is unknown";
         if (payloadKnown) {
             fault = walkArchive([&payload](const void*& data) { return payload.next(data); }, archive);
@@ -436,7 +462,7 @@ class PackageChecker {
                           "check the storage that it lies on");
         }
         checkMd5(payloadKnown, payload);
-        checkArchive(bytes, fault.empty() ? payload.headerFault() : fault, archive);
+        checkArchive(bytes, fault.empty() ? payload.headerCheck().fault() : escaped(fault), archive);
         checkRelease(archive.listText());
         judgeComponents(archive);
     }
@@ -459,8 +485,11 @@ class PackageChecker {
             faults.push_back("the payload of " + std::to_string(bytes) +
                              " bytes is no whole number of tar blocks of 512 bytes");
         }
+        if (fault.empty() && archive.lacksEntries()) {
+            faults.emplace_back("the payload goes on for a device where it seems to end");
+        }
         if (!fault.empty()) {
-            faults.push_back("the payload cannot be read as a plain tar archive: " + escaped(fault));
+            faults.push_back("the payload cannot be read as a plain tar archive: " + fault);
         }
         addRemarks(archive.takeRemarks(), faults);
         addPart("archive", std::move(faults));

@@ -90,7 +90,7 @@ may_be_taken() {
         ;;
     link) reason="archive: the archive holds '.*', which is no regular file \((symbolic|hard) link\)$" ;;
     other_type | pax)
-        reason="archive: $unread: (an entry has the type '.*', which no entry of a package may have|the header of '.*' has '.*' for its size with its holes)$"
+        reason="archive: $unread: an entry has the (type|attribute) '.*', which (no entry of a package may have|not every reader takes for the same)$"
         ;;
     *) return 1 ;;
     esac

@@ -21,13 +21,13 @@
 #include <string>
 #include <vector>
 
-#include "tests/fault/tar_archive.h"
+#include "tests/support/tar_archive.h"
 #include "tests/support/test_package.h"
 
 namespace {
 
-using fault::TarEntry;
 using testsupport::SigningKey;
+using testsupport::TarEntry;
 using testsupport::TestPackage;
 using testsupport::Trailer;
 
@@ -180,11 +180,11 @@ void flipPayloadWithMd5(Mutation& mutation) {
 }
 
 void flipHeader(Mutation& mutation) {
-    const std::vector<std::size_t> headers = fault::headersOf(mutation.entries);
+    const std::vector<std::size_t> headers = testsupport::headersOf(mutation.entries);
     const std::size_t header = headers[mutation.below(headers.size())];
     mutation.afterwards = [&mutation, header](std::string& payload) {
         mutation.flipBit(payload, header, header + 345);
-        fault::repairChecksum(payload, header);
+        testsupport::repairChecksum(payload, header);
     };
 }
 
@@ -362,7 +362,7 @@ void longName(Mutation& mutation) {
     TarEntry more;
     more.name = gnu ? "././@LongLink" : "PaxHeaders/x";
     more.type = gnu ? 'L' : 'x';
-    more.content = gnu ? name + '\0' : fault::paxAttribute("path", name);
+    more.content = gnu ? name + '\0' : testsupport::paxAttribute("path", name);
     mutation.entries.push_back(more);
     mutation.entries.push_back({name.substr(0, 100), "something"});
 }
@@ -378,7 +378,7 @@ void pax(Mutation& mutation) {
     TarEntry header;
     header.name = "PaxHeaders/x";
     header.type = mutation.below(4) == 0 ? 'g' : 'x';
-    header.content = fault::paxAttribute(attribute[0], attribute[1]);
+    header.content = testsupport::paxAttribute(attribute[0], attribute[1]);
     putBefore(mutation, mutation.anyEntry().name, header);
 }
 
@@ -549,7 +549,7 @@ void make(const std::string& id, const std::string& file, const std::string& dir
     const Kind& kind = kindOf(id.substr(0, colon));
     Mutation mutation(static_cast<unsigned>(std::stoul(id.substr(colon + 1))));
     kind.make(mutation);
-    std::string payload = fault::tarArchive(mutation.entries);
+    std::string payload = testsupport::tarArchive(mutation.entries);
     if (mutation.afterwards) {
         mutation.afterwards(payload);
     }

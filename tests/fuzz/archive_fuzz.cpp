@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "package/internal/archive_walk.h"
+#include "package/internal/tar_headers.h"
 #include "tests/fuzz/fuzz.h"
 
 namespace {
@@ -66,6 +67,19 @@ Outcome walk(const std::uint8_t* data, std::size_t size, std::size_t blockBytes)
     return {fault, visitor.entries};
 }
 
+// The headers as the stricter reader sees them, which gets them in portions of this size.
+Outcome headersOf(const std::uint8_t* data, std::size_t size, std::size_t portion) {
+    kavro::package::TarHeaderCheck check;
+    for (std::size_t position = 0; position < size; position += std::min(portion, size - position)) {
+        check.take(data + position, std::min(portion, size - position));
+    }
+    Outcome outcome = {check.fault(), 0};
+    while (check.next()) {
+        ++outcome.entries;
+    }
+    return outcome;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -73,6 +87,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const Outcome inBlocks = walk(data, size, 512);
     require(whole.entries == inBlocks.entries && whole.fault.empty() == inBlocks.fault.empty(),
             "the size of the blocks makes no difference: '" + whole.fault + "', '" + inBlocks.fault + "'");
+    const Outcome headers = headersOf(data, size, size + 1);
+    const Outcome inPortions = headersOf(data, size, 100);
+    require(
+        headers.entries == inPortions.entries && headers.fault == inPortions.fault,
+        "the size of the portions makes no difference: '" + headers.fault + "', '" + inPortions.fault + "'");
+    require(headers.fault.find_first_of("\n\x1b") == std::string::npos, "a fault is one printable line");
+    require(!whole.fault.empty() || !headers.fault.empty() || whole.entries == headers.entries,
+            "where neither finds a fault, both find the same entries");
     // Every entry has a header of its own.
     require(whole.entries <= size / 512, "there are no more entries than headers");
     return 0;

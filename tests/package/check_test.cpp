@@ -203,8 +203,6 @@ INSTANTIATE_TEST_SUITE_P(
         Archive{"with_a_long_name_besides", "touch $(printf '%0200d' 0); tar -cf $out *", ""},
         Archive{"with_signatures_first", "tar -cf $out *.sign; rm *.sign; tar -rf $out *", ""},
         Archive{"without_an_end_mark", "tar -b1 -cf $out *; truncate -s -1024 $out", ""},
-        Archive{"with_holes", "truncate -s 1M hole; tar -Scf $out *", ""},
-        Archive{"with_holes_of_pax_format", "truncate -s 1M hole; tar --format=pax -Scf $out *", ""},
         Archive{"of_pax_format_with_a_name_beyond_ascii", "touch größe; tar --format=pax -cf $out *", ""},
         Archive{"with_a_file_twice_that_is_no_component", "touch x; tar -cf $out *; tar -rf $out x", ""}),
     nameOfCase);
@@ -261,6 +259,9 @@ INSTANTIATE_TEST_SUITE_P(
         Archive{"attributes_of_all_entries",
                 "tar --format=pax --pax-option=globexthdr.name=g,comment=x -cf $out *",
                 "an entry has the type 'g', which no entry of a package may have"},
+        Archive{"file_with_holes", "truncate -s 1M hole; tar -Scf $out *", "an entry has the type 'S'"},
+        Archive{"file_with_holes_of_pax_format", "truncate -s 1M hole; tar --format=pax -Scf $out *",
+                "an entry has the attribute 'GNU.sparse.major'"},
         Archive{"sparse_file_of_gigabytes", "truncate -s 9G hole; tar --format=pax -Scf $out *",
                 "holds 'hole', which claims to be larger than a package"},
         Archive{"compressed_archive", "tar -czf $out *; truncate -s %512 $out",

@@ -1,8 +1,8 @@
-#include "tests/fault/tar_archive.h"
+#include "tests/support/tar_archive.h"
 
 #include <cstdio>
 
-namespace fault {
+namespace testsupport {
 namespace {
 
 // A field of a header: where it lies and how long it is.
@@ -99,4 +99,4 @@ std::string paxAttribute(const std::string& keyword, const std::string& value) {
     return std::to_string(length) + text;
 }
 
-}  // namespace fault
+}  // namespace testsupport

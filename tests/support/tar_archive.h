@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-namespace fault {
+namespace testsupport {
 
 inline constexpr std::size_t kTarBlockBytes = 512;
 
@@ -37,4 +37,4 @@ std::vector<std::size_t> headersOf(const std::vector<TarEntry>& entries);
 // The text of pax attributes: "LENGTH KEYWORD=VALUE\n" for each.
 std::string paxAttribute(const std::string& keyword, const std::string& value);
 
-}  // namespace fault
+}  // namespace testsupport
