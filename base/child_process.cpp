@@ -163,6 +163,17 @@ bool ChildProcess::start(const char* path, const char* const arguments[], int sc
     return true;
 }
 
+ChildProcess::Progress ChildProcess::progress() const {
+    siginfo_t info = {};
+    if (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WSTOPPED | WNOHANG | WNOWAIT) != 0) {
+        return errno == EINTR ? Progress::kRuns : Progress::kEnded;  // somebody else has reaped it
+    }
+    if (info.si_pid == 0) {
+        return Progress::kRuns;
+    }
+    return info.si_code == CLD_STOPPED ? Progress::kStopped : Progress::kEnded;
+}
+
 bool ChildProcess::succeeds(const COMMON_YR::CancelHold& hold) {
     for (;;) {
         siginfo_t info;

@@ -22,6 +22,11 @@ class ChildProcess {
     // that a shell reads.
     bool start(const char* path, const char* const arguments[], int script, int output);
 
+    // Whether it still works, has ended, or was stopped by a signal, as one is that wants the terminal of another process group.
+    // Does not wait, and does not reap it.
+    enum class Progress { kRuns, kEnded, kStopped };
+    Progress progress() const;
+
     // Waits for the end and reaps the child. A cancel of the thread may act while it waits. Returns whether
     // the child ended by itself with status 0; false too when the process ignores SIGCHLD, since the status
     // is lost then.

@@ -29,8 +29,6 @@ namespace fs = std::filesystem;
 
 constexpr std::size_t kReadBlockBytes = 65536;
 constexpr std::size_t kTarBlockBytes = 512;
-constexpr std::size_t kMostSignatureBytes =
-    2048;  // that of an RSA key of 16384 bits, the longest that OpenSSL uses
 constexpr std::size_t kMostNameBytes = 255;    // of one file, in the file systems of a device
 constexpr std::size_t kMostArchiveFaults = 8;  // an archive has room for a quarter of a million
 constexpr unsigned kFileMode = 0644;           // that pack() gives every file

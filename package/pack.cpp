@@ -5,6 +5,7 @@
 #include <ctime>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,7 +16,9 @@
 #include "base/raw_file.h"
 #include "package/internal/archive.h"
 #include "package/internal/component_files.h"
+#include "package/internal/given_up.h"
 #include "package/internal/packed_list.h"
+#include "package/internal/signer.h"
 #include "package/internal/signing.h"
 #include "package/internal/staging.h"
 #include "package/trailer.h"
@@ -50,9 +53,9 @@ std::string utcStamp(std::time_t time) {
     return text;
 }
 
-Trailer describe(const PackRequest& request, const PrivateKey& key) {
+Trailer describe(const PackRequest& request, const Signer& signer) {
     Trailer trailer;
-    trailer.publicKey = key.publicKeyPem();
+    trailer.publicKey = signer.publicKeyPem();
     trailer.stamp = request.stamp ? *request.stamp : utcStamp(sourceDateEpoch().value_or(std::time(nullptr)));
     trailer.ident = request.ident;
     trailer.version = request.version;
@@ -63,7 +66,8 @@ Trailer describe(const PackRequest& request, const PrivateKey& key) {
 }
 
 void requireApart(const PackRequest& request, const std::vector<Component>& components) {
-    std::vector<fs::path> inputs = {request.key};
+    std::vector<fs::path> inputs = {request.key, request.publicKey.value_or(""),
+                                    request.passphraseFile.value_or("")};
     for (const Component& component : components) {
         inputs.push_back(component.path);
     }
@@ -98,7 +102,7 @@ Failure refusal(const std::vector<ComponentFault>& faults) {
 
 void throwIfGivenUp(const KeepGoing& keepGoing) {
     if (keepGoing && !keepGoing()) {
-        throw Failure(ErrorCode::kGivenUp, "interrupted, no package was written", "run the command again");
+        throw givenUp();
     }
 }
 
@@ -172,16 +176,6 @@ Release readRelease(const PackRequest& request, const KeepGoing& keepGoing) {
     return release;
 }
 
-void writeStaged(const fs::path& path, const std::string& content) {
-    std::ofstream file(path, std::ios::binary);
-    file << content;
-    file.close();
-    if (!file) {
-        throw Failure(ErrorCode::kOther, "'" + path.string() + "' cannot be written",
-                      "make room in the directory for temporary files, or set TMPDIR to another");
-    }
-}
-
 // The list that was made becomes a component like the others.
 void stageList(Release& release, const fs::path& directory) {
     if (release.list.empty()) {
@@ -195,7 +189,7 @@ void stageList(Release& release, const fs::path& directory) {
 
 // Puts all files of the archive into one directory: links to the components, and their signatures. Returns
 // their names.
-std::vector<std::string> stage(const fs::path& directory, const Release& release, const PrivateKey& key,
+std::vector<std::string> stage(const fs::path& directory, const Release& release, Signer& signer,
                                const KeepGoing& keepGoing) {
     std::vector<std::string> names;
     for (std::size_t index = 0; index < release.components.size(); ++index) {
@@ -203,21 +197,22 @@ std::vector<std::string> stage(const fs::path& directory, const Release& release
         const Component& component = release.components[index];
         const std::string signatureName = component.name + kSignatureSuffix;
         fs::create_symlink(component.path, directory / component.name);
-        writeStaged(directory / signatureName, key.sign(release.contents[index].sha256));
+        writeStaged(directory / signatureName,
+                    signer.sign(component, release.contents[index].sha256, directory));
         names.insert(names.end(), {component.name, signatureName});
     }
     return names;
 }
 
 PackSummary writePackage(const PackRequest& request, const KeepGoing& keepGoing) {
-    const PrivateKey key(request.key);
-    Trailer trailer = describe(request, key);
+    const std::unique_ptr<Signer> signer = makeSigner(request, keepGoing);
+    Trailer trailer = describe(request, *signer);
     Release release = readRelease(request, keepGoing);
     OutputFile output(request.output);
 
     const StagingDirectory staging;
     stageList(release, staging.path());
-    const std::vector<std::string> names = stage(staging.path(), release, key, keepGoing);
+    const std::vector<std::string> names = stage(staging.path(), release, *signer, keepGoing);
     writeArchive(output.path(), staging.path(), names, sourceDateEpoch().value_or(0));
     throwIfGivenUp(keepGoing);
 
@@ -228,20 +223,50 @@ PackSummary writePackage(const PackRequest& request, const KeepGoing& keepGoing)
     output.writeAt(kMaxPayloadBytes, encodeTrailer(trailer));
     throwIfGivenUp(keepGoing);
     output.commit();
-    return {trailer.payloadBytes, trailer.md5, key.description(), std::move(release.warnings)};
+    return {trailer.payloadBytes, trailer.md5, signer->keyDescription(), std::move(release.warnings)};
 }
 
-}  // namespace
+// For a signer that has nothing but these: a file of 32 bytes for each component, and the list, which tells what is signed.
+void writeDigestFiles(const PackRequest& request, const fs::path& directory, const KeepGoing& keepGoing) {
+    Release release = readRelease(request, keepGoing);
+    const StagingDirectory staging;
+    stageList(release, staging.path());
+    fs::create_directories(directory);
+    const auto write = [&directory](const std::string& name, const std::string& content) {
+        OutputFile output(directory / name);
+        output.writeAt(0, content);
+        output.commit();
+    };
+    for (std::size_t index = 0; index < release.components.size(); ++index) {
+        const DigestBytes& sha256 = release.contents[index].sha256;
+        write(release.components[index].name + kDigestSuffix, std::string(sha256.begin(), sha256.end()));
+    }
+    if (!release.list.empty()) {
+        write(kVersionList, release.list);
+    }
+}
 
-Result<PackSummary> pack(const PackRequest& request, const KeepGoing& keepGoing) {
-    return resultOf([&] {
+// What the file system throws becomes an error as well.
+template <typename Work>
+auto guarded(const Work& work) {
+    return resultOf([&work] {
         try {
-            return writePackage(request, keepGoing);
+            return work();
         } catch (const fs::filesystem_error& error) {
             throw Failure(ErrorCode::kOther, error.what(),
                           "check that the files stay in place while they are packed");
         }
     });
+}
+
+}  // namespace
+
+Result<PackSummary> pack(const PackRequest& request, const KeepGoing& keepGoing) {
+    return guarded([&] { return writePackage(request, keepGoing); });
+}
+
+Result<void> writeDigests(const PackRequest& request, const fs::path& directory, const KeepGoing& keepGoing) {
+    return guarded([&] { writeDigestFiles(request, directory, keepGoing); });
 }
 
 }  // namespace kavro::package

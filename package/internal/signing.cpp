@@ -1,11 +1,13 @@
 #include "package/internal/signing.h"
 
 #include <openssl/bio.h>
+#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <utility>
 
@@ -51,10 +53,32 @@ Failure badKey(const std::filesystem::path& file, const std::string& fault, cons
     return {ErrorCode::kRefused, "the key '" + file.string() + "' " + fault, next};
 }
 
-// Never asks at the terminal: pack runs in build scripts. Notes that a password was wanted.
-int refusePassword(char* /*buffer*/, int /*size*/, int /*writing*/, void* wanted) {
-    *static_cast<bool*>(wanted) = true;
-    return -1;
+struct Passphrase {
+    std::optional<std::string> text;
+    bool wanted = false;
+};
+
+// Never asks at the terminal: pack runs in build scripts.
+int givePassphrase(char* buffer, int size, int /*writing*/, void* data) {
+    auto& passphrase = *static_cast<Passphrase*>(data);
+    passphrase.wanted = true;
+    if (!passphrase.text || passphrase.text->size() > static_cast<std::size_t>(size)) {
+        return -1;
+    }
+    passphrase.text->copy(buffer, passphrase.text->size());
+    return static_cast<int>(passphrase.text->size());
+}
+
+std::string readPassphrase(const std::filesystem::path& file) {
+    constexpr std::size_t kMostBytes = 1024;
+    std::string text;
+    if (!readBeginning(file.string(), kMostBytes, text)) {
+        throw Failure(ErrorCode::kRefused,
+                      "the passphrase file '" + file.string() + "' cannot be read: " + reasonOf(errno),
+                      "give a readable file whose first line is the passphrase");
+    }
+    text.erase(std::min(text.find_first_of("\r\n"), text.size()));
+    return text;
 }
 
 bool isSupported(const EVP_PKEY* key) {
@@ -67,7 +91,17 @@ std::string describe(const EVP_PKEY* key) {
            " bits";
 }
 
-Key loadKey(const std::filesystem::path& file) {
+std::string writtenPublicKey(EVP_PKEY* key) {
+    const Bio bio(BIO_new(BIO_s_mem()));
+    if (bio == nullptr || PEM_write_bio_PUBKEY(bio.get(), key) != 1) {
+        throw openSslFailure("write the public key");
+    }
+    char* text = nullptr;
+    const long length = BIO_get_mem_data(bio.get(), &text);
+    return {text, static_cast<std::size_t>(length)};
+}
+
+Key loadKey(const std::filesystem::path& file, const std::optional<std::filesystem::path>& passphraseFile) {
     if (access(file.c_str(), R_OK) != 0) {
         throw badKey(file, "cannot be read: " + reasonOf(errno), "give the file of the private key");
     }
@@ -76,11 +110,22 @@ Key loadKey(const std::filesystem::path& file) {
     if (bio == nullptr) {
         throw unreadable(file);
     }
-    bool passwordWanted = false;
-    Key key(PEM_read_bio_PrivateKey(bio.get(), nullptr, refusePassword, &passwordWanted));
+    Passphrase passphrase;
+    if (passphraseFile) {
+        passphrase.text = readPassphrase(*passphraseFile);
+    }
+    Key key(PEM_read_bio_PrivateKey(bio.get(), nullptr, givePassphrase, &passphrase));
     ERR_clear_error();
-    if (passwordWanted) {
-        throw badKey(file, "is encrypted", "decrypt it first: openssl pkey -in KEY -out PLAINKEY");
+    if (passphrase.text) {
+        OPENSSL_cleanse(passphrase.text->data(), passphrase.text->size());
+    }
+    if (passphrase.wanted && !passphraseFile) {
+        throw badKey(file, "is encrypted",
+                     "give --passphrase-file, or decrypt it: openssl pkey -in KEY -out PLAINKEY");
+    }
+    if (passphrase.wanted && key == nullptr) {
+        throw badKey(file, "cannot be decrypted with the passphrase of '" + passphraseFile->string() + "'",
+                     "give the passphrase as the first line of that file");
     }
     if (key == nullptr) {
         throw badKey(file, "holds no private key in PEM format", "give a file made by: openssl genpkey");
@@ -124,18 +169,16 @@ struct PrivateKey::Impl {
     Key key;
 };
 
-PrivateKey::PrivateKey(const std::filesystem::path& file) : impl(new Impl{loadKey(file)}) {}
+PrivateKey::PrivateKey(const std::filesystem::path& file,
+                       const std::optional<std::filesystem::path>& passphraseFile)
+    : impl(new Impl{loadKey(file, passphraseFile)}) {}
 
 PrivateKey::~PrivateKey() = default;
+PrivateKey::PrivateKey(PrivateKey&& other) noexcept = default;
+PrivateKey& PrivateKey::operator=(PrivateKey&& other) noexcept = default;
 
 std::string PrivateKey::publicKeyPem() const {
-    const Bio bio(BIO_new(BIO_s_mem()));
-    if (bio == nullptr || PEM_write_bio_PUBKEY(bio.get(), impl->key.get()) != 1) {
-        throw openSslFailure("write the public key");
-    }
-    char* text = nullptr;
-    const long length = BIO_get_mem_data(bio.get(), &text);
-    return {text, static_cast<std::size_t>(length)};
+    return writtenPublicKey(impl->key.get());
 }
 
 std::string PrivateKey::description() const {
@@ -170,8 +213,8 @@ std::optional<PublicKey> PublicKey::parse(const std::string& pem, std::string& f
         return std::nullopt;
     }
     const Bio bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
-    bool passwordWanted = false;
-    Key key(PEM_read_bio_PUBKEY(bio.get(), nullptr, refusePassword, &passwordWanted));
+    Passphrase passphrase;
+    Key key(PEM_read_bio_PUBKEY(bio.get(), nullptr, givePassphrase, &passphrase));
     ERR_clear_error();
     if (key == nullptr) {
         fault = "holds no public key in PEM format";
@@ -191,6 +234,10 @@ PublicKey& PublicKey::operator=(PublicKey&& other) noexcept = default;
 
 std::string PublicKey::description() const {
     return describe(impl->key.get());
+}
+
+std::string PublicKey::pem() const {
+    return writtenPublicKey(impl->key.get());
 }
 
 std::string PublicKey::digest() const {

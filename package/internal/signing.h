@@ -13,6 +13,9 @@ namespace kavro::package {
 
 using DigestBytes = std::vector<unsigned char>;
 
+// That of an RSA key of 16384 bits, the longest that OpenSSL uses.
+inline constexpr std::size_t kMostSignatureBytes = 2048;
+
 // The digest of all that was added. Once; throws Failure when OpenSSL failed.
 DigestBytes finished(Digest& digest);
 
@@ -22,11 +25,13 @@ DigestBytes fileDigest(const std::filesystem::path& file, Digest::Kind kind);
 // A private key with which components are signed: RSA or EC.
 class PrivateKey {
   public:
-    // Reads an unencrypted PEM file. Throws Failure (refused) for anything else.
-    explicit PrivateKey(const std::filesystem::path& file);
+    // Reads a PEM file, which may be encrypted with the passphrase that is the first line of another file. Throws Failure
+    // (refused) for anything else.
+    explicit PrivateKey(const std::filesystem::path& file,
+                        const std::optional<std::filesystem::path>& passphraseFile = std::nullopt);
     ~PrivateKey();
-    PrivateKey(const PrivateKey&) = delete;
-    PrivateKey& operator=(const PrivateKey&) = delete;
+    PrivateKey(PrivateKey&& other) noexcept;
+    PrivateKey& operator=(PrivateKey&& other) noexcept;
 
     // The public key that belongs to it, in PEM.
     std::string publicKeyPem() const;
@@ -55,6 +60,8 @@ class PublicKey {
 
     // What is known of it for people: "RSA, 2048 bits".
     std::string description() const;
+    // As text.
+    std::string pem() const;
     // SHA-256 of its DER form, by which people compare keys: lower-case hexadecimal digits.
     std::string digest() const;
     bool isSameAs(const PublicKey& other) const;

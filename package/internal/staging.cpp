@@ -1,6 +1,7 @@
 #include "package/internal/staging.h"
 
 #include <cstdlib>
+#include <fstream>
 #include <string>
 #include <system_error>
 
@@ -24,6 +25,16 @@ StagingDirectory::StagingDirectory() {
 StagingDirectory::~StagingDirectory() {
     std::error_code ignored;
     fs::remove_all(directory, ignored);
+}
+
+void writeStaged(const fs::path& path, const std::string& content) {
+    std::ofstream file(path, std::ios::binary);
+    file << content;
+    file.close();
+    if (!file) {
+        throw Failure(ErrorCode::kOther, "'" + path.string() + "' cannot be written",
+                      "make room in the directory for temporary files, or set TMPDIR to another");
+    }
 }
 
 }  // namespace kavro::package

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <filesystem>
+#include <string>
 
 namespace kavro::package {
 
@@ -18,5 +19,8 @@ class StagingDirectory {
   private:
     std::filesystem::path directory;
 };
+
+// Writes a file in such a directory. Throws Failure (other).
+void writeStaged(const std::filesystem::path& path, const std::string& content);
 
 }  // namespace kavro::package

@@ -219,6 +219,59 @@ TEST_F(PackageCommands, pack_takes_the_epoch_in_its_range_only) {
     EXPECT_EQ(parsed(upgradectl({"verify", "--json", file}).out)["release"]["epoch"].asUInt(), 7U);
 }
 
+TEST_F(PackageCommands, pack_signs_by_a_command_and_in_two_steps) {
+    testsupport::makeComponents(files / "components");
+    testsupport::makeEcKey(files / "key.pem");
+    writeFile(files / "public.pem", runProgram({"openssl", "pkey", "-in", files / "key.pem", "-pubout"}).out);
+    const std::vector<std::string> common = {"pack", "--version", "1.105.8.3", files / "components"};
+    const auto pack = [&common](std::vector<std::string> more) {
+        more.insert(more.begin(), common.begin(), common.end());
+        return upgradectl(more);
+    };
+    const std::string sign =
+        "openssl pkeyutl -sign -inkey '" + (files / "key.pem") + "' -pkeyopt digest:sha256";
+    const ProgramResult signedOne =
+        pack({"--sign-command", sign, "--public-key", files / "public.pem", "--output", file});
+    EXPECT_EQ(signedOne.exitCode, 0) << signedOne.err;
+    EXPECT_THAT(signedOne.out, HasSubstr("signed    EC, 256 bits\n"));
+    EXPECT_EQ(upgradectl({"verify", "--trusted-key", files / "public.pem", file}).exitCode, 0);
+
+    const ProgramResult digests = pack({"--digests", files / "digests"});
+    EXPECT_EQ(digests.exitCode, 0) << digests.err;
+    EXPECT_EQ(digests.out, "digests   " + (files / "digests") + "\nversion   V01.105.008.003\n");
+    EXPECT_EQ(testsupport::namesIn(files / "digests").size(), 8U);
+
+    EXPECT_EQ(
+        pack({"--sign-command", "false", "--public-key", files / "public.pem", "--output", file}).exitCode,
+        1);
+    EXPECT_EQ(
+        pack({"--sign-command", "echo x", "--public-key", files / "public.pem", "--output", file}).exitCode,
+        3);
+    EXPECT_EQ(pack({"--sign-command", sign, "--output", file}).exitCode, 2);
+    EXPECT_EQ(pack({"--output", file}).exitCode, 2);
+    const ProgramResult nowhere = pack({"--key", files / "key.pem"});
+    EXPECT_EQ(nowhere.exitCode, 2);
+    EXPECT_THAT(nowhere.err, HasSubstr("there is no package to write"));
+}
+
+TEST_F(PackageCommands, pack_decrypts_the_key_by_a_passphrase_file) {
+    testsupport::makeComponents(files / "components");
+    testsupport::makeEcKey(files / "key.pem");
+    ASSERT_EQ(runProgram({"openssl", "pkey", "-in", files / "key.pem", "-aes256", "-passout", "pass:secret",
+                          "-out", files / "encrypted.pem"})
+                  .exitCode,
+              0);
+    writeFile(files / "passphrase", "secret\n");
+    const std::vector<std::string> words = {"pack",     "--version", "1.105.8.3", files / "components",
+                                            "--output", file,        "--key",     files / "encrypted.pem"};
+    const ProgramResult without = upgradectl(words);
+    EXPECT_EQ(without.exitCode, 3);
+    EXPECT_THAT(without.err, HasSubstr("is encrypted\n  next: give --passphrase-file"));
+    std::vector<std::string> more = words;
+    more.insert(more.end(), {"--passphrase-file", files / "passphrase"});
+    EXPECT_EQ(upgradectl(more).exitCode, 0);
+}
+
 TEST_F(PackageCommands, verify_takes_the_trusted_key_and_no_other) {
     writeFile(files / "trusted.pem", SigningKey::shared().publicKey());
     const ProgramResult good = run({"verify", "--trusted-key", files / "trusted.pem"});
