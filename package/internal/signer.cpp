@@ -1,6 +1,7 @@
 #include "package/internal/signer.h"
 
 #include <time.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <optional>
@@ -84,7 +85,7 @@ class CommandSigner : public Signer {
                                      command.c_str(),
                                      nullptr};
         ChildProcess shell;
-        if (!shell.start("/bin/sh", words, -1)) {
+        if (!shell.start("/bin/sh", words, -1, STDERR_FILENO)) {
             throw failure(component, "cannot be started: " + reasonOf(errno));
         }
         await(component, shell);
