@@ -48,4 +48,7 @@ KAVRO_EXPORT __attribute__((weak)) int boardVerifySlot(const std::string& slot, 
 // and the record is gone from storage then; negative, with a text, when that cannot be done.
 KAVRO_EXPORT __attribute__((weak)) int boardDropWrittenSlot(std::string& error);
 
+// The file into which the device logs; empty when it logs into none.
+KAVRO_EXPORT __attribute__((weak)) std::string boardLogFile();
+
 }  // namespace COMMON_YR

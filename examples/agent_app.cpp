@@ -10,7 +10,7 @@
 
 #include "agent/activation.h"
 #include "agent/lock.h"
-#include "agent/preflight.h"
+#include "agent/run.h"
 #include "agent/start.h"
 #include "agent/state.h"
 #include "upgrade/upgrade_api.h"
@@ -30,6 +30,10 @@ int failed(const kavro::Error& error) {
 
 // What a start has left unfinished is completed, and what runs is good: the boot loader keeps it.
 int start() {
+    const auto device = agent::DeviceLock::take({});  // nobody else changes it meanwhile
+    if (!device.ok()) {
+        return failed(device.error());
+    }
     const auto completed = agent::completeStart();
     std::string packageDirectory;
     if (!completed.ok()) {
@@ -49,43 +53,46 @@ int start() {
     return 0;
 }
 
+// Tells how far a run is.
+class Progress : public agent::RunObserver {
+    void show(const agent::RunStatus& status) override {
+        if (status.progress != shown) {
+            std::printf("%d %%\n", status.progress);
+        }
+        shown = status.progress;
+    }
+    int shown = -1;
+};
+
+int told(const kavro::Result<agent::RunRecord>& run) {
+    if (!run.ok()) {
+        return failed(run.error());
+    }
+    std::puts(run.value().outcome.c_str());
+    return 0;
+}
+
 // Nothing is touched when something is in the way; all of it is told at once.
 int install(const std::string& package, const std::string& key) {
-    agent::PreflightOptions options;
+    agent::RunOptions options;
     options.trustedKey = key;
-    options.ignoreLock = true;  // it is ours
-    const auto preflight = agent::preflight(package, options);
-    if (!preflight.ok()) {
-        return failed(preflight.error());
-    }
-    if (!preflight.value().clear()) {
-        return failed(agent::errorOf(preflight.value()));
-    }
-    return UPGRADE_main_proc_fun(package) == 0 ? 0 : 1;  // blocks until the run is over
+    Progress progress;
+    return told(agent::install(package, options, &progress));  // blocks until the run is over
 }
 
 int activate() {
+    const auto device = agent::DeviceLock::take({});
+    if (!device.ok()) {
+        return failed(device.error());
+    }
     const auto done = agent::activate();
     return done.ok() ? std::puts(done.value().c_str()) < 0 : failed(done.error());
-}
-
-int goBack() {
-    const auto way = agent::findWayBack({});
-    if (!way.ok()) {
-        return failed(way.error());
-    }
-    std::printf("back to %s\n", way.value().release.c_str());
-    return agent::goBack(way.value()) >= 0 ? 0 : 1;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     const std::string command = argc > 1 ? argv[1] : "";
-    const auto device = agent::DeviceLock::take({});  // nobody else changes it meanwhile
-    if (!device.ok()) {
-        return failed(device.error());
-    }
     if (command == "start" && argc == 2) {
         return start();
     }
@@ -96,7 +103,7 @@ int main(int argc, char** argv) {
         return activate();
     }
     if (command == "back" && argc == 2) {
-        return goBack();
+        return told(agent::rollback());
     }
     std::fputs("usage: agent_app start | install PACKAGE KEY | activate | back\n", stderr);
     return 2;

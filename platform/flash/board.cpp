@@ -117,4 +117,9 @@ int boardDropWrittenSlot(std::string& error) {
                : kFailed;
 }
 
+std::string boardLogFile() {
+    const CancelHold hold;
+    return kavro::readPlatformConfig().logFile;
+}
+
 }  // namespace COMMON_YR

@@ -10,6 +10,7 @@
 #include "platform/config/platform_config.h"
 #include "platform/mcu/mcu_client.h"
 #include "platform/node/node_publisher.h"
+#include "platform/node/node_subscriber.h"
 
 namespace {
 
@@ -86,4 +87,39 @@ int velGetMcuVersion(void* node) {
         askMcu("velGetMcuVersion", kNotice,
                [](kavro::McuClient& mcu, std::string& error) { return mcu.version(error); });
     return version.value_or(kFailed);
+}
+
+void* velListen(std::string& address, std::string& error) {
+    const COMMON_YR::CancelHold hold;
+    if (address.empty()) {
+        const kavro::PlatformConfig config = kavro::readPlatformConfig();
+        address = config.nodeAddress;
+        if (address.empty()) {
+            error = kavro::platformConfigError(config, "\"node\" names no \"address\" to listen to");
+            return nullptr;
+        }
+    }
+    return kavro::NodeSubscriber::open(address, error).release();
+}
+
+bool velReceive(void* listener, int timeoutMs, std::string& message, int& publisher) {
+    const COMMON_YR::CancelHold hold;
+    std::optional<kavro::NodeMessage> received;
+    if (listener != nullptr) {
+        received = static_cast<kavro::NodeSubscriber*>(listener)->receive(timeoutMs);
+    }
+    if (received) {
+        message = std::move(received->bytes);
+        publisher = received->publisher;
+    }
+    return received.has_value();
+}
+
+void velEndListening(void** listener) {
+    if (listener == nullptr || *listener == nullptr) {
+        return;
+    }
+    const COMMON_YR::CancelHold hold;
+    delete static_cast<kavro::NodeSubscriber*>(*listener);
+    *listener = nullptr;
 }

@@ -3,6 +3,7 @@
 #include <sys/syslog.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <exception>
@@ -20,6 +21,8 @@
 #include "platform/utility/log_file.h"
 
 namespace {
+
+std::atomic<COMMON_YR::LogListener> logListener{nullptr};
 
 struct LevelRow {
     int level;
@@ -89,6 +92,13 @@ std::string asOneLine(const LevelRow& level, std::string_view text) {
     return line += '\n';
 }
 
+// text ends with a null.
+void tellListener(int level, std::string_view text) {
+    if (const COMMON_YR::LogListener listener = logListener.load()) {
+        listener(level, text.data());
+    }
+}
+
 }  // namespace
 
 void kavro::writeLog(int number, std::string_view text) {
@@ -107,6 +117,10 @@ void kavro::writeLog(int number, std::string_view text) {
     targets.file.append(line);
 }
 
+void COMMON_YR::setLogListener(LogListener listener) {
+    logListener = listener;
+}
+
 void printLog(int level, const char* format, ...) {
     const COMMON_YR::CancelHold hold;
     const int keptErrno = errno;
@@ -114,10 +128,11 @@ void printLog(int level, const char* format, ...) {
     va_start(arguments, format);
     const kavro::FormattedText formatted = kavro::formatText(format, arguments);
     va_end(arguments);
-    if (formatted.text != nullptr) {
-        kavro::writeLog(level, withoutLineEnd(formatted.view()));
-    } else if (format != nullptr) {
-        kavro::writeLog(level, withoutLineEnd(format));  // better the format than nothing
+    if (formatted.text != nullptr || format != nullptr) {
+        // Better the format than nothing.
+        const std::string_view text = formatted.text != nullptr ? formatted.view() : std::string_view(format);
+        tellListener(level, text);
+        kavro::writeLog(level, withoutLineEnd(text));
     }
     errno = keptErrno;
 }

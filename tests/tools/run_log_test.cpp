@@ -12,28 +12,10 @@
 namespace {
 
 using upgradectl::LogFollower;
-using upgradectl::runReportIn;
 using Lines = std::vector<std::string>;
 
 void append(const std::string& path, const std::string& text) {
     std::ofstream(path, std::ios::app) << text;
-}
-
-TEST(RunLog, a_line_of_a_run_tells_its_stage_and_state) {
-    const auto report = runReportIn(
-        "2026-11-21 10:30:59.123 [warning] &&&&& upgrade [stage FLASHING_START], [result INPROGRESS_MCU] "
-        "&&&&&");
-    ASSERT_TRUE(report);
-    EXPECT_EQ(report->stage, "FLASHING_START");
-    EXPECT_EQ(report->state, "INPROGRESS_MCU");
-}
-
-TEST(RunLog, other_lines_tell_nothing) {
-    EXPECT_FALSE(runReportIn(""));
-    EXPECT_FALSE(runReportIn("2026-11-21 10:30:59.123 [info] upgrade flag mpu[1], mcu[1], bld[0];"));
-    EXPECT_FALSE(runReportIn("&&&&& upgrade [stage START]"));
-    EXPECT_FALSE(runReportIn("&&&&& upgrade [stage START], [result NONE"));
-    EXPECT_FALSE(runReportIn("&&&&& upgrade [stage START], and then [result NONE] &&&&&"));
 }
 
 class LogFollowing : public testing::Test {

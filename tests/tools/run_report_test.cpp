@@ -13,8 +13,8 @@
 
 namespace {
 
+using kavro::agent::RunRecord;
 using upgradectl::renderRunReport;
-using upgradectl::RunRecord;
 
 constexpr const char* kMpu = "aUpgrade_MPU";
 constexpr const char* kMcu = "aUpgrade_MCU";
@@ -84,10 +84,17 @@ RunRecord goodRun() {
     return run;
 }
 
+void failWith(RunRecord& run, int exitCode) {
+    run.error.reset();
+    if (exitCode != 0) {
+        run.error.emplace().code = static_cast<kavro::ErrorCode>(exitCode);
+    }
+}
+
 // The microcontroller refused its firmware.
 RunRecord failedRun() {
     RunRecord run = goodRun();
-    run.exitCode = 4;
+    failWith(run, 4);
     run.outcome = "the package could not be flashed";
     run.stages.resize(7);
     run.stages.push_back({UPGRADE_STAGE_IDLE, 4.9});
@@ -103,7 +110,7 @@ RunRecord hostileRun() {
         "</title></style><script>alert(1)</script>\"'&\x1b[2J\n\xff\xe2\x80\xae\xef\xbf\xbe";
     run.command = run.package = run.outcome = run.nextStep = hostile;
     run.packageVersion = run.versionBefore = run.versionAfter = hostile;
-    for (upgradectl::LoggedLine& line : run.log) {
+    for (kavro::agent::LoggedLine& line : run.log) {
         line.thread += hostile;
         line.text += hostile;
     }
@@ -158,7 +165,7 @@ TEST(RunReport, names_each_kind_of_outcome) {
                                                  {5, ">Given up</h1>"}};
     for (const auto& [exitCode, word] : kinds) {
         RunRecord run = goodRun();
-        run.exitCode = exitCode;
+        failWith(run, exitCode);
         EXPECT_TRUE(contains(renderRunReport(run), word)) << exitCode;
     }
 }
@@ -200,7 +207,7 @@ TEST(RunReport, marks_the_stage_in_which_a_run_ended) {
     EXPECT_FALSE(contains(stageRow(page, "IDLE"), "failed"));
 
     RunRecord givenUp = failedRun();
-    givenUp.exitCode = 5;
+    failWith(givenUp, 5);
     givenUp.stages.resize(3);
     EXPECT_TRUE(contains(stageRow(renderRunReport(givenUp), "START"), "given up here"));
 }
@@ -241,7 +248,7 @@ TEST(RunReport, names_the_processor_that_failed_with_its_step_and_error) {
 
 TEST(RunReport, calls_a_processor_without_a_thread_not_flashed) {
     RunRecord run = goodRun();
-    for (upgradectl::LoggedLine& line : run.log) {
+    for (kavro::agent::LoggedLine& line : run.log) {
         line.thread = line.thread == kMcu ? "upgradectl" : line.thread;
     }
     const std::string page = renderRunReport(run);
@@ -313,7 +320,7 @@ TEST(RunReport, of_a_run_that_was_refused_before_it_began_is_whole_too) {
     RunRecord run;
     run.command = "install";
     run.package = "/tmp/nowhere.pkg";
-    run.exitCode = 3;
+    failWith(run, 3);
     run.outcome = "the package '/tmp/nowhere.pkg' is missing";
     const std::string page = renderRunReport(run);
     EXPECT_EQ(faultOfMarkup(page), "");

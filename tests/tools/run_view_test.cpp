@@ -4,10 +4,12 @@
 
 #include "tests/tools/json_support.h"
 #include "tests/tools/output_capture.h"
+#include "tools/upgradectl/exit_code.h"
 #include "tools/upgradectl/run_events.h"
 
 namespace {
 
+using kavro::agent::RunObserver;
 using tool_test::capturedOutput;
 using tool_test::capturedTerminal;
 using tool_test::eventsIn;
@@ -16,8 +18,8 @@ using upgradectl::makeRunView;
 using upgradectl::OutputForm;
 using upgradectl::OwnOutput;
 using upgradectl::plainLine;
+using upgradectl::RunRecord;
 using upgradectl::RunStatus;
-using upgradectl::RunView;
 using upgradectl::terminalLine;
 
 constexpr RunStatus kFlashing = {6, 3, 50, 83.4, 130.2};
@@ -80,16 +82,28 @@ TEST(RunView, unknown_stage_and_state_are_told_as_unknown) {
     EXPECT_EQ(plainLine({77, 5, 0, 0, std::nullopt}), "   0.0 s    0 %  stage unknown, state unknown");
 }
 
+RunRecord endOf(int exitCode, const std::string& outcome, const std::string& next, double seconds) {
+    RunRecord record;
+    record.outcome = outcome;
+    record.nextStep = next;
+    record.seconds = seconds;
+    if (exitCode != 0) {
+        record.error =
+            kavro::Error{static_cast<kavro::ErrorCode>(exitCode), outcome, next, {"no room", "x"}, {}};
+    }
+    return record;
+}
+
 // What a view shows of a short run.
 void showRun(OutputForm form) {
     const OwnOutput output;
-    const std::unique_ptr<RunView> view = makeRunView(output, form);
+    const std::unique_ptr<RunObserver> view = makeRunView(output, form);
     view->begin({"install", "a\nb\xff.pkg", "V01.105.008.003", "", 0.25});
     view->show({1, 0, 0, 0.5, 236.0});
     view->show({1, 0, 3, 0.6, 235.9});
     view->notice("giving up...", 0.7);
     view->show({2, 2, 7, 1.5, std::nullopt});
-    view->end({ExitCode::kOk, "installed", "restart", {}, 2});
+    view->end(endOf(0, "installed", "restart", 2));
 }
 
 TEST(RunView, plain_lines_come_with_each_change_and_each_tenth) {
@@ -114,7 +128,7 @@ TEST(RunView, a_terminal_shows_one_line_that_is_drawn_again_and_notices_that_sta
 TEST(RunView, a_terminals_line_that_is_the_same_is_not_drawn_again) {
     const std::string drawn = capturedTerminal(100, [] {
         const OwnOutput output;
-        const std::unique_ptr<RunView> view = makeRunView(output, OutputForm::kTerminal);
+        const std::unique_ptr<RunObserver> view = makeRunView(output, OutputForm::kTerminal);
         view->show(kFlashing);
         view->show(kFlashing);
     });
@@ -163,11 +177,11 @@ TEST(RunEvents, name_the_result_by_the_exit_code) {
     for (const ResultName& row : kNames) {
         const std::vector<Json::Value> events = eventsIn(capturedOutput([&] {
             const OwnOutput output;
-            upgradectl::makeRunEvents(output)->end({row.code, "m", "n", {"no room", "x"}, 1});
+            upgradectl::makeRunEvents(output)->end(endOf(static_cast<int>(row.code), "m", "n", 1));
         }));
         ASSERT_EQ(events.size(), 1U);
         EXPECT_EQ(events[0]["result"], row.name);
-        EXPECT_EQ(events[0]["device"][0], "no room");
+        EXPECT_EQ(events[0]["device"].size(), row.code == ExitCode::kOk ? 0U : 2U);
         EXPECT_EQ(events[0]["exit_code"].asInt(), static_cast<int>(row.code));
     }
 }

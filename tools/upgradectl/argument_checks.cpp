@@ -12,7 +12,7 @@ CLI::Validator isPath() {
         ""};
 }
 
-void addWait(CLI::App& command, std::chrono::seconds& patience) {
+void addWait(CLI::App& command, std::chrono::milliseconds& patience) {
     const auto take = [&patience](int seconds) { patience = std::chrono::seconds(seconds); };
     command
         .add_option_function<int>("--wait", take,

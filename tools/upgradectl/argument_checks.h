@@ -10,7 +10,7 @@ namespace upgradectl {
 CLI::Validator isPath();
 
 // Adds --wait, whose seconds go to patience.
-void addWait(CLI::App& command, std::chrono::seconds& patience);
+void addWait(CLI::App& command, std::chrono::milliseconds& patience);
 
 // For a number that counts something.
 CLI::Validator isAtLeastOne();

@@ -16,7 +16,7 @@ namespace {
 
 // The command does work when it is its turn to change the device.
 void addInTurn(CLI::App& command, Action& chosen, const Action& work) {
-    const auto patience = std::make_shared<std::chrono::seconds>(0);
+    const auto patience = std::make_shared<std::chrono::milliseconds>(0);
     addWait(command, *patience);
     command.callback(
         [patience, work, &chosen] { chosen = [patience, work] { withDevice(*patience, work); }; });

@@ -32,13 +32,13 @@ void addTrustedKey(CLI::App& command, std::optional<std::filesystem::path>& key)
         ->check(isPath());
 }
 
-void addRunOptions(CLI::App& command, RunOptions& options) {
+void addRunOptions(CLI::App& command, ShownRun& wanted) {
     CLI::Option* plain =
-        command.add_flag("--plain", options.plain, "Print lines on a terminal, too, as into a file");
-    command.add_flag("--json", options.json, "Print events, one JSON object a line")->excludes(plain);
-    addTrustedKey(command, options.trustedKey);
-    addWait(command, options.patience);
-    command.add_option("--report", options.report, "Write a page (HTML) about the run, however it ends")
+        command.add_flag("--plain", wanted.plain, "Print lines on a terminal, too, as into a file");
+    command.add_flag("--json", wanted.json, "Print events, one JSON object a line")->excludes(plain);
+    addTrustedKey(command, wanted.options.trustedKey);
+    addWait(command, wanted.options.patience.longest);
+    command.add_option("--report", wanted.report, "Write a page (HTML) about the run, however it ends")
         ->type_name("FILE")
         ->check(isPath());
 }
@@ -71,14 +71,14 @@ void addInstall(CLI::App& app, Action& chosen) {
         "  upgradectl install /firmware/recv.pkg\n"
         "  upgradectl install --trusted-key vendor.pem --report /tmp/report.html /firmware/recv.pkg\n");
     const auto package = std::make_shared<std::string>();
-    const auto options = std::make_shared<RunOptions>();
+    const auto wanted = std::make_shared<ShownRun>();
     command->add_option("PACKAGE", *package, "Package file")->check(isPath())->required();
-    addForce(*command, options->force);
-    addRunOptions(*command, *options);
-    command->callback([package, options, &chosen] {
-        chosen = [package, options] {
+    addForce(*command, wanted->options.force);
+    addRunOptions(*command, *wanted);
+    command->callback([package, wanted, &chosen] {
+        chosen = [package, wanted] {
             const Interrupts interrupts;
-            install(*package, *options, interrupts);
+            install(*package, *wanted, interrupts);
         };
     });
 }
@@ -89,12 +89,12 @@ void addRollback(CLI::App& app, Action& chosen) {
         "Ctrl-C asks to give up, which is possible until flashing begins.\n\n"
         "Example:\n"
         "  upgradectl rollback\n");
-    const auto options = std::make_shared<RunOptions>();
-    addRunOptions(*command, *options);
-    command->callback([options, &chosen] {
-        chosen = [options] {
+    const auto wanted = std::make_shared<ShownRun>();
+    addRunOptions(*command, *wanted);
+    command->callback([wanted, &chosen] {
+        chosen = [wanted] {
             const Interrupts interrupts;
-            rollback(*options, interrupts);
+            rollback(*wanted, interrupts);
         };
     });
 }

@@ -6,10 +6,10 @@
 #include <vector>
 
 #include "agent/activation.h"
+#include "agent/device_log.h"
+#include "agent/flash_drivers.h"
 #include "agent/start.h"
-#include "tools/upgradectl/device_log.h"
 #include "tools/upgradectl/exit_code.h"
-#include "tools/upgradectl/flash_drivers.h"
 #include "upgrade/upgrade_api.h"
 
 namespace upgradectl {
@@ -21,7 +21,7 @@ template <typename Value>
 Value valueOrFailure(kavro::Result<Value> result) {
     if (!result.ok()) {
         kavro::Error error = std::move(result).error();
-        error.details = loggedErrors();
+        error.details = kavro::agent::loggedErrors();
         throw Failure(error);
     }
     if constexpr (!std::is_void_v<Value>) {
@@ -44,13 +44,14 @@ void initDevice(const OwnOutput& output) {
         output.writeLine("ready, packages go to " + packageDirectory);
         return;
     }
-    requireFlashDrivers();
+    kavro::valueOf(kavro::agent::checkFlashDrivers());
     throw Failure(ErrorCode::kOther, "the file system at /firmware or at /raw is missing or too small",
-                  "mount them: /firmware needs 320 MiB at least, /raw 1024 MiB", loggedErrors());
+                  "mount them: /firmware needs 320 MiB at least, /raw 1024 MiB",
+                  kavro::agent::loggedErrors());
 }
 
 void activate(const OwnOutput& output) {
-    requireFlashDrivers();  // without them no package could be installed either
+    kavro::valueOf(kavro::agent::checkFlashDrivers());  // without them no package could be installed either
     output.writeLine(valueOrFailure(kavro::agent::activate()));
     output.writeLine("  next: restart the device");
 }

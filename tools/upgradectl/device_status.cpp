@@ -6,11 +6,11 @@
 #include <string>
 #include <vector>
 
+#include "agent/device_log.h"
+#include "agent/flash_drivers.h"
 #include "agent/state.h"
 #include "base/json_text.h"
-#include "tools/upgradectl/device_log.h"
 #include "tools/upgradectl/exit_code.h"
-#include "tools/upgradectl/flash_drivers.h"
 #include "upgrade/upgrade_api.h"
 
 namespace upgradectl {
@@ -206,7 +206,7 @@ void requireNothingToDo(const State& state) {
         errors.push_back({ErrorCode::kOther, need.text, need.next, {}, {}});
     }
     kavro::Error error = errors.front();
-    error.details = loggedErrors();
+    error.details = kavro::agent::loggedErrors();
     error.further.assign(errors.begin() + 1, errors.end());
     throw Failure(error);
 }
@@ -246,7 +246,7 @@ Json::Value versionsJson(const State& state) {
 void requireKnownVersions(const State& state) {
     for (const State::Need& need : state.needs) {
         if (need.name == "versions") {
-            throw Failure(ErrorCode::kOther, need.text, need.next, loggedErrors());
+            throw Failure(ErrorCode::kOther, need.text, need.next, kavro::agent::loggedErrors());
         }
     }
 }
@@ -265,7 +265,7 @@ void showStatus(const OwnOutput& output, bool consume, bool json) {
         UPGRADE_get_status_last_runtime(&ignored);
     }
     requireNothingToDo(state);
-    requireFlashDrivers();
+    kavro::valueOf(kavro::agent::checkFlashDrivers());
 }
 
 void showVersions(const OwnOutput& output, bool json) {

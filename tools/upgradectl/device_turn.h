@@ -10,9 +10,9 @@
 namespace upgradectl {
 
 // Waits for it so long, unless an interrupt ends the waiting. Throws Failure: busy, given up.
-kavro::agent::DeviceLock takeDevice(std::chrono::seconds patience, const Interrupts& interrupts);
+kavro::agent::DeviceLock takeDevice(std::chrono::milliseconds patience, const Interrupts& interrupts);
 
 // Takes the device for the length of work. An interrupt ends the waiting, and the process once work has begun.
-void withDevice(std::chrono::seconds patience, const std::function<void()>& work);
+void withDevice(std::chrono::milliseconds patience, const std::function<void()>& work);
 
 }  // namespace upgradectl

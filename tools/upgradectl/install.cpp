@@ -1,16 +1,13 @@
 #include "tools/upgradectl/install.h"
 
-#include <string>
-#include <utility>
-#include <vector>
+#include <cstdio>
+#include <functional>
+#include <memory>
 
-#include "agent/activation.h"
-#include "agent/preflight.h"
-#include "package/trailer.h"
-#include "tools/upgradectl/device_log.h"
 #include "tools/upgradectl/exit_code.h"
-#include "tools/upgradectl/flash_drivers.h"
-#include "tools/upgradectl/run_failure.h"
+#include "tools/upgradectl/report_place.h"
+#include "tools/upgradectl/run_report.h"
+#include "tools/upgradectl/run_view.h"
 #include "upgrade/upgrade_api.h"
 
 namespace upgradectl {
@@ -19,80 +16,86 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Refuses the installation for everything that is in its way.
-void requireInstallable(const fs::path& package, const RunOptions& options, Findings& findings) {
-    requireFlashDrivers();
-    kavro::agent::PreflightOptions wanted;
-    wanted.trustedKey = options.trustedKey;
-    wanted.force = options.force;
-    wanted.ignoreLock = true;
-    const kavro::agent::Preflight preflight = kavro::valueOf(kavro::agent::preflight(package, wanted));
-    if (preflight.check) {
-        findings.components = preflight.check->components;
-        findings.keyDigest = preflight.check->keyDigest;
+using kavro::agent::RunBegin;
+using kavro::agent::RunObserver;
+using kavro::agent::RunOptions;
+
+using MakeRun = std::function<kavro::Result<RunRecord>(const RunOptions&, RunObserver*)>;
+
+OutputForm formOf(const ShownRun& wanted, const OwnOutput& output) {
+    if (wanted.json) {
+        return OutputForm::kJson;
     }
-    if (!preflight.clear()) {
-        throw Failure(kavro::agent::errorOf(preflight));
-    }
-    for (const kavro::agent::Obstacle& obstacle : preflight.overridden) {
-        findings.notices.push_back("by force: " + obstacle.text);
-    }
+    return wanted.plain || !output.isTerminal() ? OutputForm::kPlain : OutputForm::kTerminal;
 }
 
-void requireWayBack(const RunOptions& options, Findings& findings, kavro::agent::WayBack& way) {
-    requireFlashDrivers();
-    way = kavro::valueOf(kavro::agent::findWayBack(options.trustedKey));
-    findings.components = way.components;
-}
+// Shows a run, and reports it where that was asked for.
+class Presenter : public RunObserver {
+  public:
+    explicit Presenter(const ShownRun& shown)
+        : wanted(shown), view(makeRunView(output, formOf(shown, output))) {}
 
-RunEnd installed(const RunOutcome& outcome, const fs::path& package) {
-    if (outcome.result < 0) {
-        throw installFailure(outcome, package.string());
-    }
-    if (!UPGRADE_isUpgraded()) {
-        throw Failure(
-            ErrorCode::kOther,
-            "'" + package.string() + "' is installed, but the marker that it awaits activation is not",
-            "make room in the file system at /config, then install the package again", loggedErrors());
-    }
-    return {ExitCode::kOk,
-            "installed '" + package.string() + "', it awaits activation",
-            "upgradectl activate, then restart the device",
-            {}};
-}
+    void begin(const RunBegin& run) override { view->begin(run); }
+    void show(const RunStatus& status) override { view->show(status); }
+    void notice(const std::string& text, double seconds) override { view->notice(text, seconds); }
 
-RunEnd rolledBack(const RunOutcome& outcome, const std::string& release) {
-    const bool runSucceeded = outcome.stage() == UPGRADE_STAGE_IDLE || outcome.stage() == UPGRADE_STAGE_DONE;
-    if (outcome.result < 0 && !runSucceeded) {
-        throw rollbackFailure(outcome);
+    // The result of the run stands, whatever becomes of its note and of its report.
+    void end(const RunRecord& record) override {
+        view->end(record);
+        if (!record.historyFault.empty()) {
+            std::fprintf(stderr, "upgradectl: warning: the history has no note of this: %s\n",
+                         record.historyFault.c_str());
+        }
+        try {
+            if (wanted.report) {
+                writeRunReport(*wanted.report, record);
+            }
+        } catch (const std::exception& error) {
+            std::fprintf(stderr, "upgradectl: warning: there is no report: %s\n", error.what());
+        }
     }
-    if (outcome.result < 0) {
-        throw Failure(ErrorCode::kOther, "the rolled back software could not be activated",
-                      "mend what the device: lines say, then run 'upgradectl activate'", loggedErrors());
+
+    // A report that has no place keeps the run from being made. Shown, not reported.
+    void requirePlace(const fs::path& package) {
+        try {
+            if (wanted.report) {
+                requirePlaceForReport(*wanted.report, {package, wanted.options.trustedKey.value_or("")});
+            }
+        } catch (const Failure& failure) {
+            RunRecord refused;
+            refused.error = failure.error();
+            refused.outcome = failure.error().text;
+            refused.nextStep = failure.error().next;
+            view->end(refused);
+            throw;
+        }
     }
-    return {ExitCode::kOk,
-            "rolled back to " + release + ", which runs after the next restart",
-            "restart the device",
-            {}};
+
+  private:
+    const ShownRun& wanted;
+    const OwnOutput output;
+    const std::unique_ptr<RunObserver> view;
+};
+
+void performRun(const fs::path& package, const ShownRun& wanted, const Interrupts& interrupts,
+                const MakeRun& make) {
+    Presenter presenter(wanted);
+    presenter.requirePlace(package);
+    RunOptions options = wanted.options;
+    options.giveUps = [&interrupts] { return interrupts.count(); };
+    kavro::valueOf(make(options, &presenter));
 }
 
 }  // namespace
 
-void install(const fs::path& package, const RunOptions& options, const Interrupts& interrupts) {
-    const fs::path absolute = fs::absolute(package);
-    performRun({"install", package, [&](Findings& found) { requireInstallable(package, options, found); },
-                [&] { return UPGRADE_main_proc_fun(absolute.string()); },
-                [&](const RunOutcome& outcome) { return installed(outcome, package); }},
-               options, interrupts);
+void install(const fs::path& package, const ShownRun& wanted, const Interrupts& interrupts) {
+    performRun(package, wanted, interrupts, [&](const RunOptions& options, RunObserver* observer) {
+        return kavro::agent::install(package, options, observer);
+    });
 }
 
-void rollback(const RunOptions& options, const Interrupts& interrupts) {
-    kavro::agent::WayBack way;
-    performRun({"rollback", UpgradeProc::rollbackPkg,
-                [&](Findings& findings) { requireWayBack(options, findings, way); },
-                [&] { return kavro::agent::goBack(way); },
-                [&](const RunOutcome& outcome) { return rolledBack(outcome, way.release); }},
-               options, interrupts);
+void rollback(const ShownRun& wanted, const Interrupts& interrupts) {
+    performRun(UpgradeProc::rollbackPkg, wanted, interrupts, kavro::agent::rollback);
 }
 
 }  // namespace upgradectl

@@ -2,18 +2,27 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
 
+#include "agent/run.h"
 #include "tools/upgradectl/interrupts.h"
-#include "tools/upgradectl/run_session.h"
 
 namespace upgradectl {
 
-// Installs a package and shows the run. Throws Failure: refused, flashing failed, given up.
-// UPGRADE_init is not called: it belongs to the start of the device, and a run does not depend on it.
-void install(const std::filesystem::path& package, const RunOptions& options, const Interrupts& interrupts);
+// What a user may ask of install and rollback, besides what the agent does with it.
+struct ShownRun {
+    kavro::agent::RunOptions options;
+    bool plain = false;
+    bool json = false;
+    std::optional<std::filesystem::path> report;
+};
 
-// Rolls back to the kept package and activates it, by a run that is shown or, when the microcontroller
-// already runs its version, at once. Throws Failure.
-void rollback(const RunOptions& options, const Interrupts& interrupts);
+// Installs a package and shows the run; an interrupt asks to give it up. Throws Failure: refused, flashing failed, given up;
+// that is shown and reported as well. A report is written in each case but two: when it must not or cannot be where it was
+// asked for, which is an error before anything is done, and when it cannot be written after all, which is only a warning.
+void install(const std::filesystem::path& package, const ShownRun& wanted, const Interrupts& interrupts);
+
+// Rolls back to the kept package and activates it, in the same way.
+void rollback(const ShownRun& wanted, const Interrupts& interrupts);
 
 }  // namespace upgradectl

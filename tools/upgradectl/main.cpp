@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <string>
 
+#include "agent/device_log.h"
 #include "tools/upgradectl/command_line.h"
 #include "tools/upgradectl/exit_code.h"
 
@@ -26,6 +27,7 @@ ExitCode runCommandLine(int argc, char** argv) {
     if (const auto exitCode = upgradectl::parseCommandLine(argc, argv, chosen)) {
         return *exitCode;
     }
+    kavro::agent::keepDeviceLog();
     chosen();
     return ExitCode::kOk;
 }

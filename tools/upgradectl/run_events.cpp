@@ -1,11 +1,17 @@
 #include "tools/upgradectl/run_events.h"
 
 #include "base/json_text.h"
+#include "tools/upgradectl/exit_code.h"
 #include "upgrade/upgrade_api.h"
 
 namespace upgradectl {
 
 namespace {
+
+using kavro::agent::RunBegin;
+using kavro::agent::RunObserver;
+using kavro::agent::RunRecord;
+using kavro::agent::RunStatus;
 
 struct ResultRow {
     ExitCode code;
@@ -28,7 +34,7 @@ const char* resultOf(ExitCode code) {
     return "failed";
 }
 
-class RunEvents : public RunView {
+class RunEvents : public RunObserver {
   public:
     explicit RunEvents(const OwnOutput& target) : output(target) {}
 
@@ -61,23 +67,25 @@ class RunEvents : public RunView {
         write("notice", seconds, event);
     }
 
-    void end(const RunEnd& end) override {
+    void end(const RunRecord& record) override {
+        const kavro::Error error = record.error.value_or(kavro::Error());
+        const ExitCode code = record.error ? exitCodeOf(error) : ExitCode::kOk;
         Json::Value event;
-        event["result"] = resultOf(end.code);
-        event["exit_code"] = static_cast<int>(end.code);
-        event["message"] = end.message;
-        event["next"] = end.next;
+        event["result"] = resultOf(code);
+        event["exit_code"] = static_cast<int>(code);
+        event["message"] = record.outcome;
+        event["next"] = record.nextStep;
         event["device"] = Json::arrayValue;
-        for (const std::string& line : end.device) {
+        for (const std::string& line : error.details) {
             event["device"].append(line);
         }
-        for (const kavro::Error& other : end.further) {
+        for (const kavro::Error& other : error.further) {
             Json::Value entry;
             entry["message"] = other.text;
             entry["next"] = other.next;
             event["further"].append(entry);
         }
-        write("end", end.seconds, event);
+        write("end", record.seconds, event);
     }
 
   private:
@@ -107,7 +115,7 @@ class RunEvents : public RunView {
 
 }  // namespace
 
-std::unique_ptr<RunView> makeRunEvents(const OwnOutput& output) {
+std::unique_ptr<kavro::agent::RunObserver> makeRunEvents(const OwnOutput& output) {
     return std::make_unique<RunEvents>(output);
 }
 

@@ -4,11 +4,12 @@
 
 #include <memory>
 
-#include "tools/upgradectl/run_view.h"
+#include "agent/run.h"
+#include "tools/upgradectl/own_output.h"
 
 namespace upgradectl {
 
 // output must outlive the view.
-std::unique_ptr<RunView> makeRunEvents(const OwnOutput& output);
+std::unique_ptr<kavro::agent::RunObserver> makeRunEvents(const OwnOutput& output);
 
 }  // namespace upgradectl

@@ -25,36 +25,7 @@ int openRegular(const std::string& path) {
     return file;
 }
 
-// The text between two marks, the search for the first beginning at `from`; `from` moves behind the second.
-std::optional<std::string> between(const std::string& text, const std::string& first, const char* second,
-                                   std::size_t& from) {
-    const std::size_t mark = text.find(first, from);
-    if (mark == std::string::npos) {
-        return std::nullopt;
-    }
-    const std::size_t start = mark + first.size();
-    const std::size_t end = text.find(second, start);
-    if (end == std::string::npos) {
-        return std::nullopt;
-    }
-    from = end;
-    return text.substr(start, end - start);
-}
-
 }  // namespace
-
-std::optional<RunReport> runReportIn(const std::string& line) {
-    std::size_t position = 0;
-    const std::optional<std::string> stage = between(line, "&&&&& upgrade [stage ", "], [result ", position);
-    if (!stage) {
-        return std::nullopt;
-    }
-    const std::optional<std::string> state = between(line, "], [result ", "] &&&&&", position);
-    if (!state) {
-        return std::nullopt;
-    }
-    return RunReport{*stage, *state};
-}
 
 LogFollower::LogFollower(std::string logPath) : path(std::move(logPath)) {
     if (namesAnotherFile()) {

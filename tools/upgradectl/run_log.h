@@ -1,22 +1,12 @@
-// Follows a run of another process in the device's log file, where each change of its stage is a line:
-//
-//     2026-11-21 10:30:59.123 [warning] &&&&& upgrade [stage START], [result INPROGRESS_MPU] &&&&&
+// Follows what other processes log in the device's log file.
 #pragma once
 
 #include <sys/types.h>
 
-#include <optional>
 #include <string>
 #include <vector>
 
 namespace upgradectl {
-
-// What a log line says about a run, in the library's names; nothing when it is another line.
-struct RunReport {
-    std::string stage;
-    std::string state;
-};
-std::optional<RunReport> runReportIn(const std::string& line);
 
 // Gives the lines that are added to a log file from now on, also when the file is removed, begun anew or moved
 // away because it was full. A file that is not there yet, or no longer, is waited for.

@@ -17,6 +17,9 @@ namespace upgradectl {
 
 namespace {
 
+using kavro::agent::LoggedLine;
+using kavro::agent::StateChange;
+
 constexpr int kErrorLevel = 1;
 constexpr std::size_t kErrorsInHead = 5;  // a failed run logs two to six
 constexpr const char* kNotKnown = "not known";
@@ -148,9 +151,13 @@ constexpr OutcomeRow kOutcomes[] = {
 constexpr OutcomeRow kFailure = {-1, "failed", "Failed", "failed here",
                                  "M8 2h8l6 6v8l-6 6h-8l-6-6v-8zM8.5 8.5l7 7M15.5 8.5l-7 7"};
 
+int exitCodeOf(const RunRecord& record) {
+    return static_cast<int>(record.error ? upgradectl::exitCodeOf(*record.error) : ExitCode::kOk);
+}
+
 const OutcomeRow& outcomeOf(const RunRecord& record) {
     for (const OutcomeRow& row : kOutcomes) {
-        if (row.exitCode == record.exitCode) {
+        if (row.exitCode == exitCodeOf(record)) {
             return row;
         }
     }
@@ -193,7 +200,7 @@ Html facts(const RunRecord& record) {
     return htmlElement("dl", fact("Package", htmlElement("code", htmlText(record.package))) +
                                  fact("Begun", begun) +
                                  fact("Duration", htmlText(formatSeconds(record.seconds))) +
-                                 fact("Exit code", htmlText(std::to_string(record.exitCode))));
+                                 fact("Exit code", htmlText(std::to_string(exitCodeOf(record)))));
 }
 
 std::string lineId(std::size_t index) {
@@ -308,7 +315,7 @@ Html stageRow(const RunRecord& record, const StageSpan& stage) {
             "tr", {{"class", "faint"}},
             rowHead(span("mono", stageName(stage.stage))) + cell({}) + cell(htmlText("not reached")));
     }
-    const bool ended = stage.wasLast && record.exitCode != static_cast<int>(ExitCode::kOk);
+    const bool ended = stage.wasLast && record.error.has_value();
     Html name = span("mono", stageName(stage.stage));
     if (ended) {
         name +=

@@ -4,9 +4,11 @@
 #include <filesystem>
 #include <string>
 
-#include "tools/upgradectl/run_record.h"
+#include "agent/run.h"
 
 namespace upgradectl {
+
+using kavro::agent::RunRecord;
 
 // One page of HTML that stands for itself: it needs no script and loads nothing. Valid UTF-8 and well-formed XML,
 // whatever bytes the record holds; text of the record never acts as markup. Takes a few KiB, and about 150 bytes a

@@ -3,11 +3,12 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "tools/upgradectl/stage_durations.h"
-
 namespace upgradectl {
 
 namespace {
+
+using kavro::agent::LoggedLine;
+using kavro::agent::StageChange;
 
 bool contains(const std::string& text, const char* part) {
     return text.find(part) != std::string::npos;
@@ -23,7 +24,7 @@ std::vector<StageSpan> unreachedStages() {
     for (int stage = 0; stage < UpgradeProc::kStageCount; ++stage) {
         StageSpan span;
         span.stage = stage;
-        span.expectedSeconds = kExpectedStageSeconds.at(static_cast<std::size_t>(stage));
+        span.expectedSeconds = kavro::agent::kUsualStageSeconds.at(static_cast<std::size_t>(stage));
         spans.push_back(span);
     }
     return spans;

@@ -5,10 +5,12 @@
 #include <string>
 #include <vector>
 
-#include "tools/upgradectl/run_record.h"
+#include "agent/run.h"
 #include "upgrade/upgrade_api.h"
 
 namespace upgradectl {
+
+using kavro::agent::RunRecord;
 
 // Times are seconds since the command began, as in the record.
 struct StageSpan {

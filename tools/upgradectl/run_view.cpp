@@ -12,6 +12,8 @@ namespace upgradectl {
 
 namespace {
 
+using kavro::agent::RunObserver;
+
 constexpr int kMostBarColumns = 40;
 constexpr int kLeastBarColumns = 10;
 constexpr int kProgressStep = 10;
@@ -50,14 +52,14 @@ std::array<std::string, 4> statusTexts(const RunStatus& status) {
     return {percent + stage + passed + left, percent + stage + left, percent + stage, percent};
 }
 
-void writeEnd(const OwnOutput& output, const RunEnd& end) {
-    if (end.code == ExitCode::kOk) {  // a failure is told on standard error
-        output.writeLine(end.message);
-        output.writeLine("  next: " + end.next);
+void writeEnd(const OwnOutput& output, const RunRecord& record) {
+    if (!record.error) {  // a failure is told on standard error
+        output.writeLine(record.outcome);
+        output.writeLine("  next: " + record.nextStep);
     }
 }
 
-class TerminalView : public RunView {
+class TerminalView : public RunObserver {
   public:
     explicit TerminalView(const OwnOutput& target) : output(target) {}
 
@@ -72,11 +74,11 @@ class TerminalView : public RunView {
         output.write(kStartOfLine + text + "\n");
         drawn.clear();
     }
-    void end(const RunEnd& end) override {
+    void end(const RunRecord& record) override {
         if (!drawn.empty()) {
             output.write("\n");
         }
-        writeEnd(output, end);
+        writeEnd(output, record);
     }
 
   private:
@@ -84,7 +86,7 @@ class TerminalView : public RunView {
     std::string drawn;
 };
 
-class PlainView : public RunView {
+class PlainView : public RunObserver {
   public:
     explicit PlainView(const OwnOutput& target) : output(target) {}
 
@@ -98,7 +100,7 @@ class PlainView : public RunView {
         shown = true;
     }
     void notice(const std::string& text, double /*seconds*/) override { output.writeLine(text); }
-    void end(const RunEnd& end) override { writeEnd(output, end); }
+    void end(const RunRecord& record) override { writeEnd(output, record); }
 
   private:
     const OwnOutput& output;
@@ -127,7 +129,7 @@ std::string plainLine(const RunStatus& status) {
                      stageName(status.stage), COMMON_YR::getKeyString(status.state, UpgradeProc::stateNames));
 }
 
-std::unique_ptr<RunView> makeRunView(const OwnOutput& output, OutputForm form) {
+std::unique_ptr<kavro::agent::RunObserver> makeRunView(const OwnOutput& output, OutputForm form) {
     switch (form) {
         case OutputForm::kTerminal:
             return std::make_unique<TerminalView>(output);

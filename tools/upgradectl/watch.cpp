@@ -6,13 +6,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <optional>
 
+#include "agent/device_log.h"
 #include "base/errno_text.h"
+#include "base/run_line.h"
 #include "base/time_stamp.h"
-#include "platform/config/platform_config.h"
-#include "platform/node/node_subscriber.h"
+#include "common/message_node.h"
 #include "tools/upgradectl/exit_code.h"
 #include "tools/upgradectl/run_log.h"
 #include "upgrade/upgrade_api.h"
@@ -133,29 +133,39 @@ class RunEnd {
     std::optional<int> last;
 };
 
-std::string addressFrom(const kavro::PlatformConfig& config) {
-    if (config.nodeAddress.empty()) {
-        throw Failure(ErrorCode::kOther,
-                      kavro::platformConfigError(config, "\"node\" names no \"address\" to listen to"),
-                      "name it there, or give --address");
-    }
-    return config.nodeAddress;
-}
-
-std::unique_ptr<kavro::NodeSubscriber> subscribe(const std::string& address) {
-    std::string error;
-    std::unique_ptr<kavro::NodeSubscriber> subscriber = kavro::NodeSubscriber::open(address, error);
-    if (subscriber == nullptr) {
+// The device's message node, or the one at an address.
+class Listener {
+  public:
+    explicit Listener(std::string address) {
+        std::string error = "this device's message node cannot be listened to";
+        if (velListen != nullptr) {
+            handle = velListen(address, error);
+        }
+        if (handle != nullptr) {
+            return;
+        }
+        if (address.empty()) {
+            throw Failure(ErrorCode::kOther, error, "name it there, or give --address");
+        }
         throw Failure(ErrorCode::kOther, "the address '" + address + "' cannot be listened to: " + error,
                       "give one such as ipc:///tmp/kavro-node.ipc");
     }
-    return subscriber;
-}
+    ~Listener() { velEndListening(&handle); }
+    Listener(const Listener&) = delete;
+    Listener& operator=(const Listener&) = delete;
+
+    bool receive(std::string& message, int& publisher) {
+        return velReceive(handle, kPollMs, message, publisher);
+    }
+
+  private:
+    void* handle = nullptr;
+};
 
 void showStages(LogFollower& log, ChangeView& view) {
     for (const std::string& line : log.newLines()) {
-        if (const std::optional<RunReport> report = runReportIn(line)) {
-            view.showStage(report->stage);
+        if (const std::optional<kavro::RunLine> change = kavro::runLineIn(line)) {
+            view.showStage(change->stage);
         }
     }
 }
@@ -164,18 +174,19 @@ void showStages(LogFollower& log, ChangeView& view) {
 
 void watch(const WatchRequest& request, const Interrupts& interrupts) {
     LineWriter output;
-    const kavro::PlatformConfig config = kavro::readPlatformConfig();
-    LogFollower log(config.logFile);
-    const auto subscriber = subscribe(request.address.empty() ? addressFrom(config) : request.address);
+    LogFollower log(kavro::agent::deviceLogFile());
+    Listener listener(request.address);
     ChangeView view(output);
     RunEnd end;
     bool over = false;
     while (!over && interrupts.count() == 0) {
         // Whatever came in the step after the run's end, such as its last stage, is still shown.
         over = request.untilEnd && end.reached();
-        if (const auto message = subscriber->receive(kPollMs)) {
-            if (const std::optional<int> state = stateIn(message->bytes)) {
-                view.showState(*state, message->publisher);
+        std::string message;
+        int publisher = 0;
+        if (listener.receive(message, publisher)) {
+            if (const std::optional<int> state = stateIn(message)) {
+                view.showState(*state, publisher);
                 end.follow(*state);
             }
         }

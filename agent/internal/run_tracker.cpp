@@ -1,11 +1,9 @@
-#include "tools/upgradectl/run_status.h"
+#include "agent/internal/run_tracker.h"
 
 #include <algorithm>
 #include <numeric>
 
-#include "tools/upgradectl/stage_durations.h"
-
-namespace upgradectl {
+namespace kavro::agent {
 
 namespace {
 
@@ -19,12 +17,12 @@ std::optional<double> estimate(const StageChange& since, double now) {
     if (since.stage == UPGRADE_STAGE_DONE) {
         return 0;
     }
-    const auto stage = kExpectedStageSeconds.begin() + since.stage;
+    const auto stage = kUsualStageSeconds.begin() + since.stage;
     const double leftInStage = *stage - (now - since.seconds);
     if (leftInStage < 0) {
         return std::nullopt;
     }
-    return std::accumulate(stage + 1, kExpectedStageSeconds.end(), leftInStage);
+    return std::accumulate(stage + 1, kUsualStageSeconds.end(), leftInStage);
 }
 
 }  // namespace
@@ -63,4 +61,4 @@ const char* tooLateToGiveUp(int stage) {
                : "too late to give up: flashing has begun and goes on. Do not switch the device off";
 }
 
-}  // namespace upgradectl
+}  // namespace kavro::agent

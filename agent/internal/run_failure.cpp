@@ -1,13 +1,13 @@
-#include "tools/upgradectl/run_failure.h"
+#include "agent/internal/run_failure.h"
 
 #include <filesystem>
 
+#include "agent/device_log.h"
 #include "package/trailer.h"
-#include "tools/upgradectl/device_log.h"
 #include "upgrade/upgrade_api.h"
 #include "upgrade/upgrade_proc_pkg.h"
 
-namespace upgradectl {
+namespace kavro::agent {
 
 namespace {
 
@@ -74,7 +74,7 @@ const StageFailure& failureIn(int stage) {
 
 // After a failure in the stage INIT. input: the file that the run works on; one of another size ends it before that.
 bool hasNoWorkArea(const std::string& input) {
-    return COMMON_YR::getFileSize(input.c_str()) == static_cast<long>(kavro::package::kPackageBytes) &&
+    return COMMON_YR::getFileSize(input.c_str()) == static_cast<long>(package::kPackageBytes) &&
            !std::filesystem::is_directory(UpgradeProc::storePath);
 }
 
@@ -127,4 +127,4 @@ Failure rollbackFailure(const RunOutcome& outcome) {
     return failed(failure, package, failure.nextOfRollback);
 }
 
-}  // namespace upgradectl
+}  // namespace kavro::agent

@@ -4,12 +4,11 @@
 #include <functional>
 #include <vector>
 
-#include "tools/upgradectl/interrupts.h"
-#include "tools/upgradectl/run_view.h"
+#include "agent/run.h"
 
-namespace upgradectl {
+namespace kavro::agent {
 
-// The seconds since it was made.
+// The seconds since it was made, as a run counts them.
 class Clock {
   public:
     Clock();
@@ -32,9 +31,9 @@ struct RunOutcome {
 };
 
 // Calls run, which is one of the library's functions that make a run, on a thread of its own and shows what the library
-// logs and tells of the run until it returns. An interrupt asks to give the run up, and the view is told when that
-// was too late; no interrupt ends the process.
-RunOutcome watchRun(const std::function<int()>& run, RunView& view, const Interrupts& interrupts,
-                    const Clock& clock);
+// logs and tells of the run until it returns. giveUps: as in RunOptions, not empty; the observer is told when a request was
+// too late.
+RunOutcome watchRun(const std::function<int()>& run, RunObserver& observer,
+                    const std::function<int()>& giveUps, const Clock& clock);
 
-}  // namespace upgradectl
+}  // namespace kavro::agent

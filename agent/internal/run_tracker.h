@@ -1,22 +1,11 @@
-// How far a run is, from what the library logs and tells of it. Times are seconds since the command began.
+// How far a run is, from what the library logs and tells of it. Times are seconds since the call.
 #pragma once
 
-#include <optional>
 #include <vector>
 
-#include "tools/upgradectl/run_record.h"
+#include "agent/run.h"
 
-namespace upgradectl {
-
-struct RunStatus {
-    int stage = 0;     // UpgradeStage
-    int state = 0;     // UpgradeState
-    int progress = 0;  // percent
-    double seconds = 0;
-    // Until the end, estimated. Nothing when there is no telling: no run has begun, or its stage takes longer than
-    // it should.
-    std::optional<double> remaining;
-};
+namespace kavro::agent {
 
 // Puts together what is known of one run, in an order that makes sense to a reader: stage, state, progress and time
 // only go forward, and the estimate only goes down.
@@ -45,4 +34,4 @@ class RunTracker {
 // What a user is told who asks in this stage to give a run up that goes on.
 const char* tooLateToGiveUp(int stage);
 
-}  // namespace upgradectl
+}  // namespace kavro::agent

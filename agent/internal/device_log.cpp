@@ -1,24 +1,21 @@
-#include "tools/upgradectl/device_log.h"
+#include "agent/internal/device_log.h"
 
-#include <dlfcn.h>
 #include <pthread.h>
 
 #include <algorithm>
 #include <array>
-#include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <utility>
 
+#include "agent/device_log.h"
+#include "base/run_line.h"
+#include "common/board.h"
 #include "common/cancellation.h"
 #include "common/utility.h"
-#include "tools/upgradectl/run_log.h"
 #include "upgrade/upgrade_api.h"
 
-namespace upgradectl {
+namespace kavro::agent {
 
 namespace {
 
@@ -38,14 +35,6 @@ struct Memory {
 Memory& memory() {
     static Memory* const kMemory = new Memory;
     return *kMemory;
-}
-
-using PrintLog = void (*)(int, const char*, ...);
-
-// The device's own printLog, which this program's stands in front of.
-PrintLog devicesPrintLog() {
-    static const auto kNext = reinterpret_cast<PrintLog>(dlsym(RTLD_NEXT, "_Z8printLogiPKcz"));
-    return kNext;
 }
 
 bool beginsWith(const std::string& text, const std::string& start) {
@@ -76,10 +65,10 @@ std::string threadName() {
 }
 
 std::optional<LoggedChange> changeIn(const std::string& text) {
-    const std::optional<RunReport> report = runReportIn(text);
+    const std::optional<RunLine> line = runLineIn(text);
     LoggedChange change;
-    if (!report || !COMMON_YR::getStringKey(report->stage.c_str(), change.stage, UpgradeProc::stageNames) ||
-        !COMMON_YR::getStringKey(report->state.c_str(), change.state, UpgradeProc::stateNames)) {
+    if (!line || !COMMON_YR::getStringKey(line->stage.c_str(), change.stage, UpgradeProc::stageNames) ||
+        !COMMON_YR::getStringKey(line->state.c_str(), change.state, UpgradeProc::stateNames)) {
         return std::nullopt;
     }
     return change;
@@ -93,7 +82,9 @@ void keepError(std::vector<std::string>& errors, const std::string& line) {
     }
 }
 
-void keep(int level, const std::string& text) {
+void keep(int level, const char* logged) {
+    const COMMON_YR::CancelHold hold;
+    const std::string text = logged;
     DeviceLine line = {0, level, threadName(), text.substr(0, kMostBytes)};
     line.text.erase(line.text.find_last_not_of('\n') + 1);
     std::optional<LoggedChange> change = changeIn(line.text);
@@ -115,7 +106,29 @@ void keep(int level, const std::string& text) {
     }
 }
 
+void listenBy(COMMON_YR::LogListener listener) {
+    if (COMMON_YR::setLogListener != nullptr) {
+        COMMON_YR::setLogListener(listener);
+    }
+}
+
+// The listener's code goes with this library.
+struct Listening {
+    ~Listening() { listenBy(nullptr); }
+} listening;
+
 }  // namespace
+
+void keepDeviceLog() {
+    const COMMON_YR::CancelHold hold;
+    {
+        const std::lock_guard<std::mutex> lock(memory().mutex);
+        memory().log = {};
+        memory().errors.clear();
+        memory().changes.clear();
+    }
+    listenBy(keep);
+}
 
 DeviceLog loggedLines() {
     const std::lock_guard<std::mutex> lock(memory().mutex);
@@ -127,26 +140,13 @@ std::vector<std::string> loggedErrors() {
     return memory().errors;
 }
 
+std::string deviceLogFile() {
+    return COMMON_YR::boardLogFile == nullptr ? std::string() : COMMON_YR::boardLogFile();
+}
+
 std::vector<LoggedChange> takeLoggedChanges() {
     const std::lock_guard<std::mutex> lock(memory().mutex);
     return std::exchange(memory().changes, {});
 }
 
-}  // namespace upgradectl
-
-// Called on every thread of the libraries, also on one that is being cancelled.
-void printLog(int level, const char* format, ...) {
-    const COMMON_YR::CancelHold hold;
-    va_list arguments;
-    va_start(arguments, format);
-    char* buffer = nullptr;
-    const int length = vasprintf(&buffer, format, arguments);
-    va_end(arguments);
-    const std::unique_ptr<char, decltype(&std::free)> owner(length < 0 ? nullptr : buffer, std::free);
-    const std::string text = owner != nullptr ? owner.get() : format;
-
-    upgradectl::keep(level, text);  // first, since the device's log may take its time
-    if (upgradectl::devicesPrintLog() != nullptr) {
-        upgradectl::devicesPrintLog()(level, "%s", text.c_str());
-    }
-}
+}  // namespace kavro::agent

@@ -1,15 +1,16 @@
-#include "tools/upgradectl/run_watch.h"
+#include "agent/internal/run_watch.h"
 
 #include <unistd.h>
 
 #include <atomic>
 #include <thread>
 
+#include "agent/internal/device_log.h"
+#include "agent/internal/run_tracker.h"
 #include "common/utility.h"
-#include "tools/upgradectl/device_log.h"
 #include "upgrade/upgrade_api.h"
 
-namespace upgradectl {
+namespace kavro::agent {
 
 namespace {
 
@@ -26,33 +27,39 @@ GiveUp giveUpAnswer() {
 // Shows a run: its changes as they were logged, and what passes between them.
 class Watcher {
   public:
-    Watcher(RunView& target, const Clock& source) : view(target), clock(source) {}
+    Watcher(RunObserver& target, const Clock& source) : observer(target), clock(source) {}
 
     void look() {
         const double now = clock.seconds();
-        const std::vector<LoggedChange> changes = takeLoggedChanges();
-        for (const LoggedChange& change : changes) {
-            const double seconds = clock.secondsAt(change.ms);
-            if (tracker.change(change.stage, change.state, seconds)) {
-                advance(seconds);
-                view.show(tracker.status());
-            }
+        for (const LoggedChange& change : takeLoggedChanges()) {
+            hearsLog = true;
+            take(change.stage, change.state, clock.secondsAt(change.ms));
+        }
+        if (!hearsLog && (hasBegun() || UpgradeProc::getInstance()->running)) {
+            take(UPGRADE_get_stage(), UpgradeProc::getInstance()->state, now);
         }
         if (hasBegun()) {
             advance(now);
-            view.show(tracker.status());
+            observer.show(tracker.status());
         }
     }
 
     void notice(const std::string& text) {
         look();
-        view.notice(text, clock.seconds());
+        observer.notice(text, clock.seconds());
     }
 
     bool hasBegun() const { return !tracker.stages().empty(); }
     const RunTracker& run() const { return tracker; }
 
   private:
+    void take(int stage, int state, double seconds) {
+        if (tracker.change(stage, state, seconds)) {
+            advance(seconds);
+            observer.show(tracker.status());
+        }
+    }
+
     // The library tells the progress of the stage that it is in, and may be ahead of what has been shown.
     void advance(double seconds) {
         const int progress = UPGRADE_get_progress();
@@ -60,19 +67,20 @@ class Watcher {
         tracker.advance(isOfStage ? progress : 0, seconds);
     }
 
-    RunView& view;
+    RunObserver& observer;
     const Clock& clock;
     RunTracker tracker;
+    bool hearsLog = false;  // a board that does not tell its log is asked some times a second instead
 };
 
-// Turns interrupts into a request to give the run up, and tells what became of it.
+// Turns requests of the caller's into a request to give the run up, and tells what became of it.
 class GiveUpRequest {
   public:
-    GiveUpRequest(const Interrupts& source, Watcher& target) : interrupts(source), watcher(target) {}
+    GiveUpRequest(const std::function<int()>& source, Watcher& target) : giveUps(source), watcher(target) {}
 
     // Does nothing before a run has begun: a request would be forgotten at its begin.
     void poll() {
-        if (interrupts.count() == answered || !watcher.hasBegun()) {
+        if (giveUps() == answered || !watcher.hasBegun()) {
             return;
         }
         if (!announced) {
@@ -87,7 +95,7 @@ class GiveUpRequest {
 
     // After the run. Whether it was given up.
     bool finish(int result) {
-        if (interrupts.count() == 0) {
+        if (giveUps() == 0) {
             return false;
         }
         const bool inTime = result < 0 && announced && giveUpAnswer() == GiveUp::kInTime;
@@ -101,11 +109,11 @@ class GiveUpRequest {
     // In time: the failure that the run ends with says so.
     void tellTooLate() {
         watcher.notice(tooLateToGiveUp(watcher.run().status().stage));
-        answered = interrupts.count();
+        answered = giveUps();
         toldTooLate = true;
     }
 
-    const Interrupts& interrupts;
+    const std::function<int()>& giveUps;
     Watcher& watcher;
     int answered = 0;
     bool announced = false;
@@ -124,12 +132,12 @@ double Clock::secondsAt(double ms) const {
     return (ms - start) / kMsPerSecond;
 }
 
-RunOutcome watchRun(const std::function<int()>& run, RunView& view, const Interrupts& interrupts,
-                    const Clock& clock) {
+RunOutcome watchRun(const std::function<int()>& run, RunObserver& observer,
+                    const std::function<int()>& giveUps, const Clock& clock) {
     RunOutcome outcome;
     std::atomic<bool> over{false};
-    Watcher watcher(view, clock);
-    GiveUpRequest request(interrupts, watcher);
+    Watcher watcher(observer, clock);
+    GiveUpRequest request(giveUps, watcher);
     std::thread runner([&] {
         outcome.result = run();
         over = true;
@@ -147,4 +155,4 @@ RunOutcome watchRun(const std::function<int()>& run, RunView& view, const Interr
     return outcome;
 }
 
-}  // namespace upgradectl
+}  // namespace kavro::agent

@@ -3,13 +3,13 @@
 
 #include <string>
 
-#include "tools/upgradectl/exit_code.h"
-#include "tools/upgradectl/run_watch.h"
+#include "agent/internal/run_watch.h"
+#include "base/failure.h"
 
-namespace upgradectl {
+namespace kavro::agent {
 
 // Both are for a run that failed or was given up. package: its path, as the user knows it.
 Failure installFailure(const RunOutcome& outcome, const std::string& package);
 Failure rollbackFailure(const RunOutcome& outcome);
 
-}  // namespace upgradectl
+}  // namespace kavro::agent

@@ -1,4 +1,4 @@
-#include "tools/upgradectl/run_status.h"
+#include "agent/internal/run_tracker.h"
 
 #include <gtest/gtest.h>
 
@@ -8,9 +8,9 @@
 
 namespace {
 
-using upgradectl::RunTracker;
-using upgradectl::StageChange;
-using upgradectl::StateChange;
+using kavro::agent::RunTracker;
+using kavro::agent::StageChange;
+using kavro::agent::StateChange;
 
 std::vector<int> stagesOf(const RunTracker& run) {
     std::vector<int> stages;
@@ -30,10 +30,10 @@ std::vector<int> statesOf(const RunTracker& run) {
 
 TEST(TooLateToGiveUp, says_that_flashing_goes_on_only_while_it_does) {
     EXPECT_NE(
-        std::string(upgradectl::tooLateToGiveUp(UPGRADE_STAGE_FLASHING_START)).find("flashing has begun"),
+        std::string(kavro::agent::tooLateToGiveUp(UPGRADE_STAGE_FLASHING_START)).find("flashing has begun"),
         std::string::npos);
     for (const int stage : {UPGRADE_STAGE_BACKUP_PACKAGE, UPGRADE_STAGE_DONE}) {
-        EXPECT_NE(std::string(upgradectl::tooLateToGiveUp(stage)).find("the run is ending"),
+        EXPECT_NE(std::string(kavro::agent::tooLateToGiveUp(stage)).find("the run is ending"),
                   std::string::npos);
     }
 }

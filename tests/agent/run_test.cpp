@@ -1,0 +1,237 @@
+// Runs made through the agent's public headers, by a process that has nothing else.
+#include "agent/run.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "agent/activation.h"
+#include "agent/device_log.h"
+#include "agent/history.h"
+#include "agent/lock.h"
+#include "agent/state.h"
+#include "tests/agent/held_device.h"
+#include "tests/support/device.h"
+#include "tests/support/mcu_emulator.h"
+#include "tests/support/test_package.h"
+
+namespace {
+
+using namespace kavro::agent;
+using kavro::ErrorCode;
+using kavro::Result;
+using testsupport::exists;
+using testsupport::readFile;
+using testsupport::TestPackage;
+
+constexpr const char* kPackage = "/tmp/release.pkg";
+constexpr const char* kMarker = "/config/upgraded";
+
+// Keeps what it is told, and may ask to give the run up.
+class Witness : public RunObserver {
+  public:
+    void begin(const RunBegin& run) override {
+        calls.emplace_back("begin");
+        begun = run;
+    }
+    void show(const RunStatus& status) override {
+        if (calls.back() != "show") {
+            calls.emplace_back("show");
+        }
+        shown.push_back(status);
+        if (status.stage == giveUpIn) {
+            giveUps = std::max(giveUps.load(), 1);
+        }
+    }
+    void notice(const std::string& text, double) override { notices.push_back(text); }
+    void end(const RunRecord& record) override {
+        calls.emplace_back("end");
+        last = record;
+    }
+
+    RunOptions options() {
+        RunOptions wanted;
+        wanted.giveUps = [this] { return giveUps.load(); };
+        return wanted;
+    }
+
+    std::vector<std::string> calls;
+    std::vector<std::string> notices;
+    std::vector<RunStatus> shown;
+    RunBegin begun;
+    RunRecord last;
+    int giveUpIn = -1;
+    std::atomic<int> giveUps{0};
+};
+
+class Run : public testsupport::DeviceTest {
+  protected:
+    void SetUp() override {
+        DeviceTest::SetUp();
+        ASSERT_TRUE(mcu.start());
+    }
+
+    static TestPackage release() { return TestPackage().setVersions(1, 105, 8, 3); }
+    static std::vector<HistoryEntry> history() { return readHistory().value(); }
+
+    testsupport::McuEmulator mcu;
+    Witness witness;
+};
+
+std::vector<int> stagesOf(const RunRecord& record) {
+    std::vector<int> stages;
+    for (const StageChange& change : record.stages) {
+        stages.push_back(change.stage);
+    }
+    return stages;
+}
+
+TEST_F(Run, that_succeeds_is_told_from_its_begin_to_its_end_and_noted) {
+    release().writeTo(kPackage);
+    const Result<RunRecord> run = install(kPackage, {}, &witness);
+    ASSERT_TRUE(run.ok()) << run.error().text;
+    EXPECT_TRUE(exists(kMarker));
+    EXPECT_EQ(witness.calls, (std::vector<std::string>{"begin", "show", "end"}));
+    EXPECT_EQ(witness.begun.packageVersion, "V01.105.008.003");
+    EXPECT_EQ(witness.begun.currentVersion, "V01.104.007.002");
+    EXPECT_EQ(stagesOf(run.value()), (std::vector<int>{1, 2, 3, 4, 5, 6, 7, 8}));
+    EXPECT_EQ(run.value().outcome, "installed '/tmp/release.pkg', it awaits activation");
+    EXPECT_FALSE(run.value().error);
+    EXPECT_FALSE(run.value().log.empty());
+    EXPECT_EQ(run.value().historyFault, "");
+    ASSERT_EQ(history().size(), 1U);
+    EXPECT_EQ(history()[0].event, "install");
+    EXPECT_EQ(history()[0].outcome, "ok");
+    EXPECT_EQ(history()[0].release, "V01.105.008.003");
+}
+
+TEST_F(Run, needs_no_observer) {
+    release().writeTo(kPackage);
+    EXPECT_TRUE(install(kPackage).ok());
+    EXPECT_TRUE(activate().ok());
+    TestPackage().setVersions(1, 106, 9, 3).writeTo(kPackage);
+    EXPECT_TRUE(install(kPackage).ok());
+    EXPECT_TRUE(activate().ok());
+    const Result<RunRecord> back = rollback();
+    ASSERT_TRUE(back.ok()) << back.error().text;
+    EXPECT_EQ(back.value().outcome, "rolled back to V01.105.008.003, which runs after the next restart");
+    EXPECT_EQ(stagesOf(back.value()).back(), UPGRADE_STAGE_DONE);
+    EXPECT_EQ(history().back().event, "rollback");
+}
+
+TEST_F(Run, that_is_refused_has_an_end_only) {
+    release().corruptSignature("ext4").writeTo(kPackage);
+    const Result<RunRecord> run = install(kPackage, {}, &witness);
+    ASSERT_FALSE(run.ok());
+    EXPECT_EQ(run.error().code, ErrorCode::kRefused);
+    EXPECT_EQ(witness.calls, std::vector<std::string>{"end"});
+    ASSERT_TRUE(witness.last.error);
+    EXPECT_EQ(witness.last.outcome, run.error().text);
+    EXPECT_TRUE(witness.last.stages.empty());
+    EXPECT_TRUE(history().empty());
+}
+
+TEST_F(Run, that_fails_tells_the_devices_own_words) {
+    constexpr std::size_t kMoreThanThePartition = 2 << 20;
+    release().setComponent("cv22_kavro_qz7.dtb", std::string(kMoreThanThePartition, 'd')).writeTo(kPackage);
+    const Result<RunRecord> run = install(kPackage, {}, &witness);
+    ASSERT_FALSE(run.ok());
+    EXPECT_EQ(run.error().code, ErrorCode::kFlashFailed);
+    ASSERT_FALSE(run.error().details.empty());
+    EXPECT_NE(run.error().details.front().find("too large for"), std::string::npos);
+    EXPECT_EQ(run.error().details, loggedErrors());
+    EXPECT_EQ(history().back().outcome, "flash_failed");
+    EXPECT_EQ(stagesOf(witness.last).back(), UPGRADE_STAGE_FLASHING_START);
+}
+
+TEST_F(Run, is_given_up_on_request_while_it_does_not_flash) {
+    release().writeTo(kPackage);
+    witness.giveUpIn = UPGRADE_STAGE_INIT;
+    const Result<RunRecord> run = install(kPackage, witness.options(), &witness);
+    ASSERT_FALSE(run.ok());
+    EXPECT_EQ(run.error().code, ErrorCode::kGivenUp);
+    EXPECT_EQ(witness.notices, std::vector<std::string>{"giving up..."});
+    EXPECT_FALSE(exists(kMarker));
+    EXPECT_EQ(history().back().outcome, "given_up");
+    EXPECT_TRUE(install(kPackage).ok()) << "the run after it";
+}
+
+TEST_F(Run, goes_on_when_it_is_asked_too_late) {
+    release().writeTo(kPackage);
+    witness.giveUpIn = UPGRADE_STAGE_FLASHING_START;
+    EXPECT_TRUE(install(kPackage, witness.options(), &witness).ok());
+    ASSERT_EQ(witness.notices.size(), 2U);
+    EXPECT_NE(witness.notices[1].find("too late to give up"), std::string::npos);
+}
+
+TEST_F(Run, asked_to_be_given_up_before_it_begins_does_not_begin) {
+    release().writeTo(kPackage);
+    witness.giveUps = 1;
+    const Result<RunRecord> run = install(kPackage, witness.options(), &witness);
+    ASSERT_FALSE(run.ok());
+    EXPECT_EQ(run.error().code, ErrorCode::kGivenUp);
+    EXPECT_EQ(witness.calls, std::vector<std::string>{"end"});
+    EXPECT_EQ(UPGRADE_get_stage(), UPGRADE_STAGE_IDLE);
+}
+
+TEST_F(Run, waits_for_another_operation_as_long_as_it_has_patience) {
+    release().writeTo(kPackage);
+    {
+        const agent_test::HeldDevice other;
+        const Result<RunRecord> run = install(kPackage, {}, &witness);
+        ASSERT_FALSE(run.ok());
+        EXPECT_EQ(run.error().code, ErrorCode::kBusy);
+        RunOptions patient = witness.options();
+        patient.patience.longest = std::chrono::minutes(1);
+        patient.patience.keepWaiting = [this] { return ++witness.giveUps > 0; };
+        EXPECT_EQ(install(kPackage, patient).error().code, ErrorCode::kGivenUp);
+    }
+    const agent_test::HeldDevice brief(std::chrono::seconds(1));
+    RunOptions patient;
+    patient.patience.longest = std::chrono::minutes(1);
+    EXPECT_TRUE(install(kPackage, patient).ok());
+}
+
+TEST_F(Run, holds_the_device_until_its_end_is_told) {
+    class Asker : public RunObserver {
+      public:
+        void show(const RunStatus&) override { refused = refused && isBusy(); }
+        void end(const RunRecord&) override { refused = refused && isBusy(); }
+        static bool isBusy() {
+            const Result<DeviceLock> lock = DeviceLock::take({});
+            return !lock.ok() && lock.error().code == ErrorCode::kBusy;
+        }
+        bool refused = true;
+    };
+    release().writeTo(kPackage);
+    Asker asker;
+    EXPECT_TRUE(install(kPackage, {}, &asker).ok());
+    EXPECT_TRUE(asker.refused);
+    EXPECT_FALSE(Asker::isBusy());
+}
+
+TEST_F(Run, without_platform_json_is_refused_for_the_drivers) {
+    release().writeTo(kPackage);
+    std::filesystem::remove("/etc/kavro/platform.json");
+    const Result<RunRecord> run = install(kPackage);
+    ASSERT_FALSE(run.ok());
+    EXPECT_EQ(run.error().text, "the flash drivers are not ready");
+    EXPECT_EQ(run.error().details.size(), 2U);
+}
+
+TEST(RunPlaces, have_the_devices_log_where_it_is_known) {
+    const auto has = [](const RunPlaces& places) {
+        return std::find(places.files.begin(), places.files.end(), "/tmp/kavro.log") != places.files.end();
+    };
+    EXPECT_TRUE(has(placesOfRuns()));
+    testsupport::writeFile("/etc/kavro/platform.json", "{}");
+    EXPECT_EQ(deviceLogFile(), "");
+    EXPECT_FALSE(has(placesOfRuns()));
+}
+
+}  // namespace
