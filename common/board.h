@@ -3,7 +3,8 @@
 //
 // libflash_drivers.so implements these functions. They are declared weak: an engineer with another board may leave them
 // out, their addresses are null then, and what they would tell is unknown. They block for as long as it takes to read
-// or write the boot loader's state; boardVerifySlot reads a whole slot. Any thread, not while a run flashes. Nothing throws.
+// or write the boot loader's state; boardVerifySlot reads a whole slot. Any thread; not while a run flashes, unless it is said
+// below. Nothing throws.
 #pragma once
 
 #include <map>
@@ -47,6 +48,21 @@ KAVRO_EXPORT __attribute__((weak)) int boardVerifySlot(const std::string& slot, 
 // Forgets that a slot was written and awaits its activation; what the slot holds stays. Returns 0, also when none awaits it,
 // and the record is gone from storage then; negative, with a text, when that cannot be done.
 KAVRO_EXPORT __attribute__((weak)) int boardDropWrittenSlot(std::string& error);
+
+// The bytes of an operation.
+struct BoardBytes {
+    long long done = 0;   // so many of them, at most all
+    long long total = 0;  // 0: not known
+};
+
+// The writing of both processors: of the one that goes on, or else of the last.
+struct BoardProgress {
+    BoardBytes mpu;  // written and compared
+    BoardBytes mcu;  // sent to the microcontroller
+};
+
+// How far it is, also while a run flashes. Costs no more than reading some numbers.
+KAVRO_EXPORT __attribute__((weak)) void boardReadProgress(BoardProgress& progress);
 
 // The file into which the device logs; empty when it logs into none.
 KAVRO_EXPORT __attribute__((weak)) std::string boardLogFile();

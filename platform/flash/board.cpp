@@ -1,6 +1,7 @@
 // What the board tells of its slots: the boot loader's state, the record of the written slot, and storage itself.
 #include "common/board.h"
 
+#include <algorithm>
 #include <charconv>
 #include <optional>
 
@@ -8,6 +9,7 @@
 #include "platform/config/platform_config.h"
 #include "platform/config/written_slot.h"
 #include "platform/flash/environment_boot_control.h"
+#include "platform/flash/flash_progress.h"
 #include "platform/flash/partition.h"
 #include "platform/flash/slot_map.h"
 
@@ -115,6 +117,14 @@ int boardDropWrittenSlot(std::string& error) {
     return kavro::readSlotMap(config, map, error) && kavro::removeWrittenSlot(map.writtenSlotFile, error)
                ? 0
                : kFailed;
+}
+
+void boardReadProgress(BoardProgress& progress) {
+    const auto bytesOf = [](const kavro::FlashProgress& driver) {
+        const long long total = driver.bytesTotal();
+        return BoardBytes{std::min(driver.bytesDone(), total), total};
+    };
+    progress = {bytesOf(kavro::mpuProgress), bytesOf(kavro::mcuProgress)};
 }
 
 std::string boardLogFile() {

@@ -11,6 +11,7 @@
 #include "base/errno_text.h"
 #include "base/file_io.h"
 #include "platform/flash/digest_aside.h"
+#include "platform/flash/flash_progress.h"
 
 namespace kavro {
 namespace {
@@ -88,6 +89,7 @@ bool forEachBlock(const RawFile& file, const std::string& path, long long bytes,
         if (!work(*block)) {
             return false;
         }
+        mpuProgress.add(block->count);
     }
     return true;
 }

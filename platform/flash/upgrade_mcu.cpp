@@ -5,12 +5,14 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "base/mcu_image.h"
 #include "common/cancellation.h"
 #include "common/flash_driver.h"
 #include "common/utility.h"
 #include "platform/config/platform_config.h"
+#include "platform/flash/flash_progress.h"
 #include "platform/flash/operation.h"
 #include "platform/mcu/mcu_client.h"
 
@@ -26,6 +28,14 @@ enum class Stage { kIdle, kChecked, kWritten };
 int report(const std::string& error) {
     printLog(kError, "UpgradeMcu: %s\n", error.c_str());
     return kFailed;
+}
+
+long long bytesOf(const std::vector<kavro::Segment>& segments) {
+    std::size_t bytes = 0;
+    for (const kavro::Segment& segment : segments) {
+        bytes += segment.bytes.size();
+    }
+    return static_cast<long long>(bytes);
 }
 
 // Everything the driver knows. Shared with a running operation.
@@ -53,6 +63,7 @@ class McuFlasher {
         if (mcu == nullptr || !mcu->probe(error)) {
             return report(error);
         }
+        kavro::mcuProgress.begin(bytesOf(firmware.flashDriver) + bytesOf(firmware.application));
         stage = Stage::kChecked;
         return 0;
     }
@@ -63,7 +74,8 @@ class McuFlasher {
             return report("upgrade without a successful preUpgrade");
         }
         const std::unique_ptr<kavro::McuClient> mcu = connect(error);
-        if (mcu == nullptr || !mcu->program(firmware, error)) {
+        const auto count = [](std::size_t bytes) { kavro::mcuProgress.add(static_cast<long long>(bytes)); };
+        if (mcu == nullptr || !mcu->program(firmware, error, count)) {
             return report(error);
         }
         stage = Stage::kWritten;

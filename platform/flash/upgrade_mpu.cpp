@@ -19,6 +19,7 @@
 #include "platform/config/platform_config.h"
 #include "platform/config/written_slot.h"
 #include "platform/flash/environment_boot_control.h"
+#include "platform/flash/flash_progress.h"
 #include "platform/flash/operation.h"
 #include "platform/flash/partition.h"
 #include "platform/flash/slot_map.h"
@@ -83,6 +84,7 @@ class MpuFlasher {
                 return report(error);
             }
         }
+        kavro::mpuProgress.begin(bytesToProcess());
         stage = Stage::kChecked;
         return 0;
     }
@@ -243,6 +245,17 @@ class MpuFlasher {
         return verify(placements.begin(), endOfSlot(), error) &&
                kavro::readComponent(loader, keepGoing(), error) &&
                kavro::writePlacement(loader, toTheEnd, error);
+    }
+
+    // That write() and finish() write, and compare when it is written. With a bootloader the slot is compared before it, too,
+    // and the bootloader itself read.
+    [[nodiscard]] long long bytesToProcess() const {
+        const bool withLoader = placements.size() > kavro::kSlotComponents.size();
+        long long bytes = 0;
+        for (const kavro::Placement& placement : placements) {
+            bytes += placement.content.bytes;
+        }
+        return bytes * (withLoader ? 3 : 2);
     }
 
     using PlacementIterator = std::vector<kavro::Placement>::iterator;

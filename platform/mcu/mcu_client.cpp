@@ -125,7 +125,8 @@ std::optional<int> McuClient::version(std::string& error) {
     return static_cast<int>(number);
 }
 
-bool McuClient::program(const McuFirmware& firmware, std::string& error) {
+bool McuClient::program(const McuFirmware& firmware, std::string& error, const Count& count) {
+    countSent = count;
     if (!checkFlashDriver(firmware.flashDriver, error)) {
         error.insert(0, "flash driver: ");
         return false;
@@ -191,6 +192,9 @@ bool McuClient::downloadSegment(const char* step, const Segment& segment, std::s
                     block.begin() + uds::kTransferHeaderBytes);
         if (!ask(step, block, kTransferAnswerBytes, error)) {
             return false;
+        }
+        if (countSent) {
+            countSent(size);
         }
     }
     return ask(step, {uds::kRequestTransferExit}, kExitAnswerBytes, error).has_value();

@@ -31,6 +31,8 @@ class McuClient {
     McuClient(const std::string& linkAddress, std::unique_ptr<ByteLink> openedLink,
               const KeepGoing& keepGoing = {});
 
+    using Count = std::function<void(std::size_t bytes)>;
+
     // Whether the microcontroller answers, with an application or without one.
     [[nodiscard]] bool probe(std::string& error);
 
@@ -44,8 +46,9 @@ class McuClient {
     // checkApplication() refuses changes nothing. From the erasing on until makeRun() the microcontroller has no
     // application: an interrupted programming leaves it without a version, and the next one starts over. After
     // a failure it is started anew, so that an application that was not yet erased runs again.
-    // True: the microcontroller has found that its flash holds the new application.
-    [[nodiscard]] bool program(const McuFirmware& firmware, std::string& error);
+    // True: the microcontroller has found that its flash holds the new application. count: called with the bytes of
+    // the firmware that were sent with each block.
+    [[nodiscard]] bool program(const McuFirmware& firmware, std::string& error, const Count& count = {});
 
     // Follows program() within 5 s, on the same or another object: makes the new application the one to run,
     // starts it and compares the version that it reports.
@@ -69,6 +72,7 @@ class McuClient {
 
     const std::string address;
     UdsClient client;
+    Count countSent;
 };
 
 // Whether the device's configuration names a link, in one of the forms that exist. The error names the file and

@@ -10,6 +10,7 @@
 
 namespace {
 
+using COMMON_YR::boardReadProgress;
 using COMMON_YR::boardReadState;
 using COMMON_YR::BoardState;
 using COMMON_YR::boardVerifySlot;
@@ -111,6 +112,26 @@ TEST_F(Board, knows_nothing_of_a_slot_that_nobody_told_of) {
         EXPECT_EQ(error, "it is not known what slot " + slot + " must hold");
     }
     EXPECT_EQ(state().slots.count("c"), 0u);
+}
+
+TEST_F(Board, tells_how_much_was_written_and_compared) {
+    COMMON_YR::BoardProgress progress;
+    boardReadProgress(progress);
+    EXPECT_EQ(progress.mpu.total, 0);
+    writeSlotB();
+    boardReadProgress(progress);
+    const auto& release = releaseOf(1);
+    const std::size_t bytes =
+        release.kernel.size() + release.deviceTree.size() + release.rootFileSystem.size();
+    EXPECT_EQ(progress.mpu.total, static_cast<long long>(2 * bytes));
+    EXPECT_EQ(progress.mpu.done, progress.mpu.total);
+    EXPECT_EQ(progress.mcu.total, 0);
+}
+
+TEST_F(Board, tells_the_log_file_of_the_device) {
+    EXPECT_EQ(COMMON_YR::boardLogFile(), "/tmp/kavro.log");
+    testsupport::writeFile("/etc/kavro/platform.json", "{}");
+    EXPECT_EQ(COMMON_YR::boardLogFile(), "");
 }
 
 TEST_F(Board, that_cannot_be_read_says_which_file) {

@@ -8,6 +8,7 @@
 
 #include "base/file_descriptor.h"
 #include "base/mcu_image.h"
+#include "common/board.h"
 #include "common/flash_driver.h"
 #include "common/message_node.h"
 #include "tests/platform/captured_log.h"
@@ -119,6 +120,22 @@ TEST_F(Mcu, application_is_programmed_and_reports_its_version) {
     EXPECT_FALSE(testsupport::loggedWith(1, {})) << "an error was logged";
     mcu.stop();
     EXPECT_EQ(mcu.version(), 9) << "it must last over a loss of power";
+}
+
+TEST_F(Mcu, progress_is_what_was_sent) {
+    COMMON_YR::BoardProgress progress;
+    boardReadProgress(progress);
+    EXPECT_EQ(progress.mcu.total, 0);
+    ASSERT_EQ(install(), 0);
+    boardReadProgress(progress);
+    std::size_t bytes = 0;
+    for (const auto& segments : {applicationOf(9), testsupport::flashDriver()}) {
+        for (const kavro::Segment& segment : segments) {
+            bytes += segment.bytes.size();
+        }
+    }
+    EXPECT_EQ(progress.mcu.total, static_cast<long long>(bytes));
+    EXPECT_EQ(progress.mcu.done, progress.mcu.total);
 }
 
 TEST_F(Mcu, flash_holds_boot_loader_application_and_erased_gaps_and_rest) {
