@@ -38,8 +38,13 @@ constexpr Member kMembers[] = {
 // No line becomes too long for the file: a byte takes six at the most, "\u001b".
 constexpr std::size_t kMostBytesOfByte = 6;
 constexpr std::size_t kMostBytesOfName = 16;
-static_assert(std::size(kMembers) * (kMostHistoryTextBytes * kMostBytesOfByte + kMostBytesOfName) <
+constexpr std::size_t kMostStages = 16;
+constexpr std::size_t kMostBytesOfNumber = 32;
+static_assert(std::size(kMembers) * (kMostHistoryTextBytes * kMostBytesOfByte + kMostBytesOfName) +
+                  kMostStages * kMostBytesOfNumber <
               kMostHistoryBytes);
+
+constexpr const char* kStages = "stages";
 
 // An entry is flat; what nests in lines of others must not take the stack of a small thread.
 constexpr int kMostNesting = 16;
@@ -96,6 +101,18 @@ HistoryEntry completed(HistoryEntry entry) {
     return entry;
 }
 
+// Empty for what is no list of times.
+std::vector<double> secondsIn(const Json::Value& list) {
+    std::vector<double> seconds;
+    for (Json::ArrayIndex index = 0; list.isArray() && index < list.size(); ++index) {
+        if (!list[index].isNumeric() || list[index].asDouble() < 0 || seconds.size() == kMostStages) {
+            return {};
+        }
+        seconds.push_back(list[index].asDouble());
+    }
+    return seconds;
+}
+
 // Nothing when it is no JSON object.
 std::optional<Json::Value> objectIn(const std::string& line) {
     Json::CharReaderBuilder builder;
@@ -127,6 +144,7 @@ std::optional<HistoryEntry> entryIn(const std::string& line) {
             return std::nullopt;
         }
     }
+    entry.stageSeconds = secondsIn((*object)[kStages]);
     return entry.event.empty() ? std::nullopt : std::optional<HistoryEntry>(std::move(entry));
 }
 
@@ -159,6 +177,9 @@ std::string historyLine(const HistoryEntry& entry) {
         if (!(entry.*member.text).empty()) {
             object[member.name] = entry.*member.text;
         }
+    }
+    for (std::size_t stage = 0; stage < std::min(entry.stageSeconds.size(), kMostStages); ++stage) {
+        object[kStages].append(entry.stageSeconds[stage]);
     }
     return jsonLine(object);
 }

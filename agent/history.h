@@ -34,6 +34,7 @@ struct HistoryEntry {
     std::string keyDigest;  // SHA-256 of the key that the package carries, lower-case hexadecimal digits
     std::string by;    // who did it: "root: upgradectl install camera.pkg"; of this process where it is empty
     std::string text;  // for people: what failed, or what was repaired
+    std::vector<double> stageSeconds;  // of a run that succeeded: what its stages took, by UpgradeStage
 };
 
 // Appends an entry and brings it to storage; what is no UTF-8 in its texts becomes U+FFFD. Several threads and processes may
@@ -49,7 +50,7 @@ KAVRO_EXPORT Result<void> appendHistory(const HistoryEntry& entry);
 KAVRO_EXPORT Result<std::vector<HistoryEntry>> readHistory();
 
 // An entry as its line of the file, without the line break: JSON in ASCII. The members are called as above, but for
-// keyDigest: "key_sha256". Throws std::bad_alloc only.
+// keyDigest: "key_sha256", and stageSeconds: "stages". Throws std::bad_alloc only.
 KAVRO_EXPORT std::string historyLine(const HistoryEntry& entry);
 
 // Whether the device fell back from this release after its trial, and has not run it to a confirmation since: the last entry

@@ -254,6 +254,22 @@ TEST_F(History, reads_entries_with_members_that_it_does_not_know) {
     EXPECT_EQ(texts(), Texts{"later"});
 }
 
+TEST_F(History, keeps_what_the_stages_took) {
+    HistoryEntry entry = entryOf("install");
+    entry.stageSeconds = {0, 1.25, 0.004};
+    append(entry);
+    EXPECT_EQ(readHistory().value().back().stageSeconds, entry.stageSeconds);
+}
+
+TEST_F(History, takes_no_times_from_what_is_no_list_of_them) {
+    for (const char* list :
+         {"7", "\"7\"", "[1,\"2\"]", "[-1]", "{}", "[1,2,3,4,5,6,7,8,9,10,11,12,13,14,15,16,17]"}) {
+        writeFile(kHistoryFile, std::string(R"({"event":"install","text":"it","stages":)") + list + "}\n");
+        ASSERT_EQ(texts(), Texts{"it"}) << list;
+        EXPECT_TRUE(readHistory().value().front().stageSeconds.empty()) << list;
+    }
+}
+
 TEST_F(History, that_others_have_made_too_long_is_read_at_its_end_and_shortened) {
     writeFile(kHistoryFile,
               std::string(3 * kMostHistoryBytes, 'x') + "\n" + R"({"event":"install","text":"kept"})" + "\n");
