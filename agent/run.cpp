@@ -72,6 +72,38 @@ std::vector<LoggedLine> logSince(const Clock& clock) {
     return lines;
 }
 
+// Runs differ from one to the next.
+constexpr std::size_t kRunsToLearnFrom = 3;
+constexpr double kAllowance = 1.2;
+
+// What the stages took at most in the last runs that succeeded.
+StageSeconds learnedStageSeconds() {
+    const Result<std::vector<HistoryEntry>> history = readHistory();
+    StageSeconds longest = {};
+    std::size_t runs = 0;
+    const auto learn = [&](const HistoryEntry& entry) {
+        if (runs < kRunsToLearnFrom && entry.outcome == "ok" && entry.stageSeconds.size() == longest.size()) {
+            std::transform(longest.begin(), longest.end(), entry.stageSeconds.begin(), longest.begin(),
+                           [](double most, double taken) { return std::max(most, kAllowance * taken); });
+            ++runs;
+        }
+    };
+    if (history.ok()) {
+        std::for_each(history.value().rbegin(), history.value().rend(), learn);
+    }
+    return runs > 0 ? longest : kUsualStageSeconds;
+}
+
+// By UpgradeStage; those that were not seen have 0.
+std::vector<double> takenStageSeconds(const RunRecord& record) {
+    std::vector<double> taken(record.stages.empty() ? 0 : UpgradeProc::kStageCount);
+    for (std::size_t index = 0; index + 1 < record.stages.size(); ++index) {
+        const StageChange& change = record.stages[index];
+        taken[static_cast<std::size_t>(change.stage)] = record.stages[index + 1].seconds - change.seconds;
+    }
+    return taken;
+}
+
 // From the taking of the device to the last that is told.
 class RunSession {
   public:
@@ -119,10 +151,19 @@ class RunSession {
             observer.notice(notice, clock.seconds());
         }
         RunOutcome outcome = watchRun(
-            kind.run, observer, [this] { return giveUps(); }, clock);
+            kind.run, observer, [this] { return giveUps(); }, measureOfRun(), clock);
         record.stages = outcome.stages;
         record.states = outcome.states;
         return outcome;
+    }
+
+    [[nodiscard]] RunMeasure measureOfRun() const {
+        RunMeasure measure;
+        measure.stageSeconds = learnedStageSeconds();
+        for (const package::ComponentCheck& component : findings.components) {
+            measure.contentBytes += component.bytes;
+        }
+        return measure;
     }
 
     void requireNotGivenUp() const {
@@ -153,6 +194,9 @@ class RunSession {
         entry.package = record.package;
         entry.keyDigest = findings.keyDigest;
         entry.text = record.error ? record.outcome : "";
+        if (!record.error) {
+            entry.stageSeconds = takenStageSeconds(record);
+        }
         const Result<void> noted = appendHistory(entry);
         record.historyFault = noted.ok() ? "" : noted.error().text;
     }

@@ -24,10 +24,12 @@
 
 namespace kavro::agent {
 
-// What the stages of a run take on a device with slow storage and a full package, in seconds, by UpgradeStage. FLASHING_START
-// is that of both processors side by side.
-inline constexpr std::array<double, UpgradeProc::kStageCount> kUsualStageSeconds = {1, 10,  30, 5, 1,
-                                                                                    1, 180, 8,  1};
+// Of the stages of a run, by UpgradeStage.
+using StageSeconds = std::array<double, UpgradeProc::kStageCount>;
+
+// What they take on a device with slow storage and a full package, in seconds. FLASHING_START is that of both
+// processors side by side.
+inline constexpr StageSeconds kUsualStageSeconds = {1, 10, 30, 5, 1, 1, 180, 8, 1};
 
 // What a run is about.
 struct RunBegin {

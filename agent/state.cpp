@@ -8,6 +8,7 @@
 #include "agent/history.h"
 #include "agent/internal/board.h"
 #include "agent/internal/last_run.h"
+#include "agent/internal/published_run.h"
 #include "package/trailer.h"
 #include "package/version.h"
 #include "upgrade/device_lock.h"
@@ -46,7 +47,14 @@ std::optional<RunInProgress> runElsewhere() {
     if (!UPGRADE_is_device_locked(&holder) || holder.pid == getpid()) {
         return std::nullopt;
     }
-    return RunInProgress{holder.pid, holder.command};
+    RunInProgress run = {holder.pid, holder.command, {}, {}, {}};
+    const std::optional<PublishedRun> published = readPublishedRun();
+    if (published && (holder.pid == 0 || holder.pid == published->pid)) {
+        run.stage = published->stage;
+        run.state = published->state;
+        run.percent = published->percent;
+    }
+    return run;
 }
 
 std::optional<int> known(int number) {

@@ -14,8 +14,11 @@ namespace kavro::agent {
 
 // An operation of some process that changes the device now.
 struct RunInProgress {
-    int pid = 0;          // 0 when unknown
-    std::string command;  // its command line
+    int pid = 0;                 // 0 when unknown
+    std::string command;         // its command line
+    std::string stage;           // "FLASHING_START"; empty when it does not make a run, or does not tell
+    std::string state;           // "INPROGRESS_MPU"; the same
+    std::optional<int> percent;  // 0 to 100; the same
 };
 
 // One of the places for packages.

@@ -13,18 +13,6 @@ bool isBehind(int value, const std::vector<Change>& changes, int Change::*member
     return !changes.empty() && value <= changes.back().*member;
 }
 
-std::optional<double> estimate(const StageChange& since, double now) {
-    if (since.stage == UPGRADE_STAGE_DONE) {
-        return 0;
-    }
-    const auto stage = kUsualStageSeconds.begin() + since.stage;
-    const double leftInStage = *stage - (now - since.seconds);
-    if (leftInStage < 0) {
-        return std::nullopt;
-    }
-    return std::accumulate(stage + 1, kUsualStageSeconds.end(), leftInStage);
-}
-
 }  // namespace
 
 bool RunTracker::change(int stage, int state, double seconds) {
@@ -48,6 +36,18 @@ bool RunTracker::change(int stage, int state, double seconds) {
 void RunTracker::advance(int progress, double seconds) {
     current.progress = std::max(current.progress, progress);
     setTime(seconds);
+}
+
+std::optional<double> RunTracker::estimate(const StageChange& since, double now) const {
+    if (since.stage == UPGRADE_STAGE_DONE) {
+        return 0;
+    }
+    const auto* const stage = expected.begin() + since.stage;
+    const double leftInStage = *stage - (now - since.seconds);
+    if (leftInStage < 0) {
+        return std::nullopt;
+    }
+    return std::accumulate(stage + 1, expected.end(), leftInStage);
 }
 
 void RunTracker::setTime(double seconds) {

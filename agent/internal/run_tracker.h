@@ -11,6 +11,10 @@ namespace kavro::agent {
 // only go forward, and the estimate only goes down.
 class RunTracker {
   public:
+    // expectedSeconds: of the stages, by UpgradeStage.
+    explicit RunTracker(const StageSeconds& expectedSeconds = kUsualStageSeconds)
+        : expected(expectedSeconds) {}
+
     // Takes a change of stage or state that the library logged. False when it tells nothing new: a repetition, one
     // that another thread has overtaken, or none of a run (the library is IDLE before and after it).
     bool change(int stage, int state, double seconds);
@@ -25,7 +29,9 @@ class RunTracker {
 
   private:
     void setTime(double seconds);
+    [[nodiscard]] std::optional<double> estimate(const StageChange& since, double now) const;
 
+    StageSeconds expected;
     RunStatus current;
     std::vector<StageChange> stageChanges;
     std::vector<StateChange> stateChanges;

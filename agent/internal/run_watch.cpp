@@ -5,7 +5,9 @@
 #include <atomic>
 #include <thread>
 
+#include "agent/internal/byte_progress.h"
 #include "agent/internal/device_log.h"
+#include "agent/internal/published_run.h"
 #include "agent/internal/run_tracker.h"
 #include "common/utility.h"
 #include "upgrade/upgrade_api.h"
@@ -27,7 +29,8 @@ GiveUp giveUpAnswer() {
 // Shows a run: its changes as they were logged, and what passes between them.
 class Watcher {
   public:
-    Watcher(RunObserver& target, const Clock& source) : observer(target), clock(source) {}
+    Watcher(RunObserver& target, const RunMeasure& measure, const Clock& source)
+        : observer(target), clock(source), tracker(measure.stageSeconds), bytes(measure.contentBytes) {}
 
     void look() {
         const double now = clock.seconds();
@@ -60,16 +63,16 @@ class Watcher {
         }
     }
 
-    // The library tells the progress of the stage that it is in, and may be ahead of what has been shown.
     void advance(double seconds) {
-        const int progress = UPGRADE_get_progress();
-        const bool isOfStage = UPGRADE_get_stage() == tracker.status().stage;
-        tracker.advance(isOfStage ? progress : 0, seconds);
+        tracker.advance(bytes.percent(tracker.status().stage, tracker.status().state), seconds);
+        publisher.publish(tracker.status());
     }
 
     RunObserver& observer;
     const Clock& clock;
     RunTracker tracker;
+    const ByteProgress bytes;
+    RunPublisher publisher;
     bool hearsLog = false;  // a board that does not tell its log is asked some times a second instead
 };
 
@@ -133,10 +136,10 @@ double Clock::secondsAt(double ms) const {
 }
 
 RunOutcome watchRun(const std::function<int()>& run, RunObserver& observer,
-                    const std::function<int()>& giveUps, const Clock& clock) {
+                    const std::function<int()>& giveUps, const RunMeasure& measure, const Clock& clock) {
     RunOutcome outcome;
     std::atomic<bool> over{false};
-    Watcher watcher(observer, clock);
+    Watcher watcher(observer, measure, clock);
     GiveUpRequest request(giveUps, watcher);
     std::thread runner([&] {
         outcome.result = run();

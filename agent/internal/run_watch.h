@@ -1,6 +1,7 @@
 // Watching a run from its start to its end: showing how far it is, and passing on the wish to give it up.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <vector>
 
@@ -30,10 +31,16 @@ struct RunOutcome {
     int stage() const { return stages.empty() ? 0 : stages.back().stage; }
 };
 
+// What a run is measured by.
+struct RunMeasure {
+    StageSeconds stageSeconds = kUsualStageSeconds;  // that its stages are expected to take
+    std::uint64_t contentBytes = 0;                  // of the package's components; 0 when unknown
+};
+
 // Calls run, which is one of the library's functions that make a run, on a thread of its own and shows what the library
-// logs and tells of the run until it returns. giveUps: as in RunOptions, not empty; the observer is told when a request was
+// logs and tells of the run until it returns; other processes are told as well. giveUps: as in RunOptions, not empty; the observer is told when a request was
 // too late.
 RunOutcome watchRun(const std::function<int()>& run, RunObserver& observer,
-                    const std::function<int()>& giveUps, const Clock& clock);
+                    const std::function<int()>& giveUps, const RunMeasure& measure, const Clock& clock);
 
 }  // namespace kavro::agent

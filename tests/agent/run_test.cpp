@@ -2,10 +2,13 @@
 #include "agent/run.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <atomic>
+#include <csignal>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -19,6 +22,7 @@
 #include "tests/support/device.h"
 #include "tests/support/mcu_emulator.h"
 #include "tests/support/test_package.h"
+#include "tests/tools/tool_support.h"
 
 namespace {
 
@@ -222,6 +226,97 @@ TEST_F(Run, without_platform_json_is_refused_for_the_drivers) {
     ASSERT_FALSE(run.ok());
     EXPECT_EQ(run.error().text, "the flash drivers are not ready");
     EXPECT_EQ(run.error().details.size(), 2U);
+}
+
+// The most that was shown before a stage.
+int progressBefore(const std::vector<RunStatus>& shown, int stage) {
+    int most = 0;
+    for (const RunStatus& status : shown) {
+        most = status.stage < stage ? status.progress : most;
+    }
+    return most;
+}
+
+TEST_F(Run, tells_its_progress_by_what_was_written) {
+    release().writeTo(kPackage);
+    ASSERT_TRUE(install(kPackage, {}, &witness).ok());
+    EXPECT_TRUE(
+        std::is_sorted(witness.shown.begin(), witness.shown.end(),
+                       [](const RunStatus& a, const RunStatus& b) { return a.progress < b.progress; }));
+    for (const RunStatus& status : witness.shown) {
+        EXPECT_EQ(status.progress == 100, status.stage == UPGRADE_STAGE_DONE) << status.stage;
+    }
+    // By the time alone it would be 2 and 32: the copy takes 10 s on a slow device, the flashing 180.
+    EXPECT_GE(progressBefore(witness.shown, UPGRADE_STAGE_START), 7);
+    EXPECT_GE(progressBefore(witness.shown, UPGRADE_STAGE_BACKUP_PACKAGE), 90);
+}
+
+TEST_F(Run, is_estimated_by_what_the_last_ones_took) {
+    release().writeTo(kPackage);
+    ASSERT_TRUE(install(kPackage, {}, &witness).ok());
+    ASSERT_TRUE(witness.shown.front().remaining);
+    EXPECT_GT(*witness.shown.front().remaining, 200);
+    const std::vector<double> taken = history().back().stageSeconds;
+    ASSERT_EQ(taken.size(), 9U);
+    EXPECT_EQ(taken[UPGRADE_STAGE_IDLE], 0);
+    EXPECT_GT(taken[UPGRADE_STAGE_FLASHING_START], 0.5);
+    Witness second;
+    ASSERT_TRUE(install(kPackage, {}, &second).ok());
+    ASSERT_TRUE(second.shown.front().remaining);
+    EXPECT_LT(*second.shown.front().remaining, 100);
+    EXPECT_GT(*second.shown.front().remaining, 1);
+}
+
+class RunOfAnotherProcess : public Run {
+  protected:
+    std::optional<RunInProgress> startedUpTo(const char* stage) {
+        release().writeTo(kPackage);
+        other.emplace(std::vector<std::string>{UPGRADECTL, "install", kPackage});
+        EXPECT_TRUE(other->waitForOutput(stage));
+        return readState().run;
+    }
+
+    std::optional<testsupport::Program> other;
+};
+
+TEST_F(RunOfAnotherProcess, tells_stage_state_and_percent_until_its_end) {
+    const std::optional<RunInProgress> run = startedUpTo("stage FLASHING_START");
+    ASSERT_TRUE(run);
+    EXPECT_EQ(run->pid, other->pid());
+    EXPECT_EQ(run->stage, "FLASHING_START");
+    EXPECT_EQ(run->state.rfind("INPROGRESS_", 0), 0U) << run->state;
+    ASSERT_TRUE(run->percent);
+    EXPECT_GE(*run->percent, 30);
+    EXPECT_LT(*run->percent, 100);
+    const testsupport::ProgramResult status = tool_test::upgradectl({"status", "--json"});
+    EXPECT_NE(status.out.find("\"percent\" : "), std::string::npos) << status.out;
+    EXPECT_NE(status.out.find("\"stage\" : \"FLASHING_START\""), std::string::npos) << status.out;
+    EXPECT_EQ(other->wait().exitCode, 0);
+    EXPECT_FALSE(readState().run);
+    EXPECT_FALSE(exists("/run/kavro/run.json"));
+}
+
+TEST_F(RunOfAnotherProcess, that_was_killed_tells_nothing_of_the_next_holder) {
+    ASSERT_TRUE(startedUpTo("stage INIT"));
+    kill(other->pid(), SIGKILL);
+    other->wait();
+    ASSERT_TRUE(exists("/run/kavro/run.json"));
+    const agent_test::HeldDevice holder;
+    const std::optional<RunInProgress> run = readState().run;
+    ASSERT_TRUE(run);
+    EXPECT_EQ(run->pid, holder.pid());
+    EXPECT_EQ(run->stage, "");
+    EXPECT_EQ(run->state, "");
+    EXPECT_FALSE(run->percent);
+}
+
+TEST_F(RunOfAnotherProcess, is_told_to_everybody_whatever_the_processes_mask_is) {
+    const mode_t mask = umask(077);
+    EXPECT_TRUE(startedUpTo("stage START"));
+    umask(mask);
+    struct stat status = {};
+    ASSERT_EQ(stat("/run/kavro/run.json", &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0644U);
 }
 
 TEST(RunPlaces, have_the_devices_log_where_it_is_known) {

@@ -89,7 +89,9 @@ std::string trialText(const State& state) {
 std::string runText(const State& state) {
     const std::string process =
         state.run->pid > 0 ? "process " + std::to_string(state.run->pid) : "another process";
-    return process + (state.run->command.empty() ? "" : " (" + state.run->command + ")");
+    const std::string percent = state.run->percent ? " " + std::to_string(*state.run->percent) + " %" : "";
+    return process + (state.run->command.empty() ? "" : " (" + state.run->command + ")") +
+           (state.run->stage.empty() ? "" : ", stage " + state.run->stage + percent);
 }
 
 std::string textOf(const KeptPackage& file) {
@@ -166,6 +168,9 @@ Json::Value unusualJson(const State& state) {
     if (state.run) {
         value["run"]["pid"] = state.run->pid > 0 ? Json::Value(state.run->pid) : Json::Value();
         value["run"]["command"] = kavro::textOrNull(state.run->command);
+        value["run"]["stage"] = kavro::textOrNull(state.run->stage);
+        value["run"]["state"] = kavro::textOrNull(state.run->state);
+        value["run"]["percent"] = numberOrNull(state.run->percent);
     }
     if (state.onTrial) {
         value["trial"]["start"] = numberOrNull(state.trialStart);
