@@ -41,6 +41,7 @@ const std::set<std::string> kNoLogTexts = {
     "UPGRADE_write_target_version ",
     // of the tools'
     "it is not known what slot ",
+    "\"node\" names no \"address\" to listen to",
     " must hold",
     "check the directory, its permissions and the room there",
     "check the memory and the storage of this machine",
