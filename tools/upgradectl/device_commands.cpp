@@ -57,7 +57,7 @@ void activate(const OwnOutput& output) {
 }
 
 void discard(const OwnOutput& output) {
-    requireFlashDrivers();  // the microcontroller's is needed
+    kavro::valueOf(kavro::agent::checkFlashDrivers());  // the microcontroller's is needed
     writeLines(output, valueOrFailure(kavro::agent::discard()));
 }
 
