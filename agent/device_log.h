@@ -1,6 +1,6 @@
 // What the device's libraries say while they work, for the texts of failures.
 //
-// It is heard of in this process where the board's log tells it (common/utility.h), and stays unknown elsewhere. All
+// It is heard of in this process where the board's log tells it (common/log_listener.h), and stays unknown elsewhere. All
 // functions may be called from any thread.
 #pragma once
 

@@ -4,8 +4,6 @@
 // call on its node. A null node is accepted everywhere. None is a cancellation point.
 #pragma once
 
-#include <string>
-
 #include "common/export.h"
 
 // The size in bytes of every message that is published.
@@ -31,19 +29,3 @@ KAVRO_EXPORT int velSpiDevCtrl(void* node, bool on);
 // The version of the firmware that the microcontroller runs, 0 or more; negative when it cannot be read, as
 // from a microcontroller that holds no complete application.
 KAVRO_EXPORT int velGetMcuVersion(void* node);
-
-// The other end, for programs that follow what somebody else publishes. It is optional: where a message node does not have
-// it, the addresses of these three functions are null.
-
-// Listens to an address; an empty one becomes the device's own. Does not wait for a publisher, and goes on when one ends.
-// Returns a handle that the caller owns and gives back by velEndListening; null, with the reason, for what is no address.
-// The address stays empty when the device has none.
-KAVRO_EXPORT __attribute__((weak)) void* velListen(std::string& address, std::string& error);
-
-// The next message, as it was published, and a number that differs from publisher to publisher. False when none came within
-// so many milliseconds. One thread at a time.
-KAVRO_EXPORT __attribute__((weak)) bool velReceive(void* listener, int timeoutMs, std::string& message,
-                                                   int& publisher);
-
-// Ends the listening and sets *listener to null. Does nothing for a null handle. Does not wait.
-KAVRO_EXPORT __attribute__((weak)) void velEndListening(void** listener);

@@ -18,18 +18,6 @@
 // threads do not mix. Never a cancellation point.
 KAVRO_EXPORT void printLog(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-namespace COMMON_YR {
-
-// Is handed a line of printLog: its level and its text. Called on whatever thread logs, on several at once, also on one that
-// is being cancelled: it must neither throw nor log, nor be a cancellation point.
-using LogListener = void (*)(int level, const char* text);
-
-// From now on hands each line to this listener before it is written; null ends that. A line that is being logged meanwhile may
-// still reach the one before. Optional: where the log has no listeners the function's address is null.
-KAVRO_EXPORT __attribute__((weak)) void setLogListener(LogListener listener);
-
-}  // namespace COMMON_YR
-
 // The monotonic clock in milliseconds, with fractions. Its zero is arbitrary; it never goes back.
 KAVRO_EXPORT double glbGetCurTickMs();
 

@@ -12,6 +12,7 @@
 #include "base/run_line.h"
 #include "common/board.h"
 #include "common/cancellation.h"
+#include "common/log_listener.h"
 #include "common/utility.h"
 #include "upgrade/upgrade_api.h"
 

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "common/cancellation.h"
+#include "common/node_listener.h"
 #include "common/utility.h"
 #include "platform/config/platform_config.h"
 #include "platform/mcu/mcu_client.h"

@@ -14,6 +14,7 @@
 #include "base/file_io.h"
 #include "base/time_stamp.h"
 #include "common/cancellation.h"
+#include "common/log_listener.h"
 #include "common/utility.h"
 #include "platform/config/platform_config.h"
 #include "platform/utility/device_log.h"

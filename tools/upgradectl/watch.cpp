@@ -12,7 +12,7 @@
 #include "base/errno_text.h"
 #include "base/run_line.h"
 #include "base/time_stamp.h"
-#include "common/message_node.h"
+#include "common/node_listener.h"
 #include "tools/upgradectl/exit_code.h"
 #include "tools/upgradectl/run_log.h"
 #include "upgrade/upgrade_api.h"
@@ -137,10 +137,12 @@ class RunEnd {
 class Listener {
   public:
     explicit Listener(std::string address) {
-        std::string error = "this device's message node cannot be listened to";
-        if (velListen != nullptr) {
-            handle = velListen(address, error);
+        if (velListen == nullptr) {
+            throw Failure(ErrorCode::kOther, "this device's message node cannot be listened to",
+                          "'upgradectl status' tells how far a run is");
         }
+        std::string error;
+        handle = velListen(address, error);
         if (handle != nullptr) {
             return;
         }
