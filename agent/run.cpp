@@ -109,7 +109,6 @@ class RunSession {
   public:
     RunSession(const RunKind& which, const RunOptions& wanted, RunObserver& target)
         : kind(which), options(wanted), observer(target) {
-        keepDeviceLog();
         record.command = kind.command;
         record.package = kind.package.string();
         record.begun = std::time(nullptr);
@@ -118,6 +117,7 @@ class RunSession {
     Result<RunRecord> perform() {
         const Result<Done> done = resultOf([this] {
             device.emplace(takeDevice());
+            keepDeviceLog();  // of this run alone; before, it may be another one's of this process
             return kind.judge(checkAndRun());
         });
         record.outcome = done.ok() ? done.value().text : done.error().text;
@@ -176,7 +176,9 @@ class RunSession {
     void end() {
         record.seconds = clock.seconds();
         record.components = findings.components;
-        record.log = logSince(clock);
+        if (device) {
+            record.log = logSince(clock);
+        }
         if (!record.versionBefore.empty()) {  // otherwise nothing was begun
             record.versionAfter = currentVersion();
             note();

@@ -219,6 +219,25 @@ TEST_F(Run, holds_the_device_until_its_end_is_told) {
     EXPECT_FALSE(Asker::isBusy());
 }
 
+TEST_F(Run, is_not_disturbed_by_a_second_one_of_the_same_process) {
+    class Second : public RunObserver {
+      public:
+        void show(const RunStatus& status) override {
+            if (status.stage == UPGRADE_STAGE_FLASHING_START && !refused) {
+                refused = install(kPackage).error().code == ErrorCode::kBusy;
+            }
+        }
+        bool refused = false;
+    };
+    release().writeTo(kPackage);
+    Second second;
+    const Result<RunRecord> run = install(kPackage, {}, &second);
+    ASSERT_TRUE(run.ok()) << run.error().text;
+    EXPECT_TRUE(second.refused);
+    EXPECT_EQ(stagesOf(run.value()), (std::vector<int>{1, 2, 3, 4, 5, 6, 7, 8}));
+    EXPECT_LT(run.value().log.front().seconds, run.value().stages.front().seconds);
+}
+
 TEST_F(Run, without_platform_json_is_refused_for_the_drivers) {
     release().writeTo(kPackage);
     std::filesystem::remove("/etc/kavro/platform.json");
