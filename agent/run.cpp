@@ -11,6 +11,7 @@
 #include "agent/internal/device_log.h"
 #include "agent/internal/run_failure.h"
 #include "agent/internal/run_watch.h"
+#include "agent/internal/torn_activation.h"
 #include "agent/preflight.h"
 #include "base/failure.h"
 #include "package/trailer.h"
@@ -230,6 +231,8 @@ void requireInstallable(const fs::path& package, const RunOptions& options, Find
     for (const Obstacle& obstacle : found.overridden) {
         findings.notices.push_back("by force: " + obstacle.text);
     }
+    // The run removes the kept package, which after a fallback that no start has followed is that of what runs.
+    settle(findings.notices);
 }
 
 void requireWayBack(const RunOptions& options, Findings& findings, WayBack& way) {

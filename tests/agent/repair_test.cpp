@@ -4,6 +4,7 @@
 #include <string>
 
 #include "agent/history.h"
+#include "agent/run.h"
 #include "agent/start.h"
 #include "base/failure.h"
 #include "tests/agent/slot_support.h"
@@ -144,6 +145,16 @@ TEST_F(Repair, from_a_package_whose_signature_does_not_verify_is_not_made) {
     EXPECT_EQ(outcomeOfRepair(), "other");
     EXPECT_FALSE(exists(UpgradeProc::upgradePkg));
     expectVersion(kFailed);
+}
+
+// The run removes the kept package, which is that of what runs until a start has followed the fallback.
+TEST_F(Repair, of_the_packages_is_made_by_an_installation_that_no_start_came_before) {
+    TestPackage().setComponent("Image", "kernel to come").setVersions(1, 106, 9, 2).writeTo("/tmp/next.pkg");
+    const auto record = kavro::agent::install("/tmp/next.pkg");
+    ASSERT_TRUE(record.ok()) << record.error().text;
+    EXPECT_EQ(versionsOf(UpgradeProc::currentPkg), "001104007002\n");
+    EXPECT_EQ(versionsOf(UpgradeProc::rollbackPkg), "001106009002\n");
+    EXPECT_TRUE(kavro::agent::hasFailedTrial(kavro::agent::readHistory().value(), "V01.105.008.002"));
 }
 
 // An upgrade of the microcontroller alone leaves the slot as it was.

@@ -1,9 +1,10 @@
-// Texts from a package, as people see them, and log lines, as the tool reads them. An input is a text.
+// Texts from a package, as people see them, and log lines, as others read them. An input is a text.
 
 #include "base/escaped_text.h"
 
+#include "base/run_line.h"
+
 #include "tests/fuzz/fuzz.h"
-#include "tools/upgradectl/run_log.h"
 
 namespace {
 
@@ -51,7 +52,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     requireHarmless(shown);
     require(plain(shown) == text, "an escaped text stands for the text");
 
-    if (const auto report = upgradectl::runReportIn(text)) {
+    if (const auto report = kavro::runLineIn(text)) {
         const std::string change =
             "&&&&& upgrade [stage " + report->stage + "], [result " + report->state + "] &&&&&";
         require(text.find(change) != std::string::npos, "a report is what stands in the line");
