@@ -37,6 +37,8 @@ twin=$root/twin/twin
 source "$root/twin/device.sh"
 # shellcheck source=releases.sh
 source "$here/releases.sh"
+# shellcheck source=plain_devices.sh
+source "$here/plain_devices.sh"
 # shellcheck source=results.sh
 source "$here/results.sh"
 
@@ -86,10 +88,7 @@ for program in "$upgradectl" "$programs"/libkavro_{short_clock,fault_interpose}.
 done
 
 make_work() {
-    local parent=${TMPDIR:-/tmp} free
-    free=$(stat -f -c '%a * %S' /dev/shm 2>/dev/null || printf 0)
-    ((free < 4 << 30)) || parent=/dev/shm
-    [[ -n $work ]] || work=$(mktemp -d "$parent/call_fault.XXXXXXXX")
+    [[ -n $work ]] || work=$(directory_for_devices)
     rm -rf -- "${work:?}"/*
     bases=$work/bases releases=$work/releases states=$work/states checks=$work/checks seen=$work/seen
     mkdir -p "$bases" "$releases" "$states" "$checks" "$seen"
@@ -128,13 +127,6 @@ run_on() {
         ${library:+LD_LIBRARY_PATH="$library"} "${settings[@]}" "$upgradectl" "${@:2}"
 }
 
-# copy_device FROM TO: as it is when its microcontroller, which takes its link away at its end, is off.
-copy_device() {
-    [[ ! -e $1/mcu/flash.bin ]] || flock --timeout 60 "$1/mcu/flash.bin" true
-    rm -rf -- "$2"
-    cp -a --sparse=auto -- "$1" "$2"
-}
-
 grown() {
     copy_device "$bases/$1" "$bases/$2"
 }
@@ -150,65 +142,14 @@ make_devices() {
     md5sum <"$work/origin.pkg" | cut -c 1-32 | tr -d '\n' >"$bases/with_origin/etc-kavro/origin_pkg_md5sum.txt"
     rm "$bases/with_origin/firmware/current.pkg" "$work/origin.pkg"
     on_device "$bases/factory" init
-    for release in second third; do
-        make_upgraded "$release"
-    done
-    # Cut off in the middle of the exchange of the packages: init completes it.
-    grown activated_second torn
-    mv "$bases/torn/firmware/rollback.pkg" "$bases/torn/firmware/temp"
-    mv "$bases/torn/firmware/current.pkg" "$bases/torn/firmware/rollback.pkg"
-    : >"$bases/torn/config/upgraded"
-    boot "$bases/torn"
+    make_all_upgraded
+    make_torn
 }
 
 begins_with+=([init-trial]=started_second [init-origin]=with_origin [init-torn]=torn)
 does+=([init-trial]=init [init-origin]=init [init-torn]=init)
 brings+=([init-trial]=second [init-origin]=first [init-torn]=second)
-order=(install activate confirm rollback-flash rollback-switch init init-trial init-origin init-torn install-third)
-
-# --- what a device is -----------------------------------------------------------------------------------------------
-
-# whose FILE SUFFIX: the release whose file this is, over that one's length.
-whose() {
-    local release
-    for release in first second third next; do
-        if cmp -s -n "$(stat -c %s "$releases/$release$2")" -- "$1" "$releases/$release$2"; then
-            printf '%s' "$release"
-            return
-        fi
-    done
-    printf 'other'
-}
-
-package_fact() {
-    if [[ $(stat -c %s "$1") == 134217728 ]]; then
-        whose "$1" .pkg
-    else
-        printf 'of %d bytes' "$(stat -c %s "$1")"
-    fi
-}
-
-# facts_of DEVICE: one line for each thing that lasts, but for /raw, which each run empties.
-facts_of() {
-    local file part slot
-    printf 'running slot %s\n' "$(<"$1/run/running_slot")"
-    { twin_environment_tool "$1" fw_printenv 2>&1 || printf 'cannot be read\n'; } | sort | sed 's/^/environment /'
-    for file in "$1"/config/* "$1"/etc-kavro/version.json; do
-        # Whatever was done stands without its note in the history.
-        [[ ! -f $file || $file == */upgrade_history.jsonl ]] ||
-            printf '%s: %s\n' "${file#"$1"}" "$(jq -cS . "$file" 2>/dev/null || tr '\n' ' ' <"$file" | head -c 400)"
-    done
-    for file in "$1"/firmware/* "$1"/etc-kavro/origin*; do
-        [[ ! -f $file ]] || printf '%s: %s\n' "${file#"$1"}" "$(package_fact "$file")"
-    done
-    for slot in a b; do
-        for part in kernel dtb rootfs; do
-            printf 'slot %s: %s %s\n' $slot $part "$(whose "$1/partitions/${part}_$slot" "/${TWIN_COMPONENT_OF[$part]}")"
-        done
-    done
-    printf 'boot loader: %s\n' "$(whose "$1/partitions/bootloader" "/${TWIN_COMPONENT_OF[bootloader]}")"
-    printf 'microcontroller: %s\n' "$(sha256sum <"$1/mcu/flash.bin" | cut -c 1-12)"
-}
+order=(install activate confirm rollback-flash rollback-switch rollback-equal init init-trial init-origin init-torn install-third)
 
 # --- points ---------------------------------------------------------------------------------------------------------
 
@@ -324,7 +265,7 @@ keep_state() {
 one_for_the_other='the library makes the later renames all the same, and one package replaces the other'
 known=(
     "^activate\|upgradectl\|rename\|/firmware/current\.pkg\|1\|(EIO|ENOSPC)$~wrong: (current\.pkg is gone \(rollback\.pkg is first\)|after the next upgrade there is no package to roll back to)~$one_for_the_other"
-    "^rollback-(flash|switch)\|upgradectl\|rename\|/firmware/current\.pkg\|1\|(EIO|ENOSPC)$~wrong: ((first runs, but current\.pkg is|after a rollback to first) (second|third)( runs)?|rollback fails \(exit status 3\): .*, which runs already.*)~$one_for_the_other"
+    "^rollback-(flash|switch|equal)\|upgradectl\|rename\|/firmware/current\.pkg\|1\|(EIO|ENOSPC)$~wrong: (((first|second) runs, but current\.pkg is|after a rollback to (first|second)) (second|third|fourth)( runs)?|rollback fails \(exit status 3\): .*, which runs already.*)~$one_for_the_other"
 )
 
 # why_known ID WRONG: prints why each of these, `;` behind it, is a known fault at this point; fails when one is not.
@@ -349,7 +290,7 @@ asks_versions='^upgradectl\|([^|]*\|/(etc/kavro/version\.json|config/upgrade_con
 # Whether the other slot holds the kept package.
 asks_slots='^upgradectl\|[^|]*\|(/dev/disk/by-partlabel/|/etc/kavro/(platform\.json|fw_env\.config)|/run/kavro/running_slot|/config/written_slot\.json|/(var|run)/lock/|/dev/kavro-mcu/link)'
 # What a rollback leaves that installs the kept package.
-installs_instead='> /firmware/recv\.tar\.xz: first|> /firmware/rollback\.pkg: third|< boot loader: third|> boot loader: first|[<>] microcontroller: .*|< /config/upgrade_last_runtime: upgrade_success *|> /config/upgrade_last_runtime: rollback_success *'
+installs_instead='> /firmware/recv\.tar\.xz: (first|second)|> /firmware/rollback\.pkg: (third|fourth)|< boot loader: (third|fourth)|> boot loader: (first|second)|[<>] microcontroller: .*|< /config/upgrade_last_runtime: upgrade_success *|> /config/upgrade_last_runtime: rollback_success *'
 # What `init` does with the factory's archive.
 unpacks='^((tar|gzip|sh)\||upgradectl\|(spawn\|(sh|tar)\||fork\||waitp?id\||[^|]*\|/(firmware/(origin\.pkg|recv\.tar\.xz)|etc/kavro/origin)))'
 
@@ -362,11 +303,11 @@ tolerances=(
     ".*~(< /config/upgrade_last_runtime: (upgrade|rollback)_success|> /config/upgrade_last_runtime: (upgrade|rollback)_failure) *~\|/config/upgrade_last_runtime(\.part)?\|~a success whose outcome cannot be written is told as a failure"
     "activate|rollback-.*~> /config/upgraded: *~^upgradectl\|unlink\|/config/upgraded\|~init goes on where the marker is still there"
     "activate|rollback-.*~> /config/written_slot\.json: .*~^upgradectl\|unlink\|/config/written_slot\.json\|~the record is used up, and the next run replaces it"
-    "activate|rollback-.*~[<>] /firmware/(temp|current\.pkg|rollback\.pkg): (first|second|third)~^upgradectl\|rename\|/firmware/(temp|current\.pkg|rollback\.pkg)\|~the later renames are made all the same, and check_device.sh judges where the packages are after the next start"
+    "activate|rollback-.*~[<>] /firmware/(temp|current\.pkg|rollback\.pkg): (first|second|third|fourth)~^upgradectl\|rename\|/firmware/(temp|current\.pkg|rollback\.pkg)\|~the later renames are made all the same, and check_device.sh judges where the packages are after the next start"
     ".*~> /firmware/upgrade\.pkg: .*~^upgradectl\|unlink\|/firmware/upgrade\.pkg\|~the next run replaces its working copy"
     "install-third~[<>] microcontroller: .*~$asks_versions~it is flashed where nobody can tell that it need not be"
-    "rollback-switch~($installs_instead)~$asks_versions~what runs is flashed where nobody can tell that a switch is enough"
-    "rollback-switch~($installs_instead)~$asks_slots~a slot whose content cannot be read is written anew"
+    "rollback-(switch|equal)~($installs_instead)~$asks_versions~what runs is flashed where nobody can tell that a switch is enough"
+    "rollback-(switch|equal)~($installs_instead)~$asks_slots~a slot whose content cannot be read is written anew"
     "init-origin~(< /firmware/recv\.tar\.xz: first|> /firmware/origin\.pkg: .*)~$unpacks~the archive is tried once, whatever comes of it"
     "init-origin~> /etc-kavro/origin\.pkg\.tar\.gz: .*~^upgradectl\|unlink\|/etc/kavro/origin\.pkg\.tar\.gz\|~the archive is tried once more at the next start"
     "init-torn~> /config/upgraded: *~^upgradectl\|unlink\|/config/upgraded\|~the next start completes it once more"
@@ -485,17 +426,10 @@ unlike_again() {
 
 # check_state STATE CHECK: what does not hold of the device is in CHECK/wrong, which is there when the judge was heard.
 check_state() {
-    local status=0 options
+    local options
     mapfile -t options < <(judge_options_of "$1")
     copy_device "$1/device" "$2/device"
-    KAVRO_CLOCK_SPEED=$speed "$judge_program" --build "$build" --next "$releases/next" "${options[@]}" "$2/device" \
-        "$releases"/{first,second,third} >"$2/said" 2>&1 || status=$?
-    if [[ $status == 0 && $(tail -n 1 "$2/said") == 'all holds' ]]; then
-        : >"$2/heard"
-    else
-        grep '^wrong' "$2/said" >"$2/heard" ||
-            printf 'the judge ended early, exit status %d: %s\n' "$status" "$(tail -n 3 "$2/said" | tr '\n' '|')" >"$2/heard"
-    fi
+    hear_judge "$2/device" "$2/said" "${options[@]}" >"$2/heard"
     rm -rf -- "$2/device" "$2/device.copy"
     mv "$2/heard" "$2/wrong"
 }

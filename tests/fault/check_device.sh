@@ -401,10 +401,26 @@ can_roll_back() {
     [[ -e $1/firmware/rollback.pkg && $(stat -c %s "$1/firmware/rollback.pkg") == "$package_bytes" ]]
 }
 
+# is_switch_away DIR: the other slot holds the kept package's release since an upgrade that was done, and the microcontroller
+# has a firmware of its version: a rollback has nothing to write.
+is_switch_away() {
+    [[ $last_run == *_success && $rollback == */* && $(told microcontroller) == "$(number_of "$rollback" microcontroller)" ]] &&
+        holds_slot "$1" "$(tr ab ba <<<"$slot")" "$rollback"
+}
+
+# written_by_runs DIR: changes with each run that installs a package, and with no switch.
+written_by_runs() {
+    sha256sum <"$1/mcu/flash.bin"
+    stat -c '%s bytes of %y' "$1/firmware/recv.tar.xz" 2>/dev/null || true
+}
+
 # On a copy: the step that the user may take next.
 rolls_back() {
-    local to=$rollback
+    local to=$rollback written=''
+    ! is_switch_away "$1" || written=$(written_by_runs "$1")
     must "rollback fails" on_device "$1" rollback || return 1
+    [[ -z $written || $written == "$(written_by_runs "$1")" ]] ||
+        wrong "a rollback to ${to##*/}, which the other slot holds and the microcontroller fits, was no mere switch"
     starts "$1" "after a rollback" || return 1
     [[ $to == other || $to == "$runs" ]] || wrong "after a rollback to ${to##*/} ${runs##*/} runs"
     must "init fails after the rollback" on_device "$1" init || return 1

@@ -51,7 +51,7 @@ judge() {
     "$3" "$device"
     status=0
     said=$(KAVRO_CLOCK_SPEED=8 "$here/check_device.sh" --build "$build" --next "$releases/next" --run "$releases/second" \
-        --keeps-package "${@:4}" "$device" "$releases"/{first,second,third} 2>&1) || status=$?
+        --keeps-package "${@:4}" "$device" "${known_releases[@]}" 2>&1) || status=$?
     rm -rf -- "$device" "$device.copy"
 }
 
@@ -220,12 +220,24 @@ make_liar() {
     chmod +x "$work/$1/tools/upgradectl/upgradectl"
 }
 
+# make_writer NAME: a build whose upgradectl installs what it might switch to.
+make_writer() {
+    mkdir -p "$work/$1/tools/upgradectl"
+    ln -s "$build/twin" "$build/tests" "$work/$1"
+    # shellcheck disable=SC2016  # for the program that is made
+    printf '#!/bin/sh\n[ "$1" != rollback ] || echo copied >/firmware/recv.tar.xz\nexec "%s" "$@"\n' "$upgradectl" \
+        >"$work/$1/tools/upgradectl/upgradectl"
+    chmod +x "$work/$1/tools/upgradectl/upgradectl"
+}
+
 # --- the cases ------------------------------------------------------------------------------------------------------
 
 make_releases
 make_factory --plain
 on_device "$bases/factory" init
 make_upgraded second
+make_upgraded fourth runs_second
+make_writer writer
 make_liar first_liar '.microcontroller += 1'
 make_liar second_liar '.factory_version = .packages[1].version'
 make_liar third_liar '.packages[1].version = null'
@@ -234,6 +246,8 @@ make_liar third_liar '.packages[1].version = null'
 all_holds installed_second nothing
 all_holds started_second nothing --keeps-way-back
 all_holds installed_second cut_while_programming
+# Whose releases have a microcontroller's firmware of the same version: its rollback is a switch.
+all_holds runs_fourth nothing --keeps-way-back
 # And by its looks alone.
 all_holds factory nothing --quick
 all_holds activated_second nothing --quick --keeps-way-back
@@ -268,6 +282,9 @@ is_wrong "the device does not start" installed_second damaged_slots --quick
 is_wrong "slot a, which was started, holds no release" factory unchecked_damaged_slot --quick
 is_wrong "slot b, which awaits its activation, holds no release" installed_second damaged_other_slot --quick
 is_wrong "activate fails" installed_second damaged_other_slot
+
+# The way back.
+is_wrong "a rollback to second, .* was no mere switch" runs_fourth nothing --build "$work/writer"
 
 # What is told.
 is_wrong "no slot holds second" factory told_as_success --quick

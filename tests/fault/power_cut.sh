@@ -154,10 +154,7 @@ make_devices() {
     mkdir -p "$bases"
     make_factory --block
     on_device "$bases/factory" init
-    local release
-    for release in second third; do
-        make_upgraded "$release"
-    done
+    make_all_upgraded
     grown factory fresh
     "$twin" boot "$bases/fresh" >/dev/null
     rm "$bases/fresh/config/upgrade_config.json"
@@ -174,7 +171,7 @@ make_devices() {
 begins_with+=([install-over]=activated_second [start]=activated_second)
 does+=([install-over]='install RELEASES/third.pkg' [start]=START)
 brings+=([install-over]=third [start]=second)
-order=(activate confirm rollback-switch init start install rollback-flash install-over install-third)
+order=(activate confirm rollback-switch rollback-equal init start install rollback-flash install-over install-third)
 
 watched=(LD_PRELOAD=/dev/kavro-mcu/interpose.so KAVRO_FAULT_BOARD=/dev/kavro-mcu/board)
 
@@ -238,7 +235,7 @@ exact_state() {
 # held_by PARTITION COMPONENT: the first release whose component it holds.
 held_by() {
     local release
-    for release in first second third next; do
+    for release in "${release_names[@]}"; do
         if cmp -s -n "${component_bytes[$release/$2]}" "$1" "$releases/$release/$2"; then
             printf '%s\n' "$release"
             return
@@ -312,7 +309,7 @@ ask_judge() {
     local device=$2.judged status=0
     copy_device "$2" "$device" || exit 1
     KAVRO_CLOCK_SPEED=$1 "$judge_program" --build "$build" --next "$releases/next" --keeps-package "${@:4}" "$device" \
-        "$releases"/{first,second,third} >"$3" 2>&1 || status=$?
+        "${known_releases[@]}" >"$3" 2>&1 || status=$?
     ((status < 2)) || printf 'wrong: the judge ended with exit status %d\n' "$status" >>"$3"
     "$twin" remove "$device" || exit 1
     [[ $status == 0 && $(tail -n 1 "$3") == 'all holds' ]]
@@ -463,7 +460,7 @@ esac
 # The long ones have hundreds of points each, and most of them change nothing but one file system.
 declare -A only_policies=([install]='none config all' [rollback-flash]='none config all' [install-third]='none all'
     [install-over]='none all')
-saves_environment=(activate confirm rollback-switch rollback-flash start)
+saves_environment=(activate confirm rollback-switch rollback-equal rollback-flash start)
 scenarios=("${order[@]}")
 ((${#wanted[@]} == 0)) || scenarios=("${wanted[@]}")
 

@@ -10,14 +10,21 @@ make_release() {
         --output "$releases/$1.pkg" "$releases/$1" >/dev/null
 }
 
-# The second release brings the microcontroller's firmware, the third only the main processor's.
+# The second release brings the microcontroller's firmware to a device with the first, the third only the main processor's;
+# the fourth only that to a device with the second.
+declare -A release_versions=([first]='1 104 7 2' [second]='1 105 8 3' [third]='1 106 7 4' [fourth]='1 107 8 5'
+    [next]='1 109 9 6')
+release_names=(first second third fourth next)
+
 make_releases() {
+    local release versions
     mkdir -p "$releases"
     openssl genpkey -quiet -algorithm RSA -out "$releases/key.pem" 2>/dev/null
-    make_release first 1 104 7 2
-    make_release second 1 105 8 3
-    make_release third 1 106 7 4
-    make_release next 1 109 9 5
+    for release in "${release_names[@]}"; do
+        read -ra versions <<<"${release_versions[$release]}"
+        make_release "$release" "${versions[@]}"
+    done
+    known_releases=("$releases"/{first,second,third,fourth})
 }
 
 # on_device DEVICE ARGUMENT...: of upgradectl, its pauses shortened; it must succeed.
@@ -37,9 +44,10 @@ make_factory() {
     cp --sparse=always "$releases/first.pkg" "$bases/factory/firmware/current.pkg"
 }
 
-# make_upgraded RELEASE: of the factory's device, one for each step on the way of this release to being confirmed.
+# make_upgraded RELEASE [FROM]: of the factory's device, or of this one, a device for each step on the way of this release to
+# being confirmed.
 make_upgraded() {
-    grown factory "installed_$1"
+    grown "${2-factory}" "installed_$1"
     on_device "$bases/installed_$1" install "$releases/$1.pkg"
     grown "installed_$1" "activated_$1"
     on_device "$bases/activated_$1" activate
@@ -51,13 +59,42 @@ make_upgraded() {
     on_device "$bases/runs_$1" confirm
 }
 
+# The way of a device through all releases that it is to run.
+make_all_upgraded() {
+    make_upgraded second
+    make_upgraded third
+    make_upgraded fourth runs_second
+}
+
+# make_torn: cut off in the middle of the exchange of the packages: init completes it.
+make_torn() {
+    grown activated_second torn
+    mv "$bases/torn/firmware/rollback.pkg" "$bases/torn/firmware/temp"
+    mv "$bases/torn/firmware/current.pkg" "$bases/torn/firmware/rollback.pkg"
+    : >"$bases/torn/config/upgraded"
+    boot "$bases/torn"
+}
+
+# make_fallen FROM TO: nobody has confirmed what is on trial there, and the boot loader has gone back: init is next.
+make_fallen() {
+    local starts before
+    grown "$1" "$2"
+    before=$(<"$bases/$2/run/running_slot")
+    for ((starts = 0; starts < 4; starts++)); do
+        boot "$bases/$2"
+    done
+    [[ $(<"$bases/$2/run/running_slot") != "$before" ]] || die "preparing a device: it does not fall back"
+}
+
 # NAME: the device it begins with, what is done on it, the release that it is to bring.
 declare -A begins_with=([install]=factory [install-third]=factory [activate]=installed_second [confirm]=trial_second
-    [rollback-flash]=runs_second [rollback-switch]=runs_third [init]=fresh)
+    [rollback-flash]=runs_second [rollback-switch]=runs_third [rollback-equal]=runs_fourth
+    [init]=fresh)
 declare -A does=([install]='install RELEASES/second.pkg' [install-third]='install RELEASES/third.pkg'
-    [activate]=activate [confirm]=confirm [rollback-flash]=rollback [rollback-switch]=rollback [init]=init)
+    [activate]=activate [confirm]=confirm [rollback-flash]=rollback [rollback-switch]=rollback [rollback-equal]=rollback
+    [init]=init)
 declare -A brings=([install]=second [install-third]=third [activate]=second [confirm]=second
-    [rollback-flash]=first [rollback-switch]=first [init]=first)
+    [rollback-flash]=first [rollback-switch]=first [rollback-equal]=second [init]=first)
 
 # words_of SCENARIO: sets `words`, the arguments of upgradectl.
 words_of() {
