@@ -25,6 +25,7 @@
 #   - success is reported only where the device is then what it is after a run without faults, but for what is told
 #     on purpose without a failure: see `tolerances`
 #   - a failure is reported with a text, no file is torn, and the same command, tried again, succeeds
+#   - what a start must not fail for, and a discard leaves to it, is told, and the next start does it
 #   - of each state that came of it, once: all that check_device.sh asks for
 #
 # Exit status 1 when something failed, 77 when the host cannot run it.
@@ -146,10 +147,11 @@ make_devices() {
     make_torn
 }
 
-begins_with+=([init-trial]=started_second [init-origin]=with_origin [init-torn]=torn)
-does+=([init-trial]=init [init-origin]=init [init-torn]=init)
-brings+=([init-trial]=second [init-origin]=first [init-torn]=second)
-order=(install activate confirm rollback-flash rollback-switch rollback-equal init init-trial init-origin init-torn install-third)
+begins_with+=([init-origin]=with_origin)
+does+=([init-origin]=init)
+brings+=([init-origin]=first)
+order=(install activate confirm rollback-flash rollback-switch rollback-equal discard init init-fallen init-trial init-origin init-torn
+    install-third)
 
 # --- points ---------------------------------------------------------------------------------------------------------
 
@@ -241,7 +243,7 @@ try_point() {
     read -r status left <"$device/run/status" || status=none
     facts_of "$device" >"$seen/$1.facts"
     state=$scenario.$(sha256sum <"$seen/$1.facts" | cut -c 1-16)
-    if [[ $status == 0 ]]; then state+=.done; else state+=.failed; fi
+    if [[ $status != 0 ]] || is_left_to_a_start "$1" "$scenario" "$2"; then state+=.failed; else state+=.done; fi
     verdict_on "$1" "$scenario" "$2" >"$seen/$1.verdict"
     printf '%s\t%s\t%s\n' "$state" "$status" "$2" >>"$seen/$1.verdict"
     keep_state "$device" "$state"
@@ -314,6 +316,17 @@ tolerances=(
     "install-third~[<>] microcontroller: .*~^again\|~it is flashed after a failure, which leaves no version on record"
 )
 
+# Whether what a start puts right has to be put right is asked of the board, of the packages and of the microcontroller.
+asks_packages='^upgradectl\|[^|]*\|/firmware/(current|rollback)\.pkg\|'
+
+# is_left_to_a_start NUMBER SCENARIO ID: a device starts, or is rid of what awaited its activation, though its packages or its
+# microcontroller do not follow yet. That is told, unless it could not be found out.
+is_left_to_a_start() {
+    [[ $2 == @(init-fallen|discard) ]] || return 1
+    grep -qE 'could not be brought to|cannot be (renamed|flushed)' "$seen/$1.out" ||
+        [[ ${3#*|} =~ $asks_slots || ${3#*|} =~ $asks_versions || ${3#*|} =~ $asks_packages ]]
+}
+
 # differences SCENARIO FACTS
 differences() {
     diff "$work/$1.facts" "$2" | grep '^[<>]' || true
@@ -361,6 +374,8 @@ verdict_on() {
         printf 'a sanitizer speaks: %s\n' "$(grep -m 1 -E 'Sanitizer|runtime error: ' "$seen/$1.err")"
     elif [[ $left != 0 ]]; then
         printf '%s processes left behind\n' "$left"
+    elif ((status == 0)) && is_left_to_a_start "$1" "$2" "$3"; then
+        printf 'ok\n'
     elif ((status == 0)) && must_last "$1" "$3"; then
         printf 'success is reported, but what was written may not last\n'
     elif [[ $status == 0 ]]; then
@@ -386,7 +401,8 @@ judge_options_of() {
     scenario=${scenario%%.*}
     printf '%s\n' --run "$releases/${brings[$scenario]}"
     [[ $scenario == init-origin ]] || is_wiped "$1" || printf '%s\n' --keeps-package
-    [[ $scenario != init-@(trial|torn) ]] || printf '%s\n' --keeps-way-back
+    [[ $scenario != discard ]] || printf '%s\n' --discards
+    [[ $scenario != init-@(trial|torn|fallen) ]] || printf '%s\n' --keeps-way-back
 }
 
 # check_of STATE: where the verdict on a device like this one is. States of several scenarios may be one.
@@ -396,13 +412,14 @@ check_of() {
     printf '%s/%s.%s\n' "$checks" "${facts%.*}" "$(judge_options_of "$1" | sha256sum | cut -c 1-8)"
 }
 
-# try_again STATE: of one whose run has failed the same command must succeed. What does not hold is in STATE/wrong, which
+# try_again STATE: of one whose run has failed the same command must succeed, or the start that something was left to. What does not hold is in STATE/wrong, which
 # is there when all was looked at.
 try_again() {
     local scenario=${1##*/} words said=$1/again.said
     scenario=${scenario%%.*}
     words_of "$scenario"
     [[ $scenario != rollback-* || ! -e $1/device/config/upgraded ]] || words=(activate)
+    [[ $scenario != discard || -e $1/device/config/upgraded ]] || words=(init)
     : >"$1/looking"
     # Of a rollback that failed after it had begun to flash, there is no package left to try again with.
     if [[ $1 == *.failed && ($scenario != rollback-* || -e $1/device/firmware/rollback.pkg) ]]; then

@@ -368,6 +368,12 @@ packages_that_follow() {
     fi
 }
 
+# tells_of_fallback DIR FAILED: whoever asks is told from which release the device fell back.
+tells_of_fallback() {
+    is_told "after the trial" "what the device fell back from" \
+        "$(on_device "$1" status --json 2>/dev/null | jq -r .fallback.release)" "$(versions_of "$2")"
+}
+
 # has_package_of_what_runs: and nothing else awaits its activation, so that init brings the microcontroller to it.
 has_package_of_what_runs() {
     [[ -z $awaiting && ($current == "$runs" || $rollback == "$runs") ]]
@@ -376,7 +382,7 @@ has_package_of_what_runs() {
 # runs_trial_out DIR: on a copy, a trial that nobody confirms. The boot loader goes back to the other slot, unless that one
 # was written since and never activated, or is half a slot. Whichever runs then is whole and ready, and nothing is lost.
 runs_trial_out() {
-    local left tried=$slot held before_current=$current before_rollback=$rollback firmware
+    local left tried=$slot failed=$runs held before_current=$current before_rollback=$rollback firmware
     left=$(starts_left) firmware=$(told microcontroller)
     held=$(release_in "$1" "$(tr ab ba <<<"$slot")") || held=none
     while ((left-- > 0)); do
@@ -392,6 +398,7 @@ runs_trial_out() {
     look_at "$1" || return 1
     is_told "after the trial" "the packages" "$current,$rollback" \
         "$(packages_that_follow "$tried" "$before_current" "$before_rollback")"
+    [[ $slot == "$tried" || $before_current != "$failed" || $rollback != "$failed" ]] || tells_of_fallback "$1" "$failed"
     ! has_package_of_what_runs || firmware=$(number_of "$runs" microcontroller)
     is_told "after the trial" "the microcontroller" "$(told microcontroller)" "$firmware"
     check_versions "$1" "after the trial"
@@ -414,9 +421,24 @@ written_by_runs() {
     stat -c '%s bytes of %y' "$1/firmware/recv.tar.xz" 2>/dev/null || true
 }
 
+# has_failed_trial DIR RELEASE: by what the device has noted.
+has_failed_trial() {
+    [[ -e $1/config/upgrade_history.jsonl && $2 == */* ]] && jq -eRn --arg release "$(versions_of "$2")" '
+        [inputs | fromjson? | select(.release == $release and .outcome == "ok" and (.event == ("fallback", "confirm")))] |
+        last.event == "fallback"' "$1/config/upgrade_history.jsonl" >/dev/null
+}
+
+# Back to what has failed here leads no way.
+refuses_to_roll_back() {
+    local status=0
+    on_device "$1" rollback >/dev/null 2>&1 || status=$?
+    ((status == 3)) || wrong "a rollback to ${rollback##*/}, which has failed its trial, ends with exit status $status"
+}
+
 # On a copy: the step that the user may take next.
 rolls_back() {
     local to=$rollback written=''
+    ! has_failed_trial "$1" "$rollback" || { refuses_to_roll_back "$1" && return; }
     ! is_switch_away "$1" || written=$(written_by_runs "$1")
     must "rollback fails" on_device "$1" rollback || return 1
     [[ -z $written || $written == "$(written_by_runs "$1")" ]] ||
@@ -439,6 +461,25 @@ activates() {
     [[ $current == "$runs" ]] || wrong "after the activation ${runs##*/} runs, but current.pkg is ${current##*/}"
     check_versions "$1" "after the activation"
     awaiting='' runs_trial_out "$1"
+}
+
+# On a copy: the installed package is dropped. The device goes on with what it runs, and is of one release then, where the
+# package that brings it is kept.
+discards_it() {
+    local running=$slot holds kept=$current
+    must "discard fails" on_device "$1" discard || return 1
+    look_at "$1" || return 1
+    [[ $current,$rollback == "$kept,none" && ! -e $1/config/upgraded && $(told 'written slot') == none ]] ||
+        wrong "after a discard the packages are ${current##*/} and ${rollback##*/}, or something awaits its activation still"
+    if [[ $current == "$runs" ]]; then
+        holds=$(application_in "$1") || holds=other
+        is_one_of "$holds" "$runs" || wrong "after a discard the microcontroller holds ${holds##*/}, and ${runs##*/} runs"
+    fi
+    starts "$1" "after a discard" || return 1
+    [[ $slot == "$running" ]] || wrong "after a discard slot $slot starts, and slot $running ran"
+    must "init fails after the discard" on_device "$1" init || return 1
+    look_at "$1" || return 1
+    check_versions "$1" "after the discard"
 }
 
 takes_next() {
@@ -484,6 +525,7 @@ check() {
     ! "$quick" || return 0
     if [[ -e $state/config/upgraded ]]; then
         with_copy activates
+        with_copy discards_it
     elif can_roll_back "$state"; then
         with_copy rolls_back
     fi

@@ -140,8 +140,8 @@ cut_rollback_package() {
     truncate -s 1M "$1/firmware/rollback.pkg"
 }
 
-package_aside() {
-    mv "$1/firmware/rollback.pkg" "$1/firmware/temp"
+package_beside() {
+    cp --sparse=always "$1/firmware/rollback.pkg" "$1/firmware/temp"
 }
 
 # spoil DEVICE PARTITION
@@ -210,24 +210,23 @@ spoilt_record_of_other_slot() {
     twin_save_environment "$1" "slot_a_kernel=1 $(printf 'ab%.0s' {1..32})"
 }
 
-# make_liar NAME FILTER: a build whose upgradectl tells other versions.
-make_liar() {
+# It is not to be programmed by anybody but an installation.
+no_repair() {
+    sed -i 's/"mcu": {/"mcu": { "repair": false,/' "$1/etc-kavro/platform.json"
+}
+
+# make_other NAME TEXT: a build whose upgradectl does as the text says, with the words that it is given; "$tool" is the real one.
+make_other() {
     mkdir -p "$work/$1/tools/upgradectl"
     ln -s "$build/twin" "$build/tests" "$work/$1"
-    # shellcheck disable=SC2016  # for the program that is made
-    printf '#!/bin/sh\n[ "$1" = versions ] || exec "%s" "$@"\n"%s" "$@" | jq "%s"\n' "$upgradectl" "$upgradectl" "$2" \
-        >"$work/$1/tools/upgradectl/upgradectl"
+    printf '#!/bin/sh\ntool="%s"\n%s\n' "$upgradectl" "$2" >"$work/$1/tools/upgradectl/upgradectl"
     chmod +x "$work/$1/tools/upgradectl/upgradectl"
 }
 
-# make_writer NAME: a build whose upgradectl installs what it might switch to.
-make_writer() {
-    mkdir -p "$work/$1/tools/upgradectl"
-    ln -s "$build/twin" "$build/tests" "$work/$1"
+# make_liar NAME FILTER: one that tells other versions.
+make_liar() {
     # shellcheck disable=SC2016  # for the program that is made
-    printf '#!/bin/sh\n[ "$1" != rollback ] || echo copied >/firmware/recv.tar.xz\nexec "%s" "$@"\n' "$upgradectl" \
-        >"$work/$1/tools/upgradectl/upgradectl"
-    chmod +x "$work/$1/tools/upgradectl/upgradectl"
+    make_other "$1" "$(printf '[ "$1" = versions ] || exec "$tool" "$@"\n"$tool" "$@" | jq "%s"' "$2")"
 }
 
 # --- the cases ------------------------------------------------------------------------------------------------------
@@ -237,7 +236,14 @@ make_factory --plain
 on_device "$bases/factory" init
 make_upgraded second
 make_upgraded fourth runs_second
-make_writer writer
+make_fallen started_second fallen_second
+# shellcheck disable=SC2016  # for the programs that are made
+{
+    make_other writer '[ "$1" != rollback ] || echo copied >/firmware/recv.tar.xz; exec "$tool" "$@"'
+    make_other forgiver '[ "$1" = rollback ] || exec "$tool" "$@"'
+    make_other forgetter '[ "$1" != status ] || { echo "{}" && exit; }; exec "$tool" "$@"'
+    make_other dropper '"$tool" "$@" || exit; [ "$1" != discard ] || : >/config/upgraded'
+}
 make_liar first_liar '.microcontroller += 1'
 make_liar second_liar '.factory_version = .packages[1].version'
 make_liar third_liar '.packages[1].version = null'
@@ -248,6 +254,8 @@ all_holds started_second nothing --keeps-way-back
 all_holds installed_second cut_while_programming
 # Whose releases have a microcontroller's firmware of the same version: its rollback is a switch.
 all_holds runs_fourth nothing --keeps-way-back
+# That went back by itself, and has nothing but a new release to go to.
+all_holds fallen_second nothing
 # And by its looks alone.
 all_holds factory nothing --quick
 all_holds activated_second nothing --quick --keeps-way-back
@@ -275,7 +283,7 @@ is_wrong "rollback.pkg is none of the packages" installed_second cut_rollback_pa
 is_wrong "there is nothing to roll back to" runs_second no_rollback_package --quick --keeps-way-back
 is_wrong "there is nothing to roll back to" trial_second twice_the_same_package --quick --keeps-way-back
 is_wrong "current.pkg is gone" runs_second no_current_package --quick
-is_wrong "a package was left aside" installed_second package_aside --quick
+is_wrong "a package was left aside" runs_second package_beside --quick
 
 # The slots.
 is_wrong "the device does not start" installed_second damaged_slots --quick
@@ -285,6 +293,10 @@ is_wrong "activate fails" installed_second damaged_other_slot
 
 # The way back.
 is_wrong "a rollback to second, .* was no mere switch" runs_fourth nothing --build "$work/writer"
+is_wrong "a rollback to second, which has failed its trial, ends with exit status 0" fallen_second nothing \
+    --build "$work/forgiver"
+is_wrong "something awaits its activation still" installed_second nothing --build "$work/dropper"
+is_wrong "after a discard the microcontroller holds second, and first runs" installed_second no_repair
 
 # What is told.
 is_wrong "no slot holds second" factory told_as_success --quick
@@ -296,6 +308,8 @@ is_wrong "the factory version is told as 'V01.104" runs_second nothing --quick -
 is_wrong "rollback.pkg is told as 'null'" runs_second nothing --quick --build "$work/third_liar"
 
 # The trial.
+is_wrong "after the trial: the microcontroller is told as '8', and is '7'" started_second no_repair --quick
+is_wrong "what the device fell back from is told as 'null'" started_second nothing --quick --build "$work/forgetter"
 is_wrong "after its trial slot b still runs, though the other one holds first" trial_second spoilt_record_of_other_slot --quick
 
 conclude

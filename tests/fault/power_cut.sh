@@ -171,7 +171,8 @@ make_devices() {
 begins_with+=([install-over]=activated_second [start]=activated_second)
 does+=([install-over]='install RELEASES/third.pkg' [start]=START)
 brings+=([install-over]=third [start]=second)
-order=(activate confirm rollback-switch rollback-equal init start install rollback-flash install-over install-third)
+order=(activate confirm rollback-switch rollback-equal discard init init-fallen start install rollback-flash install-over
+    install-third)
 
 watched=(LD_PRELOAD=/dev/kavro-mcu/interpose.so KAVRO_FAULT_BOARD=/dev/kavro-mcu/board)
 
@@ -300,7 +301,8 @@ collect() {
 judge_options_of() {
     printf '%s\n' --run "$releases/${brings[$1]}"
     [[ $1 != install-over* ]] || printf '%s\n' --over "$releases/second"
-    [[ $1 != @(activate|confirm|start)?(+start) ]] || printf '%s\n' --keeps-way-back
+    [[ $1 != discard* ]] || printf '%s\n' --discards
+    [[ $1 != @(activate|confirm|init-fallen|start)?(+start) ]] || printf '%s\n' --keeps-way-back
 }
 
 # ask_judge SPEED DEVICE SAID OPTION...: a copy is judged, for that changes it. Ends the child that asks where not even that

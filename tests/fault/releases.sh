@@ -59,13 +59,6 @@ make_upgraded() {
     on_device "$bases/runs_$1" confirm
 }
 
-# The way of a device through all releases that it is to run.
-make_all_upgraded() {
-    make_upgraded second
-    make_upgraded third
-    make_upgraded fourth runs_second
-}
-
 # make_torn: cut off in the middle of the exchange of the packages: init completes it.
 make_torn() {
     grown activated_second torn
@@ -82,19 +75,32 @@ make_fallen() {
     before=$(<"$bases/$2/run/running_slot")
     for ((starts = 0; starts < 4; starts++)); do
         boot "$bases/$2"
+        [[ $(<"$bases/$2/run/running_slot") == "$before" ]] || return 0
     done
-    [[ $(<"$bases/$2/run/running_slot") != "$before" ]] || die "preparing a device: it does not fall back"
+    die "preparing a device: it does not fall back"
+}
+
+# The way of a device through all releases that it is to run, and back from one that nobody has confirmed.
+make_all_upgraded() {
+    make_upgraded second
+    make_upgraded third
+    make_upgraded fourth runs_second
+    make_fallen started_second fallen_second
 }
 
 # NAME: the device it begins with, what is done on it, the release that it is to bring.
+# After a fallback, and when an installed package is dropped, the microcontroller has the firmware of the second release and gets
+# that of the first.
 declare -A begins_with=([install]=factory [install-third]=factory [activate]=installed_second [confirm]=trial_second
     [rollback-flash]=runs_second [rollback-switch]=runs_third [rollback-equal]=runs_fourth
-    [init]=fresh)
+    [init]=fresh [init-trial]=started_second [init-torn]=torn [init-fallen]=fallen_second
+    [discard]=installed_second [discard-equal]=installed_fourth)
 declare -A does=([install]='install RELEASES/second.pkg' [install-third]='install RELEASES/third.pkg'
     [activate]=activate [confirm]=confirm [rollback-flash]=rollback [rollback-switch]=rollback [rollback-equal]=rollback
-    [init]=init)
+    [init]=init [init-trial]=init [init-torn]=init [init-fallen]=init [discard]=discard [discard-equal]=discard)
 declare -A brings=([install]=second [install-third]=third [activate]=second [confirm]=second
-    [rollback-flash]=first [rollback-switch]=first [rollback-equal]=second [init]=first)
+    [rollback-flash]=first [rollback-switch]=first [rollback-equal]=second [init]=first [init-trial]=second
+    [init-torn]=second [init-fallen]=second [discard]=second [discard-equal]=fourth)
 
 # words_of SCENARIO: sets `words`, the arguments of upgradectl.
 words_of() {
