@@ -25,18 +25,18 @@ build=$PWD/build/release
 extent=full json='' work=build/fault seed=$(commit_seed)
 
 # The kinds, in the order in which they run, and how their scripts are called.
-kinds=(power_cut self_test call_fault package_mutation driver_fault soak_giveup soak_mixed)
-declare -A takes_build=([call_fault]=1 [package_mutation]=1) takes_no_seed=([self_test]=1)
+kinds=(power_cut self_test call_fault two_commands package_mutation driver_fault soak_giveup soak_mixed)
+declare -A takes_build=([call_fault]=1 [two_commands]=1 [package_mutation]=1) takes_no_seed=([self_test]=1)
 # Not beside the others: each of their devices flushes what the power cuts are to lose, and where others compute their
 # microcontrollers wait in vain.
 declare -A waits_mostly=([driver_fault]=1 [soak_giveup]=1 [soak_mixed]=1)
 
 # Fewer than these would be another suite than the one that is meant.
 # shellcheck disable=SC2034  # used by name
-declare -A least_quick=([power_cut]=25 [self_test]=5 [call_fault]=40 [package_mutation]=40 [driver_fault]=15
+declare -A least_quick=([power_cut]=30 [self_test]=6 [call_fault]=40 [two_commands]=66 [package_mutation]=40 [driver_fault]=15
     [soak_giveup]=153 [soak_mixed]=81)
 # shellcheck disable=SC2034  # used by name
-declare -A least_full=([power_cut]=2000 [self_test]=5 [call_fault]=5000 [package_mutation]=800 [driver_fault]=255
+declare -A least_full=([power_cut]=2000 [self_test]=6 [call_fault]=5000 [two_commands]=3000 [package_mutation]=800 [driver_fault]=255
     [soak_giveup]=2020 [soak_mixed]=501)
 
 # usage: the comment above.

@@ -75,6 +75,7 @@ try "the table" test_tables
 try series tests/fault/series_self_test.sh "$build"
 try check_device tests/fault/check_device_test.sh "$build"
 try call_fault tests/fault/call_fault.sh --self-test "$build"
+try two_commands tests/fault/two_commands.sh --self-test "$build"
 try power_cut tests/fault/power_cut.sh --self-test
 ! "$unmade" || { [[ -z $json ]] || cp -- "$results" "$json" && printf 'self_test: not run in whole\n' && exit 77; }
 conclude_results

@@ -7,6 +7,8 @@
 //   KAVRO_FAULT_FAIL=POINT         PROGRAM CALL PATH ORDINAL EFFECT, tabs in between: the call that fails, and how. The
 //                                  line of that call in the record ends with EFFECT. With ORDINAL+ the later ones of
 //                                  this kind fail too
+//   KAVRO_FAULT_GATE=N FILE        the Nth of all calls waits at this FIFO: until somebody has opened it for reading, and
+//                                  then until somebody has opened it for writing
 //
 // EFFECT is the name of an error, or `short` (half is written or read), `end` (a read finds the end); of a program as a
 // whole (CALL is `program`) `exits` (at once, with 1), `exits_late` (with 1, when all is done), `killed` (at once).
@@ -80,6 +82,8 @@ struct Mode {
     Points* points = nullptr;
     int record = -1;
     const char* fails = nullptr;
+    std::uint64_t gateAt = 0;  // 0 for none
+    const char* gate = nullptr;
     pid_t program = 0;
     bool endsBadly = false;
 };
@@ -102,6 +106,12 @@ int openRecord(const char* path) {
     return static_cast<int>(far);
 }
 
+void readGate(Mode& mode, const char* gate) {
+    char* end = nullptr;
+    mode.gateAt = std::strtoull(gate, &end, 10);
+    mode.gate = *end == ' ' ? end + 1 : "";
+}
+
 Mode readMode() {
     Mode mode;
     const char* points = std::getenv("KAVRO_FAULT_POINTS");
@@ -117,6 +127,9 @@ Mode readMode() {
         mode.record = openRecord(record);
     }
     mode.fails = std::getenv("KAVRO_FAULT_FAIL");
+    if (const char* gate = std::getenv("KAVRO_FAULT_GATE")) {
+        readGate(mode, gate);
+    }
     mode.program = static_cast<pid_t>(syscall(SYS_getpid));
     return mode;
 }
@@ -200,7 +213,22 @@ Verdict verdictOf(std::string_view effect, const Call& call) {
     return {};
 }
 
+void meetAt(const char* gate, int flags) {
+    const long file = syscall(SYS_openat, AT_FDCWD, gate, flags | O_CLOEXEC, 0);
+    if (file >= 0) {
+        syscall(SYS_close, file);
+    }
+}
+
+void waitAtGate() {
+    if (mode().gateAt != 0 && ordinalOf(*mode().points, "all calls") == mode().gateAt) {
+        meetAt(mode().gate, O_WRONLY);
+        meetAt(mode().gate, O_RDONLY);
+    }
+}
+
 Verdict judged(const Call& call) {
+    waitAtGate();
     char path[kPathBytes];
     withoutNumbers(call.path, path);
     char point[kPathBytes + 96];
