@@ -186,7 +186,7 @@ quick_pairs() {
     printf '%s/alone\n' "${fallen[@]}"
 }
 
-all_pairs() {
+full_pairs() {
     local first scenario second moment how
     for first in "${changing[@]}"; do
         for scenario in ${firsts[$first]}; do
