@@ -521,7 +521,8 @@ keep_state() {
 judge_options_of() {
     local scenario second moment how ended
     take_apart "$2"
-    printf '%s\n' --keeps-package
+    # An installation before the start that follows a fallback takes the package of what runs away.
+    [[ $scenario == *-fallen ]] || printf '%s\n' --keeps-package
     [[ $mode == full ]] || printf '%s\n' --quick
     ended=$(found "$1" second)
     if [[ $second == install && $ended == 0 ]]; then
