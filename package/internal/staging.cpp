@@ -11,11 +11,20 @@ namespace kavro::package {
 
 namespace fs = std::filesystem;
 
+namespace {
+
+// Not the standard library's search, which does not tell the directory that it has found missing.
+fs::path temporaryRoot() {
+    const char* chosen = std::getenv("TMPDIR");
+    return chosen != nullptr && *chosen != '\0' ? chosen : "/tmp";
+}
+
+}  // namespace
+
 StagingDirectory::StagingDirectory() {
-    std::error_code error;
-    const fs::path root = fs::temp_directory_path(error);
+    const fs::path root = temporaryRoot();
     std::string name = (root / "upgradectl.XXXXXX").string();
-    if (error || mkdtemp(name.data()) == nullptr) {
+    if (mkdtemp(name.data()) == nullptr) {
         throw Failure(ErrorCode::kOther, "no temporary directory can be made in '" + root.string() + "'",
                       "check TMPDIR, its permissions and the room there");
     }

@@ -237,6 +237,8 @@ INSTANTIATE_TEST_SUITE_P(
                 "holds 'Image.sign', which is no regular file (fifo)"},
         Archive{"link_besides", "ln -s /etc/passwd x; tar -cf $out *",
                 "holds 'x', which is no regular file (symbolic link)"},
+        Archive{"device_besides", "tar -cf $out *; tar -rf $out -C /dev null",
+                "holds 'null', which is no regular file (device)"},
         Archive{"directory_besides", "mkdir x; tar -cf $out *",
                 "holds 'x/', which is no regular file (directory)"},
         Archive{"component_below_a_directory", "mkdir x; mv ext4 x; tar -cf $out *.* Image x/ext4",
@@ -436,6 +438,14 @@ const std::vector<Damage> kDamages = {
                trailer.keyLength = testsupport::hexText(trailer.key.size());
            },
            "the trailer holds a private key"},
+    Damage{
+        "key_is_neither_rsa_nor_ec",
+        [](Trailer& trailer) {
+            trailer.key =
+                runProgram({"bash", "-c", "openssl genpkey -algorithm ed25519 | openssl pkey -pubout"}).out;
+            trailer.keyLength = testsupport::hexText(trailer.key.size());
+        },
+        "the trailer holds a key that is neither RSA nor EC"},
     Damage{"version_is_no_number", [](Trailer& trailer) { trailer.version = "001 -2003004"; },
            "a version in the trailer is ' -2', which is no number of three digits"},
     Damage{"branch_length_is_no_number", [](Trailer& trailer) { trailer.branchLength = "-0000004"; },

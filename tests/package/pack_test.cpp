@@ -380,6 +380,27 @@ TEST_F(Pack, temporary_directory_with_blanks_and_quotes_is_left_empty) {
     EXPECT_TRUE(fs::is_empty(awkward));
 }
 
+TEST_F(Pack, a_temporary_directory_that_is_missing_is_refused_by_its_name) {
+    const fs::path missing = files / "missing";
+    setenv("TMPDIR", missing.c_str(), 1);
+    expectRefusal(ErrorCode::kOther, "no temporary directory can be made in '" + missing.string() + "'",
+                  "TMPDIR");
+    unsetenv("TMPDIR");
+}
+
+// Nobody can make a directory there, not even root.
+TEST_F(Pack, a_temporary_directory_that_takes_nothing_is_refused_by_its_name) {
+    setenv("TMPDIR", "/proc", 1);
+    expectRefusal(ErrorCode::kOther, "no temporary directory can be made in '/proc'", "TMPDIR");
+    unsetenv("TMPDIR");
+}
+
+TEST_F(Pack, without_tar_nothing_is_left_behind) {
+    setenv("PATH", "/nowhere", 1);
+    expectRefusal(ErrorCode::kOther, "tar could not write the archive", "check that GNU tar is installed");
+    setenv("PATH", "/usr/bin:/bin", 1);
+}
+
 TEST_F(Pack, relative_paths_are_taken_from_the_working_directory) {
     fs::current_path(files.path());
     request.componentDir = "components";
