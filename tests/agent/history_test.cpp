@@ -158,6 +158,7 @@ TEST_F(History, tells_user_and_command_line_of_who_appended) {
     std::string command = readFile("/proc/self/cmdline");
     std::replace(command.begin(), command.end(), '\0', ' ');
     command.pop_back();
+    // cppcheck-suppress getpwuidCalled  // this process has no other thread
     const passwd* const user = getpwuid(getuid());
     const std::string name = user != nullptr ? user->pw_name : "uid " + std::to_string(getuid());
     EXPECT_EQ(history().at(0).by, name + ": " + command);
