@@ -237,6 +237,7 @@ void requireInstallable(const fs::path& package, const RunOptions& options, Find
 
 void requireWayBack(const RunOptions& options, Findings& findings, WayBack& way) {
     valueOf(checkFlashDrivers());
+    settle(findings.notices);  // the kept package may be that of what runs, until a fallback was followed
     way = valueOf(findWayBack(options.trustedKey));
     findings.components = way.components;
 }

@@ -135,7 +135,7 @@ does+=([install-fallen]='install RELEASES/third.pkg' [activate-fallen]=activate 
 brings+=([install-fallen]=third [activate-fallen]=second [confirm-fallen]=second [rollback-fallen]=first
     [discard-fallen]=second)
 # How each ends that finds the device in order; 0 unless it is here.
-declare -A ends_with=([activate-fallen]=1 [discard-fallen]=1)
+declare -A ends_with=([activate-fallen]=1 [discard-fallen]=1 [rollback-fallen]=3)
 
 # second_words COMMAND HOW: sets `words`, its arguments.
 second_words() {
@@ -521,8 +521,7 @@ keep_state() {
 judge_options_of() {
     local scenario second moment how ended
     take_apart "$2"
-    # An installation before the start that follows a fallback takes the package of what runs away.
-    [[ $scenario == *-fallen ]] || printf '%s\n' --keeps-package
+    printf '%s\n' --keeps-package
     [[ $mode == full ]] || printf '%s\n' --quick
     ended=$(found "$1" second)
     if [[ $second == install && $ended == 0 ]]; then
@@ -530,10 +529,9 @@ judge_options_of() {
     elif [[ $second != rollback || $ended != 0 ]]; then
         printf '%s\n' --run "$releases/${brings[$scenario]}"
     fi
-    # What was activated and never started may be what is written over, and so may what was given up.
+    # What was activated and never started may be what is written over.
     case $scenario in
     activate | rollback-flash | rollback-switch | rollback-equal) printf '%s\n' --over "$releases/${brings[$scenario]}" ;;
-    *-fallen) printf '%s\n' --over "$releases/second" ;;
     discard*) printf '%s\n' --discards ;;
     esac
 }
