@@ -2,9 +2,12 @@
 
 #include "agent/history.h"
 #include "agent/internal/board.h"
-#include "agent/internal/discard.h"
+#include "agent/internal/device_checks.h"
+#include "agent/internal/release_checks.h"
+#include "agent/internal/room.h"
 #include "agent/internal/slots.h"
 #include "agent/internal/torn_activation.h"
+#include "agent/preflight.h"
 #include "base/failure.h"
 #include "package/check.h"
 #include "package/trailer.h"
@@ -107,9 +110,26 @@ void requireNotFailed(const std::string& release) {
     }
 }
 
-WayBack wayBack(const std::optional<std::filesystem::path>& trustedKey) {
-    requireNothingAwaitsActivation();
-    const package::Check check = checkKept(trustedKey);
+// All that is in the way of a run, as before an installation.
+void requireRunPossible(const package::Check& check) {
+    RoomFor room = {UpgradeProc::rollbackPkg, check.trailer.payloadBytes, 0, true};
+    for (const package::ComponentCheck& component : check.components) {
+        room.entryBytes += storageFor(component.bytes) + storageFor(1);  // with its signature
+    }
+    Preflight found;
+    found.obstacles = roomObstacles(room);
+    for (Obstacle& obstacle : writableObstacles()) {
+        found.obstacles.push_back(std::move(obstacle));
+    }
+    if (auto obstacle = microcontrollerObstacle(releaseOnDevice(check.trailer.version))) {
+        found.obstacles.push_back(std::move(*obstacle));
+    }
+    if (!found.clear()) {
+        throw Failure(errorOf(found));
+    }
+}
+
+WayBack findWay(const package::Check& check) {
     WayBack way;
     way.release = package::formatVersion(check.trailer.version);
     requireNotFailed(way.release);
@@ -136,30 +156,60 @@ WayBack wayBack(const std::optional<std::filesystem::path>& trustedKey) {
     return way;
 }
 
-// A run removes the kept package before it flashes, so it works on a copy.
-int goBackByRun() {
-    if (COMMON_YR::cpFile(UpgradeProc::rollbackPkg, UpgradeProc::recvPkg) < 0) {
-        return -1;
+WayBack wayBack(const std::optional<std::filesystem::path>& trustedKey) {
+    requireOwner();
+    requireNothingAwaitsActivation();
+    const package::Check check = checkKept(trustedKey);
+    WayBack way = findWay(check);
+    if (!way.bySwitch) {
+        requireRunPossible(check);
     }
+    return way;
+}
+
+// A run removes the kept package before it flashes, so it works on a copy. What others have put in the copy's place must not
+// be flashed instead.
+bool copyKeptPackage() {
+    return COMMON_YR::cpFile(UpgradeProc::rollbackPkg, UpgradeProc::recvPkg) >= 0;
+}
+
+int goBackByRun() {
     const int result = UPGRADE_main_proc_fun(UpgradeProc::recvPkg);
     UPGRADE_set_status_last_runtime(result < 0 ? UPG_STS_LAST_RT_ROLLBACK_FAILURE
                                                : UPG_STS_LAST_RT_ROLLBACK_SUCCESS);
     return result < 0 ? result : UPGRADE_activate();
 }
 
-std::string activateOrComplete() {
-    std::string completed = completeTornActivation();
-    if (!completed.empty()) {
-        return completed;  // a second switch would lead back
-    }
+// What awaits its activation has its package until then.
+void requireInstalledPackage() {
     if (!UPGRADE_isUpgraded()) {
         throw Failure(ErrorCode::kOther, "no installed package awaits activation",
                       "install one: upgradectl install PACKAGE");
     }
-    if (isDiscardTorn()) {
+    if (!COMMON_YR::isFileExist(UpgradeProc::rollbackPkg.c_str())) {
         throw Failure(ErrorCode::kOther, "the installed package was about to be discarded",
                       "run 'upgradectl discard' again");
     }
+}
+
+// What was cut off may have been a switch that was not made.
+void requireSwitched(const std::string& completed) {
+    BoardState state;
+    std::string ignored;
+    if (askBoard(state, ignored) == Answer::kGiven && state.nextSlot == state.runningSlot) {
+        throw Failure(ErrorCode::kOther, completed + ", and the running software starts next",
+                      "if other software is to start: 'upgradectl rollback', or install a package");
+    }
+}
+
+std::string activateOrComplete() {
+    requireOwner();
+    std::string completed = completeTornActivation();
+    if (!completed.empty()) {
+        requireSwitched(completed);
+        return completed;  // a second switch would lead back
+    }
+    requireInstalledPackage();
     HistoryEntry entry;
     entry.event = "activate";
     entry.outcome = "ok";
@@ -174,6 +224,7 @@ std::string activateOrComplete() {
 }
 
 void confirmRunning() {
+    requireOwner();
     // A driver of its own: the controller has none where that of the microcontroller, which is not needed here, is
     // not ready.
     UpgradeMpu driver;
@@ -215,7 +266,10 @@ int goBack(const WayBack& way) {
     UpgradeProc::getInstance()->setActivated(false);  // or nothing would be switched
     const Result<package::TrailerReading> kept = package::readTrailer(UpgradeProc::rollbackPkg);
     const bool fits = kept.ok() && fitsMicrocontroller(kept.value().trailer.version);
-    // Where the microcontroller fits, the library's own rollback is the switch; otherwise it is a run.
+    // Where the microcontroller fits, the library's own rollback is the switch; otherwise it is a run, of the copy.
+    if (!(way.bySwitch && fits) && !copyKeptPackage()) {
+        return -1;
+    }
     return way.bySwitch || !fits ? UPGRADE_rollback_mpu() : goBackByRun();
 }
 

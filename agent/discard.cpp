@@ -12,6 +12,7 @@
 #include "agent/activation.h"
 #include "agent/history.h"
 #include "agent/internal/board.h"
+#include "agent/internal/device_checks.h"
 #include "agent/internal/repair.h"
 #include "agent/internal/torn_activation.h"
 #include "base/errno_text.h"
@@ -59,6 +60,7 @@ void dropMarker() {
 }
 
 std::vector<std::string> discardInstalled() {
+    requireOwner();
     const std::string completed = completeTornActivation();
     if (!completed.empty() || !UPGRADE_isUpgraded()) {
         throw Failure(ErrorCode::kOther,

@@ -9,6 +9,7 @@
 
 #include "agent/internal/busy.h"
 #include "upgrade/device_lock.h"
+#include "upgrade/upgrade_api.h"
 
 namespace kavro::agent {
 
@@ -38,6 +39,12 @@ enum class Attempt { kTaken, kTakenWithoutPlace, kHeld };
 
 Attempt attempt(UpgradeLockHolder& holder) {
     if (!claimHere()) {
+        holder.pid = getpid();
+        return Attempt::kHeld;
+    }
+    // The library's own run, which the application has begun without us: the kernel's lock is the process's already.
+    if (UpgradeProc::getInstance()->running.load(std::memory_order_relaxed)) {
+        releaseHere();
         holder.pid = getpid();
         return Attempt::kHeld;
     }

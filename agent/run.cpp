@@ -231,8 +231,18 @@ void requireInstallable(const fs::path& package, const RunOptions& options, Find
     for (const Obstacle& obstacle : found.overridden) {
         findings.notices.push_back("by force: " + obstacle.text);
     }
-    // The run removes the kept package, which after a fallback that no start has followed is that of what runs.
-    settle(findings.notices);
+}
+
+// The run removes the kept package, which after a fallback that no start has followed is that of what runs. What is done about
+// that may be in the way itself: the release may be the one that failed.
+void requireInstallableAndSettled(const fs::path& package, const RunOptions& options, Findings& findings) {
+    requireInstallable(package, options, findings);
+    std::vector<std::string> done;
+    settle(done);
+    if (!done.empty()) {
+        findings.notices = std::move(done);
+        requireInstallable(package, options, findings);
+    }
 }
 
 void requireWayBack(const RunOptions& options, Findings& findings, WayBack& way) {
@@ -278,10 +288,11 @@ Result<RunRecord> perform(const RunKind& kind, const RunOptions& options, RunObs
 Result<RunRecord> install(const fs::path& package, const RunOptions& options, RunObserver* observer) {
     std::error_code ignored;  // a path that cannot be completed names no package that was checked
     const fs::path absolute = fs::absolute(package, ignored);
-    return perform({"install", package, [&](Findings& found) { requireInstallable(package, options, found); },
-                    [&] { return UPGRADE_main_proc_fun(absolute.string()); },
-                    [&](const RunOutcome& outcome) { return installed(outcome, package); }},
-                   options, observer);
+    return perform(
+        {"install", package, [&](Findings& found) { requireInstallableAndSettled(package, options, found); },
+         [&] { return UPGRADE_main_proc_fun(absolute.string()); },
+         [&](const RunOutcome& outcome) { return installed(outcome, package); }},
+        options, observer);
 }
 
 Result<RunRecord> rollback(const RunOptions& options, RunObserver* observer) {

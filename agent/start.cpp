@@ -7,6 +7,7 @@
 
 #include "agent/history.h"
 #include "agent/internal/board.h"
+#include "agent/internal/device_checks.h"
 #include "agent/internal/discard.h"
 #include "agent/internal/last_run.h"
 #include "agent/internal/repair.h"
@@ -128,6 +129,18 @@ std::string runningVersion() {
     return version;
 }
 
+std::vector<HistoryEntry> historyOrNone() {
+    Result<std::vector<HistoryEntry>> history = readHistory();
+    return history.ok() ? std::move(history).value() : std::vector<HistoryEntry>{};
+}
+
+// The last that was done is the activation of this release.
+bool wasActivatedLast(const std::string& release) {
+    const std::vector<HistoryEntry> history = historyOrNone();
+    return !history.empty() && history.back().event == "activate" && history.back().outcome == "ok" &&
+           history.back().release == release;
+}
+
 // Packages are read only where their versions leave it open which of them runs.
 bool mayHaveFallenBack() {
     const std::string current = package::readVersion(UpgradeProc::currentPkg);
@@ -135,30 +148,36 @@ bool mayHaveFallenBack() {
     return !current.empty() && (current != runningVersion() || current == rollback);
 }
 
-// The current package is that of the slot that the boot loader has left. The kept one, where there is one, is that of what
-// runs. A run over an activated slot that was cut off leaves the same packages, and tells of a failure.
+// Without a kept package: the release of the current one was activated, and nothing was done since. A run over the activated
+// slot that was cut off has left half a slot.
+bool hasLeftFirstPackage(const BoardState& state) {
+    const std::string& current = UpgradeProc::currentPkg;
+    const auto left = std::find_if(state.slots.begin(), state.slots.end(), [&](const auto& slot) {
+        return slot.first != state.runningSlot && holds(current, slot.second);
+    });
+    const auto running = state.slots.find(state.runningSlot);
+    std::string ignored;
+    return !isFailure(recordedOutcome()) && wasActivatedLast(package::readVersion(current)) &&
+           left != state.slots.end() && (running == state.slots.end() || !holds(current, running->second)) &&
+           askBoardForSlot(left->first, ignored) == Answer::kGiven;
+}
+
+// The current package is that of the slot that the boot loader has left, the kept one that of what runs.
 bool hasFallenBack(const BoardState& state) {
     if (state.nextSlot != state.runningSlot || state.onTrial || !state.writtenSlot.empty()) {
         return false;
     }
-    const auto running = state.slots.find(state.runningSlot);
-    if (exists(UpgradeProc::rollbackPkg)) {
-        return running != state.slots.end() && areExchanged(running->second);
+    if (!exists(UpgradeProc::rollbackPkg)) {
+        return hasLeftFirstPackage(state);
     }
-    const std::string& current = UpgradeProc::currentPkg;
-    return !isFailure(recordedOutcome()) &&
-           std::any_of(state.slots.begin(), state.slots.end(),
-                       [&](const auto& slot) {
-                           return slot.first != state.runningSlot && holds(current, slot.second);
-                       }) &&
-           (running == state.slots.end() || !holds(current, running->second));
+    const auto running = state.slots.find(state.runningSlot);
+    return running != state.slots.end() && areExchanged(running->second);
 }
 
 // Whether the history has it already: an activation ends what it tells of before.
 bool isNoted(const std::string& release) {
-    const Result<std::vector<HistoryEntry>> history = readHistory();
     bool noted = false;
-    for (const HistoryEntry& entry : history.ok() ? history.value() : std::vector<HistoryEntry>{}) {
+    for (const HistoryEntry& entry : historyOrNone()) {
         if (entry.event == "activate" && entry.outcome == "ok") {
             noted = false;
         } else if (entry.event == "fallback" && entry.release == release) {
@@ -221,6 +240,20 @@ std::string completeDiscard() {
     return "the installed package was about to be discarded; nothing awaits activation any more";
 }
 
+// An application may confirm a release without the agent. One that had failed its trial before is no failed one then.
+void noteConfirmation() {
+    BoardState state;
+    std::string ignored;
+    HistoryEntry entry;
+    entry.event = "confirm";
+    entry.outcome = "ok";
+    entry.release = runningVersion();
+    if (askBoard(state, ignored) == Answer::kGiven && state.nextSlot == state.runningSlot && !state.onTrial &&
+        hasFailedTrial(historyOrNone(), entry.release)) {
+        (void)appendHistory(entry);
+    }
+}
+
 // A record that an activation has used up repeats what the boot environment says, and would count again after a fallback.
 // Without the marker none awaits its activation.
 void dropUsedRecord() {
@@ -253,8 +286,10 @@ std::string completeTornActivation() {
 Result<std::vector<std::string>> completeStart() {
     const COMMON_YR::CancelHold hold;
     return resultOf([] {
+        requireOwner();
         std::vector<std::string> done;
         settle(done);
+        noteConfirmation();
         if (std::string repaired = bringMicrocontrollerBack(); !repaired.empty()) {
             done.push_back(std::move(repaired));
         }

@@ -57,6 +57,11 @@ std::optional<RunInProgress> runElsewhere() {
     return run;
 }
 
+// A run of this process.
+bool runsHere() {
+    return UpgradeProc::getInstance()->running.load(std::memory_order_relaxed);
+}
+
 std::optional<int> known(int number) {
     return number == COMMON_YR::kBoardUnknown ? std::nullopt : std::optional<int>(number);
 }
@@ -121,7 +126,7 @@ bool belongsToWhatComes(const State& state) {
 
 // While another process has the device the link is its own.
 void readMicrocontroller(State& state) {
-    if (state.run) {
+    if (state.run || runsHere()) {
         return;
     }
     const int version = velGetMcuVersion(UpgradeProc::getInstance()->node);
@@ -157,7 +162,7 @@ void findNeeds(State& state) {
     if (!state.boardFault.empty()) {
         need("board", "the slots are not known: " + state.boardFault, "mend that");
     }
-    if (state.run) {
+    if (state.run || runsHere()) {
         return;  // whatever else there is changes under it
     }
     if (state.awaitsActivation) {

@@ -42,8 +42,8 @@ struct UpgradePartsLimit {
 };
 
 // Runs a shell command line (printf-style, of any length) with /bin/sh and waits for it. The command has no
-// standard input and runs in a process group of its own; the first 16 KiB of what it prints are logged at level 3, a line each,
-// when it has ended. It gets the environment, PATH included, without the variables that would change what it does, such as
+// standard input and runs in a process group of its own; the first 16 KiB of what it prints go to the log as level 3, a line each,
+// when it has ended, unless the program has a printLog of its own. It gets the environment, PATH included, without the variables that would change what it does, such as
 // TAR_OPTIONS, OPENSSL_CONF or ENV.
 // Returns 0 when it exited with status 0; a negative value when it could not be started, exited with another
 // status or died by a signal. A cancel takes effect while the command runs: the command and what it started

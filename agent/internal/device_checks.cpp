@@ -9,6 +9,7 @@
 
 #include "agent/internal/busy.h"
 #include "base/errno_text.h"
+#include "base/failure.h"
 #include "base/file_descriptor.h"
 
 namespace kavro::agent {
@@ -51,6 +52,12 @@ std::optional<Obstacle> ownerObstacle() {
         return std::nullopt;
     }
     return Obstacle{"not_root", "only root may change the device", "do it as root", false};
+}
+
+void requireOwner() {
+    if (const std::optional<Obstacle> obstacle = ownerObstacle()) {
+        throw Failure(ErrorCode::kOther, obstacle->text, obstacle->next);
+    }
 }
 
 std::optional<Obstacle> busyObstacle() {

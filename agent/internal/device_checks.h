@@ -17,4 +17,7 @@ std::optional<Obstacle> busyObstacle();
 // not_writable: one for each directory
 std::vector<Obstacle> writableObstacles();
 
+// Throws Failure (other) for who does not own the device.
+void requireOwner();
+
 }  // namespace kavro::agent

@@ -96,7 +96,11 @@ void program(const std::string& package, const package::Version& running) {
     proc->targetVersion = unpacked.version;
     UPGRADE_FLAG_T flag;
     flag.mcu = true;
-    require(UPGRADE_mpu_mcu(UpgradeProc::storePath, flag, false) >= 0, "it cannot be programmed");
+    const bool programmed = UPGRADE_mpu_mcu(UpgradeProc::storePath, flag, false) >= 0;
+    // Whoever follows the device's messages must not see a run that never ends.
+    proc->resetRun();
+    proc->onProgrameStatusChg();
+    require(programmed, "it cannot be programmed");
 }
 
 std::string versionText(int version) {

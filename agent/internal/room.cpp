@@ -98,9 +98,11 @@ std::uint64_t firmwareNeed(const RoomFor& what) {
     const std::uint64_t second = roundedUp(what.payloadBytes, kBlock) + copy;
     const std::uint64_t left = freedByCopyTo(upgrade);
     const std::uint64_t afterwards = left + freedByCopyTo(rollback);
+    // A copy that stays until the run is over takes the place of an older one.
+    const std::uint64_t beside = what.isKept ? copy - std::min(copy, freedByCopyTo(UpgradeProc::recvPkg)) : 0;
     const std::uint64_t firstNeed = first > left ? first - left : 0;
     const std::uint64_t secondNeed = second > afterwards ? second - afterwards : 0;
-    return std::max(firstNeed, secondNeed);
+    return beside + std::max(firstNeed, secondNeed);
 }
 
 // One file system, with all of the directories that lie in it.

@@ -14,6 +14,7 @@ struct RoomFor {
     std::filesystem::path package;
     std::uint64_t payloadBytes = 0;
     std::uint64_t entryBytes = 0;  // of the unpacked archive, each file by storageFor
+    bool isKept = false;           // it is the kept package, which is copied to recv.tar.xz first
 };
 
 // The storage that a file of so many bytes takes, its entry in the directory with it.

@@ -100,9 +100,9 @@ void tellListener(int level, std::string_view text) {
     }
 }
 
-}  // namespace
+std::atomic<bool> isInUse{false};
 
-void kavro::writeLog(int number, std::string_view text) {
+void logText(int number, std::string_view text) {
     const LevelRow& level = levelRow(number);
     // Never destroyed: objects of other libraries still log in their destructors at the end of the process.
     static Targets& targets = *new Targets(readTargets());
@@ -118,12 +118,22 @@ void kavro::writeLog(int number, std::string_view text) {
     targets.file.append(line);
 }
 
+}  // namespace
+
 void COMMON_YR::setLogListener(LogListener listener) {
     logListener = listener;
 }
 
+void kavro::logOfCommand(std::string_view line) {
+    constexpr int kInformation = 3;
+    if (isInUse.load(std::memory_order_relaxed)) {
+        logText(kInformation, line);
+    }
+}
+
 void printLog(int level, const char* format, ...) {
     const COMMON_YR::CancelHold hold;
+    isInUse.store(true, std::memory_order_relaxed);
     const int keptErrno = errno;
     va_list arguments;
     va_start(arguments, format);
@@ -133,7 +143,7 @@ void printLog(int level, const char* format, ...) {
         // Better the format than nothing.
         const std::string_view text = formatted.text != nullptr ? formatted.view() : std::string_view(format);
         tellListener(level, text);
-        kavro::writeLog(level, withoutLineEnd(text));
+        logText(level, withoutLineEnd(text));
     }
     errno = keptErrno;
 }

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <exception>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -27,7 +28,6 @@ constexpr const char* kShell = "/bin/sh";
 constexpr const char* kRunScript = "kavro_command=$(cat <&3) || exit 127; exec 3<&-; eval \"$kavro_command\"";
 static_assert(kavro::ChildProcess::kScriptDescriptor == 3);
 
-constexpr int kInformation = 3;
 // Of what a command prints, from its beginning.
 constexpr std::size_t kMostLoggedBytes = 16384;
 
@@ -54,11 +54,23 @@ void logOutput(std::string_view command, int output) {
     std::string text(kMostLoggedBytes, '\0');
     const ssize_t length = kavro::readFullyAt(output, text.data(), text.size(), 0);
     text.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
-    const std::string program(command.substr(0, command.find(' ')));
+    const std::string begin = std::string(command.substr(0, command.find(' '))) + ": ";
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
-        kavro::writeLog(kInformation, program + ": " + line);
+        kavro::logOfCommand(line.insert(0, begin));
     }
+}
+
+// Whether it could be run, and has ended with status 0.
+bool runLogged(const kavro::FormattedText& command, const CancelHold& hold) {
+    const kavro::FileDescriptor output(memfd_create("output", MFD_CLOEXEC));
+    kavro::ChildProcess shell;
+    if (!output.valid() || !startCommand(shell, command, output.get())) {
+        return false;
+    }
+    const bool succeeded = shell.succeeds(hold);
+    logOutput(command.view(), output.get());
+    return succeeded;
 }
 
 }  // namespace
@@ -73,14 +85,11 @@ int runSystem(const char* format, ...) {
         return -1;
     }
 
-    const kavro::FileDescriptor output(memfd_create("output", MFD_CLOEXEC));
-    kavro::ChildProcess shell;
-    if (!output.valid() || !startCommand(shell, command, output.get())) {
+    try {
+        return runLogged(command, hold) ? 0 : -1;
+    } catch (const std::exception&) {  // no memory
         return -1;
     }
-    const bool succeeded = shell.succeeds(hold);
-    logOutput(command.view(), output.get());
-    return succeeded ? 0 : -1;
 }
 
 }  // namespace COMMON_YR

@@ -9,6 +9,7 @@
 
 #include "tests/agent/held_device.h"
 #include "upgrade/device_lock.h"
+#include "upgrade/upgrade_api.h"
 
 namespace {
 
@@ -28,6 +29,15 @@ TEST(AgentLock, keeps_out_another_operation_of_this_process) {
         EXPECT_EQ(second.error().text,
                   "another operation of this process is changing the device, nothing was done");
     }).join();
+}
+
+TEST(AgentLock, is_not_given_out_beside_a_run_that_the_application_has_begun_itself) {
+    UpgradeProc::getInstance()->running = true;
+    const auto lock = DeviceLock::take({});
+    UpgradeProc::getInstance()->running = false;
+    ASSERT_FALSE(lock.ok());
+    EXPECT_EQ(lock.error().code, ErrorCode::kBusy);
+    EXPECT_TRUE(DeviceLock::take({}).ok());
 }
 
 TEST(AgentLock, lets_the_calls_of_the_library_through) {

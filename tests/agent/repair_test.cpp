@@ -157,6 +157,14 @@ TEST_F(Repair, of_the_packages_is_made_by_an_installation_that_no_start_came_bef
     EXPECT_TRUE(kavro::agent::hasFailedTrial(kavro::agent::readHistory().value(), "V01.105.008.002"));
 }
 
+TEST_F(Repair, of_the_packages_shows_that_the_release_to_be_installed_has_failed) {
+    failed.writeTo("/tmp/next.pkg");
+    const auto record = kavro::agent::install("/tmp/next.pkg");
+    ASSERT_FALSE(record.ok());
+    EXPECT_EQ(record.error().code, kavro::ErrorCode::kRefused);
+    EXPECT_NE(record.error().text.find("has fallen back from it"), std::string::npos) << record.error().text;
+}
+
 // An upgrade of the microcontroller alone leaves the slot as it was.
 TEST_F(Repair, leaves_a_firmware_alone_that_a_kept_package_of_the_running_slot_brings) {
     TestPackage(running).setVersions(1, 104, kFailed, 2).writeTo(UpgradeProc::currentPkg);

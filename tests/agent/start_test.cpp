@@ -256,8 +256,34 @@ TEST_F(Fallback, is_found_beside_a_record_that_its_activation_has_left) {
     EXPECT_EQ(versionsOf(kCurrent), kBefore);
 }
 
-TEST_F(Fallback, of_the_first_package_of_a_device_leaves_no_package_of_what_runs) {
-    std::filesystem::remove(kRollback);
+// There is no package of what runs. That its slot was left is told by the history, and by what the slot holds.
+class FallbackFromFirstPackage : public Fallback {
+  protected:
+    void SetUp() override {
+        Fallback::SetUp();
+        std::filesystem::remove(kRollback);
+        for (const auto& [component, part] : kSlotParts) {
+            writeFile("/dev/disk/by-partlabel/" + part + "_b", after.files().at(component));
+        }
+        note("activate", "V01.105.008.003");
+    }
+
+    static void note(const char* event, const char* release) {
+        kavro::agent::HistoryEntry entry;
+        entry.event = event;
+        entry.outcome = "ok";
+        entry.release = release;
+        ASSERT_TRUE(kavro::agent::appendHistory(entry).ok());
+    }
+
+    static void expectNoFallback() {
+        EXPECT_EQ(done(), "");
+        EXPECT_EQ(versionsOf(kCurrent), kAfter);
+        EXPECT_FALSE(kavro::agent::hasFailedTrial(kavro::agent::readHistory().value(), "V01.105.008.003"));
+    }
+};
+
+TEST_F(FallbackFromFirstPackage, leaves_no_package_of_what_runs) {
     EXPECT_NE(done().find("gone back from V01.105.008.003"), std::string::npos);
     EXPECT_EQ(versionsOf(kCurrent), "none");
     EXPECT_EQ(versionsOf(kRollback), kAfter);
@@ -265,11 +291,19 @@ TEST_F(Fallback, of_the_first_package_of_a_device_leaves_no_package_of_what_runs
 }
 
 // The run took the activation back, and removed the kept package.
-TEST_F(Fallback, is_not_what_a_run_over_an_activated_slot_has_left) {
-    std::filesystem::remove(kRollback);
+TEST_F(FallbackFromFirstPackage, is_not_what_a_run_over_an_activated_slot_has_left) {
     writeFile(kLastRun, "upgrade_failure");
-    EXPECT_EQ(done(), "");
-    EXPECT_EQ(versionsOf(kCurrent), kAfter);
+    expectNoFallback();
+}
+
+TEST_F(FallbackFromFirstPackage, is_not_what_a_run_has_left_whose_failure_was_read_meanwhile) {
+    writeFile("/dev/disk/by-partlabel/kernel_b", "half a kernel");
+    expectNoFallback();
+}
+
+TEST_F(FallbackFromFirstPackage, is_not_what_a_discard_over_an_activated_slot_has_left) {
+    note("discard", "V01.106.009.003");
+    expectNoFallback();
 }
 
 TEST_F(Fallback, whose_packages_cannot_be_moved_keeps_no_device_from_starting) {
@@ -288,6 +322,17 @@ TEST_F(Fallback, leaves_a_kept_package_that_nobody_goes_back_to) {
         way.error().text,
         "the rollback package '/firmware/rollback.pkg' holds V01.105.008.003, which failed its trial on this "
         "device");
+}
+
+TEST_F(Fallback, from_a_release_that_an_application_has_confirmed_since_is_none_any_more) {
+    (void)done();
+    startFrom("b", after);
+    writeFile("/run/kavro/running_slot", "b\n");
+    writeFile("/etc/kavro/version.json",
+              R"({"bld_version": 3, "hw_version": 1, "mcu_version": 8, "mpu_version": 105})");
+    EXPECT_TRUE(kavro::agent::hasFailedTrial(kavro::agent::readHistory().value(), "V01.105.008.003"));
+    (void)done();
+    EXPECT_FALSE(kavro::agent::hasFailedTrial(kavro::agent::readHistory().value(), "V01.105.008.003"));
 }
 
 TEST_F(Fallback, that_cannot_be_noted_keeps_no_device_from_starting) {
@@ -314,6 +359,19 @@ TEST_F(TornActivation, cut_off_is_completed_by_the_next_activation_and_not_switc
     EXPECT_TRUE(
         contains(runProgram({"fw_printenv", "-c", "/etc/kavro/fw_env.config", "boot_slot"}).out, "=b"));
     EXPECT_FALSE(kavro::agent::activate().ok()) << "nothing awaits its activation any more";
+}
+
+// As a rollback that only switches leaves it, cut off before its switch.
+TEST_F(TornActivation, that_has_switched_nothing_is_not_told_as_an_activation) {
+    startFrom("a", before);
+    before.writeTo(kCurrent);
+    after.writeTo(kRollback);
+    const kavro::Result<std::string> again = kavro::agent::activate();
+    ASSERT_FALSE(again.ok());
+    EXPECT_NE(again.error().text.find("the running software starts next"), std::string::npos)
+        << again.error().text;
+    EXPECT_FALSE(exists(kMarker));
+    EXPECT_EQ(versionsOf(kCurrent), kBefore);
 }
 
 TEST_F(TornActivation, that_cannot_be_judged_is_told_and_left_alone) {

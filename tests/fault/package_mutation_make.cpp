@@ -131,7 +131,7 @@ void editTrailer(Mutation& mutation) {
 }
 
 void flipTrailer(Mutation& mutation) {
-    const std::size_t bit = mutation.below(460 * 8);
+    const std::size_t bit = mutation.below(std::size_t{460} * 8);
     mutation.package.editTrailer([bit](Trailer& trailer) {
         std::string* const fields[] = {&trailer.payloadLength, &trailer.md5,          &trailer.keyLength,
                                        &trailer.key,           &trailer.stamp,        &trailer.ident,
@@ -556,7 +556,7 @@ void make(const std::string& id, const std::string& file, const std::string& dir
     mutation.package.setPayload(payload).writeTo(file);
     std::filesystem::create_directories(directory);
     for (const auto& [name, content] : mutation.flashable) {
-        std::ofstream(directory + "/" + name, std::ios::binary) << content;
+        std::ofstream(std::filesystem::path(directory) / name, std::ios::binary) << content;
     }
 }
 

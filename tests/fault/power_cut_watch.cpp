@@ -314,7 +314,7 @@ void copyStorage(const fs::path& state, const fs::path& twin) {
 // content.
 std::string extentsOf(const fs::path& path) {
     const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    std::vector<std::uint64_t> storage(64 * 1024);
+    std::vector<std::uint64_t> storage(std::size_t{64} * 1024);
     auto& map = *reinterpret_cast<fiemap*>(storage.data());
     map.fm_length = FIEMAP_MAX_OFFSET;
     map.fm_flags = FIEMAP_FLAG_SYNC;

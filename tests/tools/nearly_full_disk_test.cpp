@@ -44,6 +44,10 @@ class NearlyFullDisk : public PoweredDevice {
         writeFile("/firmware/rollback.pkg", "the one before");
     }
 
+    static void keepForRollback() {
+        ASSERT_EQ(runProgram({"cp", "--sparse=always", kPackage, "/firmware/rollback.pkg"}).exitCode, 0);
+    }
+
     // What the tool says that the installation needs.
     static unsigned long neededBytes() {
         leave(kPage);
@@ -65,6 +69,29 @@ TEST_F(NearlyFullDisk, refuses_an_installation_and_loses_nothing) {
     EXPECT_FALSE(testsupport::exists("/firmware/upgrade.pkg"));
     EXPECT_FALSE(testsupport::exists(kLastRun));
     EXPECT_EQ(freeBytes(), before);
+}
+
+TEST_F(NearlyFullDisk, refuses_a_rollback_that_flashes_and_loses_nothing) {
+    keepForRollback();
+    const std::string kept = readFile("/firmware/rollback.pkg");
+    leave(64 * kPage);
+    const unsigned long before = freeBytes();
+    const ProgramResult result = upgradectl({"rollback"});
+    EXPECT_EQ(result.exitCode, 3) << result.out << result.err;
+    EXPECT_TRUE(contains(result.err, "the file system at /firmware has room for ")) << result.err;
+    EXPECT_EQ(readFile("/firmware/current.pkg"), "the running software");
+    EXPECT_TRUE(readFile("/firmware/rollback.pkg") == kept);
+    EXPECT_EQ(freeBytes(), before);
+}
+
+TEST_F(NearlyFullDisk, refuses_a_rollback_whose_microcontroller_is_silent_and_loses_nothing) {
+    std::filesystem::remove("/firmware/current.pkg");
+    keepForRollback();
+    mcu.stop();
+    const ProgramResult result = upgradectl({"rollback"});
+    EXPECT_EQ(result.exitCode, 3) << result.out << result.err;
+    EXPECT_TRUE(contains(result.err, "the microcontroller does not answer")) << result.err;
+    EXPECT_TRUE(testsupport::exists("/firmware/rollback.pkg"));
 }
 
 TEST_F(NearlyFullDisk, with_the_room_that_is_asked_for_takes_an_installation) {

@@ -140,11 +140,13 @@ KAVRO_WRAPPER ssize_t copy_file_range(int from, off64_t* fromOffset, int to, off
     });
 }
 
+// NOLINTBEGIN(bugprone-macro-parentheses): the argument is a type
 #define KAVRO_SENDFILE(name, Offset)                                                                \
     KAVRO_WRAPPER ssize_t name(int to, int from, Offset* offset, size_t bytes) noexcept {           \
         return written(callOf("sendfile", to, static_cast<std::int64_t>(bytes)),                    \
                        [&](std::size_t some) { return KAVRO_REAL(name)(to, from, offset, some); }); \
     }
+// NOLINTEND(bugprone-macro-parentheses)
 KAVRO_SENDFILE(sendfile, off_t)
 KAVRO_SENDFILE(sendfile64, off64_t)
 

@@ -104,6 +104,7 @@ KAVRO_LSEEK(lseek64, off64_t)
 // Looking
 // ---------------------------------------------------------------------------------------------------------------------
 
+// NOLINTBEGIN(bugprone-macro-parentheses): the argument is a type
 #define KAVRO_STAT(name, Status)                                                                       \
     KAVRO_WRAPPER int name(const char* path, Status* status) noexcept {                                \
         return looked(callAt("stat", AT_FDCWD, path), [&] { return KAVRO_REAL(name)(path, status); }); \
@@ -127,6 +128,7 @@ KAVRO_FSTAT(fstat64, struct stat64)
         return looked(callAt("stat", directory, path),                                            \
                       [&] { return KAVRO_REAL(name)(directory, path, status, flags); });          \
     }
+// NOLINTEND(bugprone-macro-parentheses)
 KAVRO_FSTATAT(fstatat, struct stat)
 KAVRO_FSTATAT(fstatat64, struct stat64)
 

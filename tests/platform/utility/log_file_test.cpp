@@ -60,22 +60,25 @@ TEST(LogFile, holds_each_line_with_time_and_level) {
 
 TEST(LogFile, holds_what_a_command_prints) {
     configure(kLog, 100000);
+    EXPECT_EQ(COMMON_YR::runSystem("echo before the program has used its log"), 0);
+    printLog(3, "begin\n");
     EXPECT_EQ(COMMON_YR::runSystem("printf 'one\\ntwo\\n'; echo three >&2"), 0);
     EXPECT_LT(COMMON_YR::runSystem("cat %s", "/nowhere"), 0);
     const auto lines = linesOf(kLog);
-    ASSERT_EQ(lines.size(), 4U);
-    EXPECT_TRUE(endsWith(lines[0], " [info] printf: one")) << lines[0];
-    EXPECT_TRUE(endsWith(lines[2], " [info] printf: three")) << lines[2];
-    EXPECT_TRUE(endsWith(lines[3], " [info] cat: cat: /nowhere: No such file or directory")) << lines[3];
+    ASSERT_EQ(lines.size(), 5U);
+    EXPECT_TRUE(endsWith(lines[1], " [info] printf: one")) << lines[1];
+    EXPECT_TRUE(endsWith(lines[3], " [info] printf: three")) << lines[3];
+    EXPECT_TRUE(endsWith(lines[4], " [info] cat: cat: /nowhere: No such file or directory")) << lines[4];
 }
 
 TEST(LogFile, holds_the_beginning_of_what_a_command_prints_without_end) {
     configure(kLog, 10000000);
+    printLog(3, "begin\n");
     EXPECT_EQ(COMMON_YR::runSystem("seq 100000"), 0);
     const auto lines = linesOf(kLog);
     ASSERT_GT(lines.size(), 100U);
     EXPECT_LT(lines.size(), 10000U);
-    EXPECT_TRUE(endsWith(lines[99], " seq: 100")) << lines[99];
+    EXPECT_TRUE(endsWith(lines[100], " seq: 100")) << lines[100];
 }
 
 TEST(LogFile, is_appended_to_what_is_there) {
