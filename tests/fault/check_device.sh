@@ -12,6 +12,7 @@
 #   --run DIR     the release that the run which was cut off was about to bring
 #   --over DIR    a release that was installed and activated, and never started, when that run began: the last success may
 #                 be told of it, and its package stays the current one when the boot loader goes back from what it lost
+#   --before DIR  the release that was installed last before, and started: the last success may be told of it
 #   --keeps-package  the device had a current package before, so it must have one now
 #   --keeps-way-back  the device was upgraded and activated, and what was cut off takes no package to roll back to away (an
 #                 activation, a confirmation, an init, a start): where nothing awaits activation, there must be one now
@@ -28,14 +29,15 @@ root=$(cd -- "${BASH_SOURCE[0]%/*}/../.." && pwd)
 twin=$root/twin/twin
 package_bytes=134217728
 
-build=$root/build/release next='' run_release='' over='' quick=false keeps_package=false keeps_way_back=false
-skip_init=false discards=false
+build=$root/build/release next='' run_release='' over='' before='' quick=false keeps_package=false keeps_way_back=false
+skip_init=false discards=false written_unmarked=false
 while [[ ${1-} == --* ]]; do
     case $1 in
     --build) build=$(realpath -- "$2") && shift ;;
     --next) next=$(realpath -- "$2") && shift ;;
     --run) run_release=$(realpath -- "$2") && shift ;;
     --over) over=$(realpath -- "$2") && shift ;;
+    --before) before=$(realpath -- "$2") && shift ;;
     --quick) quick=true ;;
     --skip-init) skip_init=true ;;
     --discards) discards=true ;;
@@ -204,7 +206,8 @@ check_last_run() {
     case $word in
     upgrade_failure | rollback_failure) ;;
     upgrade_success | rollback_success)
-        if [[ -n $run_release ]] && ! is_installed "$run_release" && ! is_installed "$over"; then
+        if [[ -n $run_release ]] && ! is_installed "$run_release" && ! is_installed "$over" &&
+            ! is_installed "$before"; then
             wrong "the last run is said to be a success ($word), but no slot holds ${run_release##*/}"
         fi
         ;;
@@ -411,7 +414,7 @@ can_roll_back() {
 # is_switch_away DIR: the other slot holds the kept package's release since an upgrade that was done, and the microcontroller
 # has a firmware of its version: a rollback has nothing to write.
 is_switch_away() {
-    [[ $last_run == *_success && $rollback == */* && $(told microcontroller) == "$(number_of "$rollback" microcontroller)" ]] &&
+    [[ $written_unmarked == false && $last_run == *_success && $rollback == */* && $(told microcontroller) == "$(number_of "$rollback" microcontroller)" ]] &&
         holds_slot "$1" "$(tr ab ba <<<"$slot")" "$rollback"
 }
 
@@ -513,6 +516,8 @@ check() {
     look_at "$state"
     check_written_slot
     "$discards" || check_awaiting_package
+    # Without its marker the record of a slot goes with the start, and what the slot holds is not known then.
+    [[ -z $awaiting || -e $state/config/upgraded ]] || written_unmarked=true
     "$skip_init" || must "init fails" on_device "$state" init || return 0
     check_whole_json wrong
     must "the history cannot be read" on_device "$state" history --json || true

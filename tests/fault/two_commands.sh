@@ -532,6 +532,7 @@ judge_options_of() {
     # What was activated and never started may be what is written over.
     case $scenario in
     activate | rollback-flash | rollback-switch | rollback-equal) printf '%s\n' --over "$releases/${brings[$scenario]}" ;;
+    *-fallen) printf '%s\n' --before "$releases/second" ;;
     discard*) printf '%s\n' --discards ;;
     esac
 }
