@@ -187,8 +187,8 @@ void requireInstalledPackage() {
                       "install one: upgradectl install PACKAGE");
     }
     if (!COMMON_YR::isFileExist(UpgradeProc::rollbackPkg.c_str())) {
-        throw Failure(ErrorCode::kOther, "the installed package was about to be discarded",
-                      "run 'upgradectl discard' again");
+        throw Failure(ErrorCode::kOther, "the package of what awaits activation is missing",
+                      "run 'upgradectl discard', then install the package again");
     }
 }
 

@@ -34,6 +34,13 @@ void releaseHere() {
     isHeldHere = false;
 }
 
+// Whether the library makes a run that this process has begun without us: the kernel's lock is the process's already.
+bool isRunOfApplication() {
+    UpgradeLockHolder holder;
+    return UPGRADE_is_device_locked(&holder) && holder.pid == getpid() &&
+           UpgradeProc::getInstance()->running.load(std::memory_order_relaxed);
+}
+
 // Whether it was taken, and how. Nothing when it is held.
 enum class Attempt { kTaken, kTakenWithoutPlace, kHeld };
 
@@ -42,8 +49,7 @@ Attempt attempt(UpgradeLockHolder& holder) {
         holder.pid = getpid();
         return Attempt::kHeld;
     }
-    // The library's own run, which the application has begun without us: the kernel's lock is the process's already.
-    if (UpgradeProc::getInstance()->running.load(std::memory_order_relaxed)) {
+    if (isRunOfApplication()) {
         releaseHere();
         holder.pid = getpid();
         return Attempt::kHeld;

@@ -85,7 +85,7 @@ TEST_F(Discard, cut_off_after_the_package_went_leaves_nothing_to_activate) {
     std::filesystem::remove(UpgradeProc::rollbackPkg);
     const auto activated = kavro::agent::activate();
     ASSERT_FALSE(activated.ok());
-    EXPECT_EQ(activated.error().text, "the installed package was about to be discarded");
+    EXPECT_EQ(activated.error().text, "the package of what awaits activation is missing");
     EXPECT_EQ(versionsOf(UpgradeProc::currentPkg), "001104007002\n");
 }
 

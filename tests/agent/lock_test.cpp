@@ -32,9 +32,11 @@ TEST(AgentLock, keeps_out_another_operation_of_this_process) {
 }
 
 TEST(AgentLock, is_not_given_out_beside_a_run_that_the_application_has_begun_itself) {
+    ASSERT_EQ(UPGRADE_lock_device(nullptr), UPGRADE_LOCK_TAKEN);
     UpgradeProc::getInstance()->running = true;
     const auto lock = DeviceLock::take({});
     UpgradeProc::getInstance()->running = false;
+    UPGRADE_unlock_device();
     ASSERT_FALSE(lock.ok());
     EXPECT_EQ(lock.error().code, ErrorCode::kBusy);
     EXPECT_TRUE(DeviceLock::take({}).ok());

@@ -271,6 +271,7 @@ TEST(Activate, without_platform_json_says_so_and_does_not_ask_for_a_package) {
 
 TEST(Activate, when_nothing_complete_was_flashed_fails_and_keeps_the_marker) {
     writeFile(kMarker, "");
+    TestPackage().writeTo("/firmware/rollback.pkg");
     const ProgramResult result = upgradectl({"activate"});
     EXPECT_EQ(result.exitCode, 1) << result.out;
     EXPECT_TRUE(contains(result.err, "could not be switched")) << result.err;
