@@ -92,14 +92,27 @@ bool areExchanged(const BoardSlotContent& content) {
     return !holds(UpgradeProc::currentPkg, content) && holds(UpgradeProc::rollbackPkg, content);
 }
 
+// Whoever was cut off has not come to it.
+void noteActivation() {
+    HistoryEntry entry;
+    entry.event = "activate";
+    entry.outcome = "ok";
+    entry.release = package::readVersion(UpgradeProc::currentPkg);
+    entry.text = "completed after it was cut off";
+    (void)appendHistory(entry);  // the activation stands, whatever becomes of its note
+}
+
 std::string completeExchange(const BoardSlotContent& content) {
     const bool begun = isExchangeBegun();
     if (!begun && !areExchanged(content)) {
         return "an activation, a rollback or a discard was cut off; the packages are in their places";
     }
     exchangeTheRest(begun);
-    return exists(kMarker) ? "an activation was cut off; its packages were given their places"
-                           : "the packages were about to change places; they were given their places";
+    if (!exists(kMarker)) {
+        return "the packages were about to change places; they were given their places";
+    }
+    noteActivation();
+    return "an activation was cut off; its packages were given their places";
 }
 
 // The marker lies on another file system, and its removal may last where an exchange that nobody flushed does not: also
@@ -134,11 +147,11 @@ std::vector<HistoryEntry> historyOrNone() {
     return history.ok() ? std::move(history).value() : std::vector<HistoryEntry>{};
 }
 
-// The last that was done is the activation of this release.
+// The last that was done is the activation of this release, which a rollback makes, too.
 bool wasActivatedLast(const std::string& release) {
     const std::vector<HistoryEntry> history = historyOrNone();
-    return !history.empty() && history.back().event == "activate" && history.back().outcome == "ok" &&
-           history.back().release == release;
+    return !history.empty() && (history.back().event == "activate" || history.back().event == "rollback") &&
+           history.back().outcome == "ok" && history.back().release == release;
 }
 
 // Packages are read only where their versions leave it open which of them runs.

@@ -65,8 +65,8 @@ class SpawnFiles {
     bool setUp(int script, int output) {
         return valid &&
                posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0) == 0 &&
-               posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO) == 0 &&
-               posix_spawn_file_actions_adddup2(&actions, output, STDERR_FILENO) == 0 &&
+               (output < 0 || (posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO) == 0 &&
+                               posix_spawn_file_actions_adddup2(&actions, output, STDERR_FILENO) == 0)) &&
                (script < 0 ||
                 posix_spawn_file_actions_adddup2(&actions, script, ChildProcess::kScriptDescriptor) == 0);
     }

@@ -16,7 +16,7 @@ class ChildProcess {
     // Kills a child that is not yet reaped, and its whole process group, and reaps it.
     ~ChildProcess();
 
-    // Starts the program at path: standard input from /dev/null, standard output and error to `output`, no signal
+    // Starts the program at path: standard input from /dev/null, standard output and error to `output`, as ours when it is negative, no signal
     // blocked or ignored. `script`, if not negative, becomes its descriptor kScriptDescriptor. Of our environment it
     // gets all but what would change what common programs do: the options of tar, the configuration of OpenSSL, files
     // that a shell reads.

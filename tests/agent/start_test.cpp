@@ -153,6 +153,17 @@ TEST_F(TornActivation, leaves_no_record_of_the_written_slot) {
     expectExchanged();
 }
 
+TEST_F(TornActivation, that_is_completed_is_noted) {
+    startFrom("b", after);
+    before.writeTo(kCurrent);
+    after.writeTo(kRollback);
+    (void)done();
+    const auto history = kavro::agent::readHistory().value();
+    ASSERT_EQ(history.size(), 1U);
+    EXPECT_EQ(history[0].event, "activate");
+    EXPECT_EQ(history[0].release, "V01.105.008.003");
+}
+
 TEST_F(TornActivation, is_completed_once) {
     startFrom("b", after);
     before.writeTo(kCurrent);
@@ -282,6 +293,11 @@ class FallbackFromFirstPackage : public Fallback {
         EXPECT_FALSE(kavro::agent::hasFailedTrial(kavro::agent::readHistory().value(), "V01.105.008.003"));
     }
 };
+
+TEST_F(FallbackFromFirstPackage, is_found_after_a_rollback_too) {
+    note("rollback", "V01.105.008.003");
+    EXPECT_NE(done().find("gone back from V01.105.008.003"), std::string::npos);
+}
 
 TEST_F(FallbackFromFirstPackage, leaves_no_package_of_what_runs) {
     EXPECT_NE(done().find("gone back from V01.105.008.003"), std::string::npos);

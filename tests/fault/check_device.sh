@@ -362,9 +362,9 @@ starts_left() {
 }
 
 # packages_that_follow SLOT CURRENT ROLLBACK: the two after a trial of that slot, with these before. Those that the boot
-# loader has gone back from and to change places.
+# loader has gone back from and to change places. Without a package of what runs the device may know, by its history.
 packages_that_follow() {
-    if [[ $slot != "$1" && ($3 == "$runs" || ($3 == none && $2 != "$runs")) ]]; then
+    if [[ $slot != "$1" && ($3 == "$runs" || ($3 == none && $2 != "$runs" && $rollback == "$2")) ]]; then
         printf '%s,%s\n' "$3" "$2"
     else
         printf '%s,%s\n' "$2" "$3"
