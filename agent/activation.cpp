@@ -180,6 +180,20 @@ int goBackByRun() {
     return result < 0 ? result : UPGRADE_activate();
 }
 
+// A switch that was not made leaves nothing to activate: the next rollback begins anew.
+int goBackBySwitch() {
+    BoardState before;
+    BoardState after;
+    std::string ignored;
+    const bool known = askBoard(before, ignored) == Answer::kGiven;
+    const int result = UPGRADE_rollback_mpu();
+    if (result < 0 && known && askBoard(after, ignored) == Answer::kGiven &&
+        after.nextSlot == before.nextSlot) {
+        UpgradeProc::getInstance()->setUpgraded(false);
+    }
+    return result;
+}
+
 // What awaits its activation has its package until then.
 void requireInstalledPackage() {
     if (!UPGRADE_isUpgraded()) {
@@ -267,10 +281,13 @@ int goBack(const WayBack& way) {
     const Result<package::TrailerReading> kept = package::readTrailer(UpgradeProc::rollbackPkg);
     const bool fits = kept.ok() && fitsMicrocontroller(kept.value().trailer.version);
     // Where the microcontroller fits, the library's own rollback is the switch; otherwise it is a run, of the copy.
-    if (!(way.bySwitch && fits) && !copyKeptPackage()) {
+    if (way.bySwitch && fits) {
+        return goBackBySwitch();
+    }
+    if (!copyKeptPackage()) {
         return -1;
     }
-    return way.bySwitch || !fits ? UPGRADE_rollback_mpu() : goBackByRun();
+    return fits ? goBackByRun() : UPGRADE_rollback_mpu();
 }
 
 }  // namespace kavro::agent

@@ -273,7 +273,9 @@ Done rolledBack(const RunOutcome& outcome, const std::string& release) {
     }
     if (outcome.result < 0) {
         throw Failure(ErrorCode::kOther, "the rolled back software could not be activated",
-                      "mend what the device: lines say, then run 'upgradectl activate'", loggedErrors());
+                      std::string("fix what the device: lines say, then run 'upgradectl ") +
+                          (UPGRADE_isUpgraded() ? "activate'" : "rollback' again"),
+                      loggedErrors());
     }
     return {"rolled back to " + release + ", which runs after the next restart", "restart the device"};
 }
